@@ -1,0 +1,289 @@
+// Measures a daemon from outside, as an agent sees it, and prints Markdown tables: what each operation takes at growing
+// sizes of the datastore, how it grows, and how far it is from the floors.
+//   ymgr-bench [ENTRIES...]     1000, 10000 and 100000 when none are given
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "bench_clock.h"
+#include "bench_device.h"
+#include "bench_document.h"
+#include "bench_floor.h"
+#include "client/client.h"
+
+namespace {
+
+constexpr int RUNNING_REDIS_DB = 4;
+constexpr ymgr_duration PATIENCE{600000};
+constexpr int WHOLE_READS = 5;
+constexpr int LEAF_EDITS_MAX = 200;
+constexpr double LEAF_EDITS_MS = 20000; // no further edit is begun after this time
+constexpr int EMPTY_REQUESTS = 5000;
+
+typedef struct _bench_result {
+  int entries = 0;
+  double document_mb = 0;
+  double load_ms = 0;   // edit-config of candidate
+  double commit_ms = 0; // and its commit
+  double get_ms = 0;
+  double get_mb_per_s = 0;
+  double leaf_median_ms = 0;
+  double leaf_p99_ms = 0;
+  double empty_per_s = 0;
+  double resident_mb = 0;
+  double start_ms = 0;
+  bench_yang_floor_t yang;
+  bench_redis_floor_t redis;
+} bench_result_t;
+
+double megabytes(size_t bytes)
+{
+  return static_cast<double>(bytes) / 1e6;
+}
+
+// The reply to an operation that must succeed; empty (and told) otherwise.
+std::string ask(ymgr_client_t *client, const std::string &operation)
+{
+  std::optional<std::string> reply = ymgr_rpc(client, operation, PATIENCE);
+  if (!reply.has_value()) {
+    std::fprintf(stderr, "ymgr-bench: no reply: %s\n", ymgr_last_error(client).c_str());
+    return {};
+  }
+  if (reply->find("rpc-error") != std::string::npos) {
+    std::fprintf(stderr, "ymgr-bench: refused: %.2000s\n", reply->c_str());
+    return {};
+  }
+  return *reply;
+}
+
+std::string edit(const std::string &config)
+{
+  return "<edit-config><target><candidate/></target><config>" + config + "</config></edit-config>";
+}
+
+ymgr_client_ptr open_session(const bench_device &device)
+{
+  std::string reason;
+  ymgr_client_ptr client = ymgr_connect(device.dir(), &reason);
+  if (client == nullptr) {
+    std::fprintf(stderr, "ymgr-bench: %s\n", reason.c_str());
+    return nullptr;
+  }
+  if (!ymgr_create_session(client.get(), "bench").has_value()) {
+    std::fprintf(stderr, "ymgr-bench: no session: %s\n", ymgr_last_error(client.get()).c_str());
+    return nullptr;
+  }
+  return client;
+}
+
+int measure_load(ymgr_client_t *client, const std::string &document, bench_result_t *result)
+{
+  bench_watch load;
+  if (ask(client, edit(document)).empty()) {
+    return -1;
+  }
+  result->load_ms = load.ms();
+  bench_watch commit;
+  if (ask(client, "<commit/>").empty()) {
+    return -1;
+  }
+  result->commit_ms = commit.ms();
+  return 0;
+}
+
+int measure_whole_read(ymgr_client_t *client, const std::string &document, bench_result_t *result)
+{
+  std::vector<double> samples;
+  size_t bytes = 0;
+  for (int i = 0; i < WHOLE_READS; ++i) {
+    bench_watch watch;
+    bytes = ask(client, "<get-config><source><running/></source></get-config>").size();
+    samples.push_back(watch.ms());
+    if (bytes < document.size()) {
+      std::fprintf(stderr, "ymgr-bench: get-config is shorter than what was loaded\n");
+      return -1;
+    }
+  }
+  result->get_ms = bench_median(samples);
+  result->get_mb_per_s = megabytes(bytes) / (result->get_ms / 1000);
+  return 0;
+}
+
+int measure_one_leaf(ymgr_client_t *client, bench_result_t *result)
+{
+  std::vector<double> samples;
+  bench_watch whole;
+  for (int i = 0; i < LEAF_EDITS_MAX && whole.ms() < LEAF_EDITS_MS; ++i) {
+    // Spread over the list; a value that is new each time.
+    const int entry = static_cast<int>(7919LL * i % result->entries);
+    bench_watch watch;
+    if (ask(client, edit(bench_one_leaf(entry, 4000000000U + static_cast<unsigned>(i)))).empty() ||
+        ask(client, "<commit/>").empty()) {
+      return -1;
+    }
+    samples.push_back(watch.ms());
+  }
+  result->leaf_median_ms = bench_median(samples);
+  result->leaf_p99_ms = bench_quantile(samples, 0.99);
+  return 0;
+}
+
+// A commit with nothing to commit: parsed, checked, routed and answered, without work of its own.
+int measure_empty_request(ymgr_client_t *client, bench_result_t *result)
+{
+  bench_watch watch;
+  for (int i = 0; i < EMPTY_REQUESTS; ++i) {
+    if (ask(client, "<commit/>").empty()) {
+      return -1;
+    }
+  }
+  result->empty_per_s = EMPTY_REQUESTS / (watch.ms() / 1000);
+  return 0;
+}
+
+// From the start of the process until a session is open.
+int measure_start(bench_device *device, bench_result_t *result)
+{
+  device->stop_daemon();
+  bench_watch watch;
+  if (device->start_daemon() != 0 || open_session(*device) == nullptr) {
+    return -1;
+  }
+  result->start_ms = watch.ms();
+  return 0;
+}
+
+int measure(int entries, bench_result_t *ret_result)
+{
+  bench_device device;
+  if (device.start_redis() != 0 || device.start_daemon() != 0) {
+    return -1;
+  }
+  ymgr_client_ptr client = open_session(device);
+  if (client == nullptr) {
+    return -1;
+  }
+  const std::string document = bench_document(entries);
+  bench_result_t result;
+  result.entries = entries;
+  result.document_mb = megabytes(document.size());
+  if (measure_load(client.get(), document, &result) != 0 || measure_whole_read(client.get(), document, &result) != 0 ||
+      measure_one_leaf(client.get(), &result) != 0 || measure_empty_request(client.get(), &result) != 0) {
+    return -1;
+  }
+  result.resident_mb = device.resident_mb();
+  client.reset();
+  if (measure_start(&device, &result) != 0 || bench_yang_floor(document, &result.yang) != 0 ||
+      bench_redis_floor(device.redis_socket(), RUNNING_REDIS_DB, &result.redis) != 0) {
+    return -1;
+  }
+  *ret_result = result;
+  return 0;
+}
+
+// --- Tables
+
+typedef struct _bench_row {
+  const char *name;
+  double (*value)(const bench_result_t &result);
+} bench_row_t;
+
+double yang_floor(const bench_result_t &r)
+{
+  return r.yang.parse_ms + r.yang.validate_ms + r.yang.print_ms;
+}
+
+const bench_row_t time_rows[] = {
+    {"document, MB", [](const bench_result_t &r) { return r.document_mb; }},
+    {"bulk load into candidate, ms", [](const bench_result_t &r) { return r.load_ms; }},
+    {"commit of the bulk load, ms", [](const bench_result_t &r) { return r.commit_ms; }},
+    {"whole get-config, ms (median)", [](const bench_result_t &r) { return r.get_ms; }},
+    {"whole get-config, MB/s", [](const bench_result_t &r) { return r.get_mb_per_s; }},
+    {"one leaf edited and committed, ms (median)", [](const bench_result_t &r) { return r.leaf_median_ms; }},
+    {"one leaf edited and committed, ms (p99)", [](const bench_result_t &r) { return r.leaf_p99_ms; }},
+    {"empty requests a second", [](const bench_result_t &r) { return r.empty_per_s; }},
+    {"resident memory, MB", [](const bench_result_t &r) { return r.resident_mb; }},
+    {"start until a session is open, ms", [](const bench_result_t &r) { return r.start_ms; }},
+    {"floor: libyang parse, ms", [](const bench_result_t &r) { return r.yang.parse_ms; }},
+    {"floor: libyang validate, ms", [](const bench_result_t &r) { return r.yang.validate_ms; }},
+    {"floor: libyang print, ms", [](const bench_result_t &r) { return r.yang.print_ms; }},
+    {"floor: hashes read", [](const bench_result_t &r) { return static_cast<double>(r.redis.hashes); }},
+    {"floor: pipelined HGETALL, ms", [](const bench_result_t &r) { return r.redis.read_ms; }},
+};
+
+const bench_row_t ratio_rows[] = {
+    {"bulk load and commit / libyang parse, validate, print",
+     [](const bench_result_t &r) { return (r.load_ms + r.commit_ms) / yang_floor(r); }},
+    {"whole get-config / libyang print", [](const bench_result_t &r) { return r.get_ms / r.yang.print_ms; }},
+    {"whole get-config / pipelined HGETALL", [](const bench_result_t &r) { return r.get_ms / r.redis.read_ms; }},
+    {"one leaf / libyang parse, validate, print",
+     [](const bench_result_t &r) { return r.leaf_median_ms / yang_floor(r); }},
+    {"one leaf / pipelined HGETALL", [](const bench_result_t &r) { return r.leaf_median_ms / r.redis.read_ms; }},
+};
+
+template <size_t rows>
+void print_table(const char *title, const bench_row_t (&table)[rows], const std::vector<bench_result_t> &results)
+{
+  std::printf("\n| %s |", title);
+  for (const bench_result_t &result : results) {
+    std::printf(" %d entries |", result.entries);
+  }
+  std::printf(" growth |\n|---|");
+  for (size_t i = 0; i <= results.size(); ++i) {
+    std::printf("---:|");
+  }
+  std::printf("\n");
+  for (const bench_row_t &row : table) {
+    std::printf("| %s |", row.name);
+    for (const bench_result_t &result : results) {
+      std::printf(" %.4g |", row.value(result));
+    }
+    std::printf(" %.3g |\n", row.value(results.back()) / row.value(results.front()));
+  }
+}
+
+int read_sizes(int argc, char **argv, std::vector<int> *ret_sizes)
+{
+  std::vector<int> sizes;
+  for (int i = 1; i < argc; ++i) {
+    int size = 0;
+    const char *end = argv[i] + std::strlen(argv[i]);
+    auto [rest, error] = std::from_chars(argv[i], end, size);
+    if (error != std::errc() || rest != end || size < 1) {
+      return -1;
+    }
+    sizes.push_back(size);
+  }
+  *ret_sizes = sizes.empty() ? std::vector<int>{1000, 10000, 100000} : sizes;
+  return 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+  std::vector<int> sizes;
+  if (read_sizes(argc, argv, &sizes) != 0) {
+    std::fprintf(stderr, "usage: ymgr-bench [ENTRIES...]\n");
+    return 2;
+  }
+  // A peer that ends shows as a failed write, not as the end of this program.
+  std::signal(SIGPIPE, SIG_IGN);
+
+  std::vector<bench_result_t> results;
+  for (int size : sizes) {
+    std::fprintf(stderr, "measuring %d entries\n", size);
+    bench_result_t result;
+    if (measure(size, &result) != 0) {
+      return 1;
+    }
+    results.push_back(result);
+  }
+  print_table("what", time_rows, results);
+  print_table("ratio to floor", ratio_rows, results);
+  return 0;
+}

@@ -1,0 +1,381 @@
+#include "client/client.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <cstring>
+#include <deque>
+#include <type_traits>
+
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+using steady_clock = std::chrono::steady_clock;
+
+constexpr uint32_t FRAME_MAGIC = 0xFEDCBAFFU;
+constexpr size_t FIRST_READ = 65536; // a payload's first room; it doubles as the bytes really arrive
+constexpr time_t CONNECT_SECONDS = 10;
+constexpr char BASE_NAMESPACE[] = "urn:ietf:params:xml:ns:netconf:base:1.0";
+constexpr char PRIVATE_NAMESPACE[] = "com:zentra:netconf:private:opal:device:ymgrd";
+
+// Machine byte order, followed directly by the payload.
+typedef struct _frame_head {
+  uint32_t magic = FRAME_MAGIC;
+  uint32_t length = 0; // of the payload
+  uint16_t seq = 0;
+  uint16_t format = 0;
+} frame_head_t;
+static_assert(sizeof(frame_head_t) == 12 && std::is_trivially_copyable_v<frame_head_t>);
+
+// The frame that is arriving. Payload bytes go straight to their place.
+typedef struct _incoming {
+  frame_head_t head;
+  size_t head_bytes = 0; // of the head that are here
+  std::string payload;   // room for the bytes; longer than payload_bytes while it fills
+  size_t payload_bytes = 0;
+} incoming_t;
+
+enum class wait_result { ready, timed_out, failed };
+
+} // namespace
+
+struct _ymgr_client {
+  int sock = -1;
+  bool ended = false;  // nothing more can be read
+  bool broken = false; // a frame was cut off on its way out: nothing more can be sent
+  incoming_t incoming;
+  std::deque<ymgr_frame_t> inbox; // complete frames in order of arrival
+  uint16_t last_seq = 0;
+  uint64_t last_message_id = 0;
+  std::string error;
+};
+
+namespace {
+
+void fail(ymgr_client_t *client, const char *what, int cause)
+{
+  client->error = cause == 0 ? std::string(what) : std::string(what) + ": " + strerror(cause);
+}
+
+// --- Receiving.
+
+enum class read_result { progress, nothing_yet, ended };
+
+read_result read_some(ymgr_client_t *client, void *room, size_t size, size_t *ret_count)
+{
+  for (;;) {
+    ssize_t count = recv(client->sock, room, size, MSG_DONTWAIT);
+    if (count > 0) {
+      *ret_count = static_cast<size_t>(count);
+      return read_result::progress;
+    }
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      return read_result::nothing_yet;
+    }
+    client->ended = true;
+    fail(client, count == 0 ? "the daemon closed the connection" : "receive", count == 0 ? 0 : errno);
+    return read_result::ended;
+  }
+}
+
+read_result read_head(ymgr_client_t *client)
+{
+  incoming_t &in = client->incoming;
+  size_t count = 0;
+  auto *bytes = reinterpret_cast<char *>(&in.head);
+  read_result result = read_some(client, bytes + in.head_bytes, sizeof(in.head) - in.head_bytes, &count);
+  if (result != read_result::progress) {
+    return result;
+  }
+  in.head_bytes += count;
+  if (in.head_bytes == sizeof(in.head) && in.head.magic != FRAME_MAGIC) {
+    client->ended = true;
+    fail(client, "the daemon sent something that is no frame", 0);
+    return read_result::ended;
+  }
+  return result;
+}
+
+read_result read_payload(ymgr_client_t *client)
+{
+  incoming_t &in = client->incoming;
+  if (in.payload_bytes == in.payload.size()) {
+    // Never much more than what has come: the length is only a claim of the other side.
+    in.payload.resize(std::min<size_t>(in.head.length, std::max(FIRST_READ, in.payload_bytes * 2)));
+  }
+  size_t count = 0;
+  read_result result =
+      read_some(client, in.payload.data() + in.payload_bytes, in.payload.size() - in.payload_bytes, &count);
+  in.payload_bytes += count;
+  return result;
+}
+
+// Takes in what has arrived. Complete frames go to the inbox.
+void drain(ymgr_client_t *client)
+{
+  incoming_t &in = client->incoming;
+  read_result result = client->ended ? read_result::ended : read_result::progress;
+  while (result == read_result::progress) {
+    if (in.head_bytes < sizeof(in.head)) {
+      result = read_head(client);
+    } else if (in.payload_bytes < in.head.length) {
+      result = read_payload(client);
+    }
+    if (result == read_result::progress && in.head_bytes == sizeof(in.head) && in.payload_bytes == in.head.length) {
+      client->inbox.push_back({in.head.seq, std::move(in.payload)});
+      in = incoming_t();
+    }
+  }
+}
+
+wait_result wait_for(ymgr_client_t *client, short events, steady_clock::time_point deadline)
+{
+  for (;;) {
+    auto left = std::chrono::ceil<ymgr_duration>(deadline - steady_clock::now()).count();
+    pollfd state = {client->sock, events, 0};
+    int count = poll(&state, 1, static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX)));
+    if (count > 0) {
+      return wait_result::ready;
+    }
+    if (count < 0 && errno != EINTR) {
+      fail(client, "poll", errno);
+      return wait_result::failed;
+    }
+    if (count == 0 && left <= INT_MAX) {
+      fail(client, "timed out", 0);
+      return wait_result::timed_out;
+    }
+  }
+}
+
+// Waits until the inbox holds more than `count` frames.
+bool await_frame(ymgr_client_t *client, size_t count, steady_clock::time_point deadline)
+{
+  for (;;) {
+    drain(client);
+    if (client->inbox.size() > count) {
+      return true;
+    }
+    if (client->ended || wait_for(client, POLLIN, deadline) != wait_result::ready) {
+      return false;
+    }
+  }
+}
+
+// --- Sending.
+
+// Writes all bytes, taking in what arrives meanwhile: a daemon that waits for room for its own bytes would not read
+// ours.
+bool send_all(ymgr_client_t *client, std::string_view bytes, steady_clock::time_point deadline)
+{
+  if (client->broken) {
+    return false; // the error of the first failure stands
+  }
+  size_t sent = 0;
+  while (sent < bytes.size()) {
+    ssize_t count = send(client->sock, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (count >= 0) {
+      sent += static_cast<size_t>(count);
+      continue;
+    }
+    if (errno == EINTR) {
+      continue;
+    }
+    bool full = errno == EAGAIN || errno == EWOULDBLOCK;
+    if (!full) {
+      fail(client, "send", errno);
+    }
+    short events = client->ended ? POLLOUT : POLLOUT | POLLIN;
+    if (!full || wait_for(client, events, deadline) != wait_result::ready) {
+      client->broken = sent > 0 || !full;
+      return false;
+    }
+    drain(client);
+  }
+  return true;
+}
+
+std::optional<uint16_t> send_request(ymgr_client_t *client, std::string_view payload, steady_clock::time_point deadline)
+{
+  if (payload.size() > UINT32_MAX) {
+    fail(client, "send", EMSGSIZE);
+    return std::nullopt;
+  }
+  auto seq = static_cast<uint16_t>(client->last_seq == UINT16_MAX ? 1 : client->last_seq + 1);
+  if (!send_all(client, ymgr_frame(payload, seq), deadline)) {
+    return std::nullopt;
+  }
+  client->last_seq = seq;
+  return seq;
+}
+
+// --- XML.
+
+std::string escaped(const std::string &text)
+{
+  auto *plain = reinterpret_cast<const xmlChar *>(text.c_str());
+  std::unique_ptr<xmlChar, void (*)(void *)> markup(xmlEncodeSpecialChars(nullptr, plain), xmlFree);
+  return markup == nullptr ? std::string() : reinterpret_cast<const char *>(markup.get());
+}
+
+// The number in the reply's <session-id>; nothing when it holds none (an error reply).
+std::optional<int> find_session_id(const std::string &reply)
+{
+  if (reply.size() > INT_MAX) {
+    return std::nullopt;
+  }
+  std::unique_ptr<xmlDoc, void (*)(xmlDoc *)> document(
+      xmlReadMemory(reply.data(), static_cast<int>(reply.size()), nullptr, nullptr,
+                    XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING),
+      xmlFreeDoc);
+  const xmlNode *root = document == nullptr ? nullptr : xmlDocGetRootElement(document.get());
+  for (xmlNode *child = root == nullptr ? nullptr : root->children; child != nullptr; child = child->next) {
+    if (child->type != XML_ELEMENT_NODE ||
+        std::strcmp(reinterpret_cast<const char *>(child->name), "session-id") != 0) {
+      continue;
+    }
+    std::unique_ptr<xmlChar, void (*)(void *)> content(xmlNodeGetContent(child), xmlFree);
+    std::string_view text = content == nullptr ? "" : reinterpret_cast<const char *>(content.get());
+    int id = 0;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), id);
+    if (error == std::errc() && end == text.data() + text.size() && id > 0) {
+      return id;
+    }
+  }
+  return std::nullopt;
+}
+
+} // namespace
+
+void ymgr_client_delete_t::operator()(ymgr_client_t *client) const
+{
+  if (client->sock >= 0) {
+    close(client->sock);
+  }
+  delete client;
+}
+
+ymgr_client_ptr ymgr_connect(const std::string &run_dir, std::string *ret_error)
+{
+  ymgr_client_ptr client(new ymgr_client_t);
+  std::string path = run_dir + "/agent.sock";
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  int result = -1;
+  if (path.size() >= sizeof(address.sun_path)) {
+    errno = ENAMETOOLONG;
+  } else {
+    path.copy(address.sun_path, path.size());
+    client->sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    // Bounds the wait for a daemon that does not accept.
+    timeval limit = {CONNECT_SECONDS, 0};
+    result = client->sock < 0 ? -1 : setsockopt(client->sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+  }
+  while (result == 0 && connect(client->sock, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
+    result = errno == EINTR ? 0 : -1;
+  }
+  if (result != 0) {
+    if (ret_error != nullptr) {
+      *ret_error = "connect to " + path + ": " + strerror(errno);
+    }
+    return nullptr;
+  }
+  return client;
+}
+
+std::optional<int> ymgr_create_session(ymgr_client_t *client, const std::string &username)
+{
+  std::string operation = std::string("<create-session xmlns=\"") + PRIVATE_NAMESPACE + "\"><username>" +
+                          escaped(username) + "</username><agent-ppid>" + std::to_string(getpid()) +
+                          "</agent-ppid></create-session>";
+  std::optional<std::string> reply = ymgr_rpc(client, operation);
+  if (!reply) {
+    return std::nullopt;
+  }
+  std::optional<int> id = find_session_id(*reply);
+  if (!id) {
+    client->error = "create-session was refused: " + *reply;
+  }
+  return id;
+}
+
+std::optional<uint16_t> ymgr_send(ymgr_client_t *client, std::string_view payload)
+{
+  return send_request(client, payload, steady_clock::now() + YMGR_DEFAULT_TIMEOUT);
+}
+
+std::optional<ymgr_frame_t> ymgr_receive(ymgr_client_t *client, ymgr_duration timeout)
+{
+  if (!await_frame(client, 0, steady_clock::now() + timeout)) {
+    return std::nullopt;
+  }
+  ymgr_frame_t frame = std::move(client->inbox.front());
+  client->inbox.pop_front();
+  return frame;
+}
+
+std::optional<std::string> ymgr_request(ymgr_client_t *client, std::string_view payload, ymgr_duration timeout)
+{
+  auto deadline = steady_clock::now() + timeout;
+  drain(client);
+  // What is here already answers earlier requests.
+  size_t seen = client->inbox.size();
+  std::optional<uint16_t> seq = send_request(client, payload, deadline);
+  if (!seq) {
+    return std::nullopt;
+  }
+  for (; await_frame(client, seen, deadline); seen++) {
+    auto frame = client->inbox.begin() + static_cast<std::ptrdiff_t>(seen);
+    if (frame->seq == *seq) {
+      std::string reply = std::move(frame->payload);
+      client->inbox.erase(frame);
+      return reply;
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> ymgr_rpc(ymgr_client_t *client, std::string_view operation, ymgr_duration timeout)
+{
+  std::string rpc =
+      "<rpc message-id=\"" + std::to_string(++client->last_message_id) + "\" xmlns=\"" + BASE_NAMESPACE + "\">";
+  rpc.append(operation).append("</rpc>");
+  return ymgr_request(client, rpc, timeout);
+}
+
+bool ymgr_send_raw(ymgr_client_t *client, std::string_view bytes)
+{
+  return send_all(client, bytes, steady_clock::now() + YMGR_DEFAULT_TIMEOUT);
+}
+
+int ymgr_descriptor(const ymgr_client_t *client)
+{
+  return client->sock;
+}
+
+std::string ymgr_frame(std::string_view payload, uint16_t seq)
+{
+  frame_head_t head;
+  head.length = static_cast<uint32_t>(payload.size());
+  head.seq = seq;
+  std::string frame;
+  frame.reserve(sizeof(head) + payload.size());
+  frame.append(reinterpret_cast<const char *>(&head), sizeof(head)).append(payload);
+  return frame;
+}
+
+const std::string &ymgr_last_error(const ymgr_client_t *client)
+{
+  return client->error;
+}

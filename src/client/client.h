@@ -1,0 +1,49 @@
+// Client of the daemon's agent socket: one connection is one session.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+typedef struct _ymgr_client ymgr_client_t;
+
+struct ymgr_client_delete_t {
+  void operator()(ymgr_client_t *client) const;
+};
+using ymgr_client_ptr = std::unique_ptr<ymgr_client_t, ymgr_client_delete_t>;
+
+typedef struct _ymgr_frame {
+  uint16_t seq = 0; // 0: not a reply (a notification)
+  std::string payload;
+} ymgr_frame_t;
+
+using ymgr_duration = std::chrono::milliseconds;
+constexpr ymgr_duration YMGR_DEFAULT_TIMEOUT{30000};
+
+// Connects to agent.sock in `run_dir`. Null on failure, with the reason in `ret_error` (may be null).
+ymgr_client_ptr ymgr_connect(const std::string &run_dir, std::string *ret_error);
+
+// Performs create-session. The session id, or nothing on failure.
+std::optional<int> ymgr_create_session(ymgr_client_t *client, const std::string &username);
+
+// Sends one request: `payload` is the <rpc> document. Its sequence number (never 0), or nothing when the connection failed.
+std::optional<uint16_t> ymgr_send(ymgr_client_t *client, std::string_view payload);
+// The next frame; nothing on time-out or when the connection ended (ymgr_last_error says which).
+std::optional<ymgr_frame_t> ymgr_receive(ymgr_client_t *client, ymgr_duration timeout = YMGR_DEFAULT_TIMEOUT);
+// Sends a request and waits for its reply; other frames that arrive meanwhile are kept for ymgr_receive.
+std::optional<std::string> ymgr_request(ymgr_client_t *client, std::string_view payload,
+                                        ymgr_duration timeout = YMGR_DEFAULT_TIMEOUT);
+// The same for an operation: wraps `operation` (one element) in <rpc> with the next message-id.
+std::optional<std::string> ymgr_rpc(ymgr_client_t *client, std::string_view operation,
+                                    ymgr_duration timeout = YMGR_DEFAULT_TIMEOUT);
+
+// Raw access, for tests of the framing: writes bytes as they are; the descriptor of the connection.
+bool ymgr_send_raw(ymgr_client_t *client, std::string_view bytes);
+int ymgr_descriptor(const ymgr_client_t *client);
+// A frame as it goes over the socket.
+std::string ymgr_frame(std::string_view payload, uint16_t seq);
+
+const std::string &ymgr_last_error(const ymgr_client_t *client);

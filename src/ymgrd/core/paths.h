@@ -1,0 +1,21 @@
+// Where the daemon's files are: the one header of default paths, and the paths in force once the profile was read.
+#pragma once
+
+#include <string>
+
+constexpr const char DEFAULT_PROFILE_PATH[] = "/usr/local/etc/ymgrd/ymgrd.conf";
+constexpr const char DEFAULT_MODULES_DIR[] = "/usr/local/etc/ymgrd/modules";
+constexpr const char DEFAULT_PLUGINS_DIR[] = "/usr/local/etc/ymgrd/plugins";
+constexpr const char DEFAULT_KEY_TABLE_PATH[] = "/usr/local/etc/ymgrd/table2.key";
+constexpr const char DEFAULT_INSTANCE_PATH[] = "/var/tmp/ymgrd.pid";
+constexpr const char DEFAULT_REDIS_SOCKET[] = "/tmp/redis.sock";
+
+// The profile's modules-dir ("OPT-modules-dir"), else "modules" beside the profile. Valid until the option changes.
+const char *ymgrd_modules_dir();
+// The profile's plugins-dir ("OPT-plugins-dir"), else "plugins" beside the profile.
+const char *ymgrd_plugins_dir();
+
+// The profile file in use, and the directory that holds it; set once by the command line.
+void ymgrd_set_profile_path(const std::string &path);
+const std::string &ymgrd_profile_path();
+const std::string &ymgrd_config_dir();

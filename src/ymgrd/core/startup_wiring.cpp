@@ -1,0 +1,84 @@
+// Where lower components learn which functions of higher ones they call, and the libraries where their messages go.
+#include <cstdlib>
+
+#include <libyang/libyang.h>
+
+#include "libconf/conf_misc.h"
+#include "libredisapi/redisapi.h"
+#include "ymgrd/broker/broker.h"
+#include "ymgrd/broker/plugin.h"
+#include "ymgrd/core/log.h"
+#include "ymgrd/core/startup.h"
+#include "ymgrd/datastore/datastore.h"
+#include "ymgrd/datastore/ds_error.h"
+#include "ymgrd/rpc/rpc.h"
+#include "ymgrd/rpc/rpc_reply.h"
+#include "ymgrd/rpc/session.h"
+
+namespace {
+
+void log_redis(const char *text)
+{
+  log_error("%.512s", text);
+}
+
+void log_support_library(int level, const char *text)
+{
+  if (level <= DBG_ERROR) {
+    log_error("%.512s", text);
+  } else if (level == DBG_WARN) {
+    log_warn("%.512s", text);
+  } else if (level == DBG_INFO) {
+    log_info("%.512s", text);
+  } else {
+    log_debug("%.512s", text);
+  }
+}
+
+bool operation_must_wait(const char *oper)
+{
+  return broker_check_busy(oper) == 1;
+}
+
+// After a shutdown request. Exit status 1 tells the daemon's supervisor that the end was asked for and is no crash.
+[[noreturn]] void end_after_shutdown()
+{
+  ymgrd_exit();
+  std::exit(EXIT_FAILURE);
+}
+
+void wire_libraries()
+{
+  conf_dbg_set_output(log_support_library);
+  redis_set_logger(log_redis);
+  // libyang keeps its errors for the component that called it, which reports them.
+  ly_log_options(LY_LOSTORE);
+  ly_log_level(LY_LLERR);
+}
+
+} // namespace
+
+void ymgrd_wire_components()
+{
+  wire_libraries();
+
+  session_hooks_t session_hooks = {};
+  session_hooks.receive = rpc_recv_proc;
+  session_hooks.is_busy = operation_must_wait;
+  session_hooks.publish = broker_publish_operation;
+  session_hooks.closing = ds_session_closed;
+  session_hooks.shut_down = end_after_shutdown;
+  session_set_hooks(session_hooks);
+
+  rpc_set_next_subscriber_hook(broker_publish_operation_next);
+
+  broker_hooks_t broker_hooks = {};
+  broker_hooks.publish_config = plugin_publish_config;
+  broker_hooks.publish_operate = plugin_publish_operate;
+  broker_hooks.subscribe_status = plugin_subscribe_status;
+  broker_hooks.publish_ended = datastore_publish_callback;
+  broker_hooks.status_ended = ds_get_callback;
+  broker_hooks.parse_rpc = datastore_parse_rpc;
+  broker_hooks.add_path_and_msg = ds_add_path_and_msg;
+  broker_set_hooks(broker_hooks);
+}

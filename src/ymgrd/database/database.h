@@ -1,0 +1,74 @@
+// The one interface to configuration data: sixteen operations, served by the built-in Redis driver or by an external
+// one (include/ymgr/driver.h). Paths are data keys (datastore/dbkey.h); `target` is a logical database (YMGRM_*_DB).
+//
+// Writes of the built-in driver are collected in the handle and reach Redis together, in one MULTI/EXEC, when the
+// handle is read through, flushed or committed. It also knows which keys of candidate and running differ, so that
+// copying one onto the other moves only those.
+#pragma once
+
+#include "ymgrd/ymgrd.h"
+
+// How `data` is given.
+typedef enum _db_data_type { DB_DATA_NULL = 0, DB_DATA_TREE = 1, DB_DATA_NODE = 2, DB_DATA_CONTENT = 3 } db_data_type_t;
+
+// What a read looks at; a bit set.
+enum {
+  DB_TFLAG_TRANS = 1,   // the transaction's new data; an error when the handle has no transaction running
+  DB_TFLAG_NOTRANS = 2, // no transaction is needed, even with the bit above
+  DB_TFLAG_DECRYPT = 4, // sensitive values in clear
+  DB_TFLAG_BACKUP = 8,  // the data as it was before the transaction
+};
+
+constexpr int DB_DEPTH_ALL = -1;
+
+int database_init(int stage);
+void database_exit();
+
+// Keeps the profile's database section (database_config.h, "OPT-database"). Copies everything; logs and keeps nothing
+// when a text is missing.
+void database_save_conf(const char *type, int level, const unsigned char *keys, int len, const char *path,
+                        const char *version);
+
+// A handle greater than 0, to be closed by the caller; else -1.
+int database_open(int target);
+void database_close(int hdb);
+
+// `target` then equals `source`. While a handle has a transaction running on the target, copy and clean become part of
+// that transaction: they take effect with its flush or commit, and its discard undoes them.
+int database_copy(int target, int source);
+int database_clean(int target);
+
+// Sets a leaf (DB_DATA_CONTENT with its text; null or "" for a container or an empty leaf). In a running transaction
+// only, except on the status database, where writes outside a transaction are stored one by one.
+int database_set(int hdb, const char *path, int datatype, const char *data);
+// Deletes the node with all below it.
+int database_delete(int hdb, const char *path);
+// Adds a list or leaf-list entry: next to the entry `coords` at a signed distance, or without `coords` at the head
+// (`offset` < 0) or the tail.
+int database_new(int hdb, const char *path, const char *coords, int offset, int datatype, const char *data);
+// Moves an entry so that it stands `offset` places (not 0) behind the entry `coords`, or before it when negative;
+// without `coords` to the head (`offset` < 0) or the tail.
+int database_move(int hdb, const char *path, const char *coords, int offset);
+
+// The subtree at `path` ("/" for all) as XML text, down to `deepth` levels. On 0 `*result` is malloc'ed, or null when
+// there is nothing at the path.
+int database_get(int hdb, int tflag, const char *path, int deepth, char **result);
+int database_list(int hdb, int tflag, const char *path, char **result); // entries of a list with their keys only
+int database_index(int hdb, int tflag, const char *path);               // 0-based position of an entry, or -1
+
+// Transactions: what is written after the start is undone by discard. 0 or failure. A commit that fails leaves the
+// transaction open, to be discarded; closing the handle discards it too. A transaction during which the server was
+// restarted can only be discarded.
+int database_trans_start(int hdb);
+int database_trans_commit(int hdb);
+int database_trans_discard(int hdb);
+// Sends the writes collected so far to the database (other processes see them; discard still undoes them). 0 or -1.
+int database_flush(int hdb);
+
+// Locks `path`'s module ("/": all modules) for the handle; never waits. The lock's id, greater than 0, or -1.
+int database_lock(int hdb, int type, const char *path);
+void database_unlock(int hdb, int lock_id);
+
+// The persisted transaction state of a datastore (ENUM_DATASTORE_*), in the hash "ymgrd-info". 0 or -1.
+int database_set_transaction_state(int target, transact_state_e state);
+transact_state_e database_get_transaction_state(int target); // E_TRANS_INVALID when there is none

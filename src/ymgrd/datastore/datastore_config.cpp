@@ -1,0 +1,347 @@
+// From the XML of <config> to a data tree whose nodes know their operation and their place in the document.
+#include <vector>
+
+#include "ymgrd/core/log.h"
+#include "ymgrd/datastore/datastore_internal.h"
+#include "ymgrd/datastore/ds_error.h"
+#include "ymgrd/schema/schema.h"
+
+namespace {
+
+constexpr std::string_view YANG_NS = "urn:ietf:params:xml:ns:yang:1"; // RFC 7950, section 5.3.1
+
+struct operation_name_t {
+  std::string_view text;
+  NC_EDIT_OP_TYPE op;
+};
+
+const operation_name_t operation_names[] = {
+    {"merge", NC_EDIT_OP_MERGE},   {"replace", NC_EDIT_OP_REPLACE}, {"create", NC_EDIT_OP_CREATE},
+    {"delete", NC_EDIT_OP_DELETE}, {"remove", NC_EDIT_OP_REMOVE},
+};
+
+// --- Attributes. libyang drops the ones it does not know without a word, so they are checked before it sees them.
+
+std::string attribute_value(const xmlAttr *attr)
+{
+  const xmlNode *text = attr->children;
+  return text == nullptr || text->content == nullptr ? std::string() : reinterpret_cast<const char *>(text->content);
+}
+
+std::string element_path(const lyxml_elem *elem, const lyxml_elem *config)
+{
+  std::string path;
+  for (const lyxml_elem *up = elem; up != nullptr && up != config; up = up->parent) {
+    path.insert(0, "/" + std::string(lyxml_name(up)));
+  }
+  return path;
+}
+
+NC_EDIT_OP_TYPE operation_of_text(std::string_view text)
+{
+  for (const operation_name_t &row : operation_names) {
+    if (text == row.text) {
+      return row.op;
+    }
+  }
+  return NC_EDIT_OP_ERROR;
+}
+
+NC_EDIT_OP_TYPE own_operation(const lyxml_elem *elem)
+{
+  for (const xmlAttr *attr = elem->properties; attr != nullptr; attr = attr->next) {
+    if (std::string_view(reinterpret_cast<const char *>(attr->name)) == "operation") {
+      return operation_of_text(attribute_value(attr));
+    }
+  }
+  return NC_EDIT_OP_NONE;
+}
+
+// REPLY_ERR_NULL when the attribute may stand on a configuration node with its value.
+int attribute_fault(const xmlAttr *attr)
+{
+  std::string_view name = reinterpret_cast<const char *>(attr->name);
+  std::string_view ns = attr->ns == nullptr ? "" : reinterpret_cast<const char *>(attr->ns->href);
+  if (ns == NETCONF_BASE_NS_1_0 && name == "operation") {
+    return operation_of_text(attribute_value(attr)) == NC_EDIT_OP_ERROR ? REPLY_ERR_BAD_ATTR : REPLY_ERR_NULL;
+  }
+  if (ns == YANG_NS && (name == "insert" || name == "key" || name == "value")) {
+    return REPLY_ERR_NULL;
+  }
+  return REPLY_ERR_UNKNOWN_ATTR;
+}
+
+reply_error_ptr attribute_error(int kind, const xmlAttr *attr, const lyxml_elem *config)
+{
+  reply_error_ptr error(rpc_create_error(kind));
+  if (error != nullptr) {
+    std::string path = element_path(attr->parent, config);
+    std::string info = "<bad-attribute>" + std::string(reinterpret_cast<const char *>(attr->name)) + "</bad-attribute>";
+    rpc_set_error_field(error.get(), REPLY_ERR_FIELD_PATH, path.c_str());
+    rpc_set_error_field(error.get(), REPLY_ERR_FIELD_INFO, info.c_str());
+  }
+  return error;
+}
+
+// Checks the attributes of everything below `config`. 0, or -1 with the error.
+int check_attributes(const lyxml_elem *config, reply_error_ptr *ret_error)
+{
+  const lyxml_elem *elem = lyxml_first_child(config);
+  while (elem != nullptr) {
+    for (const xmlAttr *attr = elem->properties; attr != nullptr; attr = attr->next) {
+      int kind = attribute_fault(attr);
+      if (kind != REPLY_ERR_NULL) {
+        *ret_error = attribute_error(kind, attr, config);
+        return -1;
+      }
+    }
+    const lyxml_elem *next = lyxml_first_child(elem);
+    while (next == nullptr && elem != config) {
+      next = lyxml_next(elem);
+      elem = elem->parent;
+    }
+    elem = next;
+  }
+  return 0;
+}
+
+// --- Records. libyang sorts siblings into schema order, so XML elements and data nodes are walked in step, with one
+// cursor for each kind of node below a parent.
+
+struct sibling_cursor_t {
+  std::string_view name;
+  std::string_view ns;
+  lyd_node *next; // the first node of that kind without record
+};
+
+std::string_view node_ns(const lyd_node *node)
+{
+  if (node->schema != nullptr) {
+    return node->schema->module->ns;
+  }
+  const auto *opaque = reinterpret_cast<const lyd_node_opaq *>(node);
+  return opaque->name.module_ns == nullptr ? std::string_view() : opaque->name.module_ns;
+}
+
+std::string_view node_name(const lyd_node *node)
+{
+  return LYD_NAME(node);
+}
+
+class record_writer {
+public:
+  explicit record_writer(ds_config_t *config) : config_(config) {}
+
+  void write(const lyxml_elem *first_elem, lyd_node *first_node)
+  {
+    std::vector<sibling_cursor_t> cursors;
+    size_t last = 0;
+    for (const lyxml_elem *elem = first_elem; elem != nullptr; elem = lyxml_next(elem)) {
+      lyd_node *node = take_next(first_node, &cursors, &last, elem);
+      if (node == nullptr) {
+        continue;
+      }
+      ds_node_record_t *record = config_->arena.record_of(node);
+      record->node_op = own_operation(elem);
+      record->order = next_order_++;
+      lyd_node *child = node->schema == nullptr ? nullptr : lyd_child(node);
+      if (child != nullptr) {
+        write(lyxml_first_child(elem), child);
+      }
+    }
+  }
+
+private:
+  // The first node that `elem` can stand for and that was not taken before.
+  lyd_node *take_next(lyd_node *first_node, std::vector<sibling_cursor_t> *cursors, size_t *last,
+                      const lyxml_elem *elem)
+  {
+    std::string_view name = lyxml_name(elem);
+    std::string_view ns = lyxml_ns(elem);
+    // Elements of one kind mostly follow each other: the cursor used last is tried first.
+    if (*last >= cursors->size() || (*cursors)[*last].name != name || (*cursors)[*last].ns != ns) {
+      *last = find_cursor(first_node, cursors, name, ns);
+    }
+    sibling_cursor_t &cursor = (*cursors)[*last];
+    lyd_node *taken = cursor.next;
+    if (taken != nullptr) {
+      cursor.next = next_of_kind(taken->next, name, ns);
+    }
+    return taken;
+  }
+
+  static size_t find_cursor(lyd_node *first_node, std::vector<sibling_cursor_t> *cursors, std::string_view name,
+                            std::string_view ns)
+  {
+    for (size_t i = 0; i < cursors->size(); i++) {
+      if ((*cursors)[i].name == name && (*cursors)[i].ns == ns) {
+        return i;
+      }
+    }
+    cursors->push_back({name, ns, next_of_kind(first_node, name, ns)});
+    return cursors->size() - 1;
+  }
+
+  static lyd_node *next_of_kind(lyd_node *from, std::string_view name, std::string_view ns)
+  {
+    for (lyd_node *node = from; node != nullptr; node = node->next) {
+      if (node_name(node) == name && node_ns(node) == ns) {
+        return node;
+      }
+    }
+    return nullptr;
+  }
+
+  ds_config_t *config_;
+  uint32_t next_order_ = 1;
+};
+
+// --- Opaque nodes: what libyang could not parse as data.
+
+bool has_text(const lyd_node_opaq *opaque)
+{
+  return opaque->value != nullptr && !lyxml_is_blank(opaque->value);
+}
+
+// Clients delete a leaf by an element without value, which most types refuse.
+bool is_deletion_of_leaf(const lyd_node *node, NC_EDIT_OP_TYPE op)
+{
+  const auto *opaque = reinterpret_cast<const lyd_node_opaq *>(node);
+  if ((op != NC_EDIT_OP_DELETE && op != NC_EDIT_OP_REMOVE) || opaque->child != nullptr || has_text(opaque)) {
+    return false;
+  }
+  const lysc_node *schema = dbkey_schema_of(node);
+  return schema != nullptr && schema->nodetype == LYS_LEAF && (schema->flags & LYS_CONFIG_W);
+}
+
+std::string opaque_path(const lyd_node *node)
+{
+  char *path = lyd_path(node, LYD_PATH_STD, nullptr, 0);
+  c_string_ptr owner(path);
+  return path == nullptr ? std::string() : path;
+}
+
+const char *missing_key(const lysc_node *list, const lyd_node_opaq *entry)
+{
+  for (const lysc_node *key = lysc_node_child(list); key != nullptr && lysc_is_key(key); key = key->next) {
+    bool given = false;
+    for (const lyd_node *child = entry->child; child != nullptr && !given; child = child->next) {
+      given = std::string_view(LYD_NAME(child)) == key->name;
+    }
+    if (!given) {
+      return key->name;
+    }
+  }
+  return nullptr;
+}
+
+reply_error_ptr opaque_error(const lyd_node *node)
+{
+  const lysc_node *schema = dbkey_schema_of(node);
+  const auto *opaque = reinterpret_cast<const lyd_node_opaq *>(node);
+  const char *key = schema != nullptr && schema->nodetype == LYS_LIST ? missing_key(schema, opaque) : nullptr;
+  std::string path = opaque_path(node);
+  reply_error_ptr error;
+  if (key != nullptr) {
+    error = rpc_make_error(REPLY_ERR_MISSING_ELEM, "List instance is missing its key \"" + std::string(key) + "\".");
+    rpc_set_error_field(error.get(), REPLY_ERR_FIELD_INFO,
+                        ("<bad-element>" + std::string(key) + "</bad-element>").c_str());
+  } else {
+    ds_clear_yang_errors();
+    (void)lyd_parse_opaq_error(node); // fails by purpose: it leaves the reason behind
+    error.reset(rpc_create_error(ds_error_kind(REPLY_ERR_OP_FAILED)));
+    ds_add_path_and_msg(error.get());
+  }
+  if (error != nullptr && !path.empty()) {
+    rpc_set_error_field(error.get(), REPLY_ERR_FIELD_PATH, path.c_str());
+  }
+  return error;
+}
+
+int check_opaque_nodes(ds_config_t *config, reply_error_ptr *ret_error)
+{
+  lyd_node *top = nullptr;
+  LY_LIST_FOR(config->tree.get(), top)
+  {
+    lyd_node *node = nullptr;
+    LYD_TREE_DFS_BEGIN(top, node)
+    {
+      if (node->schema == nullptr) {
+        if (!is_deletion_of_leaf(node, config->arena.record_of(node)->node_op)) {
+          *ret_error = opaque_error(node);
+          return -1;
+        }
+        LYD_TREE_DFS_continue = 1;
+      }
+      LYD_TREE_DFS_END(top, node);
+    }
+  }
+  return 0;
+}
+
+// --- Text for libyang.
+
+wiped_string content_text(const lyxml_elem *config)
+{
+  wiped_string text;
+  for (lyxml_elem *child = lyxml_first_child(config); child != nullptr; child = lyxml_next(child)) {
+    std::string markup = lyxml_print_self_contained(child);
+    text.append(markup);
+    memset_s(markup.data(), markup.size(), 0, markup.size());
+  }
+  return text;
+}
+
+int config_failure(reply_error_ptr *ret_error, int kind, const char *message)
+{
+  log_error("%s", message);
+  *ret_error = rpc_make_error(kind, message);
+  return -1;
+}
+
+// The <config> element of the operation; null, with the error, when there is none.
+lyxml_elem *find_config(lyxml_elem *rpc, NC_OP nc_op, reply_error_ptr *ret_error)
+{
+  if (lyxml_name(rpc) != "rpc" || lyxml_ns(rpc) != NETCONF_BASE_NS_1_0) {
+    log_error("XML data parser expect <rpc> root in \"%s\" namespace.", NETCONF_BASE_NS_1_0);
+    *ret_error = rpc_make_error(REPLY_ERR_OP_FAILED, "rpc namespace error.");
+    return nullptr;
+  }
+  lyxml_elem *operation = lyxml_first_child(rpc);
+  lyxml_elem *holder =
+      operation == nullptr || nc_op == NC_OP_EDITCONFIG ? operation : lyxml_find_child(operation, "source");
+  lyxml_elem *config = holder == nullptr ? nullptr : lyxml_find_child(holder, "config");
+  if (config == nullptr) {
+    (void)config_failure(ret_error, REPLY_ERR_OP_FAILED,
+                         nc_op == NC_OP_EDITCONFIG ? "edit-config operation does not have 'config' node."
+                                                   : "XML data parser expect <config> node.");
+  }
+  return config;
+}
+
+} // namespace
+
+int ds_parse_rpc_config(lyxml_elem *rpc, NC_OP nc_op, ds_config_t *config, reply_error_ptr *ret_error)
+{
+  lyxml_elem *elem = find_config(rpc, nc_op, ret_error);
+  if (elem == nullptr || check_attributes(elem, ret_error) != 0) {
+    return -1;
+  }
+  wiped_string text = content_text(elem);
+  if (text.empty()) {
+    return 0;
+  }
+  ds_clear_yang_errors();
+  lyd_node *tree = nullptr;
+  LY_ERR result = lyd_parse_data_mem(schema_ctx(), text.c_str(), LYD_XML,
+                                     LYD_PARSE_ONLY | LYD_PARSE_OPAQ | LYD_PARSE_NO_STATE, 0, &tree);
+  config->tree.reset(tree);
+  if (result != LY_SUCCESS) {
+    log_error("something wrong when parse xml data(rpc config)");
+    *ret_error = rpc_make_error(ds_error_kind(REPLY_ERR_OP_FAILED), "parse rpc config error.");
+    ds_add_path_and_msg(ret_error->get());
+    return -1;
+  }
+  record_writer(config).write(lyxml_first_child(elem), tree);
+  return check_opaque_nodes(config, ret_error);
+}

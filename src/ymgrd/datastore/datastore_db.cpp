@@ -1,0 +1,160 @@
+// Access of the datastore operations to their databases: opening, locking, transactions, and the one way to read.
+#include <utility>
+
+#include "ymgrd/core/keepalive.h"
+#include "ymgrd/core/log.h"
+#include "ymgrd/database/database.h"
+#include "ymgrd/datastore/datastore_internal.h"
+#include "ymgrd/datastore/ds_error.h"
+#include "ymgrd/schema/schema.h"
+
+namespace {
+
+// How long a validation may take before the watchdog warns and kills.
+constexpr int VALIDATION_WARN_SECONDS = 90;
+constexpr int VALIDATION_KILL_SECONDS = 180;
+
+struct datastore_database_t {
+  int datastore;
+  int database;
+};
+
+const datastore_database_t datastore_databases[] = {
+    {ENUM_DATASTORE_RUNNING, YMGRM_RUNNING_DB},
+    {ENUM_DATASTORE_STARTUP, YMGRM_STARTUP_DB},
+    {ENUM_DATASTORE_CANDIDATE, YMGRM_CANDIDATE_DB},
+    {ENUM_DATASTORE_STATUS, YMGRM_STATUS_DB},
+};
+
+} // namespace
+
+int ds_to_db(int datastore)
+{
+  for (const datastore_database_t &row : datastore_databases) {
+    if (row.datastore == datastore) {
+      return row.database;
+    }
+  }
+  log_error("datastore %d can not be accessed.", datastore);
+  return 0;
+}
+
+ds_session_db::ds_session_db(ds_session_db &&other) noexcept
+    : hdb_(std::exchange(other.hdb_, 0)), in_transaction_(std::exchange(other.in_transaction_, false)),
+      locks_(std::move(other.locks_))
+{
+  other.locks_.clear();
+}
+
+ds_session_db &ds_session_db::operator=(ds_session_db &&other) noexcept
+{
+  if (this != &other) {
+    end();
+    hdb_ = std::exchange(other.hdb_, 0);
+    in_transaction_ = std::exchange(other.in_transaction_, false);
+    locks_ = std::move(other.locks_);
+    other.locks_.clear();
+  }
+  return *this;
+}
+
+int ds_session_db::open(int datastore)
+{
+  end();
+  int database = ds_to_db(datastore);
+  int hdb = database == 0 ? -1 : database_open(database);
+  if (hdb <= 0) {
+    return -1;
+  }
+  hdb_ = hdb;
+  return 0;
+}
+
+int ds_session_db::start()
+{
+  if (database_trans_start(hdb_) != 0) {
+    return -1;
+  }
+  in_transaction_ = true;
+  return 0;
+}
+
+int ds_session_db::commit()
+{
+  if (database_trans_commit(hdb_) != 0) {
+    // What did not reach the database must not: the transaction is still open.
+    discard();
+    return -1;
+  }
+  in_transaction_ = false;
+  return 0;
+}
+
+void ds_session_db::discard()
+{
+  if (in_transaction_) {
+    (void)database_trans_discard(hdb_); // logged there; nothing more can be undone here
+    in_transaction_ = false;
+  }
+}
+
+void ds_session_db::end()
+{
+  if (hdb_ <= 0) {
+    return;
+  }
+  discard();
+  ds_unlock_data(&locks_);
+  database_close(hdb_);
+  hdb_ = 0;
+}
+
+int ds_get_xmltext(int hdb, int tflag, const char *path, c_string_ptr *ret_text)
+{
+  char *text = nullptr;
+  if (database_get(hdb, tflag, path, DB_DEPTH_ALL, &text) != 0) {
+    return -1;
+  }
+  ret_text->reset(text);
+  return 0;
+}
+
+int ds_db_get_data_from_top(int hdb, int tflag, const char *path, lyd_tree_ptr *ret_data)
+{
+  c_string_ptr text;
+  if (ds_get_xmltext(hdb, tflag | DB_TFLAG_DECRYPT, path, &text) != 0) {
+    return -1;
+  }
+  if (text == nullptr || *text == '\0') {
+    ret_data->reset();
+    return 0;
+  }
+  ds_clear_yang_errors();
+  lyd_node *tree = nullptr;
+  LY_ERR result = lyd_parse_data_mem(schema_ctx(), text.get(), LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_STRICT, 0, &tree);
+  if (result != LY_SUCCESS) {
+    const ly_err_item *cause = ly_err_first(schema_ctx());
+    log_error("Stored data of database handle %d does not fit the schema(%.512s).", hdb,
+              cause == nullptr || cause->msg == nullptr ? "" : cause->msg);
+    lyd_free_all(tree);
+    return -1;
+  }
+  ret_data->reset(tree);
+  return 0;
+}
+
+int datastore_validate(lyd_tree_ptr *data)
+{
+  if (*data == nullptr) {
+    log_debug("no need to check mandatory for NULL config");
+    return 0;
+  }
+  ymgrd_send_keepalive_msg(0, 0);
+  ymgrd_send_keepalive_msg(VALIDATION_WARN_SECONDS, VALIDATION_KILL_SECONDS);
+  ds_clear_yang_errors();
+  lyd_node *tree = data->release(); // validation may replace the first node
+  LY_ERR result = lyd_validate_all(&tree, schema_ctx(), LYD_VALIDATE_NO_STATE | LYD_VALIDATE_PRESENT, nullptr);
+  data->reset(tree);
+  ymgrd_send_keepalive_msg(0, 0);
+  return result == LY_SUCCESS ? 0 : -1;
+}

@@ -1,0 +1,126 @@
+// What the sources of the datastore component share.
+#pragma once
+
+#include <string>
+
+#include <libyang/libyang.h>
+
+#include "libconf/wiped_string.h"
+#include "ymgrd/broker/differ_tree.h"
+#include "ymgrd/core/handles.h"
+#include "ymgrd/datastore/dbkey.h"
+#include "ymgrd/datastore/ds_lock.h"
+#include "ymgrd/rpc/lyxml.h"
+#include "ymgrd/rpc/rpc_error.h"
+#include "ymgrd/ymgrd.h"
+
+// The protocol operations, the index of the operations table.
+typedef enum _NC_OP {
+  NC_OP_UNKNOWN = 0,
+  NC_OP_GETCONFIG = 1,
+  NC_OP_GET = 2,
+  NC_OP_EDITCONFIG = 3,
+  NC_OP_CLOSESESSION = 4,
+  NC_OP_KILLSESSION = 5,
+  NC_OP_COPYCONFIG = 6,
+  NC_OP_DELETECONFIG = 7,
+  NC_OP_LOCK = 8,
+  NC_OP_UNLOCK = 9,
+  NC_OP_COMMIT = 10,
+  NC_OP_DISCARDCHANGES = 11,
+  NC_OP_CREATESUBSCRIPTION = 12,
+  NC_OP_GETSCHEMA = 13,
+  NC_OP_VALIDATE = 14,
+  NC_OP_MAX = 15,
+} NC_OP;
+
+// --- Process-wide state.
+
+// The pending diff tree of candidate against running; while a running edit is published, the tree under publication.
+extern differ_node_t *differ_nodes;
+// Frees the pending tree and empties it.
+void ds_drop_differ_nodes();
+
+// --- Databases.
+
+// The logical database of a datastore; 0 (logged) when it has none.
+int ds_to_db(int datastore);
+
+// An open database with the locks and the transaction of one operation. What is not handed over ends with the object:
+// the transaction is discarded, the locks are released, the database is closed.
+class ds_session_db {
+public:
+  ds_session_db() = default;
+  ds_session_db(ds_session_db &&other) noexcept;
+  ds_session_db &operator=(ds_session_db &&other) noexcept;
+  ds_session_db(const ds_session_db &) = delete;
+  ds_session_db &operator=(const ds_session_db &) = delete;
+  ~ds_session_db() { end(); }
+
+  int open(int datastore); // 0 or -1
+  int hdb() const { return hdb_; }
+  ds_db_locks_t *locks() { return &locks_; }
+  int start();    // the transaction; 0 or -1
+  int commit();   // 0 or -1; the transaction is over in either case
+  void discard(); // without effect when no transaction runs
+  void end();
+
+private:
+  int hdb_ = 0;
+  bool in_transaction_ = false;
+  ds_db_locks_t locks_;
+};
+
+// All configuration data is read through here: the tree below `path` ("/": all) as stored, unvalidated, in `*ret_data`
+// (null when there is nothing). 0 or -1.
+int ds_db_get_data_from_top(int hdb, int tflag, const char *path, lyd_tree_ptr *ret_data);
+// The same as XML text; `*ret_text` is null when there is nothing.
+int ds_get_xmltext(int hdb, int tflag, const char *path, c_string_ptr *ret_text);
+
+// --- Requests.
+
+// The datastore that the child element of <source> or <target> names; ENUM_DATASTORE_ERROR unless it is one and alone.
+ENUM_DATASTORE nc_rpc_get_ds(const lyxml_elem *node, const char *ds_type);
+// Source and target of the operation element; a null pointer is not looked for; an absent one leaves its value
+// untouched.
+int ds_get_src_and_dst(const lyxml_elem *node, int *src, int *target);
+extern const char *const error_option[];
+// ERROR_OPTION_*, or -1 for an unknown text.
+int datastore_get_erropt(lyxml_elem *rpc, const char *const *tree);
+// The operation of nodes that have none by themselves (RFC 6241, section 7.2, default-operation): NC_EDIT_OP_MERGE,
+// NC_EDIT_OP_REPLACE or NC_EDIT_OP_NONE; NC_EDIT_OP_ERROR for an unknown text.
+NC_EDIT_OP_TYPE datastore_get_default_operation(lyxml_elem *rpc);
+
+// The content of <config> as a data tree. Every node has a record (dbkey.h) with its own operation and its position in
+// the document. An element without value whose operation is delete or remove is an opaque node (dbkey_schema_of).
+typedef struct _ds_config {
+  ds_node_arena arena; // declared before the tree: outlives it
+  lyd_tree_ptr tree;   // null for an empty <config>
+} ds_config_t;
+// 0, or -1 with `*ret_error` set.
+int ds_parse_rpc_config(lyxml_elem *rpc, NC_OP nc_op, ds_config_t *config, reply_error_ptr *ret_error);
+
+// --- Steps of the operations.
+
+// Checks the whole data tree against the schema; adds implicit nodes to it. 0, also for an empty tree; or -1.
+int datastore_validate(lyd_tree_ptr *data);
+
+// Hands the change to the broker. On 0 the reply is sent by datastore_publish_callback (which may have run already) and
+// `db` was taken over; on -1 nothing was sent and the caller keeps `db`.
+int datastore_publish(int sid, ds_session_db *db, lyxml_elem *rpc, differ_node_t *dtree, int target_ds, int erropt);
+
+// Announces a long parse to the watchdog for the life of the object, sized by the request's text.
+class ds_long_parse {
+public:
+  explicit ds_long_parse(size_t request_bytes);
+  ~ds_long_parse();
+};
+
+// An error reply with a message; logs the failure of building or sending. Always -1.
+int ds_refuse(int sid, const lyxml_elem *rpc, int kind, const std::string &message);
+
+// --- Operation handlers.
+int ds_edit_config(int sid, const char *data, lyxml_elem *rpc);
+int ds_get_config(int sid, const char *data, lyxml_elem *rpc);
+int ds_commit(int sid, const char *data, lyxml_elem *rpc);
+int ds_discarde_changes(int sid, const char *data, lyxml_elem *rpc);

@@ -1,0 +1,126 @@
+#include "ymgrd/core/log.h"
+#include "ymgrd/database/database.h"
+#include "ymgrd/datastore/datastore_internal.h"
+#include "ymgrd/datastore/edit_internal.h"
+
+namespace {
+
+struct where_name_t {
+  std::string_view text;
+  edit_where_t where;
+};
+
+const where_name_t where_names[] = {
+    {"first", EDIT_FIRST}, {"last", EDIT_LAST}, {"before", EDIT_BEFORE}, {"after", EDIT_AFTER}};
+
+const char *insert_attribute(const lyd_node *config, const char *name)
+{
+  const lyd_meta *meta = lyd_find_meta(config->meta, nullptr, name);
+  return meta == nullptr ? nullptr : lyd_get_meta_value(meta);
+}
+
+lyd_node *find_reference(const edit_job_t *job, const edit_place_t &place, const lyd_node *config)
+{
+  const char *text = insert_attribute(config, config->schema->nodetype == LYS_LIST ? "yang:key" : "yang:value");
+  lyd_node *siblings = edit_siblings(job, place.parent);
+  lyd_node *match = nullptr;
+  if (text == nullptr || siblings == nullptr ||
+      lyd_find_sibling_val(siblings, config->schema, text, 0, &match) != LY_SUCCESS) {
+    return nullptr;
+  }
+  return match;
+}
+
+lyd_node *last_instance(lyd_node *entry)
+{
+  while (entry->next != nullptr && entry->next->schema == entry->schema) { // instances stand together
+    entry = entry->next;
+  }
+  return entry;
+}
+
+bool is_first_instance(const lyd_node *entry)
+{
+  // The first sibling's prev is the last sibling.
+  return entry->prev->next == nullptr || entry->prev->schema != entry->schema;
+}
+
+// The key of a sibling entry, given the key of the entry being placed.
+std::string sibling_key(const edit_place_t &place, const lyd_node *entry, const lyd_node *sibling)
+{
+  size_t own = dbkey_segment(entry).size() + 1 + dbkey_predicate(entry).size() + 2;
+  std::string key = place.key->substr(0, place.key->size() - own);
+  dbkey_append(&key, sibling);
+  return key;
+}
+
+constexpr int DIRECTLY_BEFORE = -1;
+constexpr int DIRECTLY_AFTER = 1;
+
+int move_next_to(edit_job_t *job, const edit_place_t &place, lyd_node *entry, lyd_node *reference, bool after)
+{
+  std::string coords = sibling_key(place, entry, reference);
+  LY_ERR result = after ? lyd_insert_after(reference, entry) : lyd_insert_before(reference, entry);
+  if (result != LY_SUCCESS) {
+    log_error("edit operation database lyd node fail(merge tree).");
+    return -1;
+  }
+  if (place.parent == nullptr) { // the first top node may have changed
+    lyd_node *first = job->data.release();
+    job->data.reset(lyd_first_sibling(first));
+  }
+  if (job->request->done && database_move(job->request->hdb, place.key->c_str(), coords.c_str(),
+                                          after ? DIRECTLY_AFTER : DIRECTLY_BEFORE) != 0) {
+    log_error("write database %.512s fail.", place.key->c_str());
+    return -1;
+  }
+  return 0;
+}
+
+} // namespace
+
+bool ds_has_attr_insert(const lyd_node *config)
+{
+  return config->schema != nullptr && lysc_is_userordered(config->schema) &&
+         insert_attribute(config, "yang:insert") != nullptr;
+}
+
+int edit_read_position(edit_job_t *job, const edit_place_t &place, const lyd_node *config,
+                       edit_position_t *ret_position)
+{
+  std::string_view text = insert_attribute(config, "yang:insert");
+  edit_position_t position;
+  for (const where_name_t &row : where_names) {
+    if (text == row.text) {
+      position.where = row.where;
+    }
+  }
+  if (position.where == EDIT_KEEP) {
+    return edit_fail(job, REPLY_ERR_BAD_ATTR, config);
+  }
+  if (position.where == EDIT_BEFORE || position.where == EDIT_AFTER) {
+    position.reference = find_reference(job, place, config);
+    if (position.reference == nullptr) { // RFC 7950, section 15.7
+      (void)edit_fail(job, REPLY_ERR_BAD_ATTR, config);
+      rpc_set_error_field(job->error.get(), REPLY_ERR_FIELD_APPTAG, "missing-instance");
+      return -1;
+    }
+  }
+  *ret_position = position;
+  return 0;
+}
+
+int edit_move(edit_job_t *job, const edit_place_t &place, lyd_node *entry, const edit_position_t &position,
+              bool *ret_moved)
+{
+  lyd_node *reference = position.reference;
+  bool after = position.where == EDIT_AFTER || position.where == EDIT_LAST;
+  if (position.where == EDIT_FIRST) {
+    reference = is_first_instance(entry) ? entry : edit_find_schema(job, place.parent, entry->schema);
+  } else if (position.where == EDIT_LAST) {
+    reference = last_instance(entry);
+  }
+  bool stands_there = reference == entry || (after ? reference->next == entry : entry->next == reference);
+  *ret_moved = !stands_there;
+  return stands_there ? 0 : move_next_to(job, place, entry, reference, after);
+}

@@ -1,0 +1,44 @@
+// Fixture: a directory, a Redis server and a daemon of the test's own. A failing test prints frames and log.
+#pragma once
+
+#include <iostream>
+#include <list>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/daemon_process.h"
+#include "support/netconf_session.h"
+#include "support/redis_server.h"
+
+namespace support {
+
+// The daemon is not started: a test or a derived SetUp adjusts daemon.options() first.
+class daemon_test : public testing::Test {
+protected:
+  void TearDown() override
+  {
+    if (!HasFailure()) {
+      return;
+    }
+    for (const netconf_session &session : sessions_) {
+      std::cerr << "--- session " << session.id() << "\n" << session.conversation();
+    }
+    std::cerr << "--- the daemon's log\n" << daemon.log_tail() << "---\n";
+  }
+
+  // A new session with the daemon, which stays until the end of the test.
+  netconf_session &connect(const std::string &username = "tester")
+  {
+    return sessions_.emplace_back(daemon.run_dir(), username);
+  }
+
+  temp_dir dir;
+  redis_server redis{dir.path()};
+  daemon_process daemon{dir.path(), redis.socket_path()};
+
+private:
+  std::list<netconf_session> sessions_; // closed before the daemon ends
+};
+
+} // namespace support

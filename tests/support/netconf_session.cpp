@@ -1,0 +1,280 @@
+#include "support/netconf_session.h"
+
+#include <algorithm>
+#include <climits>
+#include <memory>
+#include <utility>
+
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+
+namespace support {
+
+namespace {
+
+constexpr size_t LONGEST_LINE = 4000; // of a frame that is printed
+
+typedef std::unique_ptr<xmlDoc, void (*)(xmlDoc *)> document_ptr;
+
+document_ptr parse(const std::string &xml)
+{
+  int options = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NOBLANKS | XML_PARSE_HUGE;
+  int size = xml.size() > INT_MAX ? 0 : static_cast<int>(xml.size());
+  return {xmlReadMemory(xml.data(), size, nullptr, nullptr, options), xmlFreeDoc};
+}
+
+const xmlNode *root_of(const document_ptr &document)
+{
+  return document == nullptr ? nullptr : xmlDocGetRootElement(document.get());
+}
+
+std::string_view view(const xmlChar *text)
+{
+  return text == nullptr ? "" : reinterpret_cast<const char *>(text);
+}
+
+std::string_view namespace_of(const xmlNode *node)
+{
+  return node->ns == nullptr ? "" : view(node->ns->href);
+}
+
+std::string text_of(const xmlNode *node)
+{
+  std::unique_ptr<xmlChar, void (*)(void *)> content(xmlNodeGetContent(node), xmlFree);
+  return std::string(view(content.get()));
+}
+
+std::vector<const xmlNode *> elements_below(const xmlNode *parent)
+{
+  std::vector<const xmlNode *> elements;
+  for (const xmlNode *child = parent->children; child != nullptr; child = child->next) {
+    if (child->type == XML_ELEMENT_NODE) {
+      elements.push_back(child);
+    }
+  }
+  return elements;
+}
+
+// The node itself or the first one below it of that name.
+const xmlNode *find(const xmlNode *node, std::string_view name)
+{
+  if (node == nullptr || view(node->name) == name) {
+    return node;
+  }
+  for (const xmlNode *child : elements_below(node)) {
+    if (const xmlNode *found = find(child, name); found != nullptr) {
+      return found;
+    }
+  }
+  return nullptr;
+}
+
+std::string attributes_of(const xmlNode *node)
+{
+  std::vector<std::string> attributes;
+  for (const xmlAttr *attribute = node->properties; attribute != nullptr; attribute = attribute->next) {
+    std::string name(view(attribute->name));
+    if (attribute->ns != nullptr) {
+      name = "{" + std::string(view(attribute->ns->href)) + "}" + name;
+    }
+    attributes.push_back(" " + name + "=\"" + text_of(reinterpret_cast<const xmlNode *>(attribute)) + "\"");
+  }
+  std::sort(attributes.begin(), attributes.end());
+  std::string text;
+  for (const std::string &attribute : attributes) {
+    text += attribute;
+  }
+  return text;
+}
+
+std::string print(const xmlNode *node, std::string_view outer_namespace, const std::string &indent, siblings order)
+{
+  std::string_view own_namespace = namespace_of(node);
+  std::string text = indent + "<" + std::string(view(node->name));
+  if (own_namespace != outer_namespace) {
+    text += " xmlns=\"" + std::string(own_namespace) + "\"";
+  }
+  text += attributes_of(node);
+  std::vector<const xmlNode *> children = elements_below(node);
+  if (children.empty()) {
+    std::string content = text_of(node);
+    return text + (content.empty() ? "/>\n" : ">" + content + "\n");
+  }
+  std::vector<std::string> parts;
+  for (const xmlNode *child : children) {
+    parts.push_back(print(child, own_namespace, indent + "  ", order));
+  }
+  if (order == siblings::sorted) {
+    std::sort(parts.begin(), parts.end());
+  }
+  text += ">\n";
+  for (const std::string &part : parts) {
+    text += part;
+  }
+  return text;
+}
+
+std::string cut(const std::string &line)
+{
+  return line.size() <= LONGEST_LINE ? line
+                                     : line.substr(0, LONGEST_LINE) + "... (" + std::to_string(line.size()) + ")";
+}
+
+std::string filter_element(const std::string &subtree)
+{
+  return subtree.empty() ? "" : "<filter type=\"subtree\">" + subtree + "</filter>";
+}
+
+} // namespace
+
+std::optional<rpc_error_t> find_error(const std::string &reply)
+{
+  document_ptr document = parse(reply);
+  const xmlNode *element = find(root_of(document), "rpc-error");
+  if (element == nullptr) {
+    return std::nullopt;
+  }
+  rpc_error_t error;
+  const std::pair<std::string_view, std::string *> fields[] = {
+      {"error-type", &error.type},       {"error-tag", &error.tag},   {"error-severity", &error.severity},
+      {"error-app-tag", &error.app_tag}, {"error-path", &error.path}, {"error-message", &error.message},
+      {"error-info", &error.info},
+  };
+  for (const xmlNode *child : elements_below(element)) {
+    for (const auto &[name, field] : fields) {
+      if (view(child->name) == name) {
+        *field = text_of(child);
+      }
+    }
+  }
+  return error;
+}
+
+bool is_ok(const std::string &reply)
+{
+  document_ptr document = parse(reply);
+  const xmlNode *root = root_of(document);
+  if (root == nullptr || view(root->name) != "rpc-reply") {
+    return false;
+  }
+  std::vector<const xmlNode *> children = elements_below(root);
+  return children.size() == 1 && view(children.front()->name) == "ok";
+}
+
+std::optional<std::string> find_text(const std::string &xml, std::string_view name)
+{
+  document_ptr document = parse(xml);
+  const xmlNode *found = find(root_of(document), name);
+  return found == nullptr ? std::nullopt : std::optional(text_of(found));
+}
+
+std::string normalize(const std::string &xml, siblings order)
+{
+  document_ptr document = parse(xml);
+  const xmlNode *root = root_of(document);
+  return root == nullptr ? xml : print(root, "", "", order);
+}
+
+std::string reply_data(const std::string &reply, siblings order)
+{
+  document_ptr document = parse(reply);
+  const xmlNode *data = find(root_of(document), "data");
+  if (data == nullptr) {
+    return normalize(reply, order);
+  }
+  std::vector<std::string> parts;
+  for (const xmlNode *child : elements_below(data)) {
+    parts.push_back(print(child, "", "", order));
+  }
+  if (order == siblings::sorted) {
+    std::sort(parts.begin(), parts.end());
+  }
+  std::string text;
+  for (const std::string &part : parts) {
+    text += part;
+  }
+  return text;
+}
+
+std::string edit_config(const std::string &target, const std::string &config, const std::string &options)
+{
+  return "<edit-config><target><" + target + "/></target>" + options +
+         "<config xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\">" + config + "</config></edit-config>";
+}
+
+std::string get_config(const std::string &source, const std::string &subtree_filter)
+{
+  return "<get-config><source><" + source + "/></source>" + filter_element(subtree_filter) + "</get-config>";
+}
+
+std::string get(const std::string &subtree_filter)
+{
+  return "<get>" + filter_element(subtree_filter) + "</get>";
+}
+
+std::string copy_config(const std::string &target, const std::string &source)
+{
+  return "<copy-config><target><" + target + "/></target><source><" + source + "/></source></copy-config>";
+}
+
+netconf_session::netconf_session(const std::string &run_dir, const std::string &username)
+{
+  std::string reason;
+  client_ = ymgr_connect(run_dir, &reason);
+  if (client_ == nullptr) {
+    ADD_FAILURE() << reason;
+    return;
+  }
+  std::optional<int> id = ymgr_create_session(client_.get(), username);
+  if (!id) {
+    ADD_FAILURE() << "create-session: " << ymgr_last_error(client_.get());
+    return;
+  }
+  id_ = *id;
+}
+
+std::string netconf_session::rpc(const std::string &operation, std::chrono::milliseconds timeout)
+{
+  lines_.push_back("> " + cut(operation));
+  if (client_ == nullptr) {
+    ADD_FAILURE() << "not connected, request: " << cut(operation);
+    return "";
+  }
+  std::optional<std::string> reply = ymgr_rpc(client_.get(), operation, timeout);
+  lines_.push_back("< " + (reply ? cut(*reply) : "(" + ymgr_last_error(client_.get()) + ")"));
+  if (!reply) {
+    ADD_FAILURE() << "no reply (" << ymgr_last_error(client_.get()) << "), request: " << cut(operation);
+    return "";
+  }
+  return *reply;
+}
+
+testing::AssertionResult netconf_session::ok(const std::string &operation)
+{
+  std::string reply = rpc(operation);
+  if (is_ok(reply)) {
+    return testing::AssertionSuccess();
+  }
+  return testing::AssertionFailure() << "request: " << cut(operation) << "\nreply:   " << cut(reply);
+}
+
+rpc_error_t netconf_session::error(const std::string &operation)
+{
+  std::string reply = rpc(operation);
+  std::optional<rpc_error_t> error = find_error(reply);
+  if (!error) {
+    ADD_FAILURE() << "an error was expected, request: " << cut(operation) << "\nreply: " << cut(reply);
+  }
+  return error.value_or(rpc_error_t());
+}
+
+std::string netconf_session::conversation() const
+{
+  std::string text;
+  for (const std::string &line : lines_) {
+    text += line + "\n";
+  }
+  return text;
+}
+
+} // namespace support

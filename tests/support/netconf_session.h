@@ -1,0 +1,78 @@
+// NETCONF sessions of a test, and what it asks of replies.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "client/client.h"
+#include "support/environment.h"
+
+namespace support {
+
+// --- Replies.
+
+// The first <rpc-error>. Elements that it does not have are empty.
+typedef struct _reply_error {
+  std::string type;
+  std::string tag;
+  std::string severity;
+  std::string app_tag;
+  std::string path;
+  std::string message;
+  std::string info;
+} rpc_error_t;
+
+std::optional<rpc_error_t> find_error(const std::string &reply); // nothing when the reply is no error
+bool is_ok(const std::string &reply);
+// Text of the first element of that name, at any depth.
+std::optional<std::string> find_text(const std::string &xml, std::string_view name);
+
+enum class siblings { in_order, sorted };
+// One form for equal documents: indented, namespaces where they change and without prefixes, attributes sorted, blanks
+// between elements dropped. Text that is no XML is returned as it is.
+std::string normalize(const std::string &xml, siblings order = siblings::in_order);
+// The content of the reply's <data>, normalized; the whole reply when it has none.
+std::string reply_data(const std::string &reply, siblings order = siblings::in_order);
+
+// --- Operations, as text for netconf_session.
+
+// `options` stands between target and config: <default-operation>, <test-option>, <error-option>.
+std::string edit_config(const std::string &target, const std::string &config, const std::string &options = "");
+std::string get_config(const std::string &source, const std::string &subtree_filter = "");
+std::string get(const std::string &subtree_filter = "");
+std::string copy_config(const std::string &target, const std::string &source);
+constexpr char COMMIT[] = "<commit/>";
+constexpr char DISCARD_CHANGES[] = "<discard-changes/>";
+
+// --- Sessions.
+
+class netconf_session {
+public:
+  // Connects and performs create-session. A failure fails the test.
+  explicit netconf_session(const std::string &run_dir, const std::string &username = "tester");
+
+  int id() const { return id_; } // 0 when there is no session
+  ymgr_client_t *client() const { return client_.get(); }
+  void close() { client_.reset(); }
+
+  // The reply. When none comes, the test fails and the reply is empty.
+  std::string rpc(const std::string &operation, std::chrono::milliseconds timeout = DEADLINE);
+  // Success when the reply is <ok/>; a failure carries request and reply.
+  testing::AssertionResult ok(const std::string &operation);
+  // The reply's error. When the reply is none, the test fails and all is empty.
+  rpc_error_t error(const std::string &operation);
+
+  // Requests and replies so far, for a failing test.
+  std::string conversation() const;
+
+private:
+  ymgr_client_ptr client_;
+  int id_ = 0;
+  std::vector<std::string> lines_;
+};
+
+} // namespace support

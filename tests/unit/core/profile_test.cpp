@@ -1,0 +1,147 @@
+#include "ymgrd/core/profile.h"
+
+#include <string_view>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "unit/core/captured_log.h"
+#include "ymgrd/broker/plugin.h"
+#include "ymgrd/core/context.h"
+#include "ymgrd/database/database.h"
+#include "ymgrd/database/database_config.h"
+#include "ymgrd/schema/schema.h"
+#include "ymgrd/ymgrd.h"
+
+namespace {
+
+class profile : public testing::Test {
+protected:
+  void SetUp() override
+  {
+    for (auto init : {context_init, database_init, schema_init, plugin_init}) {
+      ASSERT_EQ(init(STAGE_RESOURCE), 0);
+    }
+  }
+  void TearDown() override
+  {
+    plugin_exit();
+    schema_exit();
+    database_exit();
+    context_exit();
+  }
+  // What parsing logs; expects that it succeeds. The copy has no terminating zero, as a mapped file has none.
+  static std::string parse(std::string_view text)
+  {
+    std::vector<char> bytes(text.begin(), text.end());
+    return logged_by([&] { EXPECT_EQ(ymgrd_parse_config(bytes.data(), bytes.size()), 0); });
+  }
+  static std::vector<std::string> module_names()
+  {
+    std::vector<std::string> names;
+    for (int i = 0; i < context_list_size("LIST-model"); i++) {
+      names.push_back(static_cast<model_config_t *>(context_get_list_entry("LIST-model", i))->name);
+    }
+    return names;
+  }
+  static std::string database_section(const std::string &key)
+  {
+    return R"({"database": {"type": "default", "driver": {"path": "unix://tmp/r", "api-version": "1.0"}, "working-key": [)" +
+           key + "]}}";
+  }
+};
+
+TEST_F(profile, scalars_become_options_and_the_later_value_wins)
+{
+  EXPECT_EQ(parse(R"({"session-spec": 4, "daemonize": true, "modules-dir": "/a", "unknown": {}, "session-spec": 5,
+                      "daemonize": false})"),
+            "");
+  EXPECT_EQ(context_get_int("OPT-session-spec", -1), 5);
+  EXPECT_EQ(context_get_int("OPT-daemonize", -1), 0);
+  EXPECT_STREQ(static_cast<const char *>(context_get_option("OPT-modules-dir")), "/a");
+}
+
+TEST_F(profile, members_of_the_wrong_type_are_ignored)
+{
+  EXPECT_EQ(parse(R"({"session-spec": "10", "daemonize": 1, "plugins-dir": null, "schema": [], "modules": {}})"), "");
+  for (const char *name : {"OPT-session-spec", "OPT-daemonize", "OPT-plugins-dir", "OPT-schema"}) {
+    EXPECT_EQ(context_get_option(name), nullptr) << name;
+  }
+}
+
+TEST_F(profile, modules_keep_their_order_and_invalid_ones_are_skipped)
+{
+  std::string log = parse(R"({"modules": [{"name": "b", "revision": "r", "feature": ["f", 1, "g"], "deviation": ["d"]},
+                                          {"name": "no-revision"}, "text", {"name": "a", "revision": "r"}]})");
+  EXPECT_EQ(log.rfind("[WARN] Invalid yang-module(name=0x", 0), 0U) << log;
+  EXPECT_EQ(module_names(), (std::vector<std::string>{"b", "a"}));
+  const auto *module = static_cast<model_config_t *>(context_get_list_entry("LIST-model", 0));
+  EXPECT_EQ(module->feature, (std::vector<std::string>{"f", "g"}));
+  EXPECT_EQ(module->deviation, (std::vector<std::string>{"d"}));
+}
+
+TEST_F(profile, disabled_and_nameless_capabilities_are_skipped_silently)
+{
+  EXPECT_EQ(parse(R"({"capabilities": [{"capid": "urn:a", "enable": false}, {"enable": true}, 3, {"capid": "urn:b"},
+                                       {"capid": "urn:c", "enable": true}]})"),
+            "");
+  EXPECT_EQ(context_list_size("LIST-cpblt"), 1);
+}
+
+TEST_F(profile, schema_section_given_twice_keeps_the_later)
+{
+  EXPECT_EQ(parse(R"({"schema": {"db-enabled": true, "path": "unix://a"}, "schema": {"db-enabled": false}})"), "");
+  const auto *config = context_get_record<schema_config>("OPT-schema");
+  ASSERT_NE(config, nullptr);
+  EXPECT_EQ(config->db_enabled, 0);
+  EXPECT_EQ(config->path, "");
+}
+
+TEST_F(profile, working_key_is_cut_at_sixteen_bytes_and_filled_with_zeros)
+{
+  const std::string too_long = "[ERROR] The length of working-key is more than 16.\n";
+  const struct {
+    std::string key;
+    std::vector<unsigned char> bytes;
+    std::string log;
+  } cases[] = {
+      {"1, 2, 259", {1, 2, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, ""},
+      {"1, \"2\", 3", {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, too_long},
+      {"1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17", {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}, too_long},
+  };
+  for (const auto &c : cases) {
+    EXPECT_EQ(parse(database_section(c.key)), c.log);
+    const auto *config = context_get_record<database_config>("OPT-database");
+    ASSERT_NE(config, nullptr);
+    EXPECT_EQ(std::vector<unsigned char>(config->working_key, config->working_key + WORKING_KEY_LENGTH), c.bytes);
+    EXPECT_EQ(config->validate_level, -1);
+  }
+}
+
+TEST_F(profile, what_this_version_does_not_serve_is_said)
+{
+  EXPECT_EQ(
+      parse(R"({"notification": {}, "plugins": [{"name": "p", "so-path": "/p.so"}, {}], "sensitive-key": ["s"]})"),
+      "[WARN] The profile's section <notification> is not served by this version.\n"
+      "[ERROR] Local plugin <p> is not loaded(/p.so): local plugins are not served by this version.\n"
+      "[WARN] Create local-plugin <name=p> failed.\n"
+      "[WARN] Invalid local-plugin(name=(nil)), please check your config file\n"
+      "[WARN] The profile's section <sensitive-key> is not served by this version: values are stored as they are.\n"
+      "[WARN] Create sensitive key failed.\n");
+}
+
+TEST_F(profile, broken_text_is_refused_without_showing_it)
+{
+  std::string text = "{\"working-key\": [\n  200, 201 202]}";
+  EXPECT_EQ(logged_by([&] { EXPECT_EQ(ymgrd_parse_config(text.data(), text.size()), -1); }),
+            "[ERROR] Json parse error(line 2, column 12).\n");
+}
+
+TEST_F(profile, missing_and_empty_files_are_refused)
+{
+  EXPECT_EQ(logged_by([] { EXPECT_EQ(ymgrd_load_config("/nonexistent/ymgrd.conf"), -1); }),
+            "[ERROR] Open file default-ymgrd-profile failed(No such file or directory).\n");
+  EXPECT_EQ(logged_by([] { EXPECT_EQ(ymgrd_load_config("/dev/null"), -1); }), "[ERROR] Ymgrd's profile is invalid.\n");
+}
+
+} // namespace

@@ -1,0 +1,312 @@
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ymgrd/broker/differ_tree.h"
+#include "ymgrd/core/context.h"
+#include "ymgrd/core/handles.h"
+#include "ymgrd/crypto/encrypt.h"
+
+namespace {
+
+const char test_module[] = R"(
+module m {
+  namespace "urn:m"; prefix m;
+  container c { leaf v { type string; } leaf-list ll { type string; } anyxml any; container inner { leaf deep { type string; } } }
+})";
+
+// Trees are written as one text for each node: its path, its code in brackets, and "old>new" for leaves with values.
+class differ_tree : public testing::Test {
+protected:
+  void SetUp() override
+  {
+    ly_ctx *made = nullptr;
+    ASSERT_EQ(LY_SUCCESS, ly_ctx_new(nullptr, LY_CTX_NO_YANGLIBRARY, &made));
+    ctx_.reset(made);
+    ASSERT_EQ(LY_SUCCESS, lys_parse_mem(made, test_module, LYS_IN_YANG, nullptr));
+    differ_tree_set_ctx(made);
+    ASSERT_EQ(0, context_init(0));
+  }
+  void TearDown() override
+  {
+    encrypt_set_hooks({});
+    context_exit();
+  }
+
+  differ_node_t *leaf(const std::string &value, int code, const char *old_value = nullptr)
+  {
+    lyd_tree_ptr now = parse(value);
+    lyd_tree_ptr before = parse(old_value == nullptr ? "" : old_value);
+    return new_differ_node("/m:c/v", "/m:c/v", static_cast<ENUM_ACTION>(code), lyd_child(now.get()),
+                           old_value == nullptr ? nullptr : lyd_child(before.get()));
+  }
+  differ_node_t *node(const std::string &path, int code, std::vector<differ_node_t *> children = {})
+  {
+    std::string schema_path = path;
+    for (size_t open = schema_path.find('['); open != std::string::npos; open = schema_path.find('[', open + 2)) {
+      schema_path.erase(open + 1, schema_path.find(']', open) - open - 1);
+    }
+    differ_node_t *made =
+        new_differ_node(path.c_str(), schema_path.c_str(), static_cast<ENUM_ACTION>(code), nullptr, nullptr);
+    differ_node_t *last = nullptr;
+    for (differ_node_t *child : children) {
+      differ_node_add_child(made, last, child);
+      last = child;
+    }
+    return made;
+  }
+  static differ_node_t *list(std::vector<differ_node_t *> nodes)
+  {
+    differ_node_t *last = nullptr;
+    for (differ_node_t *one : nodes) {
+      differ_node_add_sibling(last, last, one);
+      last = one;
+    }
+    return nodes.front();
+  }
+  static std::vector<std::string> texts(const differ_node_t *tree)
+  {
+    std::vector<std::string> all;
+    for (; tree != nullptr; tree = tree->next) {
+      EXPECT_TRUE(tree->next == nullptr || tree->next->prev == tree);
+      std::string text = std::string(tree->data_path) + " (" + std::to_string(tree->oper_type) + ")";
+      if (tree->leaf_value_old != nullptr || tree->leaf_value_new != nullptr) {
+        text += std::string(" ") + (tree->leaf_value_old == nullptr ? "" : tree->leaf_value_old) + ">" +
+                (tree->leaf_value_new == nullptr ? "" : tree->leaf_value_new);
+      }
+      all.push_back(text);
+      for (const differ_node_t *child = tree->child; child != nullptr; child = child->next) {
+        EXPECT_EQ(tree, child->parent);
+      }
+      for (const std::string &below : texts(tree->child)) {
+        all.push_back(below);
+      }
+    }
+    return all;
+  }
+  std::vector<std::string> merged(differ_node_t *first, differ_node_t *second, int merge_one_add = 0)
+  {
+    differ_tree_merge(&first, &second, merge_one_add);
+    EXPECT_EQ(nullptr, second);
+    EXPECT_TRUE(first == nullptr || first->doc == nullptr);
+    std::vector<std::string> all = texts(first);
+    free_differ_tree(first);
+    return all;
+  }
+
+  lyd_tree_ptr parse(const std::string &value)
+  {
+    lyd_node *tree = nullptr;
+    std::string xml = "<c xmlns='urn:m'><v>" + value + "</v></c>";
+    EXPECT_EQ(LY_SUCCESS, lyd_parse_data_mem(ctx_.get(), xml.c_str(), LYD_XML, LYD_PARSE_ONLY, 0, &tree));
+    return lyd_tree_ptr(tree);
+  }
+
+  ly_ctx_ptr ctx_;
+};
+
+using node_texts = std::vector<std::string>;
+
+} // namespace
+
+TEST_F(differ_tree, node_keeps_values_of_leaves_and_anyxml_and_interned_paths)
+{
+  lyd_node *tree = nullptr;
+  const char xml[] = "<c xmlns='urn:m'><v>new</v><ll>x</ll><any><b xmlns='urn:b'/></any></c>";
+  ASSERT_EQ(LY_SUCCESS, lyd_parse_data_mem(ctx_.get(), xml, LYD_XML, LYD_PARSE_ONLY, 0, &tree));
+  lyd_tree_ptr owner(tree);
+  lyd_tree_ptr before = parse("old");
+  lyd_node *value = lyd_child(tree);
+
+  differ_node_t *changed = new_differ_node("/m:c/v", "/m:c/v", DBDIFF_MOD, value, lyd_child(before.get()));
+  differ_node_t *removed = new_differ_node("/m:c/v", "/m:c/v", DBDIFF_REM, nullptr, value);
+  differ_node_t *entry = new_differ_node("/m:c/ll[.=\"x\"]", "/m:c/ll[]", DBDIFF_ADD, value->next, nullptr);
+  differ_node_t *any = new_differ_node("/m:c/any", "/m:c/any", DBDIFF_ADD, value->next->next, nullptr);
+  EXPECT_STREQ("old", changed->leaf_value_old);
+  EXPECT_STREQ("new", changed->leaf_value_new);
+  EXPECT_EQ(changed->data_path, removed->data_path);
+  EXPECT_STREQ("new", removed->leaf_value_new);
+  EXPECT_EQ(CONF_NODE_LEAFLIST, entry->node_type);
+  EXPECT_EQ(nullptr, entry->leaf_value_new);
+  EXPECT_EQ(CONF_NODE_LEAF, any->node_type);
+  EXPECT_NE(nullptr, strstr(any->leaf_value_new, "urn:b"));
+  EXPECT_EQ(nullptr, new_differ_node("", "/m:c", DBDIFF_ADD, nullptr, nullptr));
+  for (differ_node_t *made : {changed, removed, entry, any}) {
+    free_differ_node(made);
+  }
+}
+
+TEST_F(differ_tree, root_record_moves_to_the_successor_of_the_first_node)
+{
+  differ_node_t *first = list({node("/m:a", 1), node("/m:b", 1), node("/m:c", 1)});
+  differ_node_t *second = first->next;
+  differ_root_t *root = new_differ_root(first);
+  free_differ_node(first);
+  EXPECT_EQ(second, root->root);
+  EXPECT_EQ(root, second->doc);
+  EXPECT_EQ(nullptr, second->prev);
+  unlink_differ_node(second->next->prev);
+  EXPECT_EQ(nullptr, second->doc);
+  EXPECT_STREQ("/m:c", root->root->data_path);
+  free_differ_node(second);
+  free_differ_tree(root->root);
+  EXPECT_EQ(nullptr, free_differ_root(root));
+}
+
+TEST_F(differ_tree, lists_keep_their_order_whether_or_not_the_end_is_known)
+{
+  differ_node_t *parent = node("/m:c", 8, {node("/m:c/a", 1)});
+  differ_node_add_child(parent, nullptr, list({node("/m:c/b", 1), node("/m:c/d", 1)}));
+  differ_node_add_sibling(parent->child, parent->child->next, node("/m:c/b2", 1));
+  EXPECT_EQ((node_texts{"/m:c (8)", "/m:c/a (1)", "/m:c/b (1)", "/m:c/b2 (1)", "/m:c/d (1)"}), texts(parent));
+  free_differ_tree(parent);
+}
+
+TEST_F(differ_tree, codes_of_one_leaf_combine_row_by_row)
+{
+  const node_texts nothing;
+  EXPECT_EQ(nothing, merged(leaf("1", 1), leaf("1", 2)));
+  EXPECT_EQ((node_texts{"/m:c/v (1) >1"}), merged(leaf("1", 1), leaf("2", 1)));
+  EXPECT_EQ((node_texts{"/m:c/v (1) >2"}), merged(leaf("1", 1), leaf("2", 4, "1")));
+  EXPECT_EQ((node_texts{"/m:c/v (2) >1"}), merged(leaf("1", 2), leaf("1", 2)));
+  EXPECT_EQ(nothing, merged(leaf("1", 2), leaf("1", 1)));
+  EXPECT_EQ((node_texts{"/m:c/v (4) 1>2"}), merged(leaf("1", 2), leaf("2", 1)));
+  EXPECT_EQ((node_texts{"/m:c/v (2) >1"}), merged(leaf("1", 2), leaf("2", 4, "1")));
+  EXPECT_EQ((node_texts{"/m:c/v (2) 1>2"}), merged(leaf("2", 4, "1"), leaf("2", 2)));
+  EXPECT_EQ((node_texts{"/m:c/v (4) 1>2"}), merged(leaf("2", 4, "1"), leaf("3", 1)));
+  EXPECT_EQ((node_texts{"/m:c/v (4) 1>3"}), merged(leaf("2", 4, "1"), leaf("3", 4, "2")));
+  EXPECT_EQ(nothing, merged(leaf("2", 4, "1"), leaf("1", 4, "2")));
+  EXPECT_EQ((node_texts{"/m:c/v (4) 1>2"}), merged(leaf("2", 4, "1"), leaf("3", 16)));
+}
+
+TEST_F(differ_tree, codes_of_one_container_combine_row_by_row)
+{
+  auto inner = [this](int code, int child_code) { return node("/m:c", code, {node("/m:c/x", child_code)}); };
+  const node_texts nothing;
+  EXPECT_EQ((node_texts{"/m:c (1)", "/m:c/x (1)", "/m:c/y (1)"}),
+            merged(inner(1, 1), node("/m:c", 8, {node("/m:c/y", 1)})));
+  EXPECT_EQ((node_texts{"/m:c (2)", "/m:c/x (2)"}), merged(inner(2, 2), inner(8, 1)));
+  EXPECT_EQ((node_texts{"/m:c (8)", "/m:c/x (8)", "/m:c/x/y (1)"}),
+            merged(inner(2, 2), node("/m:c", 1, {node("/m:c/x", 1, {node("/m:c/x/y", 1)})})));
+  EXPECT_EQ((node_texts{"/m:c (2)", "/m:c/x (2)"}), merged(inner(8, 8), inner(2, 2)));
+  EXPECT_EQ((node_texts{"/m:c (2)"}), merged(inner(8, 1), inner(2, 2)));
+  EXPECT_EQ((node_texts{"/m:c (1)", "/m:c/x (1)"}), merged(inner(8, 1), node("/m:c", 1)));
+  EXPECT_EQ((node_texts{"/m:c (8)", "/m:c/x (1)"}), merged(inner(8, 1), node("/m:c", 4)));
+  EXPECT_EQ(nothing, merged(inner(8, 1), inner(8, 2)));
+  EXPECT_EQ((node_texts{"/m:c (8)"}), merged(inner(8, 1), inner(8, 2), 1));
+  EXPECT_EQ((node_texts{"/m:c (1)"}), merged(node("/m:c", 1), node("/m:c", 4)));
+}
+
+TEST_F(differ_tree, leaf_list_entry_removed_and_added_again_leaves_nothing)
+{
+  auto entry = [this](int code) {
+    differ_node_t *made = node("/m:c/ll[.=\"x\"]", code);
+    made->node_type = CONF_NODE_LEAFLIST;
+    return made;
+  };
+  EXPECT_EQ(node_texts{}, merged(entry(2), entry(1)));
+}
+
+TEST_F(differ_tree, value_taken_back_at_a_new_place_marks_the_node_behind_as_moved)
+{
+  differ_node_t *first = list({leaf("2", 4, "1"), node("/m:c/next", 8, {node("/m:c/next/x", 1)})});
+  EXPECT_EQ((node_texts{"/m:c/v (4) 1>2", "/m:c/next (16)", "/m:c/next/x (1)"}), merged(first, leaf("1", 4 | 16, "2")));
+  EXPECT_EQ((node_texts{"/m:c/v (4) 1>2"}), merged(leaf("2", 4, "1"), leaf("1", 4 | 16, "2")));
+}
+
+TEST_F(differ_tree, later_nodes_follow_the_earlier_ones_in_their_order)
+{
+  EXPECT_EQ((node_texts{"/m:b (8)", "/m:b/x (1)", "/m:b/y (1)", "/m:d (1)", "/m:c (1)"}),
+            merged(list({node("/m:a", 1), node("/m:b", 8, {node("/m:b/x", 1)})}),
+                   list({node("/m:d", 1), node("/m:b", 8, {node("/m:b/y", 1)}), node("/m:a", 2), node("/m:c", 1)})));
+  EXPECT_EQ((node_texts{"/m:c (8)", "/m:c/y (1)", "/m:c/z (1)"}),
+            merged(node("/m:c", 8, {node("/m:c/x", 1)}),
+                   node("/m:c", 8, {node("/m:c/x", 2), node("/m:c/y", 1), node("/m:c/z", 1)})));
+  EXPECT_EQ((node_texts{"/m:a (1)", "/m:b (1)"}), merged(nullptr, list({node("/m:a", 1), node("/m:b", 1)})));
+  EXPECT_EQ((node_texts{"/m:a (1)"}), merged(node("/m:a", 1), nullptr));
+}
+
+TEST_F(differ_tree, bulk_edits_of_one_list_merge_in_linear_time)
+{
+  constexpr int entries = 100000;
+  auto bulk = [this](int from, int code) {
+    differ_node_t *parent = node("/m:c", 8);
+    differ_node_t *last = nullptr;
+    for (int i = from; i < from + entries; i++) {
+      differ_node_t *entry = node("/m:c/l[k=\"" + std::to_string(i) + "\"]", code);
+      differ_node_add_child(parent, last, entry);
+      last = entry;
+    }
+    return parent;
+  };
+  differ_node_t *tree = bulk(0, 1);
+  for (differ_node_t *later : {bulk(entries, 1), bulk(0, 8), bulk(entries / 2, 2)}) {
+    differ_tree_merge(&tree, &later, 0);
+  }
+  auto left = texts(tree);
+  EXPECT_EQ(1U + entries, left.size());
+  EXPECT_EQ("/m:c/l[k=\"49999\"] (1)", left[entries / 2]);
+  EXPECT_EQ("/m:c/l[k=\"150000\"] (1)", left[entries / 2 + 1]);
+  free_differ_tree(tree);
+}
+
+TEST_F(differ_tree, values_compare_as_plain_texts_when_stored_enciphered)
+{
+  encrypt_hooks_t hooks = {};
+  hooks.decrypt = [](std::string_view cipher, wiped_string *ret_value) {
+    if (cipher == "#%broken") {
+      return -1;
+    }
+    ret_value->assign(cipher.substr(3));
+    return 0;
+  };
+  encrypt_set_hooks(hooks);
+  EXPECT_EQ(0, compare_encrypt("#%1secret", "#%2secret"));
+  EXPECT_EQ(0, compare_encrypt("#%1secret", "secret"));
+  EXPECT_NE(0, compare_encrypt("#%1secret", "#%1other"));
+  EXPECT_NE(0, compare_encrypt("#%broken", "#%1roken"));
+  EXPECT_EQ(0, compare_encrypt("#%broken", "#%broken"));
+  EXPECT_EQ(-1, compare_encrypt(nullptr, "a"));
+  EXPECT_EQ(node_texts{}, merged(leaf("#%1secret", 2), leaf("#%2secret", 1)));
+}
+
+TEST_F(differ_tree, search_finds_a_path_or_at_least_an_entry_of_its_list)
+{
+  differ_node_t *tree = list({node("/m:a", 8, {node("/m:a/l[k=\"1\"]", 1)}),
+                              node("/m:c", 8, {node("/m:c/l[k=\"1\"]", 1), node("/m:c/l[k=\"2\"]", 1)})});
+  differ_node_t *present = node("/m:c/l[k=\"2\"]", 16);
+  differ_node_t *absent = node("/m:c/l[k=\"3\"]", 16);
+  differ_node_t *sibling = nullptr;
+  EXPECT_EQ(tree->next->child->next, find_node_in_differ_tree(tree, present, &sibling));
+  sibling = nullptr;
+  EXPECT_EQ(nullptr, find_node_in_differ_tree(tree, absent, &sibling));
+  EXPECT_EQ(tree->next->child, sibling);
+  for (differ_node_t *one : {tree, present, absent}) {
+    free_differ_tree(one);
+  }
+}
+
+TEST_F(differ_tree, moves_join_the_changes_of_their_entries)
+{
+  auto entry = [](int key) { return "/m:c/l[k=\"" + std::to_string(key) + "\"]"; };
+  differ_node_t *tree = node("/m:c", 8,
+                             {node(entry(1), 1, {node(entry(1) + "/k", 1)}), node(entry(2), 8), node(entry(3), 2),
+                              node(entry(4), 16), node(entry(5), 16), node("/m:c/v", 4)});
+  differ_node_t *moves =
+      list({node(entry(1), 16), node(entry(2), 16), node(entry(3), 8), node(entry(4), 17), node(entry(5), 2),
+            node(entry(9), 16), node(entry(8), 16), node(entry(7), 8), node("/m:d/l[k=\"1\"]", 16)});
+  merge_move_differ_node(&tree, &moves);
+  EXPECT_EQ((node_texts{"/m:c (8)", entry(1) + " (17)", entry(1) + "/k (17)", entry(2) + " (24)", entry(3) + " (2)",
+                        entry(4) + " (17)", "/m:c/v (4)", entry(9) + " (16)", entry(8) + " (16)"}),
+            texts(tree));
+  EXPECT_EQ((node_texts{entry(3) + " (8)", entry(5) + " (2)", entry(7) + " (8)", "/m:d/l[k=\"1\"] (16)"}),
+            texts(moves));
+  free_differ_tree(tree);
+
+  tree = nullptr;
+  merge_move_differ_node(&tree, &moves);
+  EXPECT_EQ(nullptr, moves);
+  EXPECT_EQ(4U, texts(tree).size());
+  free_differ_tree(tree);
+}
