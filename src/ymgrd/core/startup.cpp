@@ -104,17 +104,21 @@ int init_services()
 // The working directory of the support library, when it has one, also takes the instance file.
 int choose_instance_path(std::string *ret_path)
 {
-  std::string path = DEFAULT_INSTANCE_PATH;
   char *configured = nullptr;
-  if (conf_load_config(&configured) == 0 && configured != nullptr) {
-    c_string_ptr dir(configured);
-    if (chdir(dir.get()) != 0) {
-      log_error("Change working dir error.");
-      return -1;
-    }
-    path = std::string(dir.get()) + "/ymgrd.pid";
+  if (conf_load_config(&configured) != 0) {
+    log_error("Get working dir error.");
+    return -1;
   }
-  *ret_path = path;
+  c_string_ptr dir(configured);
+  if (dir == nullptr) {
+    *ret_path = DEFAULT_INSTANCE_PATH;
+    return 0;
+  }
+  if (chdir(dir.get()) != 0) {
+    log_error("Change working dir error.");
+    return -1;
+  }
+  *ret_path = std::string(dir.get()) + "/ymgrd.pid";
   return 0;
 }
 

@@ -35,15 +35,16 @@ void list_order::prepend(std::string_view member)
   order_.insert(order_.begin(), id_of_new(member));
 }
 
-void list_order::remove(std::string_view member)
+bool list_order::remove(std::string_view member)
 {
   auto known = ids_.find(member);
   if (known == ids_.end()) {
-    return;
+    return false;
   }
   removed_[known->second] = true;
   has_removed_ = true;
   ids_.erase(known); // added again, it is a new one
+  return true;
 }
 
 void list_order::insert(size_t position, std::string_view member)
@@ -85,8 +86,9 @@ std::vector<std::string_view> list_order::members()
   return members;
 }
 
-void db_apply_list_op(list_order *order, const pending_op_t &op)
+void db_apply_list_op(pending_list_t *list, const pending_op_t &op)
 {
+  list_order *order = list->order.get();
   switch (op.op) {
   case LIST_PUSH_HEAD:
     order->prepend(op.member);
@@ -95,7 +97,9 @@ void db_apply_list_op(list_order *order, const pending_op_t &op)
     order->append(op.member);
     break;
   case LIST_REMOVE:
-    order->remove(op.member);
+    if (!order->remove(op.member)) {
+      list->missing.push_back(op.member);
+    }
     break;
   case LIST_INSERT_BEFORE:
     order->insert(order->position_of(op.pivot).value_or(order->size()), op.member);
@@ -154,7 +158,7 @@ void db_overlay::add_list_op(std::string_view list_key, pending_op_t op)
 {
   pending_list_t *list = list_at(list_key);
   if (list->order != nullptr) {
-    db_apply_list_op(list->order.get(), op);
+    db_apply_list_op(list, op);
   }
   list->searches += op.op == LIST_REMOVE || op.op == LIST_INSERT_BEFORE ? 1 : 0;
   list->ops.push_back(std::move(op));

@@ -27,7 +27,7 @@ class list_order {
 public:
   void append(std::string_view member);
   void prepend(std::string_view member);
-  void remove(std::string_view member);
+  bool remove(std::string_view member);                  // false when it was not there
   void insert(size_t position, std::string_view member); // position <= size()
   std::optional<size_t> position_of(std::string_view member);
   std::string_view at(size_t position);
@@ -58,9 +58,11 @@ typedef struct _pending_list {
   size_t searches = 0;               // operations that make the server search the list
   bool starts_empty = false;         // what Redis holds is deleted before
   std::unique_ptr<list_order> order; // when positions were needed: the entries after `ops`
+  std::vector<std::string> missing;  // what `ops` removed from `order` in vain
 } pending_list_t;
 
-void db_apply_list_op(list_order *order, const pending_op_t &op);
+// Does to the list's order what the operation does in Redis.
+void db_apply_list_op(pending_list_t *list, const pending_op_t &op);
 
 enum { FIELD_REMOVED = 0 }; // else DB_VALUE_NODE or DB_VALUE_LIST
 

@@ -96,7 +96,7 @@ typedef struct _special_char {
 const special_char_t special_chars[] = {{'&', "&amp;"}, {'<', "&lt;"},   {'>', "&gt;"},  {'"', "&quot;"},
                                         {'\t', "&#9;"}, {'\r', "&#13;"}, {'\n', "&#10;"}};
 
-void escape(std::string *dest, std::string_view text)
+void escape(wiped_string *dest, std::string_view text)
 {
   size_t copied = 0;
   for (size_t i = text.find_first_of("&<>\"\t\r\n"); i != NOWHERE; i = text.find_first_of("&<>\"\t\r\n", i + 1)) {
@@ -111,7 +111,7 @@ void escape(std::string *dest, std::string_view text)
   dest->append(text, copied);
 }
 
-void unescape(std::string *dest, std::string_view text)
+void unescape(wiped_string *dest, std::string_view text)
 {
   while (!text.empty()) {
     const special_char_t *found = nullptr;
@@ -278,7 +278,7 @@ int db_read_value(std::string_view value, int32_t *ret_type, std::string_view *r
   return 0;
 }
 
-void handle_special_key(std::string *dest, std::string_view text, int flag)
+void handle_special_key(wiped_string *dest, std::string_view text, int flag)
 {
   if (dest == nullptr) {
     log_error("handle special key error....");

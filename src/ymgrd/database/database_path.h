@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "libconf/wiped_string.h"
+
 typedef enum _db_node_type {
   DB_NODE_ERROR = -1,
   DB_NODE_TOPNODE = 0,
@@ -50,5 +52,5 @@ std::string db_make_value(int32_t type, std::string_view text);
 int db_read_value(std::string_view value, int32_t *ret_type, std::string_view *ret_text);
 
 enum { DB_XML_UNESCAPE = 0, DB_XML_ESCAPE = 1 };
-// Appends `text` with its special characters escaped, or its entities replaced.
-void handle_special_key(std::string *dest, std::string_view text, int flag);
+// Appends `text` with its special characters escaped, or its entities replaced. The text may be a secret.
+void handle_special_key(wiped_string *dest, std::string_view text, int flag);

@@ -16,14 +16,15 @@
 
 namespace {
 
-// libxml2 compares each attribute of a tag with all others of it: a tag of 400 KB would hold the daemon up for 12 seconds.
+// libxml2 compares each attribute of a tag with all others of it: a tag of 400 KB would hold the daemon up for 12
+// seconds.
 constexpr int MAX_ATTRIBUTES = 256;
 // Each prefix is looked for in all declarations in scope.
 constexpr int MAX_NAMESPACES_IN_SCOPE = 256;
 
 // Requests are UTF-8. A declared encoding is ignored, so that no other one gets past the checks made on the bytes.
-constexpr int PARSE_OPTIONS =
-    XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NODICT | XML_PARSE_NOCDATA | XML_PARSE_IGNORE_ENC;
+constexpr int PARSE_OPTIONS = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NODICT |
+                              XML_PARSE_NOCDATA | XML_PARSE_IGNORE_ENC;
 constexpr std::string_view UTF8_BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 
 struct parser_delete_t {
@@ -36,8 +37,14 @@ struct parser_delete_t {
 };
 using parser_ptr = std::unique_ptr<xmlParserCtxt, parser_delete_t>;
 
-const xmlChar *as_xml(const char *text) { return reinterpret_cast<const xmlChar *>(text); }
-const char *as_char(const xmlChar *text) { return reinterpret_cast<const char *>(text); }
+const xmlChar *as_xml(const char *text)
+{
+  return reinterpret_cast<const xmlChar *>(text);
+}
+const char *as_char(const xmlChar *text)
+{
+  return reinterpret_cast<const char *>(text);
+}
 
 void wiping_free(void *block)
 {
@@ -164,7 +171,10 @@ int append_output(void *context, const char *bytes, int length)
 
 } // namespace
 
-void lyxml_root_delete_t::operator()(lyxml_elem *root) const { xmlFreeDoc(root->doc); }
+void lyxml_root_delete_t::operator()(lyxml_elem *root) const
+{
+  xmlFreeDoc(root->doc);
+}
 
 void lyxml_init_wiping_memory()
 {
@@ -260,7 +270,10 @@ std::string lyxml_print_self_contained(lyxml_elem *elem)
   return lyxml_print_mem(elem);
 }
 
-std::string_view lyxml_name(const lyxml_elem *elem) { return as_char(elem->name); }
+std::string_view lyxml_name(const lyxml_elem *elem)
+{
+  return as_char(elem->name);
+}
 
 std::string_view lyxml_ns(const lyxml_elem *elem)
 {
@@ -278,7 +291,10 @@ std::string lyxml_text(const lyxml_elem *elem)
   return text;
 }
 
-bool lyxml_is_blank(std::string_view text) { return text.find_first_not_of(" \t\r\n") == std::string_view::npos; }
+bool lyxml_is_blank(std::string_view text)
+{
+  return text.find_first_not_of(" \t\r\n") == std::string_view::npos;
+}
 
 lyxml_elem *lyxml_first_child(const lyxml_elem *parent)
 {

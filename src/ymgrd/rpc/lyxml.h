@@ -26,10 +26,11 @@ lyxml_ptr lyxml_parse_mem(std::string_view text);
 
 // A new document with the root element `name`, in no namespace.
 lyxml_ptr lyxml_new_root(const char *name);
-// A new last child of `parent`, in the namespace of `parent`; `text` may be null and is taken as characters, not markup.
-// Null only when memory is short. Owned by the tree.
+// A new last child of `parent`, in the namespace of `parent`; `text` may be null and is taken as characters, not
+// markup. Null only when memory is short. Owned by the tree.
 lyxml_elem *lyxml_new_elem(lyxml_elem *parent, const char *name, const char *text);
-// Declares `ns` on the element (with `prefix`, or as the default namespace when null) and puts the element into it. 0 or -1.
+// Declares `ns` on the element (with `prefix`, or as the default namespace when null) and puts the element into it. 0
+// or -1.
 int lyxml_set_elem_ns(lyxml_elem *elem, const char *ns, const char *prefix);
 int lyxml_set_elem_attr(lyxml_elem *elem, const char *name, const char *value);
 // Unlinks the element from its tree and frees it with all below.
@@ -37,7 +38,8 @@ void lyxml_free_elem(lyxml_elem *elem);
 
 // The element's markup, without declaration, as UTF-8.
 std::string lyxml_print_mem(const lyxml_elem *elem);
-// The same, with every namespace declared that is in scope: the text can be parsed on its own, prefixes in values included.
+// The same, with every namespace declared that is in scope: the text can be parsed on its own, prefixes in values
+// included.
 std::string lyxml_print_self_contained(lyxml_elem *elem);
 
 std::string_view lyxml_name(const lyxml_elem *elem);
@@ -50,7 +52,8 @@ lyxml_elem *lyxml_first_child(const lyxml_elem *parent);
 lyxml_elem *lyxml_next(const lyxml_elem *elem);
 // First child element of that name, in any namespace; null when there is none.
 lyxml_elem *lyxml_find_child(const lyxml_elem *parent, const char *name);
-// The element reached from `root` (itself the first name) through the names up to an empty slot (null); null when one is missing.
+// The element reached from `root` (itself the first name) through the names up to an empty slot (null); null when one
+// is missing.
 lyxml_elem *lyxml_rpc_get_elem(lyxml_elem *root, const char *const *path);
 // Value of the attribute, whatever its namespace; empty and false when it is missing.
 bool lyxml_get_attr(const lyxml_elem *elem, const char *name, std::string *ret_value);

@@ -99,6 +99,12 @@ rpc_oper_context_t *save_request(int session_id, const std::string &oper, std::s
   return context;
 }
 
+// One subscriber has failed, but a further one has the request and will reply.
+bool is_with_further_subscriber(const rpc_oper_context_t &context)
+{
+  return context.is_chained && context.need_reply_ok != 0;
+}
+
 } // namespace
 
 int rpc_recv_proc(int session_id, const msg_head_t *head, std::string_view payload)
@@ -137,16 +143,19 @@ int rpc_publish_request(int session_id)
   if (broker_publish_operation(session_id) == 0) {
     return 0;
   }
-  rpc_oper_context_t *context = session_get_rpc_context(session_id);
+  const rpc_oper_context_t *context = session_get_rpc_context(session_id);
   if (context == nullptr) {
     return -1; // answered, which ended the request
   }
-  if (context->is_chained && context->need_reply_ok != 0) {
-    return 0; // one subscriber has failed, but a further one has the request and will reply
+  if (!is_with_further_subscriber(*context)) { // then its subscriber has failed without a reply
+    (void)answer_kind(session_id, context->rpc.get(), REPLY_ERR_OP_FAILED);
+    context = session_get_rpc_context(session_id);
   }
-  context->need_reply_ok = 0; // this error is for the agent, not for a further subscriber
-  lyxml_ptr rpc = std::move(context->rpc);
-  return answer_kind(session_id, rpc.get(), REPLY_ERR_OP_FAILED);
+  if (context != nullptr && is_with_further_subscriber(*context)) {
+    return 0;
+  }
+  session_del_rpc_context(session_id);
+  return -1;
 }
 
 std::string rpc_operation_name(const lyxml_elem *rpc)

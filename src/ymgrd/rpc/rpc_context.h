@@ -24,9 +24,9 @@ static_assert(sizeof(msg_head_t) == 12 && std::is_trivially_copyable_v<msg_head_
 typedef struct _rpc_oper_context {
   int session_id = 0;
   int is_publishing = 0;
-  std::string oper;   // "/MODULE:NAME"
-  wiped_string data;  // the request text
-  lyxml_ptr rpc;      // the request
+  std::string oper;           // "/MODULE:NAME"
+  wiped_string data;          // the request text
+  lyxml_ptr rpc;              // the request
   unsigned need_reply_ok = 0; // subscribers that were handed the request and owe a reply
   bool is_chained = false;    // an error was held back because a further subscriber took the request
   unsigned have_subscriber = 0;

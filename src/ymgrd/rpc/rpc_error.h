@@ -52,7 +52,8 @@ typedef struct _reply_error {
 
 // A record filled from the table's first row of `err_type`; empty when the table has none; null when memory is short.
 reply_error_t *rpc_create_error(int err_type);
-// A new record in front of the chain `error` (may be null); the new head, which owns the chain. On failure the old head.
+// A new record in front of the chain `error` (may be null); the new head, which owns the chain. On failure the old
+// head.
 reply_error_t *rpc_append_error(reply_error_t *error, int err_type);
 // Replaces one field by a copy of `value`. 0 or -1.
 int rpc_set_error_field(reply_error_t *error, int field, const char *value);

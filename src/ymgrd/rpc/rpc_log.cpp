@@ -2,7 +2,6 @@
 
 #include "libconf/safe_string.h"
 #include "ymgrd/core/log.h"
-#include "ymgrd/rpc/rpc.h"
 #include "ymgrd/rpc/rpc_reply.h"
 #include "ymgrd/rpc/session.h"
 
@@ -20,13 +19,15 @@ void rpc_log(int session_id, const lyxml_elem *rpc)
   }
   const session_t *session = session_find(session_id);
   std::string username = session == nullptr ? "" : session->username;
+  std::string message_id;
+  (void)lyxml_get_attr(rpc, "message-id", &message_id); // stays empty when there is none
   std::string address = session == nullptr ? "" : session_client_address(*session);
 
   // The caps let every head fit: no choice of name or message id keeps a request out of the log.
   char head[HEAD_SIZE];
   int length = snprintf_s(head, sizeof(head),
                           "Operation information(user=\"%.128s\", from=\"%s\", message-id=\"%.128s\", content=",
-                          username.c_str(), address.c_str(), rpc_get_msgid(rpc).c_str());
+                          username.c_str(), address.c_str(), message_id.c_str());
   if (length < 0) {
     log_error("Format head error, return len=%d.", length);
     return;

@@ -44,7 +44,8 @@ int add_error(lyxml_elem *reply, const reply_error_t &error)
   return 0;
 }
 
-// An error is held back while a further subscriber of the operation takes the request: the agent gets one reply for all.
+// An error is held back while a further subscriber of the operation takes the request: the agent gets one reply for
+// all.
 bool is_held_back(int session_id, const lyxml_elem *reply)
 {
   rpc_oper_context_t *context = session_get_rpc_context(session_id);
@@ -222,4 +223,7 @@ int rpc_answer_error(int session_id, const lyxml_elem *rpc, reply_error_ptr erro
   return -1;
 }
 
-void rpc_set_next_subscriber_hook(int (*publish_next)(int session_id)) { next_subscriber_hook = publish_next; }
+void rpc_set_next_subscriber_hook(int (*publish_next)(int session_id))
+{
+  next_subscriber_hook = publish_next;
+}

@@ -14,8 +14,14 @@ lyxml_ptr rpc_build_reply_ok(const lyxml_elem *rpc);
 // One <rpc-error> for each record, in chain order. Takes the chain over in every case.
 lyxml_ptr rpc_build_reply_error(const lyxml_elem *rpc, reply_error_ptr error);
 
-inline lyxml_ptr xml_rpc_build_reply(const xmlNode *rpc) { return rpc_build_reply(rpc); }
-inline lyxml_ptr xml_rpc_build_reply_ok(const xmlNode *rpc) { return rpc_build_reply_ok(rpc); }
+inline lyxml_ptr xml_rpc_build_reply(const xmlNode *rpc)
+{
+  return rpc_build_reply(rpc);
+}
+inline lyxml_ptr xml_rpc_build_reply_ok(const xmlNode *rpc)
+{
+  return rpc_build_reply_ok(rpc);
+}
 inline lyxml_ptr xml_rpc_build_reply_error(const xmlNode *rpc, reply_error_ptr error)
 {
   return rpc_build_reply_error(rpc, std::move(error));
@@ -23,7 +29,10 @@ inline lyxml_ptr xml_rpc_build_reply_error(const xmlNode *rpc, reply_error_ptr e
 
 // Ends the session's request (unless the request goes on to a further subscriber) and queues the reply. 0 or -1.
 int rpc_send_reply(int session_id, const lyxml_elem *reply);
-inline int xml_rpc_send_reply(int session_id, const xmlNode *reply) { return rpc_send_reply(session_id, reply); }
+inline int xml_rpc_send_reply(int session_id, const xmlNode *reply)
+{
+  return rpc_send_reply(session_id, reply);
+}
 // The same for a reply whose <data> content is markup text that is not parsed again: `reply` must hold an empty <data/>
 // as its only child, `data` becomes its content.
 int rpc_send_data_reply(int session_id, const lyxml_elem *reply, std::string_view data);

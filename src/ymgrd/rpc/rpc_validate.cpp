@@ -1,5 +1,5 @@
-// The check of the NETCONF rpc layer: what libyang knows of the protocol's own operations is checked here, what lies below
-// an anyxml node (configurations, filters) is the handlers' to check.
+// The check of the NETCONF rpc layer: what libyang knows of the protocol's own operations is checked here, what lies
+// below an anyxml node (configurations, filters) is the handlers' to check.
 #include <cstring>
 #include <string>
 #include <vector>

@@ -43,7 +43,10 @@ bool is_publishing(const session_t &session)
   return session.rpc_context != nullptr && session.rpc_context->is_publishing != 0;
 }
 
-bool has_unwritten_replies(const session_t &session) { return session.sock >= 0 && session.send_buf->used > 0; }
+bool has_unwritten_replies(const session_t &session)
+{
+  return session.sock >= 0 && session.send_buf->used > 0;
+}
 
 // A request that still waits for its turn does not keep a killed session.
 bool may_close(const session_t &session)
@@ -217,7 +220,10 @@ void shut_down()
 }
 
 // A session whose peer reads nothing is idle too: it has no request in progress.
-bool is_idle(const session_t &session) { return session.bit_rpc || session.rpc_context == nullptr; }
+bool is_idle(const session_t &session)
+{
+  return session.bit_rpc || session.rpc_context == nullptr;
+}
 
 // Called once per idle pass: counts it when only unwritten replies keep the session.
 bool is_to_be_closed(session_t &session)
@@ -252,14 +258,20 @@ std::vector<int> sweep_sessions()
 
 } // namespace
 
-void session_set_hooks(const session_hooks_t &hooks) { session_hooks = hooks; }
+void session_set_hooks(const session_hooks_t &hooks)
+{
+  session_hooks = hooks;
+}
 
 session_t *session_find(int session_id)
 {
   return session_id < 1 ? nullptr : static_cast<session_t *>(context_get_list_entry(SESSION_LIST, session_id - 1));
 }
 
-int session_spec() { return context_get_int("OPT-session-spec", DEFAULT_SESSION_SPEC); }
+int session_spec()
+{
+  return context_get_int("OPT-session-spec", DEFAULT_SESSION_SPEC);
+}
 
 int session_count()
 {
@@ -271,9 +283,15 @@ int session_count()
   return count;
 }
 
-bool session_is_overload() { return session_count() >= std::min(session_spec(), MAX_SESSION_SPEC); }
+bool session_is_overload()
+{
+  return session_count() >= std::min(session_spec(), MAX_SESSION_SPEC);
+}
 
-int agent_service_sock() { return context_get_int("OPT-agent-sock", -1); }
+int agent_service_sock()
+{
+  return context_get_int("OPT-agent-sock", -1);
+}
 
 int agent_service_wakeup(uint32_t event)
 {
@@ -511,7 +529,10 @@ std::string session_client_address(const session_t &session)
   return text;
 }
 
-bool session_is_shutting_down() { return g_shutdown != NO_SHUTDOWN; }
+bool session_is_shutting_down()
+{
+  return g_shutdown != NO_SHUTDOWN;
+}
 
 void session_begin_shutdown(int session_id, std::string reply_text)
 {

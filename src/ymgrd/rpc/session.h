@@ -13,8 +13,8 @@
 
 // A session is idle (bit_rpc set) or processes one request (bit_rpc clear): further requests stay in the socket.
 typedef struct _session {
-  int session_id = 0; // index in "LIST-session" plus one
-  int sock = -1; // -1 once closed, when the record only waits for its publication to end
+  int session_id = 0;   // index in "LIST-session" plus one
+  int sock = -1;        // -1 once closed, when the record only waits for its publication to end
   std::string username; // of create-session, blanks stripped
   int agent_ppid = 0;
   bool bit_init = false; // create-session has completed
@@ -56,8 +56,8 @@ bool session_is_overload();
 
 int agent_service_sock(); // -1 before the agent service is open
 int agent_service_wakeup(uint32_t event);
-int session_inst_init(int sock);                          // 0 or -1; on -1 the caller still owns the socket
-int session_inst_wakeup(int session_id, uint32_t event);  // 0 or -1
+int session_inst_init(int sock);                         // 0 or -1; on -1 the caller still owns the socket
+int session_inst_wakeup(int session_id, uint32_t event); // 0 or -1
 // Closes the connection. The record stays, with its id, while a request of the session is still with its subscribers.
 void session_inst_exit(int session_id);
 void session_timeout(); // once per idle second
@@ -68,8 +68,8 @@ void session_forget_all();
 int session_cache_send(int session_id, int type, const char *buf, int len);
 // The same for a message that lies in several pieces, of which it consists in that order.
 int session_cache_send_pieces(int session_id, int type, std::span<const std::string_view> pieces);
-// Tells the event loop what the session waits for: a request while it may take one, room in the socket while messages are
-// queued or the session is only to be closed. To be called after each change of these. 0 or -1.
+// Tells the event loop what the session waits for: a request while it may take one, room in the socket while messages
+// are queued or the session is only to be closed. To be called after each change of these. 0 or -1.
 int session_schedule(int session_id);
 // Starts the next waiting request of any session, the ones after `session_id` first.
 void session_schedule_next(int session_id);

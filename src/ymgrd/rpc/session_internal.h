@@ -16,5 +16,6 @@ session_recv_t session_core_recv(session_t &session);
 session_recv_t session_get_rpc(session_t &session, msg_head_t *ret_head, std::string_view *ret_payload);
 void session_free_message(session_t &session, const msg_head_t &head);
 
-// Writes what the socket takes of the first queued message; a request whose reply is written is over. 0, or -1 (logged).
+// Writes what the socket takes of the first queued message; a request whose reply is written is over. 0, or -1
+// (logged).
 int session_core_send(session_t &session);

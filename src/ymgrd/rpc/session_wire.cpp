@@ -30,7 +30,8 @@ bool is_whole_message(const conf_buffer_t &buffer)
          buffer.used - HEAD_SIZE >= front_head(buffer).length;
 }
 
-// Cuts off everything before the next magic, or what may be its first bytes at the buffer's end. The number of bytes cut.
+// Cuts off everything before the next magic, or what may be its first bytes at the buffer's end. The number of bytes
+// cut.
 size_t drop_garbage(conf_buffer_t *buffer)
 {
   size_t skip = 1;
@@ -81,7 +82,8 @@ session_recv_t read_piece(session_t &session, size_t missing)
 }
 
 // 0, or -1 (logged) with the queue unchanged.
-int append_message(session_t &session, const msg_head_t &head, size_t body_size, std::span<const std::string_view> pieces)
+int append_message(session_t &session, const msg_head_t &head, size_t body_size,
+                   std::span<const std::string_view> pieces)
 {
   conf_buffer_t *buffer = session.send_buf.get();
   size_t used_before = buffer->used;

@@ -205,25 +205,11 @@ int enable_features(lys_module *module, const std::vector<std::string> &configur
   return enable_one_by_one(module, std::move(enabled), std::move(added));
 }
 
-// A deviation may name nodes that exist only with a feature: its target comes first, with the features of the profile.
-// Whatever fails here fails again, and is reported, when the deviation is parsed.
-void load_deviation_target(const model_config_t &mod_cfg)
-{
-  std::string name(schema_modelcfg_name(mod_cfg));
-  std::string revision = mod_cfg.name.size() > name.size() ? mod_cfg.name.substr(name.size() + 1) : "";
-  if (ly_ctx_load_module(schema_ctx(), name.c_str(), revision.empty() ? nullptr : revision.c_str(), nullptr) !=
-      nullptr) {
-    (void)enable_features(ly_ctx_get_module_implemented(schema_ctx(), name.c_str()), mod_cfg.feature);
-  }
-}
-
-// Parses the module's file, or that of the deviation when one is given, and enables the module's features.
+// Parses the module's file, or that of the deviation when one is given (which makes libyang load the module and deviate
+// it), and enables the module's features.
 int schema_add_module(const model_config_t &mod_cfg, const std::string *deviation_name)
 {
   std::string name(schema_modelcfg_name(mod_cfg));
-  if (deviation_name != nullptr) {
-    load_deviation_target(mod_cfg);
-  }
   const std::string &file_name = deviation_name != nullptr ? *deviation_name : mod_cfg.name;
   schema_source_t source = schema_get_file_path(file_name);
   // A few modules are part of libyang and need no file.

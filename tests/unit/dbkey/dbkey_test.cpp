@@ -136,14 +136,6 @@ TEST_F(dbkey, prefix_stands_on_the_first_foreign_segment_only)
   EXPECT_EQ("/ex-sys:system/mode/static/ex-ext:extra", keys["/ex-sys:system/ex-ext:extra"]);
 }
 
-TEST_F(dbkey, subtree_gets_the_whole_keys_of_its_ancestors)
-{
-  auto tree = parse_system("<user><name>a</name><level>3</level></user>");
-  auto keys = keys_of(lyd_child(tree.get()));
-  EXPECT_EQ(3U, keys.size());
-  EXPECT_EQ("/ex-sys:system/user[]/level", keys["/ex-sys:system/user[name=\"a\"]/level"]);
-}
-
 TEST_F(dbkey, empty_element_that_its_type_refuses_has_the_keys_of_its_leaf)
 {
   auto tree = parse_system("<user><name>a</name><level/></user>");

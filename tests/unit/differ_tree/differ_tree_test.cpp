@@ -154,15 +154,6 @@ TEST_F(differ_tree, root_record_moves_to_the_successor_of_the_first_node)
   EXPECT_EQ(nullptr, free_differ_root(root));
 }
 
-TEST_F(differ_tree, lists_keep_their_order_whether_or_not_the_end_is_known)
-{
-  differ_node_t *parent = node("/m:c", 8, {node("/m:c/a", 1)});
-  differ_node_add_child(parent, nullptr, list({node("/m:c/b", 1), node("/m:c/d", 1)}));
-  differ_node_add_sibling(parent->child, parent->child->next, node("/m:c/b2", 1));
-  EXPECT_EQ((node_texts{"/m:c (8)", "/m:c/a (1)", "/m:c/b (1)", "/m:c/b2 (1)", "/m:c/d (1)"}), texts(parent));
-  free_differ_tree(parent);
-}
-
 TEST_F(differ_tree, codes_of_one_leaf_combine_row_by_row)
 {
   const node_texts nothing;
@@ -269,22 +260,6 @@ TEST_F(differ_tree, values_compare_as_plain_texts_when_stored_enciphered)
   EXPECT_EQ(0, compare_encrypt("#%broken", "#%broken"));
   EXPECT_EQ(-1, compare_encrypt(nullptr, "a"));
   EXPECT_EQ(node_texts{}, merged(leaf("#%1secret", 2), leaf("#%2secret", 1)));
-}
-
-TEST_F(differ_tree, search_finds_a_path_or_at_least_an_entry_of_its_list)
-{
-  differ_node_t *tree = list({node("/m:a", 8, {node("/m:a/l[k=\"1\"]", 1)}),
-                              node("/m:c", 8, {node("/m:c/l[k=\"1\"]", 1), node("/m:c/l[k=\"2\"]", 1)})});
-  differ_node_t *present = node("/m:c/l[k=\"2\"]", 16);
-  differ_node_t *absent = node("/m:c/l[k=\"3\"]", 16);
-  differ_node_t *sibling = nullptr;
-  EXPECT_EQ(tree->next->child->next, find_node_in_differ_tree(tree, present, &sibling));
-  sibling = nullptr;
-  EXPECT_EQ(nullptr, find_node_in_differ_tree(tree, absent, &sibling));
-  EXPECT_EQ(tree->next->child, sibling);
-  for (differ_node_t *one : {tree, present, absent}) {
-    free_differ_tree(one);
-  }
 }
 
 TEST_F(differ_tree, moves_join_the_changes_of_their_entries)

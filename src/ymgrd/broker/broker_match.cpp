@@ -1,0 +1,126 @@
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+
+#include "libconf/plugin_path.h"
+#include "ymgrd/broker/broker_internal.h"
+#include "ymgrd/core/log.h"
+
+namespace {
+
+typedef enum _path_relation {
+  PATH_APART,
+  PATH_MATCHES, // the node lies at or below the subscriber's path
+  PATH_LEADS,   // the subscriber's path may lie below the node
+} path_relation_t;
+
+path_relation_t relate(broker_schema_paths *paths, const std::string &path, const differ_node_t *node)
+{
+  const std::string *node_path = paths->of(node);
+  if (node_path == nullptr) {
+    return PATH_APART;
+  }
+  if (node_path->starts_with(path) &&
+      (node_path->size() == path.size() || path == "/" || (*node_path)[path.size()] == '/')) {
+    return PATH_MATCHES;
+  }
+  return path.starts_with(*node_path) ? PATH_LEADS : PATH_APART;
+}
+
+bool is_list_entry(const char *schema_path)
+{
+  size_t length = std::strlen(schema_path);
+  while (length > 0 && std::isspace(static_cast<unsigned char>(schema_path[length - 1])) != 0) {
+    length--;
+  }
+  return length > 0 && schema_path[length - 1] == ']';
+}
+
+bool is_in_list(const differ_node_t *node)
+{
+  return node != nullptr && node->schema_path != nullptr && std::strchr(node->schema_path, ']') != nullptr;
+}
+
+} // namespace
+
+const std::string *broker_schema_paths::of(const differ_node_t *node)
+{
+  auto [known, is_new] = std_paths_.try_emplace(node->schema_path);
+  if (is_new && node->schema_path != nullptr) {
+    known->second = plugin_path_schema2std(node->schema_path);
+    if (!known->second) {
+      log_warn("Duplicate string <%.512s> failed(%s).", node->schema_path, std::strerror(EINVAL));
+    }
+  }
+  return known->second ? &*known->second : nullptr;
+}
+
+differ_node_t *broker_first_diffnode(broker_schema_paths *paths, const std::string &path, differ_node_t *node)
+{
+  for (; node != nullptr; node = node->next) {
+    path_relation_t relation = relate(paths, path, node);
+    if (relation == PATH_MATCHES) {
+      return node;
+    }
+    differ_node_t *found = relation == PATH_LEADS ? broker_first_diffnode(paths, path, node->child) : nullptr;
+    if (found != nullptr) {
+      return found;
+    }
+  }
+  return nullptr;
+}
+
+differ_node_t *broker_last_diffnode(broker_schema_paths *paths, const std::string &path, differ_node_t *node)
+{
+  for (; node != nullptr; node = node->prev) {
+    path_relation_t relation = relate(paths, path, node);
+    if (relation == PATH_MATCHES) {
+      return node;
+    }
+    if (relation != PATH_LEADS) {
+      continue;
+    }
+    differ_node_t *found = broker_last_diffnode(paths, path, differ_node_last(node->child));
+    if (found != nullptr) {
+      return found;
+    }
+  }
+  return nullptr;
+}
+
+differ_node_t *broker_next_diffnode(broker_schema_paths *paths, const std::string &path, differ_node_t *cur)
+{
+  if (!is_in_list(cur)) {
+    return nullptr; // outside lists a subtree is offered once
+  }
+  for (; cur != nullptr; cur = cur->parent) {
+    if (cur->schema_path == nullptr) {
+      log_error("schema path is NULL. data path:%.512s.", cur->data_path == nullptr ? "" : cur->data_path);
+      return nullptr;
+    }
+    // All siblings behind are searched at once: when they hold no match, only the entry further up is left.
+    differ_node_t *found = is_list_entry(cur->schema_path) ? broker_first_diffnode(paths, path, cur->next) : nullptr;
+    if (found != nullptr) {
+      return found;
+    }
+  }
+  return nullptr;
+}
+
+differ_node_t *broker_prev_diffnode(broker_schema_paths *paths, const std::string &path, differ_node_t *cur)
+{
+  if (!is_in_list(cur)) {
+    return nullptr;
+  }
+  for (; cur != nullptr; cur = cur->parent) {
+    if (cur->schema_path == nullptr) {
+      log_error("schema path not exist. path:%.512s.", path.c_str());
+      return nullptr;
+    }
+    differ_node_t *found = is_list_entry(cur->schema_path) ? broker_last_diffnode(paths, path, cur->prev) : nullptr;
+    if (found != nullptr) {
+      return found;
+    }
+  }
+  return nullptr;
+}

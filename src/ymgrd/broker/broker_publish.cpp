@@ -1,0 +1,359 @@
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+#include <memory>
+#include <new>
+
+#include "libconf/conf_misc.h"
+#include "libconf/plugin_path.h"
+#include "ymgrd/broker/broker_internal.h"
+#include "ymgrd/core/context.h"
+#include "ymgrd/core/keepalive.h"
+#include "ymgrd/core/log.h"
+
+namespace {
+
+constexpr uint32_t PUBLISH_TIMEOUT_TICKS = 60;
+constexpr int NODES_PER_KEEPALIVE = 1000;
+
+// The cursor of a configuration publication:
+//
+//   forward walk <-> waiting --- failure, rollback-on-error --> rollback walk <-> waiting
+//        |                                                           |
+//        +---- all offered, or failure, stop-on-error --> ended <----+
+typedef struct _broker_pub {
+  int sid = 0;
+  int error_opt = 0; // ERROR_OPTION_...
+  bool bit_rollback = false;
+  bool is_any_offered = false;
+  uint32_t timeout = 0;          // ticks spent waiting for the current reply
+  reply_error_ptr errors;        // gathered so far, the newest first
+  differ_node_t *tree = nullptr; // borrowed until the end
+  broker_schema_paths paths;     // of the tree
+  subscriber_pos suber;          // the end of the list: before the first one
+  bool is_suber_done = true;     // `suber` was offered all its nodes, and the one behind it none
+  differ_node_t *cur = nullptr;  // offered last to `suber`
+  differ_node_t *next = nullptr; // to be offered next, in the forward walk
+  differ_node_t *prev = nullptr; // to be offered next, in the rollback walk
+} broker_pub_t;
+
+// Its address is the option "OPT-broker-publish" while it runs.
+std::unique_ptr<broker_pub_t> publication;
+
+broker_pub_t *get_publication()
+{
+  return context_get_record<broker_pub_t>(BROKER_PUBLISH_OPTION);
+}
+
+// --- The end of a publication: what nobody took is reported.
+
+void count_unprocessed_node()
+{
+  static int nodes = 0;
+  nodes++;
+  if (nodes == NODES_PER_KEEPALIVE) {
+    nodes = 0;
+    ymgrd_send_keepalive_msg(0, 0);
+  }
+}
+
+// Whether a node below `node` was offered to a subscriber.
+bool broker_check_diffpub(const differ_node_t *node)
+{
+  for (const differ_node_t *child = node->child; child != nullptr; child = child->next) {
+    if (child->pub_flag != 0 || broker_check_diffpub(child)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void broker_log_unsub_tree(const differ_node_t *node, bool is_any_offered)
+{
+  for (; node != nullptr; node = node->next) {
+    if (node->pub_flag != 0) {
+      continue;
+    }
+    count_unprocessed_node();
+    if (is_any_offered && broker_check_diffpub(node)) {
+      broker_log_unsub_tree(node->child, is_any_offered);
+    } else {
+      log_warn("Subtree on [%.512s] is not processed.", node->data_path);
+    }
+  }
+}
+
+void broker_publish_stop()
+{
+  broker_pub_t *pub = get_publication();
+  if (context_get_option(BROKER_PUBLISH_OPTION) == nullptr) {
+    log_error("Get current broker-publish information failed(stop).");
+  } else if (pub == nullptr) {
+    log_error("Invalid OPT_BROKER_PUB option.");
+  }
+  int is_rollback = 0;
+  reply_error_ptr errors;
+  if (pub != nullptr) {
+    if (pub->bit_rollback) {
+      is_rollback = 1;
+    } else {
+      broker_log_unsub_tree(pub->tree, pub->is_any_offered);
+    }
+    errors = std::move(pub->errors);
+  }
+  broker_publish_abandon();
+  (void)broker_hooks().publish_ended(is_rollback, std::move(errors)); // it answers the session itself
+}
+
+// --- One delivery.
+
+// Every failure leaves an error behind: without one the change would count as accepted.
+void fail_delivery(broker_pub_t *pub, const differ_node_t *node, const reply_error_t *errors_before)
+{
+  log_debug("Publish config <%.512s> from session %d failed.", node->data_path, pub->sid);
+  if (pub->errors.get() == errors_before) {
+    (void)broker_save_error(-1, "Publish configuration failed");
+  }
+}
+
+// Offers a node to the current subscriber. The status of the delivery; the subscriber may have gone afterwards.
+int offer(broker_pub_t *pub, const differ_node_t *node, int oper_type, bool is_more)
+{
+  std::optional<std::string> path = plugin_path_data2std(node->data_path);
+  if (!path) {
+    log_error("Data path %.512s to std failed.", node->data_path);
+    return SUBPUB_ERROR;
+  }
+  plugin_publish_info_t info = {};
+  info.session_id = pub->sid;
+  info.cb_func = pub->suber->sub_cb;
+  info.config_flag = true;
+  info.config.oper_type = oper_type;
+  info.config.priority = pub->suber->pri;
+  info.config.more_flag = is_more ? 1 : 0;
+  info.config.path = path->c_str();
+  int status = SUBPUB_ERROR;
+  (void)broker_hooks().publish_config(pub->suber->plugin_id, &info, &status); // `status` says it all
+  return status;
+}
+
+// --- The rollback walk: from the current subscriber to the first one, each with its nodes in reverse order.
+
+// The next node to take back, with the cursor on its subscriber; null when all is taken back.
+differ_node_t *next_to_take_back(broker_pub_t *pub)
+{
+  while (pub->suber != broker_registry().config_subs.end()) {
+    const std::string &path = pub->suber->path;
+    differ_node_t *node = pub->prev;
+    if (node == nullptr) {
+      node = pub->cur == nullptr ? broker_last_diffnode(&pub->paths, path, differ_node_last(pub->tree))
+                                 : broker_prev_diffnode(&pub->paths, path, pub->cur);
+    }
+    if (node != nullptr) {
+      pub->prev = broker_prev_diffnode(&pub->paths, path, node);
+      pub->cur = node;
+      return node;
+    }
+    pub->cur = nullptr;
+    auto &subscribers = broker_registry().config_subs;
+    pub->suber = pub->suber == subscribers.begin() ? subscribers.end() : std::prev(pub->suber);
+  }
+  return nullptr;
+}
+
+void broker_publish_rollback()
+{
+  broker_pub_t *pub = get_publication();
+  if (pub == nullptr) {
+    log_error("Get current broker information failed.");
+    return;
+  }
+  pub->bit_rollback = true;
+  while (differ_node_t *node = next_to_take_back(pub)) {
+    // `next` is what the forward walk left: a subscriber sees the flag of its last offer again.
+    int status = offer(pub, node, node->oper_type | DBDIFF_ROLLBACK, pub->next != nullptr);
+    if (status == SUBPUB_WAIT) {
+      pub->timeout = 0;
+      return;
+    }
+    if (status != SUBPUB_CONTINUE) {
+      log_warn("Config rollback failed on %.512s.", node->data_path);
+    }
+  }
+  broker_publish_stop();
+}
+
+// --- The forward walk: from the first subscriber to the last one, each with its nodes in document order.
+
+const struct {
+  int opt;
+  void (*func)();
+} g_tbl_erropt[] = {
+    {ERROR_OPTION_STOP, broker_publish_stop},
+    {ERROR_OPTION_ROLLBACK, broker_publish_rollback},
+};
+
+void broker_publish_failed(broker_pub_t *pub)
+{
+  if (pub->errors != nullptr && pub->cur != nullptr) {
+    std::string info = std::string("Error on node ") + pub->cur->data_path;
+    (void)rpc_set_error_field(pub->errors.get(), REPLY_ERR_FIELD_INFO, info.c_str()); // only an addition
+    log_error("Publish failed on (data:%.512s, suber: %.512s, pri: %d)", pub->cur->data_path, pub->suber->path.c_str(),
+              pub->suber->pri);
+  }
+  for (const auto &row : g_tbl_erropt) {
+    if (row.opt == pub->error_opt) {
+      row.func();
+      return;
+    }
+  }
+}
+
+// The next node to offer, with the cursor on its subscriber; null when all is offered.
+differ_node_t *next_to_offer(broker_pub_t *pub)
+{
+  auto &subscribers = broker_registry().config_subs;
+  while (true) {
+    if (pub->is_suber_done) {
+      subscriber_pos behind = pub->suber == subscribers.end() ? subscribers.begin() : std::next(pub->suber);
+      if (behind == subscribers.end()) {
+        return nullptr;
+      }
+      pub->suber = behind;
+      pub->is_suber_done = false;
+    }
+    const std::string &path = pub->suber->path;
+    differ_node_t *node = pub->cur == nullptr ? broker_first_diffnode(&pub->paths, path, pub->tree) : pub->next;
+    if (node != nullptr) {
+      pub->next = broker_next_diffnode(&pub->paths, path, node);
+      pub->cur = node;
+      return node;
+    }
+    pub->cur = nullptr;
+    pub->is_suber_done = true;
+  }
+}
+
+void broker_publish_core(broker_pub_t *pub)
+{
+  while (pub->errors == nullptr || pub->error_opt == ERROR_OPTION_CONTINUE) {
+    differ_node_t *node = next_to_offer(pub);
+    if (node == nullptr) {
+      broker_publish_stop();
+      return;
+    }
+    node->pub_flag = 1;
+    pub->is_any_offered = true;
+    const reply_error_t *errors_before = pub->errors.get();
+    int status = offer(pub, node, node->oper_type, pub->next != nullptr);
+    if (status == SUBPUB_WAIT) {
+      pub->timeout = 0;
+      return;
+    }
+    if (status != SUBPUB_CONTINUE) {
+      fail_delivery(pub, node, errors_before);
+    }
+  }
+  broker_publish_failed(pub);
+}
+
+bool is_error_option(int err_opt)
+{
+  return err_opt == ERROR_OPTION_STOP || err_opt == ERROR_OPTION_CONTINUE || err_opt == ERROR_OPTION_ROLLBACK;
+}
+
+} // namespace
+
+int broker_publish_config(int session_id, int err_opt, differ_node_t *tree)
+{
+  if (context_get_option(BROKER_PUBLISH_OPTION) != nullptr) {
+    log_error("The last publish configuration is not finished.");
+    return -1;
+  }
+  if (!is_error_option(err_opt)) { // after a failure it would neither end nor go on
+    log_error("Error-option %d of session %d is unknown.", err_opt, session_id);
+    return -1;
+  }
+  auto pub = std::unique_ptr<broker_pub_t>(new (std::nothrow) broker_pub_t);
+  if (pub == nullptr) {
+    log_error("Allocate memory failed(%s).", std::strerror(errno));
+    return -1;
+  }
+  pub->sid = session_id;
+  pub->error_opt = err_opt;
+  pub->tree = tree;
+  pub->suber = broker_registry().config_subs.end();
+  if (context_save_record(BROKER_PUBLISH_OPTION, pub.get()) != 0) {
+    log_error("Save %s option to context failed.", BROKER_PUBLISH_OPTION);
+    return -1;
+  }
+  publication = std::move(pub);
+  broker_publish_core(publication.get());
+  return 0;
+}
+
+void broker_publish_continue()
+{
+  broker_pub_t *pub = get_publication();
+  if (pub == nullptr) {
+    log_error("Get current broker-publish information failed(continue).");
+  } else if (pub->bit_rollback) {
+    broker_publish_rollback();
+  } else {
+    broker_publish_core(pub);
+  }
+}
+
+int broker_save_error(int err_code, const char *err_msg)
+{
+  broker_pub_t *pub = get_publication();
+  if (pub == nullptr) {
+    log_error("Get current broker information failed.");
+    return -1;
+  }
+  const reply_error_t *before = pub->errors.get();
+  pub->errors.reset(rpc_append_error(pub->errors.release(), REPLY_ERR_OP_FAILED));
+  char code[32];
+  if (pub->errors.get() == before || conf_itoa(err_code, code, sizeof(code)) < 0 ||
+      rpc_set_error_field(pub->errors.get(), REPLY_ERR_FIELD_APPTAG, code) != 0 ||
+      rpc_set_error_field(pub->errors.get(), REPLY_ERR_FIELD_MSG, err_msg) != 0) {
+    log_error("Save error message(%d:%.512s) failed.", err_code, err_msg);
+    return -1;
+  }
+  return 0;
+}
+
+int broker_is_publish_over()
+{
+  return context_get_option(BROKER_PUBLISH_OPTION) == nullptr ? 0 : -1;
+}
+
+void broker_publish_forget(subscriber_pos subscriber)
+{
+  broker_pub_t *pub = get_publication();
+  if (pub == nullptr || pub->suber != subscriber) {
+    return;
+  }
+  // The walk goes on, in either direction, as if the one before had just been finished.
+  auto &subscribers = broker_registry().config_subs;
+  pub->suber = subscriber == subscribers.begin() ? subscribers.end() : std::prev(subscriber);
+  pub->is_suber_done = true;
+  pub->cur = pub->next = pub->prev = nullptr;
+}
+
+void broker_publish_tick()
+{
+  broker_pub_t *pub = get_publication();
+  if (pub == nullptr || ++pub->timeout <= PUBLISH_TIMEOUT_TICKS) {
+    return;
+  }
+  log_warn("Publish configuration timeout.");
+  (void)broker_save_error(-1, "Publish configuration timeout"); // logged there; the walk goes on in any case
+  broker_publish_continue();
+}
+
+void broker_publish_abandon()
+{
+  context_remove_option(BROKER_PUBLISH_OPTION);
+  publication.reset();
+}

@@ -1,0 +1,78 @@
+// What is known of the keys in which datastores differ: every write names the keys it touched, and copying one
+// datastore onto the other makes them equal. Startup is left out: it outlives the daemon and is copied rarely.
+#include <array>
+#include <optional>
+#include <utility>
+
+#include "ymgrd/database/database_internal.h"
+
+namespace {
+
+// Beyond this a full copy costs no more.
+constexpr size_t MAX_DIFFERENCES = 1000000;
+
+typedef struct _difference {
+  int first;
+  int second;
+  std::optional<db_key_set> keys; // empty when unknown
+  bool concerns(int target) const { return first == target || second == target; }
+} difference_t;
+
+std::array<difference_t, 3> g_differences = {{{YMGRM_RUNNING_DB, YMGRM_CANDIDATE_DB, std::nullopt},
+                                              {YMGRM_RUNNING_DB, YMGRM_STATUS_DB, std::nullopt},
+                                              {YMGRM_CANDIDATE_DB, YMGRM_STATUS_DB, std::nullopt}}};
+
+difference_t *find_pair(int target, int source)
+{
+  for (difference_t &pair : g_differences) {
+    if (target != source && pair.concerns(target) && pair.concerns(source)) {
+      return &pair;
+    }
+  }
+  return nullptr;
+}
+
+} // namespace
+
+const db_key_set *db_differences(int target, int source)
+{
+  const difference_t *pair = find_pair(target, source);
+  return pair != nullptr && pair->keys.has_value() ? &*pair->keys : nullptr;
+}
+
+void db_differences_touch(int target, const db_key_set &keys)
+{
+  for (difference_t &pair : g_differences) {
+    if (!pair.concerns(target) || !pair.keys.has_value()) {
+      continue;
+    }
+    pair.keys->insert(keys.begin(), keys.end());
+    if (pair.keys->size() > MAX_DIFFERENCES) {
+      pair.keys.reset();
+    }
+  }
+}
+
+void db_differences_equal(int target, int source)
+{
+  difference_t *pair = find_pair(target, source);
+  if (pair != nullptr) {
+    pair->keys.emplace();
+  }
+}
+
+void db_differences_forget(int target)
+{
+  for (difference_t &pair : g_differences) {
+    if (pair.concerns(target)) {
+      pair.keys.reset();
+    }
+  }
+}
+
+void db_differences_forget_all()
+{
+  for (difference_t &pair : g_differences) {
+    pair.keys.reset();
+  }
+}

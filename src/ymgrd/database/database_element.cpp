@@ -1,0 +1,150 @@
+#include "ymgrd/database/database_element.h"
+
+#include <set>
+
+#include "ymgrd/core/log.h"
+#include "ymgrd/crypto/encrypt.h"
+#include "ymgrd/database/database_path.h"
+#include "ymgrd/schema/schema.h"
+#include "ymgrd/ymgrd.h"
+
+namespace {
+
+constexpr std::string_view NAME_END = "/[]()=<>!,\"' :|*@";
+
+void add_declaration(std::string_view token, const lys_module *module, wiped_string *buffer)
+{
+  buffer->append(" xmlns:").append(token).append("=\"");
+  handle_special_key(buffer, module->ns, DB_XML_ESCAPE);
+  buffer->append("\"");
+}
+
+// The tokens before a ":" outside of quotes, each once: an instance-identifier names modules anywhere.
+std::set<std::string_view> tokens_of_path(std::string_view text)
+{
+  std::set<std::string_view> tokens;
+  char quote = '\0';
+  size_t name = 0; // where the name at hand starts
+  for (size_t i = 0; i < text.size(); i++) {
+    char c = text[i];
+    if (quote != '\0') {
+      quote = c == quote ? '\0' : quote;
+      name = i + 1;
+    } else if (c == '"' || c == '\'') {
+      quote = c;
+    } else if (NAME_END.find(c) != std::string_view::npos) {
+      if (c == ':' && i > name) {
+        tokens.insert(text.substr(name, i - name));
+      }
+      name = i + 1;
+    }
+  }
+  return tokens;
+}
+
+} // namespace
+
+const wiped_string &db_element_writer::namespace_of(std::string_view module)
+{
+  auto known = namespaces_.find(module);
+  if (known == namespaces_.end()) {
+    std::string name(module);
+    wiped_string escaped;
+    handle_special_key(&escaped, schema_get_module_ns(name), DB_XML_ESCAPE);
+    known = namespaces_.emplace(std::move(name), std::move(escaped)).first;
+  }
+  return known->second;
+}
+
+// A value may name modules (an identity, an instance-identifier): the reader needs their namespaces.
+void db_element_writer::add_value_namespaces(std::string_view text, wiped_string *buffer) const
+{
+  size_t colon = text.find(':');
+  if (colon == std::string_view::npos) {
+    return;
+  }
+  std::set<std::string_view> tokens = {text.substr(0, colon)};
+  if (text[0] == '/') {
+    tokens = tokens_of_path(text);
+  }
+  for (std::string_view token : tokens) {
+    const lys_module *module = token.empty() ? nullptr : schema_find_module(token.data(), token.size());
+    if (module != nullptr) {
+      add_declaration(token, module, buffer);
+    }
+  }
+}
+
+int db_element_writer::add_text(std::string_view name, std::string_view text, wiped_string *buffer)
+{
+  wiped_string plain;
+  plain.reserve(text.size()); // a short text would not be wiped
+  bool is_cipher = text.compare(0, sizeof(CIPHER_TEXT_MARKER) - 1, CIPHER_TEXT_MARKER) == 0;
+  if (decrypt_ && is_cipher) {
+    if (decrypt_sensitive(text, &plain) == 0) {
+      text = plain;
+    } else {
+      log_error("Decrypt text of node(%.512s) failed.", std::string(name).c_str());
+    }
+  }
+  add_value_namespaces(text, buffer);
+  buffer->push_back('>');
+  handle_special_key(buffer, text, DB_XML_ESCAPE);
+  db_add_etag(name, buffer);
+  return 0;
+}
+
+int db_element_writer::db_new_node(std::string_view dkey, std::string_view ename, std::optional<std::string_view> text,
+                                   wiped_string *buffer, std::string *ret_name)
+{
+  std::string_view name;
+  std::string_view prefix;
+  if (db_split_elemname(ename, &name, &prefix) != 0) {
+    log_error("Failed to split element name.");
+    return -1;
+  }
+  bool is_top = dkey.size() > 1 && dkey.find('/', 1) == std::string_view::npos;
+  std::string_view module = !prefix.empty() ? prefix : is_top ? dkey.substr(1) : std::string_view();
+  buffer->append("<").append(name);
+  if (!module.empty() && !namespace_of(module).empty()) {
+    buffer->append(" xmlns=\"").append(namespace_of(module)).append("\"");
+  }
+  if (text.has_value()) {
+    return add_text(name, *text, buffer);
+  }
+  buffer->push_back('>');
+  if (ret_name != nullptr) {
+    *ret_name = name;
+  }
+  return 0;
+}
+
+int db_element_writer::db_add_list_entry(std::string_view list_key, std::string_view predicate, wiped_string *buffer,
+                                         std::string *oname)
+{
+  std::string_view parent;
+  std::string_view name;
+  db_split_last_node(list_key, &parent, &name);
+  std::string_view key_name;
+  std::string value;
+  oname->clear();
+  if (!predicate.empty() && predicate[0] == '.') {
+    return db_next_predicate_pair(&predicate, &key_name, &value) ? db_new_node(parent, name, value, buffer, nullptr)
+                                                                 : -1;
+  }
+  if (db_new_node(parent, name, std::nullopt, buffer, oname) != 0) {
+    return -1;
+  }
+  while (!predicate.empty()) {
+    if (!db_next_predicate_pair(&predicate, &key_name, &value) ||
+        db_new_node(list_key, key_name, value, buffer, nullptr) != 0) {
+      return -1;
+    }
+  }
+  return 0;
+}
+
+void db_add_etag(std::string_view name, wiped_string *buffer)
+{
+  buffer->append("</").append(name).append(">");
+}

@@ -1,0 +1,53 @@
+// A broker whose deliveries end in a script of the test instead of a plugin layer.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ymgrd/broker/broker.h"
+#include "ymgrd/core/handles.h"
+
+// A plugin is no more than its id here.
+struct _plugin_inst {
+  int id;
+};
+
+typedef struct _offered {
+  int plugin_id;
+  int oper_type;
+  int priority;
+  int more_flag;
+  std::string path;
+} offered_t;
+
+class broker_fixture : public testing::Test {
+protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // A node of /PATH with the code, its schema path made by emptying the predicates.
+  static differ_node_t *node(const std::string &path, int code, const std::vector<differ_node_t *> &children = {});
+  static differ_node_t *list(const std::vector<differ_node_t *> &nodes);
+  // Takes the tree over.
+  int publish(int err_opt, differ_node_t *tree);
+
+  // "PLUGIN:PATH" of all offers, "~" before those that take back.
+  static std::vector<std::string> offers();
+
+  // Answers an offer with SUBPUB_...; SUBPUB_CONTINUE unless a test says otherwise.
+  static std::function<int(const offered_t &)> on_offer;
+  static std::function<int(const std::string &)> on_status;
+  static std::vector<offered_t> offered;
+  static std::vector<std::string> asked; // of status publishers
+  static int ended;                      // publications
+  static int was_rollback;
+  static reply_error_ptr errors;
+  static int status_ended;
+
+private:
+  ly_ctx_ptr ctx_;
+  std::vector<differ_node_t *> trees_;
+};

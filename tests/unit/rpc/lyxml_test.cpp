@@ -1,0 +1,142 @@
+#include <gtest/gtest.h>
+
+#include "ymgrd/rpc/lyxml.h"
+
+namespace {
+
+// Before any test uses libxml2: all of them run with the clearing allocator.
+const bool memory_is_wiped = (lyxml_init_wiping_memory(), true);
+
+std::string repeat(const std::string &text, int count)
+{
+  std::string result;
+  result.reserve(text.size() * static_cast<size_t>(count));
+  for (int i = 0; i < count; i++) {
+    result += text;
+  }
+  return result;
+}
+
+std::string nested(int depth)
+{
+  return repeat("<a>", depth) + repeat("</a>", depth);
+}
+
+std::string attributes(int count, const std::string &name)
+{
+  std::string text;
+  for (int i = 0; i < count; i++) {
+    text += " " + name + std::to_string(i) + "=\"u:x\"";
+  }
+  return text;
+}
+
+} // namespace
+
+TEST(lyxml_parse, hostile_documents_are_refused)
+{
+  ASSERT_TRUE(memory_is_wiped);
+  const std::string documents[] = {
+      "",
+      "not xml",
+      "<a><b></a>",
+      "<a/><b/>",
+      "<a b=\"1\" b=\"2\"/>",
+      "<p:a/>",
+      "<!DOCTYPE a><a/>",
+      "<!DOCTYPE a [<!ENTITY e SYSTEM \"file:///etc/passwd\">]><a>&e;</a>",
+      "<!DOCTYPE a [<!ENTITY x \"ha\"><!ENTITY y \"&x;&x;&x;\">]><a>&y;</a>",
+      "<!DOCTYPE a SYSTEM \"http://127.0.0.1:1/a.dtd\"><a/>",
+      "<a>&undefined;</a>",
+      "<a>\xE9</a>",
+      "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><a>\xE9</a>",
+      std::string("\xFF\xFE<\0a\0/\0>\0", 10),
+      std::string("<a>\0</a>", 8),
+      nested(257),
+      repeat("<a>", 1000000),
+      "<a" + attributes(40000, "b") + "/>",
+      "<a" + attributes(60, "xmlns:b") + ">" + repeat("<a" + attributes(60, "xmlns:c") + ">", 4) + repeat("</a>", 5),
+  };
+  for (const std::string &document : documents) {
+    EXPECT_EQ(nullptr, lyxml_parse_mem(document)) << document.substr(0, 200);
+  }
+}
+
+TEST(lyxml_parse, ordinary_documents_keep_their_content)
+{
+  const std::pair<std::string, std::string> documents[] = {
+      {"<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<a/>", "<a/>"},
+      {"\xEF\xBB\xBF<a/>", "<a/>"},
+      {"<a x=\"a>b='\"><![CDATA[<&>]]></a>", "<a x=\"a&gt;b='\">&lt;&amp;&gt;</a>"},
+      {"<a>one<!-- = > < -->two<?pi = ?></a><!-- end -->", "<a>onetwo</a>"},
+      {"<a><b> </b>\n</a>", "<a><b> </b>\n</a>"},
+      {"<p:a xmlns:p=\"u:x\" p:i=\"1\">\xC3\xA9</p:a>", "<p:a xmlns:p=\"u:x\" p:i=\"1\">\xC3\xA9</p:a>"},
+      {nested(256), repeat("<a>", 255) + "<a/>" + repeat("</a>", 255)},
+  };
+  for (const auto &[document, printed] : documents) {
+    lyxml_ptr root = lyxml_parse_mem(document);
+    ASSERT_NE(nullptr, root) << document;
+    EXPECT_EQ(printed, lyxml_print_mem(root.get()));
+  }
+}
+
+TEST(lyxml_parse, document_above_ten_megabytes_is_read_whole)
+{
+  const int entries = 12000;
+  const int levels = 40;
+  // Hundreds of bytes of end tags last: there a parser with its own idea of a large document gives up.
+  lyxml_ptr root = lyxml_parse_mem(repeat("<long-name-of-a-container>", levels) +
+                                   repeat("<b>" + std::string(1000, 'x') + "</b>", entries) +
+                                   repeat("</long-name-of-a-container>", levels));
+  ASSERT_NE(nullptr, root);
+  const lyxml_elem *elem = root.get();
+  for (int level = 1; level < levels; level++) {
+    elem = lyxml_first_child(elem);
+  }
+  int count = 0;
+  for (elem = lyxml_first_child(elem); elem != nullptr; elem = lyxml_next(elem)) {
+    count++;
+  }
+  EXPECT_EQ(entries, count);
+}
+
+TEST(lyxml_print, part_of_a_tree_can_be_parsed_on_its_own)
+{
+  lyxml_ptr root = lyxml_parse_mem("<a xmlns=\"u:a\" xmlns:p=\"u:outer\"><b xmlns:p=\"u:p\"><c>p:value</c></b></a>");
+  ASSERT_NE(nullptr, root);
+  lyxml_elem *inner = lyxml_first_child(lyxml_first_child(root.get()));
+  EXPECT_EQ("<c>p:value</c>", lyxml_print_mem(inner));
+  lyxml_ptr alone = lyxml_parse_mem(lyxml_print_self_contained(inner));
+  ASSERT_NE(nullptr, alone);
+  EXPECT_EQ("u:a", lyxml_ns(alone.get()));
+  EXPECT_STREQ("u:p", reinterpret_cast<const char *>(xmlSearchNs(alone->doc, alone.get(), BAD_CAST "p")->href));
+}
+
+TEST(lyxml_build, text_is_characters_and_children_share_the_namespace)
+{
+  lyxml_ptr root = lyxml_new_root("r");
+  ASSERT_EQ(0, lyxml_set_elem_ns(root.get(), "u:r", nullptr));
+  lyxml_elem *child = lyxml_new_elem(root.get(), "c", "a&b<d/>");
+  ASSERT_NE(nullptr, child);
+  EXPECT_EQ("u:r", lyxml_ns(child));
+  EXPECT_EQ("a&b<d/>", lyxml_text(child));
+  lyxml_elem *other = lyxml_new_elem(root.get(), "o", nullptr);
+  ASSERT_EQ(0, lyxml_set_elem_ns(other, "u:o", "p"));
+  EXPECT_EQ("<r xmlns=\"u:r\"><c>a&amp;b&lt;d/&gt;</c><p:o xmlns:p=\"u:o\"/></r>", lyxml_print_mem(root.get()));
+  lyxml_free_elem(child);
+  EXPECT_EQ(other, lyxml_first_child(root.get()));
+}
+
+TEST(lyxml_look_up, path_leads_from_the_root_down)
+{
+  lyxml_ptr root = lyxml_parse_mem("<rpc><edit>\n <target n=\"v\"/></edit></rpc>");
+  const char *const found[] = {"rpc", "edit", "target", nullptr};
+  const char *const missing[] = {"rpc", "target", nullptr};
+  const lyxml_elem *target = lyxml_rpc_get_elem(root.get(), found);
+  ASSERT_NE(nullptr, target);
+  EXPECT_EQ(nullptr, lyxml_rpc_get_elem(root.get(), missing));
+  std::string value;
+  EXPECT_TRUE(lyxml_get_attr(target, "n", &value));
+  EXPECT_EQ("v", value);
+  EXPECT_FALSE(lyxml_get_attr(target, "m", &value));
+}

@@ -1,0 +1,205 @@
+#include "session_fixture.h"
+
+#include <sys/socket.h>
+
+#include "ymgrd/core/context.h"
+
+namespace {
+
+class session_frames : public session_fixture {
+protected:
+  void SetUp() override
+  {
+    session_fixture::SetUp();
+    agent = connect();
+    ASSERT_GT(agent.session_id, 0);
+    // Every request is answered at once with its own text.
+    on_request = [this](int session_id, const msg_head_t &head, std::string_view payload) {
+      requests.push_back({head.seq, std::string(payload)});
+      EXPECT_EQ(0, session_cache_send(session_id, SESSION_MSG_REPLY, payload.data(), static_cast<int>(payload.size())));
+      EXPECT_EQ(0, session_schedule(session_id));
+      return 0;
+    };
+  }
+
+  std::vector<std::string> texts() const
+  {
+    std::vector<std::string> result;
+    for (const frame_t &request : requests) {
+      result.push_back(request.payload);
+    }
+    return result;
+  }
+
+  test_agent_t agent;
+  std::vector<frame_t> requests;
+};
+
+using texts_t = std::vector<std::string>;
+
+} // namespace
+
+TEST_F(session_frames, frame_may_arrive_in_any_pieces)
+{
+  const std::string bytes =
+      "garbage \xFF\xBA" + frame_bytes(7, "<a/>") + frame_bytes(8, "") + "\xFF\xBA\xDC\xFF" + frame_bytes(9, "<b/>");
+  for (size_t split = 0; split <= bytes.size(); split++) {
+    requests.clear();
+    agent.write(bytes.substr(0, split));
+    run();
+    agent.write(bytes.substr(split));
+    run();
+    ASSERT_EQ((texts_t{"<a/>", "", "<b/>"}), texts()) << "split at " << split;
+    std::vector<frame_t> replies = agent.frames();
+    ASSERT_EQ(3U, replies.size());
+    EXPECT_EQ(7, replies[0].seq);
+    EXPECT_EQ(9, replies[2].seq);
+  }
+  requests.clear();
+  for (char byte : bytes) {
+    agent.write(std::string(1, byte));
+    run();
+  }
+  EXPECT_EQ((texts_t{"<a/>", "", "<b/>"}), texts());
+}
+
+TEST_F(session_frames, long_garbage_is_skipped)
+{
+  agent.write(std::string(100000, '\xFF'));
+  run();
+  agent.write(frame_bytes(1, "<a/>"));
+  run();
+  EXPECT_EQ(texts_t{"<a/>"}, texts());
+}
+
+TEST_F(session_frames, urgent_byte_does_not_keep_the_loop_busy)
+{
+  ssize_t sent = send(agent.sock.get(), "!", 1, MSG_OOB | MSG_NOSIGNAL);
+  if (sent != 1) {
+    GTEST_SKIP() << "no urgent data on this machine's local sockets";
+  }
+  run();
+  agent.write(frame_bytes(1, "one"));
+  run();
+  EXPECT_EQ(texts_t{"one"}, texts());
+}
+
+TEST_F(session_frames, next_request_stays_in_the_socket_until_the_reply_is_written)
+{
+  on_request = [this](int, const msg_head_t &head, std::string_view payload) {
+    requests.push_back({head.seq, std::string(payload)});
+    return 0; // answered later
+  };
+  agent.write(frame_bytes(1, "one") + frame_bytes(2, "two"));
+  run();
+  EXPECT_EQ(texts_t{"one"}, texts());
+  EXPECT_EQ(0, session_cache_send(agent.session_id, SESSION_MSG_OTHER, "note", 4));
+  EXPECT_EQ(0, session_cache_send(agent.session_id, SESSION_MSG_REPLY, "done", 4));
+  EXPECT_EQ(0, session_schedule(agent.session_id));
+  run();
+  EXPECT_EQ((texts_t{"one", "two"}), texts());
+  std::vector<frame_t> received = agent.frames();
+  ASSERT_EQ(2U, received.size());
+  EXPECT_EQ(0, received[0].seq);
+  EXPECT_EQ(1, received[1].seq);
+}
+
+TEST_F(session_frames, refused_request_leaves_the_session_ready)
+{
+  on_request = [this](int session_id, const msg_head_t &head, std::string_view payload) {
+    requests.push_back({head.seq, std::string(payload)});
+    EXPECT_EQ(0, session_cache_send(session_id, SESSION_MSG_REPLY, "no", 2));
+    return -1;
+  };
+  agent.write(frame_bytes(1, "one") + frame_bytes(2, "two"));
+  run();
+  EXPECT_EQ((texts_t{"one", "two"}), texts());
+  std::vector<frame_t> replies = agent.frames();
+  ASSERT_EQ(2U, replies.size());
+  EXPECT_EQ(2, replies[1].seq);
+}
+
+TEST_F(session_frames, large_messages_pass_through_small_sockets)
+{
+  const std::string large = std::string(3000000, 'x') + "end";
+  int size = 4096;
+  ASSERT_EQ(0, setsockopt(session_find(agent.session_id)->sock, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)));
+  std::string request = frame_bytes(3, large);
+  std::string reply;
+  for (size_t sent = 0; sent < request.size() || reply.size() < request.size();) {
+    ssize_t length = send(agent.sock.get(), request.data() + sent, request.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+    sent += length > 0 ? static_cast<size_t>(length) : 0;
+    run();
+    reply += agent.read_all();
+    ASSERT_FALSE(agent.is_closed());
+  }
+  EXPECT_TRUE(request == reply);
+  run();
+  EXPECT_TRUE(session_find(agent.session_id)->bit_rpc);
+  EXPECT_LT(session_find(agent.session_id)->send_buf->total, 100000U);
+}
+
+TEST_F(session_frames, oversized_message_ends_the_session_before_memory_is_taken)
+{
+  context_save_int("OPT-max-message-size", 100);
+  agent.write(frame_bytes(1, std::string(100, 'x')));
+  run();
+  EXPECT_EQ(1U, requests.size());
+  EXPECT_EQ(1U, agent.frames().size());
+  msg_head_t head = {MSG_MAGIC, 0xFFFFFFFFU, 0, 0};
+  agent.write(std::string(reinterpret_cast<const char *>(&head), sizeof(head)));
+  run();
+  EXPECT_TRUE(agent.is_closed());
+  EXPECT_EQ(nullptr, session_find(agent.session_id));
+}
+
+TEST_F(session_frames, half_closed_peer_gets_its_reply_before_the_session_ends)
+{
+  on_request = [](int, const msg_head_t &, std::string_view) { return 0; };
+  agent.write(frame_bytes(5, "one"));
+  ASSERT_EQ(0, shutdown(agent.sock.get(), SHUT_WR));
+  run();
+  ASSERT_NE(nullptr, session_find(agent.session_id));
+  EXPECT_EQ(0, session_cache_send(agent.session_id, SESSION_MSG_REPLY, "done", 4));
+  EXPECT_EQ(0, session_schedule(agent.session_id));
+  run();
+  std::vector<frame_t> replies = agent.frames();
+  ASSERT_EQ(1U, replies.size());
+  EXPECT_EQ("done", replies[0].payload);
+  EXPECT_TRUE(agent.is_closed());
+}
+
+TEST_F(session_frames, peer_that_leaves_ends_its_session)
+{
+  for (const std::string &bytes :
+       {std::string(), frame_bytes(1, "cut").substr(0, 5), frame_bytes(1, "cut").substr(0, 13)}) {
+    for (bool is_half_closed : {true, false}) {
+      test_agent_t leaving = connect();
+      leaving.write(bytes);
+      run();
+      if (is_half_closed) {
+        ASSERT_EQ(0, shutdown(leaving.sock.get(), SHUT_WR));
+      } else {
+        leaving.sock.reset();
+      }
+      run();
+      EXPECT_EQ(nullptr, session_find(leaving.session_id));
+    }
+  }
+  EXPECT_TRUE(requests.empty());
+}
+
+TEST_F(session_frames, peer_that_reads_nothing_cannot_fill_the_memory)
+{
+  on_request = [this](int session_id, const msg_head_t &, std::string_view) {
+    requests.emplace_back();
+    std::string reply(1000000, 'x');
+    EXPECT_EQ(0, session_cache_send(session_id, SESSION_MSG_REPLY, reply.data(), static_cast<int>(reply.size())));
+    return -1;
+  };
+  for (uint16_t seq = 1; seq <= 100; seq++) {
+    agent.write(frame_bytes(seq, "x"));
+  }
+  run();
+  EXPECT_LT(requests.size(), 5U);
+}
