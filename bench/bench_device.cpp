@@ -22,7 +22,7 @@ constexpr char PROFILE_BEGIN[] = R"({
     {"name": "zentra-ymgrd", "revision": "2026-11-21", "feature": [], "deviation": []},
     {"name": "ex-bench", "revision": "2026-01-01", "feature": [], "deviation": []}
   ],
-  "database": {"type": "default", "driver": {"api-version": "1.0", "path": "unix:/)";
+  "database": {"type": "default", "driver": {"api-version": "1.0", "path": "unix://)";
 
 void copy_modules(const char *from, const std::string &to)
 {
@@ -94,7 +94,7 @@ bench_device::bench_device()
   copy_modules(BENCH_SAMPLES, dir_ + "/modules");
   std::ofstream profile(dir_ + "/ymgrd.conf");
   profile << PROFILE_BEGIN << redis_socket() << "\"}},\n"
-          << R"(  "schema": {"db-enabled": true, "path": "unix:/)" << redis_socket() << "\"}\n}\n";
+          << R"(  "schema": {"db-enabled": true, "path": "unix://)" << redis_socket() << "\"}\n}\n";
 }
 
 bench_device::~bench_device()

@@ -171,14 +171,15 @@ void commit(demo_t *demo)
          "candidate and running hold the same keys");
 }
 
-void refuse(demo_t *demo, const char *what, const std::string &config)
+void refuse(demo_t *demo, const char *what, const std::string &config, const std::string &tag)
 {
   begin_step(demo, what);
   const demo_keys_t running = read_keys(demo, DEMO_RUNNING_DB);
   const demo_keys_t candidate = read_keys(demo, DEMO_CANDIDATE_DB);
   std::string reply = edit_candidate(demo, config);
   expect(demo, demo_texts(reply, {"rpc-error"}).size() == 1, "exactly one rpc-error comes back");
-  expect(demo, !demo_text(reply, {"rpc-error", "error-tag"}).empty(), "it has a tag");
+  expect(demo, demo_text(reply, {"rpc-error", "error-tag"}) == tag, "its tag is " + tag);
+  expect(demo, !demo_text(reply, {"rpc-error", "error-path"}).empty(), "it says where");
   expect(demo, !demo_text(reply, {"rpc-error", "error-message"}).empty(), "it says why");
   expect(demo, read_keys(demo, DEMO_RUNNING_DB) == running, "no key of running has changed");
   expect(demo, read_keys(demo, DEMO_CANDIDATE_DB) == candidate, "no key of candidate has changed");
@@ -242,9 +243,10 @@ int main(int argc, char **argv)
   edit(&demo);
   commit(&demo);
   refuse(&demo, "edit-config of candidate: a port that does not exist is refused",
-         R"(<system xmlns="urn:ex-sys"><hostname>changed</hostname><port>70000</port></system>)");
+         R"(<system xmlns="urn:ex-sys"><hostname>changed</hostname><port>70000</port></system>)", "invalid-value");
   refuse(&demo, "edit-config of candidate: a reference to nobody is refused",
-         R"(<system xmlns="urn:ex-sys"><hostname>changed</hostname><primary-user>nobody</primary-user></system>)");
+         R"(<system xmlns="urn:ex-sys"><hostname>changed</hostname><primary-user>nobody</primary-user></system>)",
+         "data-missing");
   discard(&demo);
   close_session(&demo);
 

@@ -54,3 +54,9 @@ const std::string &ymgrd_config_dir()
 {
   return config_dir;
 }
+
+std::string ymgrd_socket_path(const std::string &address)
+{
+  size_t begin = address.find_first_not_of('/', address.find('/'));
+  return begin == std::string::npos ? "/" : "/" + address.substr(begin);
+}

@@ -81,10 +81,15 @@ typedef struct _config_param {
 } config_param_t;
 
 const config_param_t g_tbl_config_param[] = {
-    {"session-spec", JSON_NUMBER, "OPT-session-spec"}, {"plugin-spec", JSON_NUMBER, "OPT-plugin-spec"},
-    {"modules-dir", JSON_STRING, "OPT-modules-dir"},   {"plugins-dir", JSON_STRING, "OPT-plugins-dir"},
-    {"encrypt_key", JSON_STRING, "OPT-encrypt-key"},   {"daemonize", JSON_FALSE, "OPT-daemonize"},
-    {"daemonize", JSON_TRUE, "OPT-daemonize"},         {"working-dir", JSON_STRING, "OPT-working-dir"},
+    {"session-spec", JSON_NUMBER, "OPT-session-spec"},
+    {"plugin-spec", JSON_NUMBER, "OPT-plugin-spec"},
+    {"modules-dir", JSON_STRING, "OPT-modules-dir"},
+    {"plugins-dir", JSON_STRING, "OPT-plugins-dir"},
+    {"encrypt_key", JSON_STRING, "OPT-encrypt-key"},
+    {"daemonize", JSON_FALSE, "OPT-daemonize"},
+    {"daemonize", JSON_TRUE, "OPT-daemonize"},
+    {"working-dir", JSON_STRING, "OPT-working-dir"},
+    {"max-message-size", JSON_NUMBER, "OPT-max-message-size"},
 };
 
 void save_param(const config_param_t &param, const cJSON *item)

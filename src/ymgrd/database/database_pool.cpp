@@ -46,16 +46,9 @@ void note_connection(rContext *connection)
   }
 }
 
-// What stands behind the first "/" after the scheme. A path directly behind the scheme is taken as the absolute path it
-// is.
-int text_behind_scheme(std::string_view address, std::string_view scheme, std::string *ret_text)
+bool names_something(std::string_view address, std::string_view scheme)
 {
-  std::string_view rest = address.substr(scheme.size());
-  if (rest.find('/') == std::string_view::npos) {
-    return -1;
-  }
-  *ret_text = rest.front() == '/' ? rest.substr(1) : address.substr(scheme.size() - 1);
-  return 0;
+  return address.find('/', scheme.size()) != std::string_view::npos;
 }
 
 } // namespace
@@ -68,19 +61,19 @@ int db_set_address(const std::string &driver_path)
     g_db_sock = DEFAULT_REDIS_SOCKET;
     return 0;
   }
-  std::string text;
-  if (driver_path.compare(0, UNIX_SCHEME.size(), UNIX_SCHEME) == 0) {
-    if (text_behind_scheme(driver_path, UNIX_SCHEME, &text) != 0) {
+  if (driver_path.starts_with(UNIX_SCHEME)) {
+    if (!names_something(driver_path, UNIX_SCHEME)) {
       return -1;
     }
     log_debug("Use unix socket to access the database.");
-    g_db_sock = text;
-  } else if (driver_path.compare(0, TCP_SCHEME.size(), TCP_SCHEME) == 0) {
-    if (text_behind_scheme(driver_path, TCP_SCHEME, &text) != 0) {
+    g_db_sock = ymgrd_socket_path(driver_path);
+  } else if (driver_path.starts_with(TCP_SCHEME)) {
+    if (!names_something(driver_path, TCP_SCHEME)) {
       return -1;
     }
     log_debug("Use tcp socket to be access the database.");
-    g_db_sock = "tcp:" + text; // without its scheme it would be taken for a file
+    // Without its scheme it would be taken for a file.
+    g_db_sock = "tcp:" + ymgrd_socket_path(driver_path).substr(1);
   }
   return 0;
 }

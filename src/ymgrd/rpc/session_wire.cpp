@@ -46,7 +46,10 @@ size_t drop_garbage(conf_buffer_t *buffer)
 bool is_length_allowed(const session_t &session, uint32_t length)
 {
   int limit = context_get_int("OPT-max-message-size", DEFAULT_MAX_MESSAGE_SIZE);
-  if (limit < 0 || length <= static_cast<uint32_t>(limit)) {
+  if (limit <= 0) {
+    limit = DEFAULT_MAX_MESSAGE_SIZE;
+  }
+  if (length <= static_cast<uint32_t>(limit)) {
     return true;
   }
   log_error("Message of session %d is too long(%u bytes, %d allowed).", session.session_id, length, limit);

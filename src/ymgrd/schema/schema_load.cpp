@@ -37,13 +37,12 @@ int read_database_path(const schema_config &config, std::string *ret_path)
     log_error("%.512s for schema.path is NOT supported now.", config.path.c_str());
     return -1;
   }
-  size_t slash = config.path.find('/');
-  if (slash == std::string::npos) {
+  if (config.path.find('/') == std::string::npos) {
     log_error("Unix path(%.512s) for schema db is invalid.", config.path.c_str());
     return -1;
   }
   log_debug("Schema db use unix redis path.");
-  *ret_path = config.path.substr(slash + 1);
+  *ret_path = ymgrd_socket_path(config.path);
   return 0;
 }
 

@@ -65,32 +65,6 @@ void broker_fixture::TearDown()
   }
 }
 
-differ_node_t *broker_fixture::node(const std::string &path, int code, const std::vector<differ_node_t *> &children)
-{
-  std::string schema_path = path;
-  for (size_t open = schema_path.find('['); open != std::string::npos; open = schema_path.find('[', open + 2)) {
-    schema_path.erase(open + 1, schema_path.find(']', open) - open - 1);
-  }
-  differ_node_t *made =
-      new_differ_node(path.c_str(), schema_path.c_str(), static_cast<ENUM_ACTION>(code), nullptr, nullptr);
-  differ_node_t *last = nullptr;
-  for (differ_node_t *child : children) {
-    differ_node_add_child(made, last, child);
-    last = child;
-  }
-  return made;
-}
-
-differ_node_t *broker_fixture::list(const std::vector<differ_node_t *> &nodes)
-{
-  differ_node_t *last = nullptr;
-  for (differ_node_t *one : nodes) {
-    differ_node_add_sibling(last, last, one);
-    last = one;
-  }
-  return nodes.front();
-}
-
 int broker_fixture::publish(int err_opt, differ_node_t *tree)
 {
   trees_.push_back(tree);

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "unit/differ_tree/differ_builder.h"
 #include "ymgrd/broker/broker.h"
 #include "ymgrd/core/handles.h"
 
@@ -28,9 +29,6 @@ protected:
   void SetUp() override;
   void TearDown() override;
 
-  // A node of /PATH with the code, its schema path made by emptying the predicates.
-  static differ_node_t *node(const std::string &path, int code, const std::vector<differ_node_t *> &children = {});
-  static differ_node_t *list(const std::vector<differ_node_t *> &nodes);
   // Takes the tree over.
   int publish(int err_opt, differ_node_t *tree);
 

@@ -3,9 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include "ymgrd/broker/differ_tree.h"
+#include "unit/differ_tree/differ_builder.h"
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/handles.h"
+#include "ymgrd/core/log.h"
 #include "ymgrd/crypto/encrypt.h"
 
 namespace {
@@ -21,6 +22,7 @@ class differ_tree : public testing::Test {
 protected:
   void SetUp() override
   {
+    log_open(LOG_TO_STDERR, LOG_LEVEL_WARN);
     ly_ctx *made = nullptr;
     ASSERT_EQ(LY_SUCCESS, ly_ctx_new(nullptr, LY_CTX_NO_YANGLIBRARY, &made));
     ctx_.reset(made);
@@ -40,30 +42,6 @@ protected:
     lyd_tree_ptr before = parse(old_value == nullptr ? "" : old_value);
     return new_differ_node("/m:c/v", "/m:c/v", static_cast<ENUM_ACTION>(code), lyd_child(now.get()),
                            old_value == nullptr ? nullptr : lyd_child(before.get()));
-  }
-  differ_node_t *node(const std::string &path, int code, std::vector<differ_node_t *> children = {})
-  {
-    std::string schema_path = path;
-    for (size_t open = schema_path.find('['); open != std::string::npos; open = schema_path.find('[', open + 2)) {
-      schema_path.erase(open + 1, schema_path.find(']', open) - open - 1);
-    }
-    differ_node_t *made =
-        new_differ_node(path.c_str(), schema_path.c_str(), static_cast<ENUM_ACTION>(code), nullptr, nullptr);
-    differ_node_t *last = nullptr;
-    for (differ_node_t *child : children) {
-      differ_node_add_child(made, last, child);
-      last = child;
-    }
-    return made;
-  }
-  static differ_node_t *list(std::vector<differ_node_t *> nodes)
-  {
-    differ_node_t *last = nullptr;
-    for (differ_node_t *one : nodes) {
-      differ_node_add_sibling(last, last, one);
-      last = one;
-    }
-    return nodes.front();
   }
   static std::vector<std::string> texts(const differ_node_t *tree)
   {
@@ -173,7 +151,7 @@ TEST_F(differ_tree, codes_of_one_leaf_combine_row_by_row)
 
 TEST_F(differ_tree, codes_of_one_container_combine_row_by_row)
 {
-  auto inner = [this](int code, int child_code) { return node("/m:c", code, {node("/m:c/x", child_code)}); };
+  auto inner = [](int code, int child_code) { return node("/m:c", code, {node("/m:c/x", child_code)}); };
   const node_texts nothing;
   EXPECT_EQ((node_texts{"/m:c (1)", "/m:c/x (1)", "/m:c/y (1)"}),
             merged(inner(1, 1), node("/m:c", 8, {node("/m:c/y", 1)})));
@@ -191,7 +169,7 @@ TEST_F(differ_tree, codes_of_one_container_combine_row_by_row)
 
 TEST_F(differ_tree, leaf_list_entry_removed_and_added_again_leaves_nothing)
 {
-  auto entry = [this](int code) {
+  auto entry = [](int code) {
     differ_node_t *made = node("/m:c/ll[.=\"x\"]", code);
     made->node_type = CONF_NODE_LEAFLIST;
     return made;
@@ -221,7 +199,7 @@ TEST_F(differ_tree, later_nodes_follow_the_earlier_ones_in_their_order)
 TEST_F(differ_tree, bulk_edits_of_one_list_merge_in_linear_time)
 {
   constexpr int entries = 100000;
-  auto bulk = [this](int from, int code) {
+  auto bulk = [](int from, int code) {
     differ_node_t *parent = node("/m:c", 8);
     differ_node_t *last = nullptr;
     for (int i = from; i < from + entries; i++) {

@@ -82,22 +82,16 @@ TEST(lyxml_parse, ordinary_documents_keep_their_content)
 
 TEST(lyxml_parse, document_above_ten_megabytes_is_read_whole)
 {
+  // A long tag comes last: there a parser with its own idea of a large document gives up.
   const int entries = 12000;
-  const int levels = 40;
-  // Hundreds of bytes of end tags last: there a parser with its own idea of a large document gives up.
-  lyxml_ptr root = lyxml_parse_mem(repeat("<long-name-of-a-container>", levels) +
-                                   repeat("<b>" + std::string(1000, 'x') + "</b>", entries) +
-                                   repeat("</long-name-of-a-container>", levels));
+  lyxml_ptr root = lyxml_parse_mem("<a>" + repeat("<b>" + std::string(1000, 'x') + "</b>", entries) + "<b" +
+                                   attributes(60, "attribute") + "/></a>");
   ASSERT_NE(nullptr, root);
-  const lyxml_elem *elem = root.get();
-  for (int level = 1; level < levels; level++) {
-    elem = lyxml_first_child(elem);
-  }
   int count = 0;
-  for (elem = lyxml_first_child(elem); elem != nullptr; elem = lyxml_next(elem)) {
+  for (const lyxml_elem *child = lyxml_first_child(root.get()); child != nullptr; child = lyxml_next(child)) {
     count++;
   }
-  EXPECT_EQ(entries, count);
+  EXPECT_EQ(entries + 1, count);
 }
 
 TEST(lyxml_print, part_of_a_tree_can_be_parsed_on_its_own)
@@ -123,20 +117,4 @@ TEST(lyxml_build, text_is_characters_and_children_share_the_namespace)
   lyxml_elem *other = lyxml_new_elem(root.get(), "o", nullptr);
   ASSERT_EQ(0, lyxml_set_elem_ns(other, "u:o", "p"));
   EXPECT_EQ("<r xmlns=\"u:r\"><c>a&amp;b&lt;d/&gt;</c><p:o xmlns:p=\"u:o\"/></r>", lyxml_print_mem(root.get()));
-  lyxml_free_elem(child);
-  EXPECT_EQ(other, lyxml_first_child(root.get()));
-}
-
-TEST(lyxml_look_up, path_leads_from_the_root_down)
-{
-  lyxml_ptr root = lyxml_parse_mem("<rpc><edit>\n <target n=\"v\"/></edit></rpc>");
-  const char *const found[] = {"rpc", "edit", "target", nullptr};
-  const char *const missing[] = {"rpc", "target", nullptr};
-  const lyxml_elem *target = lyxml_rpc_get_elem(root.get(), found);
-  ASSERT_NE(nullptr, target);
-  EXPECT_EQ(nullptr, lyxml_rpc_get_elem(root.get(), missing));
-  std::string value;
-  EXPECT_TRUE(lyxml_get_attr(target, "n", &value));
-  EXPECT_EQ("v", value);
-  EXPECT_FALSE(lyxml_get_attr(target, "m", &value));
 }

@@ -1,0 +1,148 @@
+// Starts that succeed, starts that must not, and what they log.
+#include <csignal>
+
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include "support/daemon_test.h"
+
+namespace {
+
+class startup : public support::daemon_test {
+protected:
+  bool logged(const std::string &text) const { return daemon.log_text().find(text) != std::string::npos; }
+
+  // Starts a daemon that ends by itself: its exit status, or -1.
+  int exit_status()
+  {
+    EXPECT_TRUE(daemon.launch());
+    std::optional<int> status = daemon.wait();
+    return status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
+  }
+};
+
+typedef struct _bad_profile {
+  const char *what;
+  const char *content; // null: there is no such file
+  const char *cause;
+} bad_profile_t;
+
+const bad_profile_t bad_profiles[] = {
+    {"missing", nullptr, "[ERROR] Open file default-ymgrd-profile failed(No such file or directory).\n"},
+    {"empty", "", "[ERROR] Ymgrd's profile is invalid.\n"},
+    {"broken", "{\"session-spec\": 2,, }", "[ERROR] Json parse error("},
+    {"cut", "{\"session-spec\": 2", "[ERROR] Read ymgrd's configuration file  failed.\n"},
+};
+
+} // namespace
+
+TEST_F(startup, reports_its_steps_in_order)
+{
+  daemon.options().arguments = {"--smooth"};
+  ASSERT_TRUE(daemon.start());
+  std::string log = daemon.log_text();
+  size_t at = 0;
+  for (const char *line : {"[INFO] Start ymgrd smooth mode.\n", "[DEBUG] Schema db use unix redis path.\n",
+                           "[INFO] Ymgrd initialized successfully.\n"}) {
+    at = log.find(line, at);
+    ASSERT_NE(at, std::string::npos) << line << "\n" << log;
+  }
+  EXPECT_EQ(log.find("[ERROR]"), std::string::npos) << log;
+}
+
+TEST_F(startup, without_a_usable_profile_ends_in_order)
+{
+  for (const bad_profile_t &profile : bad_profiles) {
+    SCOPED_TRACE(profile.what);
+    std::string path = dir / profile.what;
+    if (profile.content != nullptr) {
+      support::write_file(path, profile.content);
+    }
+    daemon.options().arguments = {"--profile", path};
+    EXPECT_EQ(exit_status(), 0);
+    EXPECT_TRUE(logged(profile.cause));
+    EXPECT_TRUE(logged("[ERROR] Load ymgrd's configuration profile failed.\n[ERROR] Ymgrd initialize failed.\n"));
+  }
+}
+
+TEST_F(startup, invalid_entries_of_the_profile_only_warn)
+{
+  daemon.options().profile["modules"] = R"([7, {"name": "ex-sys"}, {"revision": "2026-01-01"},
+    {"name": "ex-types", "revision": "2026-01-01"}, {"name": "ghost", "revision": "2026-01-01"},
+    {"name": "ex-bench", "revision": "2026-01-01", "feature": ["absent", 3]}])";
+  daemon.options().profile["plugins"] = R"([{}, {"name": "a"}, {"name": "b", "so-path": "/nowhere/b.so"}, "c"])";
+  daemon.options().profile["session-spec"] = "\"1\"";
+  daemon.options().profile["never-heard-of"] = "{}";
+  ASSERT_TRUE(daemon.start());
+  EXPECT_TRUE(logged("[WARN] Invalid yang-module(name="));
+  EXPECT_TRUE(logged("[WARN] Schema add module ghost failed.\n"));
+  EXPECT_TRUE(logged("[WARN] Invalid local-plugin(name="));
+  support::netconf_session &first = connect();
+  support::netconf_session &second = connect(); // the limit of another type was ignored
+  EXPECT_TRUE(first.ok(
+      support::edit_config("candidate", "<bench xmlns=\"urn:ex-bench\"><entry><name>a</name></entry></bench>")));
+  EXPECT_TRUE(second.ok(support::DISCARD_CHANGES));
+}
+
+TEST_F(startup, unknown_options_and_further_arguments_only_warn)
+{
+  daemon.options().arguments = {"--colour", "-q", KEEPALIVE_LIBRARY, "one", "two"};
+  ASSERT_TRUE(daemon.start());
+  EXPECT_TRUE(logged("[WARN] Option parser returned character code 0x3f .\n"));
+  EXPECT_TRUE(logged("[WARN] Arguments one not parsed.\n[WARN] Arguments two not parsed.\n"));
+}
+
+TEST_F(startup, schema_database_in_a_file_is_refused)
+{
+  daemon.options().profile["schema"] = R"({"db-enabled": true, "path": "file://x"})";
+  EXPECT_EQ(exit_status(), 0);
+  EXPECT_TRUE(logged("[ERROR] file://x for schema.path is NOT supported now.\n"));
+  EXPECT_TRUE(logged("[ERROR] Component <schema> init service failed.\n[ERROR] Ymgrd initialize failed.\n"));
+}
+
+TEST_F(startup, waiting_for_redis_ends_with_a_stop_signal)
+{
+  redis.stop();
+  ASSERT_TRUE(daemon.launch());
+  ASSERT_TRUE(daemon.wait_for_log("[WARN] Database is NOT ready, and fail to connect.\n"));
+  EXPECT_TRUE(daemon.running());
+  kill(daemon.pid(), SIGTERM);
+  std::optional<int> status = daemon.wait(std::chrono::seconds(5));
+  ASSERT_TRUE(status.has_value());
+  EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGTERM);
+}
+
+TEST_F(startup, redis_may_come_up_after_the_daemon)
+{
+  redis.stop();
+  ASSERT_TRUE(daemon.launch());
+  ASSERT_TRUE(daemon.wait_for_log("[WARN] Database is NOT ready, and fail to connect.\n"));
+  redis.start();
+  ASSERT_TRUE(daemon.wait_for_log("[INFO] Ymgrd initialized successfully.\n"));
+  EXPECT_NE(connect().rpc(support::get_config("running")), "");
+}
+
+TEST_F(startup, detaches_unless_the_profile_says_no_and_cleans_up_on_sigterm)
+{
+  prctl(PR_SET_CHILD_SUBREAPER, 1); // so that the detached daemon becomes this program's child, to be waited for
+  daemon.options().profile["daemonize"] = "";
+  ASSERT_EQ(exit_status(), 0);
+  ASSERT_TRUE(daemon.wait_for_log("[INFO] Ymgrd initialized successfully.\n"));
+  support::netconf_session &session = connect();
+  ucred peer = {};
+  socklen_t size = sizeof(peer);
+  ASSERT_EQ(getsockopt(ymgr_descriptor(session.client()), SOL_SOCKET, SO_PEERCRED, &peer, &size), 0);
+  ASSERT_GT(peer.pid, 0);
+  EXPECT_EQ(getsid(peer.pid), peer.pid);
+  kill(peer.pid, SIGTERM);
+  int status = 0;
+  bool ended = support::wait_until([&] { return waitpid(peer.pid, &status, WNOHANG) == peer.pid; });
+  EXPECT_TRUE(ended && WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+  if (!ended) {
+    kill(peer.pid, SIGKILL);
+  }
+  for (const char *name : {"/agent.sock", "/plugin.sock", "/notify.sock"}) {
+    EXPECT_NE(access((daemon.run_dir() + name).c_str(), F_OK), 0) << name;
+  }
+}
