@@ -5,7 +5,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,10 +13,11 @@
 #include "bench_document.h"
 #include "bench_floor.h"
 #include "client/client.h"
+#include "libredisapi/redisapi.h"
+#include "ymgrd/ymgrd.h"
 
 namespace {
 
-constexpr int RUNNING_REDIS_DB = 4;
 constexpr ymgr_duration PATIENCE{600000};
 constexpr int WHOLE_READS = 5;
 constexpr int LEAF_EDITS_MAX = 200;
@@ -145,10 +145,15 @@ int measure_empty_request(ymgr_client_t *client, bench_result_t *result)
   return 0;
 }
 
-// From the start of the process until a session is open.
+// From the start of the process until a session is open. Running is what startup holds: it is saved there first.
 int measure_start(bench_device *device, bench_result_t *result)
 {
   device->stop_daemon();
+  redis_connection_ptr redis(redis_connect(device->redis_socket().c_str()));
+  if (redis == nullptr || redis_select(redis.get(), REDIS_RUNNING_DB_MASTER) != 0 ||
+      redis_copyimprove(redis.get(), "*", REDIS_RUNNING_DB_MASTER, REDIS_STARTUP_DB_MASTER) != 0) {
+    return -1;
+  }
   bench_watch watch;
   if (device->start_daemon() != 0 || open_session(*device) == nullptr) {
     return -1;
@@ -178,7 +183,7 @@ int measure(int entries, bench_result_t *ret_result)
   result.resident_mb = device.resident_mb();
   client.reset();
   if (measure_start(&device, &result) != 0 || bench_yang_floor(document, &result.yang) != 0 ||
-      bench_redis_floor(device.redis_socket(), RUNNING_REDIS_DB, &result.redis) != 0) {
+      bench_redis_floor(device.redis_socket(), REDIS_RUNNING_DB_MASTER, &result.redis) != 0) {
     return -1;
   }
   *ret_result = result;

@@ -65,7 +65,7 @@ void ymgrd_wire_components()
   session_hooks_t session_hooks = {};
   session_hooks.receive = rpc_recv_proc;
   session_hooks.is_busy = operation_must_wait;
-  session_hooks.publish = broker_publish_operation;
+  session_hooks.publish = rpc_publish_request;
   session_hooks.closing = ds_session_closed;
   session_hooks.shut_down = end_after_shutdown;
   session_set_hooks(session_hooks);

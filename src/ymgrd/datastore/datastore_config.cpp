@@ -235,6 +235,7 @@ const char *missing_key(const lysc_node *list, const lyd_node_opaq *entry)
   return nullptr;
 }
 
+// libyang is asked to parse the node once more: it fails on purpose and leaves the reason behind.
 reply_error_ptr opaque_error(const lyd_node *node)
 {
   const lysc_node *schema = dbkey_schema_of(node);
@@ -248,8 +249,14 @@ reply_error_ptr opaque_error(const lyd_node *node)
                         ("<bad-element>" + std::string(key) + "</bad-element>").c_str());
   } else {
     ds_clear_yang_errors();
-    (void)lyd_parse_opaq_error(node); // fails by purpose: it leaves the reason behind
-    error.reset(rpc_create_error(ds_error_kind(REPLY_ERR_OP_FAILED)));
+    if (schema != nullptr && (schema->nodetype & (LYS_LEAF | LYS_LEAFLIST))) {
+      // Not by the call below, which has no context for the members of a union.
+      (void)lyd_value_validate(schema_ctx(), schema, opaque->value, std::char_traits<char>::length(opaque->value),
+                               nullptr, nullptr, nullptr);
+    } else {
+      (void)lyd_parse_opaq_error(node);
+    }
+    error.reset(rpc_create_error(ds_error_kind(REPLY_ERR_INVALID_VALUE, REPLY_ERR_OP_FAILED)));
     ds_add_path_and_msg(error.get());
   }
   if (error != nullptr && !path.empty()) {
@@ -338,7 +345,7 @@ int ds_parse_rpc_config(lyxml_elem *rpc, NC_OP nc_op, ds_config_t *config, reply
   config->tree.reset(tree);
   if (result != LY_SUCCESS) {
     log_error("something wrong when parse xml data(rpc config)");
-    *ret_error = rpc_make_error(ds_error_kind(REPLY_ERR_OP_FAILED), "parse rpc config error.");
+    *ret_error = rpc_make_error(ds_error_kind(REPLY_ERR_INVALID_VALUE, REPLY_ERR_OP_FAILED), "parse rpc config error.");
     ds_add_path_and_msg(ret_error->get());
     return -1;
   }

@@ -139,7 +139,7 @@ int apply_edit(edit_work_t *work, differ_node_t **ret_tree, reply_error_ptr *ret
   }
   if (tree != nullptr && datastore_validate(&data) != 0) {
     free_differ_tree(tree);
-    *ret_error = rpc_make_error(ds_error_kind(invalid_kind), "validation failed");
+    *ret_error = rpc_make_error(ds_error_kind(invalid_kind, invalid_kind), "validation failed");
     ds_add_path_and_msg(ret_error->get());
     return -1;
   }

@@ -64,9 +64,7 @@ const message_kind_t message_kinds[] = {
     {"metadata", REPLY_ERR_BAD_ATTR},
     {"Mandatory node", REPLY_ERR_DATA_MISSING},
     {"Mandatory choice", REPLY_ERR_DATA_MISSING},
-    {"Must condition", REPLY_ERR_OP_FAILED},
     {"When condition", REPLY_ERR_UNKNOWN_ELEM},
-    {"Duplicate instance", REPLY_ERR_OP_FAILED},
     {"Data for both cases", REPLY_ERR_BAD_ELEM},
     {"state data node", REPLY_ERR_UNKNOWN_ELEM},
     {"data state node", REPLY_ERR_UNKNOWN_ELEM},
@@ -99,11 +97,11 @@ void ds_add_path_and_msg(reply_error_t *error)
   }
 }
 
-int ds_error_kind(int fallback)
+int ds_error_kind(int data_kind, int other_kind)
 {
   const ly_err_item *item = first_error();
   if (item == nullptr) {
-    return fallback;
+    return other_kind;
   }
   std::string_view app_tag = item->apptag == nullptr ? "" : item->apptag;
   for (const app_tag_kind_t &row : app_tag_kinds) {
@@ -117,5 +115,5 @@ int ds_error_kind(int fallback)
       return row.kind;
     }
   }
-  return item->vecode == LYVE_DATA ? REPLY_ERR_INVALID_VALUE : fallback;
+  return item->vecode == LYVE_DATA ? data_kind : other_kind;
 }

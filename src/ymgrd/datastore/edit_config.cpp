@@ -39,14 +39,20 @@ bool is_key(const lysc_node *schema)
   return schema->nodetype == LYS_LEAF && lysc_is_key(schema);
 }
 
+// The entry with the keys, or the value, of `entry`.
+lyd_node *find_entry(const lyd_node *siblings, const lyd_node *entry)
+{
+  lyd_node *match = nullptr;
+  return siblings != nullptr && lyd_find_sibling_first(siblings, entry, &match) == LY_SUCCESS ? match : nullptr;
+}
+
 lyd_node *find_counterpart(const edit_job_t *job, const lyd_node *parent, const lyd_node *config)
 {
-  if (config->schema == nullptr) {
-    return edit_find_schema(job, parent, dbkey_schema_of(config));
+  const lysc_node *schema = dbkey_schema_of(config);
+  if (!(schema->nodetype & (LYS_LIST | LYS_LEAFLIST))) {
+    return edit_find_schema(job, parent, schema);
   }
-  lyd_node *match = nullptr;
-  lyd_node *siblings = edit_siblings(job, parent);
-  return siblings != nullptr && lyd_find_sibling_first(siblings, config, &match) == LY_SUCCESS ? match : nullptr;
+  return find_entry(edit_siblings(job, parent), config);
 }
 
 // Every operation below a node that is deleted must agree with the deletion.
@@ -110,19 +116,24 @@ int edit_children(edit_job_t *job, const lyd_node *config, const edit_place_t &p
   return 0;
 }
 
+// A leaf with another value is the same leaf, another entry is another node.
+bool is_named(const lyd_node *config_siblings, const lyd_node *db_node)
+{
+  if (db_node->schema->nodetype & (LYS_LIST | LYS_LEAFLIST)) {
+    return find_entry(config_siblings, db_node) != nullptr;
+  }
+  lyd_node *match = nullptr;
+  return config_siblings != nullptr &&
+         lyd_find_sibling_val(config_siblings, db_node->schema, nullptr, 0, &match) == LY_SUCCESS;
+}
+
 // Under replace, what the config does not name goes.
 int erase_unnamed(edit_job_t *job, const lyd_node *config_siblings, const edit_place_t &place, differ_list *diff)
 {
   lyd_node *next = nullptr;
   for (lyd_node *child = edit_siblings(job, place.parent); child != nullptr; child = next) {
     next = child->next;
-    lyd_node *match = nullptr;
-    bool named = config_siblings != nullptr && lyd_find_sibling_first(config_siblings, child, &match) == LY_SUCCESS;
-    // A leaf with another value is the same leaf: it is changed, not erased.
-    if (!named && config_siblings != nullptr && child->schema->nodetype == LYS_LEAF) {
-      named = lyd_find_sibling_val(config_siblings, child->schema, nullptr, 0, &match) == LY_SUCCESS;
-    }
-    if (named || is_key(child->schema)) {
+    if (is_key(child->schema) || is_named(config_siblings, child)) {
       continue;
     }
     size_t parent_length = place.key->size();

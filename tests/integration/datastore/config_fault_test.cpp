@@ -43,8 +43,8 @@ const fault_t faults[] = {
 TEST_F(invalid_edit, is_answered_with_one_error_and_changes_nothing)
 {
   ASSERT_TRUE(session->ok(edit("<location>hall</location>")));
-  std::string candidate = redis.dump(CANDIDATE_DB);
-  std::string running = redis.dump(RUNNING_DB);
+  std::string candidate = dump(CANDIDATE_DB);
+  std::string running = dump(RUNNING_DB);
   for (const fault_t &fault : faults) {
     SCOPED_TRACE(fault.what);
     std::string reply = session->rpc(edit(fault.content));
@@ -54,7 +54,7 @@ TEST_F(invalid_edit, is_answered_with_one_error_and_changes_nothing)
     EXPECT_TRUE(*fault.tag == '\0' || error->tag == fault.tag) << reply;
     EXPECT_TRUE(contains(error->path, fault.path_part)) << reply;
     EXPECT_TRUE(contains(error->message, fault.message_part)) << reply;
-    EXPECT_EQ(redis.dump(RUNNING_DB), running);
+    EXPECT_EQ(dump(RUNNING_DB), running);
   }
   EXPECT_TRUE(holds("candidate", "<location>hall</location>"));
   ASSERT_TRUE(session->ok(support::DISCARD_CHANGES));
@@ -68,10 +68,9 @@ TEST_F(invalid_edit, model_app_tag_reaches_the_client)
 
 TEST_F(invalid_edit, state_data_rpcs_and_notifications_are_no_configuration)
 {
-  for (const char *config :
-       {"<state xmlns=\"urn:ex-sys\"><uptime>1</uptime></state>",
-        "<restart-service xmlns=\"urn:ex-sys\"><name>a</name></restart-service>",
-        "<service-failed xmlns=\"urn:ex-sys\"><name>a</name></service-failed>", "<system/>"}) {
+  for (const char *config : {"<state xmlns=\"urn:ex-sys\"><uptime>1</uptime></state>",
+                             "<restart-service xmlns=\"urn:ex-sys\"><name>a</name></restart-service>",
+                             "<service-failed xmlns=\"urn:ex-sys\"><name>a</name></service-failed>", "<system/>"}) {
     EXPECT_FALSE(session->error(support::edit_config("candidate", config)).tag.empty()) << config;
   }
 }
@@ -88,10 +87,11 @@ TEST_F(invalid_edit, parameters_of_the_operation_are_checked)
       {"two targets in one", "<edit-config><target><running/><candidate/></target>" + config + "</edit-config>"},
       {"startup", "<edit-config><target><startup/></target>" + config + "</edit-config>"},
       {"no config", "<edit-config><target><candidate/></target></edit-config>"},
-      {"unknown error-option", "<edit-config><target><candidate/></target><error-option>shrug</error-option>" + config +
-                                   "</edit-config>"},
+      {"unknown error-option",
+       "<edit-config><target><candidate/></target><error-option>shrug</error-option>" + config + "</edit-config>"},
       {"unknown default-operation", "<edit-config><target><candidate/></target><default-operation>paint"
-                                    "</default-operation>" + config + "</edit-config>"},
+                                    "</default-operation>" +
+                                        config + "</edit-config>"},
       {"no source", "<get-config/>"},
       {"an operation of no handler", "<validate><source><candidate/></source></validate>"},
   };

@@ -26,13 +26,26 @@ protected:
   {
     return support::edit_config("candidate", system(content), options);
   }
-  // Text of a part of a datastore, siblings sorted: the system's children without the defaults that come by themselves.
+  // The whole content of a datastore, as it came.
   std::string data(const std::string &datastore)
   {
-    return support::reply_data(session->rpc(support::get_config(datastore)), support::siblings::sorted);
+    std::string reply = session->rpc(support::get_config(datastore));
+    size_t begin = reply.find("<data>");
+    size_t end = reply.rfind("</data>");
+    return begin == std::string::npos || end == std::string::npos ? "" : reply.substr(begin + 6, end - begin - 6);
+  }
+  // A database without the persisted transaction state, which every edit changes.
+  std::string dump(int db)
+  {
+    std::string text = redis.dump(db);
+    size_t begin = text.find("hash ymgrd-info");
+    return text.substr(0, begin);
   }
   bool holds(const std::string &datastore, const std::string &part) { return contains(data(datastore), part); }
-  static bool contains(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+  static bool contains(const std::string &text, const std::string &part)
+  {
+    return text.find(part) != std::string::npos;
+  }
 
   support::netconf_session *session = nullptr;
 };

@@ -26,11 +26,11 @@ std::string db_value(int32_t type, const std::string &text)
 
 TEST_F(storage, layout_is_the_documented_one)
 {
-  ASSERT_TRUE(session->ok(edit(
-      "<hostname>box</hostname><logging><level>debug</level></logging><dns>10.0.0.2</dns><dns>10.0.0.1</dns>"
-      "<tag>say \"hi\"</tag><user><name>alice</name><uid>7</uid><key><index>1</index><data>A</data></key>"
-      "<quota xmlns=\"urn:ex-ext\">5</quota></user><read-only/>"
-      "<ntp xmlns=\"urn:ex-ext\"><server><address>a.example</address><prefer>true</prefer></server></ntp>")));
+  ASSERT_TRUE(session->ok(
+      edit("<hostname>box</hostname><logging><level>debug</level></logging><dns>10.0.0.2</dns><dns>10.0.0.1</dns>"
+           "<tag>say \"hi\"</tag><user><name>alice</name><uid>7</uid><key><index>1</index><data>A</data></key>"
+           "<quota xmlns=\"urn:ex-ext\">5</quota></user><read-only/>"
+           "<ntp xmlns=\"urn:ex-ext\"><server><address>a.example</address><prefer>true</prefer></server></ntp>")));
   ASSERT_TRUE(session->ok(support::edit_config(
       "candidate", "<routes xmlns=\"urn:ex-sys\"><route><dest>10.0.0.0</dest><mask>8</mask></route></routes>")));
   ASSERT_TRUE(session->ok(support::COMMIT));
@@ -63,15 +63,18 @@ TEST_F(storage, layout_is_the_documented_one)
 
 TEST_F(storage, deleting_everything_leaves_no_key_of_the_tree)
 {
-  ASSERT_TRUE(session->ok(edit("<hostname>box</hostname><user><name>a</name><key><index>1</index><data>A</data></key></user>"
-                               "<user><name>b</name></user><dns>10.0.0.1</dns>")));
+  ASSERT_TRUE(
+      session->ok(edit("<hostname>box</hostname><user><name>a</name><key><index>1</index><data>A</data></key></user>"
+                       "<user><name>b</name></user><dns>10.0.0.1</dns>")));
   ASSERT_TRUE(session->ok(support::COMMIT));
-  ASSERT_TRUE(session->ok(edit("<user nc:operation=\"delete\"><name>a</name></user><user nc:operation=\"delete\"><name>b</name></user>")));
+  ASSERT_TRUE(session->ok(
+      edit("<user nc:operation=\"delete\"><name>a</name></user><user nc:operation=\"delete\"><name>b</name></user>")));
   ASSERT_TRUE(session->ok(support::COMMIT));
   EXPECT_EQ(field("/ex-sys/system", "user"), "(none)"); // the list went with its last entry
   EXPECT_TRUE(redis.command(RUNNING_DB, {"KEYS", "/ex-sys/system/user*"}).empty());
   ASSERT_TRUE(session->ok(support::edit_config(
-      "candidate", "<system xmlns=\"urn:ex-sys\" xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\" nc:operation=\"delete\"/>")));
+      "candidate",
+      "<system xmlns=\"urn:ex-sys\" xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\" nc:operation=\"delete\"/>")));
   ASSERT_TRUE(session->ok(support::COMMIT));
   EXPECT_TRUE(redis.command(RUNNING_DB, {"KEYS", "/ex-sys/*"}).empty());
 }
