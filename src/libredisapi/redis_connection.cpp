@@ -81,6 +81,7 @@ int select_on_link(rContext *connection, int db)
 int establish(rContext *connection)
 {
   connection->link.reset(open_link(connection->address));
+  connection->serial++;
   redisContext *link = connection->link.get();
   if (link == nullptr) {
     return -1;

@@ -192,6 +192,13 @@ int database_flush(int hdb)
   return db_drv_is_builtin(g_db_drv.get()) ? db_flush(hdb) : 0; // an external driver has its own ways
 }
 
+uint64_t database_foreign_writes()
+{
+  static uint64_t unwatched = 0;
+  // Nothing is known of an external driver's storage.
+  return is_ready() && db_drv_is_builtin(g_db_drv.get()) ? db_foreign_writes() : ++unwatched;
+}
+
 int database_lock(int hdb, int type, const char *path)
 {
   return hdb > 0 && is_ready() ? g_db_drv->lock(hdb, type, path) : -1;

@@ -6,6 +6,8 @@
 // copying one onto the other moves only those.
 #pragma once
 
+#include <cstdint>
+
 #include "ymgrd/ymgrd.h"
 
 // How `data` is given.
@@ -55,6 +57,10 @@ int database_move(int hdb, const char *path, const char *coords, int offset);
 int database_get(int hdb, int tflag, const char *path, int deepth, char **result);
 int database_list(int hdb, int tflag, const char *path, char **result); // entries of a list with their keys only
 int database_index(int hdb, int tflag, const char *path);               // 0-based position of an entry, or -1
+
+// Grows whenever another process may have written to a datastore: what was read at an earlier count is void then. One small
+// round trip.
+uint64_t database_foreign_writes();
 
 // Transactions: what is written after the start is undone by discard. 0 or failure. A commit that fails leaves the
 // transaction open, to be discarded; closing the handle discards it too. A transaction during which the server was

@@ -48,6 +48,7 @@ int db_copy(int target, int source)
   if (target == source) {
     return 0;
   }
+  (void)db_foreign_writes(); // before what is known of the differences is used
   if (db_has_unfinished_discard(source_ndb) && db_recover(source_ndb) != 0) {
     return -1;
   }

@@ -57,7 +57,7 @@ void db_differences_equal(int target, int source)
 {
   difference_t *pair = find_pair(target, source);
   if (pair != nullptr) {
-    pair->keys.emplace();
+    pair->keys = db_key_set();
   }
 }
 

@@ -33,8 +33,8 @@ typedef struct _stored_node {
 
 class flush_plan {
 public:
-  flush_plan(hdb_t *handle, db_flush_t kind)
-      : handle_(handle), pending_(&handle->pending), connection_(handle->ctxt.get()), kind_(kind)
+  flush_plan(hdb_t *handle, rContext *writer, db_flush_t kind)
+      : handle_(handle), pending_(&handle->pending), connection_(handle->ctxt.get()), writer_(writer), kind_(kind)
   {
   }
 
@@ -60,7 +60,8 @@ private:
 
   hdb_t *handle_;
   db_overlay *pending_;
-  rContext *connection_;
+  rContext *connection_; // for reading
+  rContext *writer_;     // for what the plan comes to
   db_flush_t kind_;
 
   db_key_set unlinked_; // stored keys that go
@@ -480,7 +481,7 @@ int flush_plan::run()
   if (kind_ == DB_FLUSH_FINAL) {
     db_add_drop_saved(batch.get(), handle_);
   }
-  if (redis_batch_run_atomic(connection_, batch.get()) != 0) {
+  if (redis_batch_run_atomic(writer_, batch.get()) != 0) {
     handle_->uncertain = true;
     db_differences_forget(handle_->target_db);
     return -1;
@@ -551,9 +552,10 @@ int db_flush_pending(hdb_t *handle, db_flush_t kind)
   if (handle->pending.empty() && (kind == DB_FLUSH_UNDOABLE || handle->saved.empty())) {
     return 0;
   }
-  int result = check_transaction(handle);
+  rContext *writer = db_writer(handle->ndb->rdb);
+  int result = writer == nullptr ? -1 : check_transaction(handle);
   if (result == 0) {
-    result = flush_plan(handle, kind).run();
+    result = flush_plan(handle, writer, kind).run();
   }
   if (result != 0 && handle->trans_state != TRANS_STATE_WORKING) {
     handle->pending.clear(); // refused as a whole; nobody will discard it

@@ -111,11 +111,12 @@ void db_apply_list_op(pending_list_t *list, const pending_op_t &op)
 
 void db_overlay::clear()
 {
-  keys_.clear();
-  sorted_.clear();
+  // New containers: a cleared one keeps its buckets, and every later clear would pay for the largest edit so far.
+  sorted_.clear(); // borrows the keys' texts: goes first
+  keys_ = decltype(keys_)();
   is_sorted_ = false;
   deleted_.clear();
-  deleted_keys_.clear();
+  deleted_keys_ = db_key_set();
   replaced_ = false;
   replacement_ = 0;
 }

@@ -102,7 +102,7 @@ public:
   // Nodes that went away in this transaction, kept over flushes: deleting one again is no error.
   bool is_gone(std::string_view data_key) const;
   void note_gone(std::string_view data_key) { gone_.emplace(data_key); }
-  void forget_gone() { gone_.clear(); }
+  void forget_gone() { gone_ = db_key_set(); }
 
 private:
   pending_key_t *key_at(std::string_view key);

@@ -1,6 +1,7 @@
 // Connections to the server, kept between uses: connecting costs more than most operations.
 #include <array>
 
+#include "libredisapi/redis_watch.h"
 #include "ymgrd/core/log.h"
 #include "ymgrd/core/paths.h"
 #include "ymgrd/database/database_internal.h"
@@ -13,6 +14,8 @@ constexpr size_t IDLE_PER_DATABASE = 4;
 
 std::string g_db_sock;
 std::array<std::vector<redis_connection_ptr>, REDIS_PROTOM_DB + 1> g_idle; // by Redis database
+redis_watch_ptr g_watch; // over the keys of all trees, which begin with "/"
+uint64_t g_foreign_writes = 0;
 std::string g_server_id;
 uint64_t g_server_generation = 0;
 bool g_connected = false; // set by each (re)connection, read and cleared by db_connect
@@ -49,6 +52,15 @@ void note_connection(rContext *connection)
 bool names_something(std::string_view address, std::string_view scheme)
 {
   return address.find('/', scheme.size()) != std::string_view::npos;
+}
+
+redis_watch_t *watch()
+{
+  redis_set_connect_hook(note_connection);
+  if (g_watch == nullptr) {
+    g_watch.reset(redis_watch_create(g_db_sock.c_str(), "/"));
+  }
+  return g_watch.get();
 }
 
 } // namespace
@@ -126,8 +138,23 @@ uint64_t db_server_generation()
   return g_server_generation;
 }
 
+rContext *db_writer(int rdb)
+{
+  return redis_watch_writer(watch(), rdb);
+}
+
+uint64_t db_foreign_writes()
+{
+  if (redis_watch_poll(watch()) != REDIS_SEEN_NOTHING) {
+    db_differences_forget_all();
+    g_foreign_writes++;
+  }
+  return g_foreign_writes;
+}
+
 void db_pool_close()
 {
+  g_watch.reset();
   for (std::vector<redis_connection_ptr> &idle : g_idle) {
     idle.clear();
   }

@@ -106,9 +106,10 @@ void add_restore(redis_batch_t *batch, const ndb_t *ndb, const db_saved_t &saved
   add_drop(batch, ndb, saved);
 }
 
-int run_restore(rContext *master, redis_batch_t *batch, const ndb_t *ndb, const db_saved_t &saved)
+int run_restore(redis_batch_t *batch, const ndb_t *ndb, const db_saved_t &saved)
 {
-  if (redis_batch_run_atomic(master, batch) != 0) {
+  rContext *writer = db_writer(ndb->rdb);
+  if (writer == nullptr || redis_batch_run_atomic(writer, batch) != 0) {
     db_differences_forget(ndb->ndb_idx);
     return -1;
   }
@@ -136,7 +137,7 @@ int undo_flushed(hdb_t *handle)
   }
   redis_batch_ptr batch(redis_batch_create());
   add_restore(batch.get(), ndb, saved);
-  return run_restore(handle->ctxt.get(), batch.get(), ndb, saved);
+  return run_restore(batch.get(), ndb, saved);
 }
 
 void end_transaction(hdb_t *handle)
@@ -176,8 +177,7 @@ int db_recover(const ndb_t *ndb)
            }) == nullptr;
   };
   db_saved_t saved;
-  db_connection master = db_connect(ndb->rdb);
-  if (!master || load_saved(ndb, is_left_behind, &saved) != 0) {
+  if (load_saved(ndb, is_left_behind, &saved) != 0) {
     return -1;
   }
   redis_batch_ptr batch(redis_batch_create());
@@ -190,7 +190,7 @@ int db_recover(const ndb_t *ndb)
     redis_batch_add(batch.get(), {"FLUSHDB"});
     redis_batch_add(batch.get(), {"SELECT", std::to_string(ndb->rdb)});
   }
-  if (run_restore(master.get(), batch.get(), ndb, saved) != 0) {
+  if (run_restore(batch.get(), ndb, saved) != 0) {
     return -1;
   }
   *backup_of(ndb) = BACKUP_CLEAN;
@@ -202,12 +202,12 @@ int db_clean_backup(const ndb_t *ndb)
   if (*backup_of(ndb) == BACKUP_CLEAN || has_open_transactions(ndb)) {
     return 0;
   }
-  db_connection backup = db_connect(ndb->backup_rdb);
-  if (!backup) {
+  rContext *writer = db_writer(ndb->backup_rdb);
+  if (writer == nullptr) {
     log_error("db clean:redis connect failed.");
     return -1;
   }
-  if (redis_flushdb(backup.get()) != 0) {
+  if (redis_flushdb(writer) != 0) {
     log_error("db clean:redis db(%d) does not exist", ndb->backup_rdb);
     return -1;
   }

@@ -9,6 +9,7 @@
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
 #include "ymgrd/datastore/ds_error.h"
+#include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/schema/schema.h"
 
 differ_node_t *differ_nodes = nullptr;
@@ -67,6 +68,7 @@ int use_schema()
   differ_tree_set_ctx(schema_ctx());
   schema_on_exit(dbkey_release);
   schema_on_exit(ds_drop_differ_nodes);
+  schema_on_exit(ds_kept_drop);
   return 0;
 }
 

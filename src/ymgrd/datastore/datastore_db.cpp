@@ -6,6 +6,7 @@
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
 #include "ymgrd/datastore/ds_error.h"
+#include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/schema/schema.h"
 
 namespace {
@@ -25,6 +26,59 @@ const datastore_database_t datastore_databases[] = {
     {ENUM_DATASTORE_CANDIDATE, YMGRM_CANDIDATE_DB},
     {ENUM_DATASTORE_STATUS, YMGRM_STATUS_DB},
 };
+
+// --- Diffs that libyang makes of what it changed by itself.
+
+std::string_view operation_of(const lyd_node *change)
+{
+  for (const lyd_node *node = change; node != nullptr; node = lyd_parent(node)) { // inherited from above
+    const lyd_meta *meta = lyd_find_meta(node->meta, nullptr, "yang:operation");
+    if (meta != nullptr) {
+      return lyd_get_meta_value(meta);
+    }
+  }
+  return {};
+}
+
+lyd_node *find_implicit(const lyd_node *data, const lyd_node *change)
+{
+  if (data == nullptr || operation_of(change) != "create") {
+    return nullptr;
+  }
+  c_string_ptr path(lyd_path(change, LYD_PATH_STD, nullptr, 0));
+  lyd_node *node = nullptr;
+  if (path == nullptr || lyd_find_path(data, path.get(), 0, &node) != LY_SUCCESS) {
+    return nullptr;
+  }
+  return node->flags & LYD_DEFAULT ? node : nullptr;
+}
+
+const lyd_node *find_deleted(const lyd_node *changes)
+{
+  for (const lyd_node *root = changes; root != nullptr; root = root->next) {
+    const lyd_node *node = nullptr;
+    LYD_TREE_DFS_BEGIN(root, node)
+    {
+      if (operation_of(node) == "delete") {
+        return node;
+      }
+      LYD_TREE_DFS_END(root, node);
+    }
+  }
+  return nullptr;
+}
+
+// A node whose condition held before and no longer does: libyang deletes it from a tree that it validated before, where
+// it refuses it in one that was just read. Both are refused here.
+reply_error_ptr when_error(const lyd_node *lost)
+{
+  reply_error_ptr error = rpc_make_error(REPLY_ERR_UNKNOWN_ELEM, "When condition of the node is not satisfied.");
+  c_string_ptr path(lyd_path(lost, LYD_PATH_STD, nullptr, 0));
+  if (error != nullptr && path != nullptr) {
+    rpc_set_error_field(error.get(), REPLY_ERR_FIELD_PATH, path.get());
+  }
+  return error;
+}
 
 } // namespace
 
@@ -143,7 +197,35 @@ int ds_db_get_data_from_top(int hdb, int tflag, const char *path, lyd_tree_ptr *
   return 0;
 }
 
-int datastore_validate(lyd_tree_ptr *data)
+int ds_take_data(int hdb, int tflag, const char *path, lyd_tree_ptr *ret_data)
+{
+  if (std::string_view(path) == "/" && ds_kept_take(ret_data)) {
+    return 0;
+  }
+  return ds_db_get_data_from_top(hdb, tflag, path, ret_data);
+}
+
+void ds_drop_implicit(lyd_tree_ptr *data, const lyd_node *created)
+{
+  for (const lyd_node *root = created; root != nullptr; root = root->next) {
+    const lyd_node *node = nullptr;
+    LYD_TREE_DFS_BEGIN(root, node)
+    {
+      lyd_node *implicit = find_implicit(data->get(), node);
+      if (implicit != nullptr) {
+        LYD_TREE_DFS_continue = 1; // all below goes with it
+        if (implicit == data->get()) {
+          (void)data->release(); // freed below; its successor becomes the first node
+          data->reset(implicit->next);
+        }
+        lyd_free_tree(implicit);
+      }
+      LYD_TREE_DFS_END(root, node);
+    }
+  }
+}
+
+int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *ret_error)
 {
   if (*data == nullptr) {
     log_debug("no need to check mandatory for NULL config");
@@ -153,8 +235,21 @@ int datastore_validate(lyd_tree_ptr *data)
   ymgrd_send_keepalive_msg(VALIDATION_WARN_SECONDS, VALIDATION_KILL_SECONDS);
   ds_clear_yang_errors();
   lyd_node *tree = data->release(); // validation may replace the first node
-  LY_ERR result = lyd_validate_all(&tree, schema_ctx(), LYD_VALIDATE_NO_STATE | LYD_VALIDATE_PRESENT, nullptr);
+  lyd_node *changes = nullptr;
+  LY_ERR result = lyd_validate_all(&tree, schema_ctx(), LYD_VALIDATE_NO_STATE | LYD_VALIDATE_PRESENT, &changes);
   data->reset(tree);
+  lyd_tree_ptr owner(changes);
   ymgrd_send_keepalive_msg(0, 0);
-  return result == LY_SUCCESS ? 0 : -1;
+  if (result != LY_SUCCESS) {
+    *ret_error = rpc_make_error(ds_error_kind(invalid_kind, invalid_kind), "validation failed");
+    ds_add_path_and_msg(ret_error->get());
+    return -1;
+  }
+  const lyd_node *lost = find_deleted(changes);
+  if (lost != nullptr) {
+    *ret_error = when_error(lost);
+    return -1;
+  }
+  ds_drop_implicit(data, changes);
+  return 0;
 }

@@ -3,7 +3,7 @@
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
-#include "ymgrd/datastore/ds_error.h"
+#include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/datastore/edit_config.h"
 #include "ymgrd/rpc/rpc_reply.h"
 
@@ -21,6 +21,7 @@ struct edit_work_t {
   NC_EDIT_OP_TYPE default_operation = NC_EDIT_OP_MERGE;
   ds_config_t config;
   ds_session_db db;
+  lyd_tree_ptr edited;                 // what the target holds once the edit stands
   differ_node_t *to_publish = nullptr; // of running only; owned by differ_nodes once it is published
 };
 
@@ -126,9 +127,8 @@ int apply_edit(edit_work_t *work, differ_node_t **ret_tree, reply_error_ptr *ret
   request.tflag = DB_TFLAG_TRANS;
   request.default_operation = work->default_operation;
   request.config = work->config.tree.get();
-  lyd_tree_ptr data;
   differ_node_t *tree = nullptr;
-  if (edit_operations(request, &data, &tree, ret_error) != 0) {
+  if (edit_operations(request, &work->edited, &tree, ret_error) != 0) {
     if (*ret_error == nullptr) {
       ret_error->reset(rpc_create_error(REPLY_ERR_OP_FAILED));
       if (edit_message != nullptr) {
@@ -137,10 +137,8 @@ int apply_edit(edit_work_t *work, differ_node_t **ret_tree, reply_error_ptr *ret
     }
     return -1;
   }
-  if (tree != nullptr && datastore_validate(&data) != 0) {
+  if (tree != nullptr && datastore_validate(&work->edited, invalid_kind, ret_error) != 0) {
     free_differ_tree(tree);
-    *ret_error = rpc_make_error(ds_error_kind(invalid_kind, invalid_kind), "validation failed");
-    ds_add_path_and_msg(ret_error->get());
     return -1;
   }
   *ret_tree = tree;
@@ -159,6 +157,7 @@ int edit_candidate(edit_work_t *work, reply_error_ptr *ret_error)
     return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Commit fail.");
   }
   differ_tree_merge(&differ_nodes, &tree, 1);
+  ds_kept_store(std::move(work->edited));
   (void)database_set_transaction_state(work->target, E_TRANS_PUB);
   return 0;
 }
@@ -201,7 +200,7 @@ int publish_edit(edit_work_t *work, reply_error_ptr *ret_error)
     return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Commit fail.");
   }
   differ_nodes = work->to_publish;
-  if (datastore_publish(work->sid, &work->db, work->rpc, differ_nodes, ENUM_DATASTORE_RUNNING, work->erropt) != 0) {
+  if (datastore_publish(work->sid, &work->db, &work->edited, differ_nodes, ENUM_DATASTORE_RUNNING, work->erropt) != 0) {
     ds_drop_differ_nodes();
     ret_error->reset(rpc_create_error(REPLY_ERR_OP_FAILED));
     return -1;
@@ -220,6 +219,7 @@ int finish_without_change(edit_work_t *work, reply_error_ptr *ret_error)
     return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Commit fail.");
   }
   (void)database_set_transaction_state(work->target, E_TRANS_COMMIT_END);
+  ds_kept_store(std::move(work->edited));
   return 0;
 }
 

@@ -74,6 +74,8 @@ private:
 // All configuration data is read through here: the tree below `path` ("/": all) as stored, unvalidated, in `*ret_data`
 // (null when there is nothing). 0 or -1.
 int ds_db_get_data_from_top(int hdb, int tflag, const char *path, lyd_tree_ptr *ret_data);
+// What an edit starts from: the kept tree when it is valid (it is taken out of store), else the same as above.
+int ds_take_data(int hdb, int tflag, const char *path, lyd_tree_ptr *ret_data);
 // The same as XML text; `*ret_text` is null when there is nothing.
 int ds_get_xmltext(int hdb, int tflag, const char *path, c_string_ptr *ret_text);
 
@@ -102,12 +104,17 @@ int ds_parse_rpc_config(lyxml_elem *rpc, NC_OP nc_op, ds_config_t *config, reply
 
 // --- Steps of the operations.
 
-// Checks the whole data tree against the schema; adds implicit nodes to it. 0, also for an empty tree; or -1.
-int datastore_validate(lyd_tree_ptr *data);
+// Checks the whole data tree against the schema (nothing is added to it). 0, also for an empty tree; -1 with the error,
+// whose kind is `invalid_kind` unless the violation has a kind of its own.
+int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *ret_error);
+// Takes implicit nodes out again: those that the diff `created` of a libyang call names and that are still marked as
+// default.
+void ds_drop_implicit(lyd_tree_ptr *data, const lyd_node *created);
 
 // Hands the change to the broker. On 0 the reply is sent by datastore_publish_callback (which may have run already) and
-// `db` was taken over; on -1 nothing was sent and the caller keeps `db`.
-int datastore_publish(int sid, ds_session_db *db, lyxml_elem *rpc, differ_node_t *dtree, int target_ds, int erropt);
+// `db` was taken over; on -1 nothing was sent and the caller keeps `db`. `data` is what running holds once the change
+// stands, and is taken over; null for a commit, where it is what candidate holds.
+int datastore_publish(int sid, ds_session_db *db, lyd_tree_ptr *data, differ_node_t *dtree, int target_ds, int erropt);
 
 // Announces a long parse to the watchdog for the life of the object, sized by the request's text.
 class ds_long_parse {

@@ -8,6 +8,7 @@
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore.h"
 #include "ymgrd/datastore/datastore_internal.h"
+#include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/notify/base_notification.h"
 #include "ymgrd/rpc/rpc_reply.h"
 #include "ymgrd/rpc/session.h"
@@ -21,6 +22,7 @@ struct ds_publishing_t {
   int sid;
   int target_ds;
   ds_session_db db;
+  lyd_tree_ptr data; // of a running edit: what running holds once the change stands
 };
 
 std::unique_ptr<ds_publishing_t> take_publishing()
@@ -83,6 +85,16 @@ reply_error_ptr finish_publication(ds_publishing_t *record, int is_rollback, rep
   return commit_change(record) == 0 ? nullptr : reply_error_ptr(rpc_create_error(REPLY_ERR_ACCESS_DENIED));
 }
 
+// After a commit the kept tree is what both datastores hold; after a failure nobody knows.
+void keep_data(ds_publishing_t *record, bool succeeded)
+{
+  if (!succeeded) {
+    ds_kept_drop();
+  } else if (record->target_ds == ENUM_DATASTORE_RUNNING) {
+    ds_kept_store(std::move(record->data));
+  }
+}
+
 // --- commit
 
 struct commit_databases_t {
@@ -128,6 +140,7 @@ int open_for_commit(int sid, commit_databases_t *databases, reply_error_ptr *ret
 reply_error_ptr undo_commit(commit_databases_t *databases)
 {
   ds_drop_differ_nodes();
+  ds_kept_drop();
   (void)database_set_transaction_state(ENUM_DATASTORE_CANDIDATE, E_TRANS_COMMIT);
   const char *message = nullptr;
   if (database_copy(YMGRM_CANDIDATE_DB, YMGRM_RUNNING_DB) != 0) {
@@ -146,10 +159,9 @@ reply_error_ptr undo_commit(commit_databases_t *databases)
 
 } // namespace
 
-int datastore_publish(int sid, ds_session_db *db, lyxml_elem *rpc, differ_node_t *dtree, int target_ds, int erropt)
+int datastore_publish(int sid, ds_session_db *db, lyd_tree_ptr *data, differ_node_t *dtree, int target_ds, int erropt)
 {
-  (void)rpc; // the session's context keeps it until the reply
-  auto record = std::make_unique<ds_publishing_t>(ds_publishing_t{sid, target_ds, {}});
+  auto record = std::make_unique<ds_publishing_t>(ds_publishing_t{sid, target_ds, {}, nullptr});
   ds_publishing_t *publishing = record.get();
   if (context_save_record(PUBLISHING_OPTION, publishing) != 0) {
     log_error("Save %s option to context failed.", PUBLISHING_OPTION);
@@ -163,6 +175,9 @@ int datastore_publish(int sid, ds_session_db *db, lyxml_elem *rpc, differ_node_t
   }
   (void)database_set_transaction_state(target_ds, E_TRANS_PUB);
   publishing->db = std::move(*db); // the publication may end inside the next call
+  if (data != nullptr) {
+    publishing->data = std::move(*data);
+  }
   if (broker_publish_config(sid, erropt, dtree) != 0) {
     *db = std::move(publishing->db);
     (void)take_publishing();
@@ -184,6 +199,7 @@ int datastore_publish_callback(int is_rollback, reply_error_ptr errors)
     return -1;
   }
   reply_error_ptr error = finish_publication(record.get(), is_rollback, std::move(errors));
+  keep_data(record.get(), error == nullptr);
   (void)database_set_transaction_state(record->target_ds, E_TRANS_COMMIT_END);
   record->db.end();
   ds_drop_differ_nodes();
@@ -215,8 +231,8 @@ int ds_commit(int sid, const char *, lyxml_elem *rpc)
   if (open_for_commit(sid, &databases, &error) != 0) {
     return rpc_answer_error(sid, rpc, std::move(error));
   }
-  if (datastore_publish(sid, &databases.running, rpc, differ_nodes, ENUM_DATASTORE_CANDIDATE, ERROR_OPTION_ROLLBACK) !=
-      0) {
+  if (datastore_publish(sid, &databases.running, nullptr, differ_nodes, ENUM_DATASTORE_CANDIDATE,
+                        ERROR_OPTION_ROLLBACK) != 0) {
     error = undo_commit(&databases);
     databases.running.end();
     return rpc_answer_error(sid, rpc, std::move(error));
@@ -236,6 +252,7 @@ int ds_discarde_changes(int sid, const char *, lyxml_elem *rpc)
   }
   (void)database_set_transaction_state(ENUM_DATASTORE_CANDIDATE, E_TRANS_INIT);
   (void)database_set_transaction_state(ENUM_DATASTORE_CANDIDATE, E_TRANS_DATA_EDIT);
+  ds_kept_drop();
   int copied = database_copy(YMGRM_CANDIDATE_DB, YMGRM_RUNNING_DB);
   (void)database_set_transaction_state(ENUM_DATASTORE_CANDIDATE, E_TRANS_COMMIT_END);
   if (copied != 0) {

@@ -465,7 +465,7 @@ int edit_operations(const edit_request_t &request, lyd_tree_ptr *ret_data, diffe
   edit_job_t job;
   job.request = &request;
   differ_list diff;
-  if (ds_db_get_data_from_top(request.hdb, request.tflag, request.path, &job.data) != 0) {
+  if (ds_take_data(request.hdb, request.tflag, request.path, &job.data) != 0) {
     return -1;
   }
   if (edit_top_nodes(&job, &diff) != 0) {

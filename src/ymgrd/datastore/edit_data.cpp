@@ -116,7 +116,7 @@ differ_node_t *removed_diff(std::string *key, const lyd_node *node)
   differ_list below;
   size_t length = key->size();
   for (const lyd_node *child = lyd_child(node); child != nullptr; child = child->next) {
-    if (lysc_is_key(child->schema) || (child->flags & LYD_DEFAULT)) {
+    if (lysc_is_key(child->schema)) {
       continue;
     }
     dbkey_append(key, child);

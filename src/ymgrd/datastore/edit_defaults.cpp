@@ -3,6 +3,7 @@
 #include <unordered_map>
 
 #include "ymgrd/core/log.h"
+#include "ymgrd/datastore/datastore_internal.h"
 #include "ymgrd/datastore/edit_internal.h"
 
 namespace {
@@ -203,6 +204,33 @@ int store_implicit(edit_job_t *job, lyd_node *node, differ_node_t **tree)
   return 0;
 }
 
+int store_implicit_leaf(edit_job_t *job, const lyd_node *top, const lyd_node *created, differ_node_t **tree)
+{
+  c_string_ptr path(lyd_path(created, LYD_PATH_STD, nullptr, 0));
+  lyd_node *leaf = nullptr;
+  if (path == nullptr || lyd_find_path(top, path.get(), 0, &leaf) != LY_SUCCESS) {
+    return -1;
+  }
+  return store_implicit(job, leaf, tree);
+}
+
+int store_implicit_leafs(edit_job_t *job, const lyd_node *top, const lyd_node *created, differ_node_t **tree)
+{
+  for (const lyd_node *root = created; root != nullptr; root = root->next) {
+    const lyd_node *node = nullptr;
+    LYD_TREE_DFS_BEGIN(root, node)
+    {
+      bool is_default = node->schema->nodetype == LYS_LEAF && !lysc_is_key(node->schema);
+      if (is_default && store_implicit_leaf(job, top, node, tree) != 0) {
+        log_error("create default node %.512s lyd fail.", node->schema->name);
+        return -1;
+      }
+      LYD_TREE_DFS_END(root, node);
+    }
+  }
+  return 0;
+}
+
 int fill_conditional_below(edit_job_t *job, lyd_node *top, differ_node_t **tree)
 {
   lyd_node *created = nullptr;
@@ -211,24 +239,10 @@ int fill_conditional_below(edit_job_t *job, lyd_node *top, differ_node_t **tree)
     return -1;
   }
   lyd_tree_ptr owner(created);
-  lyd_node *root = nullptr;
-  LY_LIST_FOR(created, root)
-  {
-    lyd_node *node = nullptr;
-    LYD_TREE_DFS_BEGIN(root, node)
-    {
-      if (node->schema->nodetype == LYS_LEAF && !lysc_is_key(node->schema)) {
-        c_string_ptr path(lyd_path(node, LYD_PATH_STD, nullptr, 0));
-        lyd_node *leaf = nullptr;
-        if (path == nullptr || lyd_find_path(top, path.get(), 0, &leaf) != LY_SUCCESS ||
-            store_implicit(job, leaf, tree) != 0) {
-          log_error("create default node %.512s lyd fail.", node->schema->name);
-          return -1;
-        }
-      }
-      LYD_TREE_DFS_END(root, node);
-    }
+  if (store_implicit_leafs(job, top, created, tree) != 0) {
+    return -1;
   }
+  ds_drop_implicit(&job->data, created); // what is not stored: leaf-list defaults, containers that nothing needed
   return 0;
 }
 

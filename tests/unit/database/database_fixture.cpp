@@ -1,0 +1,157 @@
+#include "database_fixture.h"
+
+#include <cstdlib>
+#include <map>
+
+#include "libredisapi/redisapi.h"
+#include "ymgrd/core/context.h"
+#include "ymgrd/core/log.h"
+#include "ymgrd/schema/schema.h"
+
+namespace {
+
+lys_module make_module(const char *name, const char *ns, const char *prefix)
+{
+  lys_module module = {};
+  module.name = name;
+  module.ns = ns;
+  module.prefix = prefix;
+  return module;
+}
+
+const lys_module modules[] = {make_module("m", "urn:m", "m"), make_module("ext", "urn:ext", "e"),
+                              make_module("odd", "urn:a&b", "o")};
+
+} // namespace
+
+// The schema's look-ups, for the modules of these tests.
+std::string schema_get_module_ns(const std::string &module_name)
+{
+  for (const lys_module &module : modules) {
+    if (module_name == module.name) {
+      return module.ns;
+    }
+  }
+  return "";
+}
+
+const lys_module *schema_find_module(const char *token, size_t token_len)
+{
+  std::string_view text(token, token_len);
+  for (const lys_module &module : modules) {
+    if (text == module.name || text == module.prefix) {
+      return &module;
+    }
+  }
+  return nullptr;
+}
+
+void database_test::SetUp()
+{
+  log_open(LOG_TO_STDERR, LOG_LEVEL_INFO);
+  redis_set_logger([](const char *text) { log_error("%s", text); });
+  start_component();
+}
+
+void database_test::TearDown()
+{
+  stop_component();
+}
+
+void database_test::start_component()
+{
+  ASSERT_EQ(context_init(STAGE_RESOURCE), 0);
+  ASSERT_EQ(database_init(STAGE_RESOURCE), 0);
+  const unsigned char key[16] = {};
+  database_save_conf("default", 0, key, 16, ("unix://" + server_.socket_path()).c_str(), "1.0");
+  ASSERT_EQ(database_init(STAGE_CONFIG), 0);
+}
+
+void database_test::stop_component()
+{
+  database_exit();
+  context_exit();
+}
+
+int database_test::begin(int target)
+{
+  int hdb = database_open(target);
+  EXPECT_GT(hdb, 0);
+  EXPECT_GT(database_lock(hdb, DB_LOCK_WRITE, "/"), 0);
+  EXPECT_EQ(database_trans_start(hdb), 0);
+  return hdb;
+}
+
+void database_test::commit_and_close(int hdb)
+{
+  EXPECT_EQ(database_trans_commit(hdb), 0);
+  database_unlock(hdb, 1);
+  database_close(hdb);
+}
+
+void database_test::set(int hdb, const std::string &path, const std::string &text)
+{
+  EXPECT_EQ(database_set(hdb, path.c_str(), DB_DATA_CONTENT, text.c_str()), 0) << path;
+}
+
+void database_test::add(int hdb, const std::string &path, const char *coords, int offset)
+{
+  EXPECT_EQ(database_new(hdb, path.c_str(), coords, offset, DB_DATA_CONTENT, nullptr), 0) << path;
+}
+
+void database_test::remove(int hdb, const std::string &path)
+{
+  EXPECT_EQ(database_delete(hdb, path.c_str()), 0) << path;
+}
+
+std::string database_test::get(int hdb, const std::string &path, int depth, int tflag)
+{
+  char *result = nullptr;
+  if (database_get(hdb, tflag, path.c_str(), depth, &result) != 0) {
+    return "(failed)";
+  }
+  std::string text = result != nullptr ? result : "(null)";
+  free(result);
+  return text;
+}
+
+std::string database_test::get_from(int target, const std::string &path, int depth)
+{
+  int hdb = database_open(target);
+  std::string text = get(hdb, path, depth);
+  database_close(hdb);
+  return text;
+}
+
+std::string database_test::log_of(const std::function<void()> &work)
+{
+  testing::internal::CaptureStderr();
+  work();
+  return testing::internal::GetCapturedStderr();
+}
+
+long long database_test::commands_of(const std::function<void()> &work)
+{
+  auto executed = [this] {
+    std::string stats = server_.command(0, {"INFO", "stats"}).front();
+    return std::atoll(stats.c_str() + stats.find("total_commands_processed:") + 25);
+  };
+  constexpr long long OWN_COMMANDS = 2; // SELECT and INFO
+  long long before = executed();
+  work();
+  return executed() - before - OWN_COMMANDS;
+}
+
+void database_test::fill(int target)
+{
+  int hdb = begin(target);
+  set(hdb, "/m:top");
+  set(hdb, "/m:top/leaf", "text");
+  add(hdb, "/m:top/dns[.=\"10.1.1.1\"]");
+  add(hdb, "/m:top/user[name=\"a\"]");
+  set(hdb, "/m:top/user[name=\"a\"]/group", "g");
+  add(hdb, "/m:top/user[name=\"b\"]");
+  set(hdb, "/m:top/ext:ntp");
+  set(hdb, "/m:top/ext:ntp/server", "s");
+  commit_and_close(hdb);
+}

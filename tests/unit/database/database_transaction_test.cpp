@@ -1,0 +1,343 @@
+// Transactions: what commit and discard leave behind, what others see meanwhile, and what a lost server does to them.
+#include "database_fixture.h"
+
+#include <algorithm>
+#include <random>
+#include <set>
+
+namespace {
+
+constexpr int RUNNING_MASTER = REDIS_RUNNING_DB_MASTER;
+constexpr int RUNNING_BACKUP = REDIS_RUNNING_DB_CLUSTER;
+
+class database_transaction : public database_test {
+protected:
+  std::string master() { return server_.dump(RUNNING_MASTER); }
+  std::string backup() { return server_.dump(RUNNING_BACKUP); }
+};
+
+void edit(int hdb)
+{
+  EXPECT_EQ(database_set(hdb, "/m:top/leaf", DB_DATA_CONTENT, "changed"), 0);
+  EXPECT_EQ(database_delete(hdb, "/m:top/user[name=\"a\"]"), 0);
+  EXPECT_EQ(database_delete(hdb, "/m:top/ext:ntp"), 0);
+  EXPECT_EQ(database_new(hdb, "/m:top/user[name=\"c\"]", nullptr, -1, DB_DATA_CONTENT, nullptr), 0);
+  EXPECT_EQ(database_set(hdb, "/m:top/user[name=\"c\"]/group", DB_DATA_CONTENT, "h"), 0);
+  EXPECT_EQ(database_set(hdb, "/ext:other", DB_DATA_CONTENT, nullptr), 0);
+}
+
+constexpr const char EDITED[] = "<top xmlns=\"urn:m\"><leaf>changed</leaf><dns>10.1.1.1</dns><user><name>c</name>"
+                                "<group>h</group></user><user><name>b</name></user></top>";
+
+TEST_F(database_transaction, discard_restores_every_byte_also_of_what_was_flushed)
+{
+  fill(RUNNING);
+  const std::string before = master();
+  int hdb = begin(RUNNING);
+  edit(hdb);
+  EXPECT_EQ(master(), before); // not sent yet
+  EXPECT_EQ(database_trans_discard(hdb), 0);
+  EXPECT_EQ(database_trans_start(hdb), 0);
+  edit(hdb);
+  EXPECT_EQ(database_flush(hdb), 0);
+  EXPECT_NE(master(), before);
+  remove(hdb, "/m:top");
+  EXPECT_EQ(database_flush(hdb), 0);
+  remove(hdb, "/ext:other");
+  EXPECT_EQ(database_trans_discard(hdb), 0);
+  EXPECT_EQ(master(), before);
+  EXPECT_EQ(backup(), "");
+  database_close(hdb);
+}
+
+TEST_F(database_transaction, commit_keeps_the_writes_and_empties_the_backup)
+{
+  fill(RUNNING);
+  int hdb = begin(RUNNING);
+  edit(hdb);
+  EXPECT_EQ(database_flush(hdb), 0);
+  EXPECT_NE(backup(), "");
+  set(hdb, "/m:top/leaf", "last");
+  commit_and_close(hdb);
+  EXPECT_EQ(backup(), "");
+  EXPECT_EQ(get_from(RUNNING, "/m:top/leaf"), "<leaf>last</leaf>");
+  EXPECT_EQ(server_.command(RUNNING_MASTER, {"EXISTS", "/m/top/ext:ntp", "/m/top/user[name=\"a\"]"}).front(), "0");
+  EXPECT_EQ(server_.command(RUNNING_MASTER, {"HKEYS", "/"}).size(), 2U);
+}
+
+TEST_F(database_transaction, readers_choose_between_old_and_new_data)
+{
+  fill(RUNNING);
+  const std::string old_data = get_from(RUNNING, "/m:top");
+  int hdb = begin(RUNNING);
+  int other = database_open(RUNNING);
+  edit(hdb);
+  EXPECT_EQ(get(hdb, "/m:top", DB_DEPTH_ALL, 0), old_data);
+  EXPECT_EQ(get(other, "/m:top", DB_DEPTH_ALL, 0), old_data);
+  EXPECT_EQ(get(hdb, "/m:top", DB_DEPTH_ALL, DB_TFLAG_TRANS), EDITED); // sends the writes
+  EXPECT_EQ(get(hdb, "/m:top", DB_DEPTH_ALL, 0), old_data);
+  EXPECT_EQ(get(hdb, "/", DB_DEPTH_ALL, DB_TFLAG_TRANS | DB_TFLAG_BACKUP), old_data);
+  EXPECT_EQ(get(hdb, "/m:top/user[name=\"a\"]/group", DB_DEPTH_ALL, DB_TFLAG_BACKUP), "<group>g</group>");
+  EXPECT_EQ(database_index(hdb, DB_TFLAG_TRANS, "/m:top/user[name=\"b\"]"), 1);
+  EXPECT_EQ(database_index(hdb, 0, "/m:top/user[name=\"a\"]"), 0);
+  EXPECT_EQ(get(other, "/m:top", DB_DEPTH_ALL, DB_TFLAG_NOTRANS | DB_TFLAG_TRANS), EDITED);
+  EXPECT_NE(log_of([&] {
+              EXPECT_EQ(get(other, "/m:top", DB_DEPTH_ALL, DB_TFLAG_TRANS), "(failed)");
+            }).find("[ERROR] start trans first!\n"),
+            std::string::npos);
+  EXPECT_EQ(database_trans_discard(hdb), 0);
+  EXPECT_EQ(get(hdb, "/m:top", DB_DEPTH_ALL, 0), old_data);
+}
+
+TEST_F(database_transaction, replaced_subtrees_hold_only_what_was_written_after_the_delete)
+{
+  fill(RUNNING);
+  int hdb = begin(RUNNING);
+  set(hdb, "/m:top/user[name=\"a\"]/lost", "1");
+  set(hdb, "/m:top/user-like", "stays"); // begins like the list's name
+  remove(hdb, "/m:top/user");
+  add(hdb, "/m:top/user[name=\"z\"]");
+  set(hdb, "/m:top/user[name=\"z\"]/group", "1");
+  remove(hdb, "/m:top/user[name=\"z\"]/group");
+  remove(hdb, "/m:top/user[name=\"z\"]/group"); // once more is no error
+  add(hdb, "/m:top/user[name=\"a\"]");
+  add(hdb, "/m:top/user[name=\"y\"]", "/m:top/user[name=\"a\"]", -1);
+  commit_and_close(hdb);
+  EXPECT_EQ(get_from(RUNNING, "/m:top/user"),
+            "<user><name>z</name></user><user><name>y</name></user><user><name>a</name></user>");
+  EXPECT_EQ(get_from(RUNNING, "/m:top/user-like"), "<user-like>stays</user-like>");
+  EXPECT_EQ(server_.command(RUNNING_MASTER, {"EXISTS", "/m/top/user[name=\"a\"]"}).front(), "0");
+}
+
+TEST_F(database_transaction, deleting_what_is_nowhere_fails_the_commit_and_changes_nothing)
+{
+  fill(RUNNING);
+  const std::string before = master();
+  for (const std::string path : {"/m:top/none", "/x:none", "/m:top/user[name=\"none\"]", "/m:top/none[k=\"v\"]"}) {
+    int hdb = begin(RUNNING);
+    set(hdb, "/m:top/leaf", "lost");
+    remove(hdb, path);
+    EXPECT_NE(log_of([&] { EXPECT_EQ(database_trans_commit(hdb), -1) << path; }).find("[ERROR] redis has no key:"),
+              std::string::npos);
+    EXPECT_EQ(database_trans_discard(hdb), 0);
+    EXPECT_EQ(database_trans_commit(hdb), -1); // not running any more
+    database_unlock(hdb, 1);
+    database_close(hdb);
+    EXPECT_EQ(master(), before);
+  }
+}
+
+TEST_F(database_transaction, deletes_cost_rounds_by_depth_and_touch_only_their_subtree)
+{
+  int hdb = begin(RUNNING);
+  set(hdb, "/m:top");
+  for (int i = 0; i < 1000; i++) {
+    std::string entry = "/m:top/l[k=\"*?[" + std::to_string(i) + "\"]";
+    add(hdb, entry);
+    set(hdb, entry + "/c");
+    set(hdb, entry + "/c/v", "x");
+  }
+  EXPECT_EQ(database_trans_commit(hdb), 0);
+  EXPECT_EQ(database_trans_start(hdb), 0);
+  for (int i = 0; i < 10; i++) {
+    remove(hdb, "/m:top/l[k=\"*?[" + std::to_string(i) + "\"]");
+  }
+  EXPECT_LT(commands_of([&] { EXPECT_EQ(database_trans_commit(hdb), 0); }), 80);
+  EXPECT_EQ(server_.command(RUNNING_MASTER, {"DBSIZE"}).front(), std::to_string(4 + 2 * 990));
+  database_close(hdb);
+}
+
+TEST_F(database_transaction, writes_outside_of_a_transaction_are_for_status_only)
+{
+  int hdb = database_open(RUNNING);
+  EXPECT_EQ(database_set(hdb, "/m:top", DB_DATA_CONTENT, nullptr), -1);
+  EXPECT_EQ(database_delete(hdb, "/m:top"), -1);
+  int status = database_open(STATUS);
+  set(status, "/m:top/a", "1");
+  EXPECT_EQ(get_from(STATUS, "/m:top/a"), "<a>1</a>");
+  EXPECT_EQ(database_delete(status, "/m:top/none"), -1);
+  set(status, "/m:top/b", "2"); // the refused one is not tried again
+  EXPECT_EQ(database_trans_start(status), 0);
+  EXPECT_EQ(database_trans_start(status), -1);
+  set(status, "/m:top/a", "3");
+  EXPECT_EQ(database_trans_discard(status), 0);
+  EXPECT_EQ(get_from(STATUS, "/m:top/a"), "<a>1</a>");
+}
+
+TEST_F(database_transaction, closing_a_handle_discards_its_transaction)
+{
+  fill(RUNNING);
+  const std::string before = master();
+  int hdb = begin(RUNNING);
+  edit(hdb);
+  EXPECT_EQ(database_flush(hdb), 0);
+  database_close(hdb);
+  EXPECT_EQ(master(), before);
+  EXPECT_EQ(backup(), "");
+}
+
+TEST_F(database_transaction, two_handles_change_modules_of_one_datastore_independently)
+{
+  int first = database_open(RUNNING);
+  int second = database_open(RUNNING);
+  EXPECT_EQ(database_trans_start(first), 0);
+  EXPECT_EQ(database_trans_start(second), 0);
+  set(first, "/m:top");
+  set(second, "/ext:top");
+  EXPECT_EQ(database_flush(first), 0);
+  EXPECT_EQ(database_flush(second), 0);
+  EXPECT_EQ(database_trans_discard(first), 0);
+  EXPECT_EQ(database_trans_commit(second), 0);
+  EXPECT_EQ(get_from(RUNNING, "/"), "<top xmlns=\"urn:ext\"></top>");
+  EXPECT_EQ(server_.command(RUNNING_MASTER, {"HKEYS", "/"}), std::vector<std::string>{"ext"});
+  EXPECT_EQ(backup(), "");
+}
+
+// Edits of many kinds at random: sending them one by one must leave what sending them together leaves.
+TEST_F(database_transaction, order_and_time_of_flushes_do_not_change_the_result)
+{
+  for (unsigned seed = 1; seed <= 20; seed++) {
+    std::string results[2];
+    fill(RUNNING);
+    for (bool flush_each : {false, true}) {
+      const std::string before = master();
+      std::mt19937 random(seed);
+      std::set<std::string> entries = {"a", "b"};
+      int hdb = begin(RUNNING);
+      auto path = [](const std::string &name) { return "/m:top/user[name=\"" + name + "\"]"; };
+      for (int step = 0; step < 120; step++) {
+        std::string name(1, static_cast<char>('a' + random() % 8));
+        std::string other =
+            entries.empty() ? "" : *std::next(entries.begin(), static_cast<long>(random() % entries.size()));
+        unsigned kind = random() % 8;
+        bool known = entries.count(name) != 0;
+        if (kind == 0 && known) {
+          remove(hdb, path(name));
+          entries.erase(name);
+        } else if (kind == 1 && step % 10 == 0 && !entries.empty()) {
+          remove(hdb, "/m:top/user");
+          entries.clear();
+        } else if (kind == 2 && known && other != name) {
+          // May stand too near to an end: refused, in both cases.
+          (void)database_move(hdb, path(name).c_str(), path(other).c_str(), static_cast<int>(random() % 5) - 2);
+        } else if (kind == 3 && !known && !other.empty()) {
+          add(hdb, path(name), path(other).c_str(), random() % 2 == 0 ? 1 : -1);
+          entries.insert(name);
+        } else if (kind <= 4 && !known) {
+          add(hdb, path(name), nullptr, random() % 2 == 0 ? 0 : -1);
+          entries.insert(name);
+        } else if (known) {
+          set(hdb, path(name) + "/c");
+          set(hdb, path(name) + "/c/v" + std::to_string(random() % 3), std::to_string(step));
+        }
+        if (flush_each) {
+          EXPECT_EQ(database_flush(hdb), 0);
+        }
+      }
+      if (seed % 4 == 0) { // what was done can also be undone
+        EXPECT_EQ(database_flush(hdb), 0);
+        results[flush_each ? 1 : 0] = master();
+        EXPECT_EQ(database_trans_discard(hdb), 0);
+        EXPECT_EQ(master(), before);
+      } else {
+        EXPECT_EQ(database_trans_commit(hdb), 0);
+        results[flush_each ? 1 : 0] = master();
+        EXPECT_EQ(database_clean(RUNNING), 0);
+        database_unlock(hdb, 1);
+        database_close(hdb);
+        fill(RUNNING);
+        continue;
+      }
+      database_unlock(hdb, 1);
+      database_close(hdb);
+    }
+    EXPECT_EQ(results[0], results[1]) << "seed " << seed;
+    EXPECT_EQ(backup(), "");
+    EXPECT_EQ(database_clean(RUNNING), 0);
+  }
+}
+
+TEST_F(database_transaction, lost_server_fails_the_transaction_and_the_next_one_works)
+{
+  fill(RUNNING);
+  const std::string before = master();
+  for (bool flushed : {false, true}) {
+    int hdb = begin(RUNNING);
+    edit(hdb);
+    if (flushed) {
+      EXPECT_EQ(database_flush(hdb), 0);
+    }
+    server_.kill_now();
+    EXPECT_EQ(database_trans_commit(hdb), -1);
+    EXPECT_EQ(database_open(RUNNING), -1);
+    server_.start();
+    EXPECT_EQ(database_trans_commit(hdb), -1); // cut off: cannot be completed any more
+    EXPECT_EQ(database_trans_discard(hdb), 0);
+    EXPECT_EQ(master(), before);
+    EXPECT_EQ(backup(), "");
+    EXPECT_EQ(database_trans_start(hdb), 0);
+    EXPECT_EQ(database_trans_commit(hdb), 0);
+    database_unlock(hdb, 1);
+    database_close(hdb);
+  }
+}
+
+TEST_F(database_transaction, a_discard_without_server_is_finished_later)
+{
+  fill(RUNNING);
+  const std::string before = master();
+  int hdb = begin(RUNNING);
+  edit(hdb);
+  EXPECT_EQ(database_flush(hdb), 0);
+  server_.kill_now();
+  EXPECT_EQ(database_trans_discard(hdb), 0);
+  server_.start();
+  EXPECT_NE(master(), before);
+  EXPECT_EQ(database_trans_start(hdb), 0);
+  EXPECT_EQ(master(), before);
+  EXPECT_EQ(backup(), "");
+}
+
+TEST_F(database_transaction, what_a_crash_cut_off_is_undone_by_the_next_life)
+{
+  fill(RUNNING);
+  const std::string before = master();
+  edit(begin(RUNNING));
+  EXPECT_EQ(database_flush(1), 0);
+  EXPECT_NE(master(), before);
+  stop_component(); // without discard, as a crash would
+  start_component();
+  EXPECT_NE(master(), before); // nobody asked yet
+  int hdb = begin(RUNNING);
+  EXPECT_EQ(master(), before);
+  EXPECT_EQ(backup(), "");
+  database_close(hdb);
+}
+
+TEST_F(database_transaction, refused_writes_are_not_reported_as_stored)
+{
+  fill(RUNNING);
+  const std::string before = master();
+  server_.command(0, {"CONFIG", "SET", "maxmemory", "1"});
+  int hdb = begin(RUNNING);
+  edit(hdb);
+  EXPECT_NE(log_of([&] { EXPECT_EQ(database_trans_commit(hdb), -1); }).find("OOM"), std::string::npos);
+  EXPECT_EQ(database_set_transaction_state(ENUM_DATASTORE_RUNNING, E_TRANS_INIT), -1);
+  server_.command(0, {"CONFIG", "SET", "maxmemory", "0"});
+  EXPECT_EQ(database_trans_discard(hdb), 0);
+  EXPECT_EQ(master(), before);
+  database_close(hdb);
+}
+
+TEST_F(database_transaction, state_is_kept_as_four_bytes_of_each_datastore)
+{
+  EXPECT_EQ(database_get_transaction_state(ENUM_DATASTORE_RUNNING), E_TRANS_INVALID);
+  EXPECT_EQ(database_set_transaction_state(ENUM_DATASTORE_RUNNING, E_TRANS_PUB), 0);
+  EXPECT_EQ(database_get_transaction_state(ENUM_DATASTORE_RUNNING), E_TRANS_PUB);
+  EXPECT_EQ(database_get_transaction_state(ENUM_DATASTORE_CANDIDATE), E_TRANS_INVALID);
+  EXPECT_EQ(server_.dump(RUNNING_MASTER), "hash ymgrd-info\n  transact-state = 5\\x00\\x00\\x00\n");
+  EXPECT_EQ(database_set_transaction_state(ENUM_DATASTORE_URL, E_TRANS_PUB), -1);
+  EXPECT_EQ(database_get_transaction_state(0), E_TRANS_INVALID);
+}
+
+} // namespace
