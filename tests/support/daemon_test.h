@@ -16,8 +16,15 @@ namespace support {
 // The daemon is not started: a test or a derived SetUp adjusts daemon.options() first.
 class daemon_test : public testing::Test {
 protected:
+  // A daemon that still runs must end in an orderly way, and under sanitizers without a report.
   void TearDown() override
   {
+    if (daemon.running()) {
+      EXPECT_TRUE(daemon.stop());
+    }
+    for (const char *report : {"AddressSanitizer", "LeakSanitizer", "runtime error:"}) {
+      EXPECT_EQ(daemon.log_text().find(report), std::string::npos) << report;
+    }
     if (!HasFailure()) {
       return;
     }

@@ -19,6 +19,10 @@
 #include <unistd.h>
 
 #include "libconf/safe_string.h"
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
+
 #include "ymgrd/core/bt_syslog.h"
 #include "ymgrd/core/log.h"
 #include "ymgrd/core/startup.h"
@@ -109,6 +113,9 @@ void ymgrd_end_by_stop_signal()
 {
   int signal_no = ymgrd_stop_signal();
   if (signal_no != 0) {
+#ifdef __SANITIZE_ADDRESS__
+    __lsan_do_leak_check(); // by itself it checks at exit(), which a signal does not reach
+#endif
     (void)signal(signal_no, SIG_DFL);
     kill(getpid(), signal_no);
   }

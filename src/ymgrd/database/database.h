@@ -58,8 +58,8 @@ int database_get(int hdb, int tflag, const char *path, int deepth, char **result
 int database_list(int hdb, int tflag, const char *path, char **result); // entries of a list with their keys only
 int database_index(int hdb, int tflag, const char *path);               // 0-based position of an entry, or -1
 
-// Grows whenever another process may have written to a datastore: what was read at an earlier count is void then. One small
-// round trip.
+// Grows whenever another process may have written to a datastore: what was read at an earlier count is void then. One
+// small round trip.
 uint64_t database_foreign_writes();
 
 // Transactions: what is written after the start is undone by discard. 0 or failure. A commit that fails leaves the
@@ -70,6 +70,10 @@ int database_trans_commit(int hdb);
 int database_trans_discard(int hdb);
 // Sends the writes collected so far to the database (other processes see them; discard still undoes them). 0 or -1.
 int database_flush(int hdb);
+
+// Whether another process may have written to a datastore since this was last asked; true when that cannot be told (the
+// first time, after a lost connection, with an external driver). What this process writes does not count.
+bool database_was_changed_by_others();
 
 // Locks `path`'s module ("/": all modules) for the handle; never waits. The lock's id, greater than 0, or -1.
 int database_lock(int hdb, int type, const char *path);

@@ -56,8 +56,8 @@ db_connection db_connect(int rdb);                  // empty when the server is 
 // Grows each time the connected server turns out to be another, or a restarted one: what was known of its data is void
 // then.
 uint64_t db_server_generation();
-// The one connection through which trees are written, with the database selected: what comes through any other is a write
-// of another process. Borrowed; null when the server is not there.
+// The one connection through which trees are written, with the database selected: what comes through any other is a
+// write of another process. Borrowed; null when the server is not there.
 rContext *db_writer(int rdb);
 // Grows when another process may have written to a tree; what was known of differences is void then.
 uint64_t db_foreign_writes();
