@@ -15,7 +15,7 @@ struct _rContext {
   std::string address;
   std::unique_ptr<redisContext, redis_link_delete_t> link; // null after a loss
   int db = 0;
-  uint64_t serial = 0;   // grows with each link
+  uint64_t serial = 0; // grows with each link
 };
 
 void redis_log(const char *format, ...) __attribute__((format(printf, 1, 2)));

@@ -56,11 +56,6 @@ bool is_ready()
 
 } // namespace
 
-bool database_is_builtin()
-{
-  return is_ready() && db_drv_is_builtin(g_db_drv.get());
-}
-
 int database_init(int stage)
 {
   switch (stage) {
@@ -194,7 +189,7 @@ int database_flush(int hdb)
   if (hdb <= 0 || !is_ready()) {
     return -1;
   }
-  return database_is_builtin() ? db_flush(hdb) : 0; // an external driver has its own ways
+  return db_drv_is_builtin(g_db_drv.get()) ? db_flush(hdb) : 0; // an external driver has its own ways
 }
 
 uint64_t database_foreign_writes()

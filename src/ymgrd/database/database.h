@@ -71,10 +71,6 @@ int database_trans_discard(int hdb);
 // Sends the writes collected so far to the database (other processes see them; discard still undoes them). 0 or -1.
 int database_flush(int hdb);
 
-// Whether another process may have written to a datastore since this was last asked; true when that cannot be told (the
-// first time, after a lost connection, with an external driver). What this process writes does not count.
-bool database_was_changed_by_others();
-
 // Locks `path`'s module ("/": all modules) for the handle; never waits. The lock's id, greater than 0, or -1.
 int database_lock(int hdb, int type, const char *path);
 void database_unlock(int hdb, int lock_id);

@@ -38,6 +38,17 @@ bool has_open_transactions(const ndb_t *ndb)
          nullptr;
 }
 
+// A database is only flushed when it holds something: the server tells every client of a flush, as if all had changed.
+int holds_keys(rContext *connection, bool *ret_holds)
+{
+  redis_reply_ptr size = redis_command(connection, {"DBSIZE"});
+  if (size == nullptr || size->type != REDIS_REPLY_INTEGER) {
+    return -1;
+  }
+  *ret_holds = size->integer > 0;
+  return 0;
+}
+
 // Reads from the backup database what the handles that `is_wanted` names saved.
 int load_saved(const ndb_t *ndb, const std::function<bool(std::string_view owner)> &is_wanted, db_saved_t *ret_saved)
 {
@@ -177,7 +188,9 @@ int db_recover(const ndb_t *ndb)
            }) == nullptr;
   };
   db_saved_t saved;
-  if (load_saved(ndb, is_left_behind, &saved) != 0) {
+  bool has_leftovers = false;
+  db_connection backup = db_connect(ndb->backup_rdb);
+  if (!backup || holds_keys(backup.get(), &has_leftovers) != 0 || load_saved(ndb, is_left_behind, &saved) != 0) {
     return -1;
   }
   redis_batch_ptr batch(redis_batch_create());
@@ -185,7 +198,7 @@ int db_recover(const ndb_t *ndb)
     log_warn("Undoing a transaction of db(%d) that was cut off.", ndb->rdb);
     add_restore(batch.get(), ndb, saved);
   }
-  if (!has_open_transactions(ndb)) {
+  if (has_leftovers && !has_open_transactions(ndb)) {
     redis_batch_add(batch.get(), {"SELECT", std::to_string(ndb->backup_rdb)});
     redis_batch_add(batch.get(), {"FLUSHDB"});
     redis_batch_add(batch.get(), {"SELECT", std::to_string(ndb->rdb)});
@@ -207,7 +220,8 @@ int db_clean_backup(const ndb_t *ndb)
     log_error("db clean:redis connect failed.");
     return -1;
   }
-  if (redis_flushdb(writer) != 0) {
+  bool has_leftovers = false;
+  if (holds_keys(writer, &has_leftovers) != 0 || (has_leftovers && redis_flushdb(writer) != 0)) {
     log_error("db clean:redis db(%d) does not exist", ndb->backup_rdb);
     return -1;
   }

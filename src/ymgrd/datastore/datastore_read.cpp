@@ -2,11 +2,13 @@
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
+#include "ymgrd/datastore/ds_kept.h"
+#include "ymgrd/datastore/ds_print.h"
 #include "ymgrd/rpc/rpc_reply.h"
 
 namespace {
 
-int ds_get_send_reply(int sid, const lyxml_elem *rpc, const char *text)
+int ds_get_send_reply(int sid, const lyxml_elem *rpc, std::string_view text)
 {
   lyxml_ptr reply = rpc_build_reply(rpc);
   if (reply == nullptr) {
@@ -17,7 +19,45 @@ int ds_get_send_reply(int sid, const lyxml_elem *rpc, const char *text)
     log_error("Failed to new xmlNode when build rpc-reply.");
     return -1;
   }
-  return rpc_send_data_reply(sid, reply.get(), text == nullptr ? "" : text);
+  return rpc_send_data_reply(sid, reply.get(), text);
+}
+
+// Text of the kept tree, when that holds the source. False when it does not.
+bool print_kept(int source, wiped_string *text)
+{
+  bool may_hold_source =
+      source == ENUM_DATASTORE_CANDIDATE || (source == ENUM_DATASTORE_RUNNING && differ_nodes == nullptr);
+  lyd_tree_ptr data;
+  if (!may_hold_source || !ds_kept_take(&data)) {
+    return false;
+  }
+  bool printed = ds_print_xml(data.get(), text) == 0;
+  ds_kept_store(std::move(data));
+  if (!printed) {
+    text->clear(); // logged there; the database is read instead
+  }
+  return printed;
+}
+
+int send_source(int sid, const lyxml_elem *rpc, ds_session_db *db, int source)
+{
+  wiped_string kept;
+  c_string_ptr stored;
+  std::string_view text;
+  if (print_kept(source, &kept)) {
+    text = kept;
+  } else if (ds_get_xmltext(db->hdb(), 0, "/", &stored) == 0) {
+    text = stored == nullptr ? std::string_view() : stored.get();
+  } else {
+    log_error("Failed to get entire set of data.");
+    return ds_refuse(sid, rpc, REPLY_ERR_OP_NOT_SUPPORTED, "Failed to get entire set of data.");
+  }
+  db->end();
+  if (ds_get_send_reply(sid, rpc, text) != 0) {
+    log_error("Failed to build and send reply to session(%d)", sid);
+    return -1;
+  }
+  return 0;
 }
 
 } // namespace
@@ -46,15 +86,5 @@ int ds_get_config(int sid, const char *, lyxml_elem *rpc)
     log_error("Failed to lock for get-config operation.");
     return ds_refuse(sid, rpc, REPLY_ERR_OP_FAILED, "Failed to lock for get-config operation.");
   }
-  c_string_ptr text;
-  if (ds_get_xmltext(db.hdb(), 0, "/", &text) != 0) {
-    log_error("Failed to get entire set of data.");
-    return ds_refuse(sid, rpc, REPLY_ERR_OP_NOT_SUPPORTED, "Failed to get entire set of data.");
-  }
-  db.end();
-  if (ds_get_send_reply(sid, rpc, text.get()) != 0) {
-    log_error("Failed to build and send reply to session(%d)", sid);
-    return -1;
-  }
-  return 0;
+  return send_source(sid, rpc, &db, source);
 }

@@ -3,73 +3,13 @@
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
+#include "ymgrd/datastore/ds_value.h"
 #include "ymgrd/datastore/edit_internal.h"
 
 namespace {
 
 // A list of this many diff nodes is searched by its index, a shorter one by walking it.
 constexpr size_t SHORT_DIFFER_LIST = 8;
-
-// --- Values as they are stored.
-
-const lyd_value *real_value(const lyd_node *node)
-{
-  const lyd_value *value = &reinterpret_cast<const lyd_node_term *>(node)->value;
-  while (value->realtype->basetype == LY_TYPE_UNION) {
-    value = &value->subvalue->value;
-  }
-  return value;
-}
-
-// The canonical instance-identifier names the module where it changes only, which is no XML form: stored with the
-// module before every node and key.
-std::string qualify_instance_identifier(std::string_view canonical)
-{
-  std::string stored;
-  std::string_view module;
-  const char *begin = canonical.data();
-  for (size_t i = 0; i < canonical.size(); i++) {
-    char c = canonical[i];
-    stored.push_back(c);
-    bool starts_name = (c == '/' || c == '[') && i + 1 < canonical.size() && canonical[i + 1] != '.' &&
-                       !(canonical[i + 1] >= '0' && canonical[i + 1] <= '9');
-    if (c == '\'' || c == '"') { // a quoted value: copied up to its end
-      size_t end = canonical.find(c, i + 1);
-      end = end == std::string_view::npos ? canonical.size() - 1 : end;
-      stored.append(begin + i + 1, end - i);
-      i = end;
-    } else if (starts_name) {
-      size_t end = canonical.find_first_of("/[]=:", i + 1);
-      if (end != std::string_view::npos && canonical[end] == ':') {
-        module = canonical.substr(i + 1, end - i - 1);
-      } else {
-        stored.append(module).push_back(':');
-      }
-    }
-  }
-  return stored;
-}
-
-std::string any_text(const lyd_node *node)
-{
-  char *text = nullptr;
-  if (lyd_any_value_str(node, &text) != LY_SUCCESS || text == nullptr) {
-    return {};
-  }
-  c_string_ptr owner(text);
-  return text;
-}
-
-std::string stored_value(const lyd_node *node)
-{
-  if (node->schema->nodetype == LYS_ANYDATA || node->schema->nodetype == LYS_ANYXML) {
-    return any_text(node);
-  }
-  if (real_value(node)->realtype->basetype == LY_TYPE_INST) {
-    return qualify_instance_identifier(lyd_get_value(node));
-  }
-  return lyd_get_value(node);
-}
 
 bool is_any(const lysc_node *schema)
 {
@@ -230,7 +170,7 @@ differ_ptr edit_diff(const edit_place_t &place, ENUM_ACTION action, const lysc_n
 bool edit_same_value(const lyd_node *db_node, const lyd_node *config)
 {
   if (is_any(config->schema)) {
-    return any_text(db_node) == any_text(config);
+    return ds_stored_value(db_node) == ds_stored_value(config);
   }
   // Values are interned: equal ones are one pointer. Two cipher texts of one secret are not.
   return lyd_get_value(db_node) == lyd_get_value(config) ||
@@ -249,7 +189,7 @@ int edit_write(edit_job_t *job, const edit_place_t &place, const lyd_node *node,
   } else if (node->schema->nodetype == LYS_CONTAINER) {
     result = database_set(hdb, place.key->c_str(), DB_DATA_CONTENT, nullptr);
   } else {
-    result = database_set(hdb, place.key->c_str(), DB_DATA_CONTENT, stored_value(node).c_str());
+    result = database_set(hdb, place.key->c_str(), DB_DATA_CONTENT, ds_stored_value(node).c_str());
   }
   if (result != 0) {
     log_error("write database %.512s fail.", place.key->c_str());

@@ -194,6 +194,10 @@ lyxml_ptr lyxml_parse_mem(std::string_view text)
   if (text.empty() || text.size() > INT_MAX || !tags_are_small(text)) {
     return nullptr;
   }
+  // The parser takes a zero byte for the end of the document and would accept any bytes behind it.
+  if (text.find('\0') != std::string_view::npos) {
+    return nullptr;
+  }
   parser_ptr parser = make_parser(text);
   if (parser == nullptr) {
     return nullptr;

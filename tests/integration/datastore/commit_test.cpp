@@ -71,6 +71,26 @@ TEST_F(commit, sessions_share_candidate_and_see_each_others_commits)
   EXPECT_TRUE(holds("running", "hall"));
 }
 
+TEST_F(commit, a_write_of_another_process_is_seen_by_the_next_request)
+{
+  auto write_hostname = [this](const std::string &text) {
+    std::string value = std::string("\x01\0\0\0", 4) + text + std::string(4, '\0');
+    redis.command(RUNNING_DB, {"HSET", "/ex-sys/system", "hostname", value});
+  };
+  ASSERT_TRUE(session->ok(edit("<hostname>box</hostname>")));
+  ASSERT_TRUE(session->ok(COMMIT));
+  ASSERT_TRUE(holds("running", "<hostname>box</hostname>")); // from here on the daemon need not read Redis
+  write_hostname("foreign");
+  EXPECT_TRUE(holds("running", "<hostname>foreign</hostname>"));
+  write_hostname("foreign-again");
+  ASSERT_TRUE(session->ok(edit("<location>hall</location>")));
+  EXPECT_TRUE(holds("candidate", "<hostname>foreign-again</hostname>"));
+  ASSERT_TRUE(session->ok(COMMIT));
+  EXPECT_EQ(dump(RUNNING_DB), dump(CANDIDATE_DB));
+  EXPECT_TRUE(holds("running", "<hostname>foreign-again</hostname>"));
+  EXPECT_TRUE(holds("running", "<location>hall</location>"));
+}
+
 TEST_F(commit, a_lost_redis_fails_the_request_and_is_found_again_for_the_next)
 {
   ASSERT_TRUE(session->ok(edit("<hostname>box</hostname>")));

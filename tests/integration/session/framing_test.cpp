@@ -5,11 +5,7 @@
 
 namespace {
 
-#ifdef __SANITIZE_ADDRESS__
-constexpr int PIPELINED_REQUESTS = 250; // each costs several times as much
-#else
-constexpr int PIPELINED_REQUESTS = 1000;
-#endif
+constexpr uint16_t PIPELINED_REQUESTS = 1000;
 
 class framing : public session_fixture {
 protected:
@@ -42,45 +38,31 @@ TEST_F(framing, a_request_may_be_split_at_any_byte)
   }
 }
 
-TEST_F(framing, garbage_before_a_frame_is_skipped)
+TEST_F(framing, frames_are_found_behind_garbage_back_to_back_and_in_turns_with_other_sessions)
 {
-  for (const std::string &garbage : {std::string("ten bytes!"), std::string("\xff\xba\xdc\xff\xba\xdc", 6)}) {
-    send(garbage + ymgr_frame(rpc("1", GET_CAPABILITY), 5));
-    EXPECT_TRUE(contains(reply_to(agent, 5), "<capability>"));
-  }
-}
-
-TEST_F(framing, two_requests_in_one_write_are_answered_in_order)
-{
-  send(ymgr_frame(rpc("first", support::get_config("running")), 65535) + ymgr_frame(rpc("second", GET_CAPABILITY), 1));
+  std::string first = ymgr_frame(rpc("first", support::get_config("running")), 65535);
+  std::string second = ymgr_frame(rpc("second", GET_CAPABILITY), 1);
+  std::string theirs = ymgr_frame(rpc("theirs", GET_CAPABILITY), 4);
+  send("ten bytes!" + first + second + std::string("\xff\xba\xdc\xff\xba\xdc", 6) + first.substr(0, 40));
+  ASSERT_TRUE(ymgr_send_raw(other->client(), theirs.substr(0, 7)));
   EXPECT_TRUE(contains(reply_to(agent, 65535), "message-id=\"first\""));
   EXPECT_TRUE(contains(reply_to(agent, 1), "message-id=\"second\""));
-}
-
-TEST_F(framing, half_frames_of_two_sessions_do_not_mix)
-{
-  std::string mine = ymgr_frame(rpc("mine", GET_CAPABILITY), 3);
-  std::string theirs = ymgr_frame(rpc("theirs", GET_CAPABILITY), 4);
-  send(mine.substr(0, 40));
-  ASSERT_TRUE(ymgr_send_raw(other->client(), theirs.substr(0, 7)));
-  send(mine.substr(40, 30));
   ASSERT_TRUE(ymgr_send_raw(other->client(), theirs.substr(7)));
   EXPECT_TRUE(contains(reply_to(other->client(), 4), "message-id=\"theirs\""));
-  send(mine.substr(70));
-  EXPECT_TRUE(contains(reply_to(agent, 3), "message-id=\"mine\""));
+  send(first.substr(40));
+  EXPECT_TRUE(contains(reply_to(agent, 65535), "message-id=\"first\""));
 }
 
 TEST_F(framing, an_agent_that_dies_in_a_frame_costs_only_its_session)
 {
   std::string frame = ymgr_frame(rpc("1", GET_CAPABILITY), 1);
-  size_t ended = 0;
+  int id = 0;
   for (size_t length : {size_t{5}, size_t{12}, frame.size() - 1}) {
     support::netconf_session session(daemon.run_dir());
+    EXPECT_TRUE(id == 0 || session.id() == id) << "the one before still has its place";
+    id = session.id();
     ASSERT_TRUE(ymgr_send_raw(session.client(), frame.substr(0, length)));
     session.close();
-    ended++;
-    std::string line = "Session " + std::to_string(session.id()) + " exit.";
-    EXPECT_TRUE(support::wait_until([&] { return count(daemon.log_text(), line) == ended; }));
     pass_barrier();
   }
 }
@@ -112,26 +94,22 @@ TEST_F(framing, a_half_closed_agent_gets_its_reply)
 
 TEST_F(framing, pipelined_requests_of_many_sessions_each_get_their_own_reply)
 {
-  const std::string get_hostname = support::get_config("running", "<system xmlns=\"urn:ex-sys\"><hostname/></system>");
   std::vector<ymgr_client_t *> agents = {agent, other->client()};
   while (agents.size() < 16) {
     agents.push_back(connect().client());
   }
   auto message_id = [](size_t index, uint16_t seq) { return std::to_string(index) + "-" + std::to_string(seq); };
-  std::vector<std::vector<uint16_t>> sent(agents.size());
-  for (int n = 0; n < PIPELINED_REQUESTS; n++) {
+  for (uint16_t seq = 1; seq <= PIPELINED_REQUESTS; seq++) {
+    std::string operation = seq % 10 == 0 ? support::get_config("running") : GET_CAPABILITY;
     for (size_t index = 0; index < agents.size(); index++) {
-      auto seq = static_cast<uint16_t>(sent[index].size() + 1);
-      std::string operation = n % 10 == 0 ? get_hostname : GET_CAPABILITY;
       ASSERT_TRUE(ymgr_send_raw(agents[index], ymgr_frame(rpc(message_id(index, seq), operation), seq)));
-      sent[index].push_back(seq);
     }
   }
   for (size_t index = 0; index < agents.size(); index++) {
-    for (uint16_t seq : sent[index]) {
+    for (uint16_t seq = 1; seq <= PIPELINED_REQUESTS; seq++) {
       std::string reply = reply_to(agents[index], seq);
       ASSERT_TRUE(contains(reply, "message-id=\"" + message_id(index, seq) + "\"")) << reply;
-      ASSERT_FALSE(contains(reply, "<rpc-error>")) << reply;
+      ASSERT_TRUE(contains(reply, seq % 10 == 0 ? "<data" : "<capability>")) << reply;
     }
   }
 }

@@ -5,7 +5,13 @@
 
 namespace {
 
-class session_life : public session_fixture {};
+class session_life : public session_fixture {
+protected:
+  static std::string kill_session(int id)
+  {
+    return "<kill-session><session-id>" + std::to_string(id) + "</session-id></kill-session>";
+  }
+};
 
 } // namespace
 
@@ -38,39 +44,21 @@ TEST_F(session_life, a_connection_beyond_the_limit_is_closed_and_a_freed_place_i
   }));
 }
 
-TEST_F(session_life, kill_session_names_another_living_session)
+TEST_F(session_life, ends_by_close_session_or_by_kill_session_of_another)
 {
   support::netconf_session &killer = connect("killer");
-  for (const std::string &id : {std::to_string(killer.id()), std::string("0"), std::string("999")}) {
+  for (int id : {killer.id(), 0, 999}) {
     EXPECT_EQ(killer.error(kill_session(id)).tag, "invalid-value") << id;
   }
-  for (const char *id : {"-1", "many", ""}) {
-    EXPECT_FALSE(killer.error(kill_session(id)).tag.empty()) << id;
-  }
+  // close-session frees a place, kill-session that of another.
+  support::netconf_session &leaving = connect("leaving");
+  ASSERT_TRUE(leaving.ok("<close-session/>"));
+  EXPECT_TRUE(is_closed_by_daemon(leaving.client()));
   support::netconf_session &victim = connect("victim");
-  ASSERT_TRUE(killer.ok(kill_session(std::to_string(victim.id()))));
+  EXPECT_EQ(victim.id(), leaving.id());
+  ASSERT_TRUE(killer.ok(kill_session(victim.id())));
   EXPECT_TRUE(is_closed_by_daemon(victim.client()));
   EXPECT_EQ(connect("heir").id(), victim.id());
-}
-
-TEST_F(session_life, a_killed_session_loses_its_locks)
-{
-  support::netconf_session &killer = connect("killer");
-  support::netconf_session &victim = connect("victim");
-  const char lock[] = "<lock><target><running/></target></lock>";
-  ASSERT_TRUE(victim.ok(lock));
-  EXPECT_EQ(killer.error(lock).tag, "lock-denied");
-  ASSERT_TRUE(killer.ok(kill_session(std::to_string(victim.id()))));
-  ASSERT_TRUE(is_closed_by_daemon(victim.client()));
-  EXPECT_TRUE(killer.ok(lock));
-}
-
-TEST_F(session_life, close_session_answers_before_it_closes)
-{
-  support::netconf_session &session = connect();
-  EXPECT_TRUE(session.ok(CLOSE_SESSION));
-  EXPECT_TRUE(is_closed_by_daemon(session.client()));
-  EXPECT_TRUE(daemon.running());
 }
 
 TEST_F(session_life, shutdown_closes_the_idle_rest_answers_and_ends_with_status_one)

@@ -8,7 +8,6 @@ constexpr char PRIVATE_NS[] = "com:zentra:netconf:private:opal:device:ymgrd";
 constexpr char GET_CAPABILITY[] = "<get-capability xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\"/>";
 constexpr char CREATE_SESSION[] = "<create-session xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\"/>";
 constexpr char SHUTDOWN[] = "<shutdown xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\"/>";
-constexpr char CLOSE_SESSION[] = "<close-session/>";
 
 class session_fixture : public support::daemon_test {
 protected:
@@ -18,24 +17,10 @@ protected:
   {
     return text.find(part) != std::string::npos;
   }
-  static size_t count(const std::string &text, const std::string &part)
-  {
-    size_t found = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-      found++;
-    }
-    return found;
-  }
-
   static std::string rpc(const std::string &message_id, const std::string &operation)
   {
     return "<rpc message-id=\"" + message_id + "\" xmlns=\"" + BASE_NS + "\">" + operation + "</rpc>";
   }
-  static std::string kill_session(const std::string &session_id)
-  {
-    return "<kill-session><session-id>" + session_id + "</session-id></kill-session>";
-  }
-
   // A connection without create-session.
   ymgr_client_ptr connect_raw()
   {

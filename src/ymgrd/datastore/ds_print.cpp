@@ -1,0 +1,68 @@
+#include "ymgrd/datastore/ds_print.h"
+
+#include <string>
+
+#include "ymgrd/database/database_element.h"
+#include "ymgrd/datastore/dbkey.h"
+#include "ymgrd/datastore/ds_value.h"
+
+namespace {
+
+// The values of a data tree are clear.
+constexpr bool NOT_ENCRYPTED = false;
+
+class tree_printer {
+public:
+  explicit tree_printer(wiped_string *text) : writer_(NOT_ENCRYPTED), text_(text) {}
+
+  int print(const lyd_node *first)
+  {
+    for (const lyd_node *node = first; node != nullptr; node = node->next) {
+      int result = node->schema->nodetype & (LYS_CONTAINER | LYS_LIST) ? print_inner(node) : print_value(node);
+      if (result != 0) {
+        return -1;
+      }
+    }
+    return 0;
+  }
+
+private:
+  // Its name, qualified where the module changes. Only the writer's next call may use it.
+  std::string_view element_name(const lyd_node *node)
+  {
+    const char *prefix = dbkey_calc_prefix(node);
+    if (prefix == nullptr) {
+      return LYD_NAME(node);
+    }
+    name_.assign(prefix).append(":").append(LYD_NAME(node));
+    return name_;
+  }
+
+  int print_value(const lyd_node *node)
+  {
+    if (ds_is_stored_canonically(node)) {
+      return writer_.db_new_node({}, element_name(node), lyd_get_value(node), text_, nullptr);
+    }
+    return writer_.db_new_node({}, element_name(node), ds_stored_value(node), text_, nullptr);
+  }
+
+  int print_inner(const lyd_node *node)
+  {
+    if (writer_.db_new_node({}, element_name(node), std::nullopt, text_, nullptr) != 0 || print(lyd_child(node)) != 0) {
+      return -1;
+    }
+    db_add_etag(LYD_NAME(node), text_);
+    return 0;
+  }
+
+  db_element_writer writer_;
+  wiped_string *text_;
+  std::string name_;
+};
+
+} // namespace
+
+int ds_print_xml(const lyd_node *first, wiped_string *text)
+{
+  return tree_printer(text).print(first);
+}

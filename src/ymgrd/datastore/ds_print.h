@@ -1,0 +1,9 @@
+// Data trees as XML text, in the form in which they are read from the database.
+#pragma once
+
+#include <libyang/libyang.h>
+
+#include "libconf/wiped_string.h"
+
+// Appends the node `first` and its following siblings, with all below. 0 or -1.
+int ds_print_xml(const lyd_node *first, wiped_string *text);

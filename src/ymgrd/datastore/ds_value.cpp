@@ -1,0 +1,76 @@
+#include "ymgrd/datastore/ds_value.h"
+
+#include <string_view>
+
+#include "ymgrd/core/handles.h"
+
+namespace {
+
+const lyd_value *real_value(const lyd_node *node)
+{
+  const lyd_value *value = &reinterpret_cast<const lyd_node_term *>(node)->value;
+  while (value->realtype->basetype == LY_TYPE_UNION) {
+    value = &value->subvalue->value;
+  }
+  return value;
+}
+
+// The canonical instance-identifier names the module where it changes only, which is no XML form: stored with the
+// module before every node and key.
+std::string qualify_instance_identifier(std::string_view canonical)
+{
+  std::string stored;
+  std::string_view module;
+  const char *begin = canonical.data();
+  for (size_t i = 0; i < canonical.size(); i++) {
+    char c = canonical[i];
+    stored.push_back(c);
+    bool starts_name = (c == '/' || c == '[') && i + 1 < canonical.size() && canonical[i + 1] != '.' &&
+                       !(canonical[i + 1] >= '0' && canonical[i + 1] <= '9');
+    if (c == '\'' || c == '"') { // a quoted value: copied up to its end
+      size_t end = canonical.find(c, i + 1);
+      end = end == std::string_view::npos ? canonical.size() - 1 : end;
+      stored.append(begin + i + 1, end - i);
+      i = end;
+    } else if (starts_name) {
+      size_t end = canonical.find_first_of("/[]=:", i + 1);
+      if (end != std::string_view::npos && canonical[end] == ':') {
+        module = canonical.substr(i + 1, end - i - 1);
+      } else {
+        stored.append(module).push_back(':');
+      }
+    }
+  }
+  return stored;
+}
+
+std::string any_text(const lyd_node *node)
+{
+  char *text = nullptr;
+  if (lyd_any_value_str(node, &text) != LY_SUCCESS || text == nullptr) {
+    return {};
+  }
+  c_string_ptr owner(text);
+  return text;
+}
+
+bool is_any(const lyd_node *node)
+{
+  return node->schema->nodetype & LYD_NODE_ANY;
+}
+
+} // namespace
+
+bool ds_is_stored_canonically(const lyd_node *node)
+{
+  return !is_any(node) && real_value(node)->realtype->basetype != LY_TYPE_INST;
+}
+
+std::string ds_stored_value(const lyd_node *node)
+{
+  if (is_any(node)) {
+    return any_text(node);
+  }
+  const char *canonical = lyd_get_value(node);
+  return ds_is_stored_canonically(node) ? canonical : qualify_instance_identifier(canonical);
+}
