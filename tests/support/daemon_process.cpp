@@ -79,7 +79,7 @@ daemon_process::daemon_process(const std::string &dir, const std::string &redis_
     : dir_(dir), redis_socket_(redis_socket), options_(std::move(options))
 {
   fs::create_directories(modules_dir());
-  fs::create_directories(plugins_dir());
+  fs::create_directories(dir_ + "/plugins");
   copy_modules(fs::path(YMGR_SOURCE_DIR) / "modules", modules_dir());
   copy_modules(fs::path(YMGR_SOURCE_DIR) / "examples/modules", modules_dir());
 }
@@ -97,7 +97,7 @@ std::string daemon_process::profile_text() const
       {"daemonize", "false"},
       {"session-spec", "16"},
       {"modules-dir", json_string(modules_dir())},
-      {"plugins-dir", json_string(plugins_dir())},
+      {"plugins-dir", json_string(dir_ + "/plugins")},
       {"database", "{\"type\": \"default\", \"driver\": {\"path\": " + address + ", \"api-version\": \"1.0\"}}"},
       {"schema", "{\"db-enabled\": true, \"path\": " + address + "}"},
       {"modules", json_array(modules)},

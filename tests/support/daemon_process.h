@@ -39,7 +39,6 @@ public:
   // To be changed before the next start.
   daemon_options_t &options() { return options_; }
   std::string modules_dir() const { return dir_ + "/modules"; }
-  std::string plugins_dir() const { return dir_ + "/plugins"; }
   std::string run_dir() const { return dir_ + "/run"; }
   std::string profile_path() const { return dir_ + "/ymgrd.conf"; }
   std::string log_path() const { return dir_ + "/ymgrd.log"; }

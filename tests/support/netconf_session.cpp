@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <memory>
+#include <numeric>
 #include <utility>
 
 #include <libxml/parser.h>
@@ -69,60 +70,43 @@ const xmlNode *find(const xmlNode *node, std::string_view name)
   return nullptr;
 }
 
-std::string attributes_of(const xmlNode *node)
+std::string join(std::vector<std::string> parts, siblings order)
 {
-  std::vector<std::string> attributes;
-  for (const xmlAttr *attribute = node->properties; attribute != nullptr; attribute = attribute->next) {
-    std::string name(view(attribute->name));
-    if (attribute->ns != nullptr) {
-      name = "{" + std::string(view(attribute->ns->href)) + "}" + name;
-    }
-    attributes.push_back(" " + name + "=\"" + text_of(reinterpret_cast<const xmlNode *>(attribute)) + "\"");
-  }
-  std::sort(attributes.begin(), attributes.end());
-  std::string text;
-  for (const std::string &attribute : attributes) {
-    text += attribute;
-  }
-  return text;
-}
-
-std::string print(const xmlNode *node, std::string_view outer_namespace, const std::string &indent, siblings order)
-{
-  std::string_view own_namespace = namespace_of(node);
-  std::string text = indent + "<" + std::string(view(node->name));
-  if (own_namespace != outer_namespace) {
-    text += " xmlns=\"" + std::string(own_namespace) + "\"";
-  }
-  text += attributes_of(node);
-  std::vector<const xmlNode *> children = elements_below(node);
-  if (children.empty()) {
-    std::string content = text_of(node);
-    return text + (content.empty() ? "/>\n" : ">" + content + "\n");
-  }
-  std::vector<std::string> parts;
-  for (const xmlNode *child : children) {
-    parts.push_back(print(child, own_namespace, indent + "  ", order));
-  }
   if (order == siblings::sorted) {
     std::sort(parts.begin(), parts.end());
   }
-  text += ">\n";
-  for (const std::string &part : parts) {
-    text += part;
+  return std::accumulate(parts.begin(), parts.end(), std::string());
+}
+
+std::string print_children(const xmlNode *node, std::string_view outer_namespace, siblings order);
+
+std::string print(const xmlNode *node, std::string_view outer_namespace, siblings order)
+{
+  std::string_view own_namespace = namespace_of(node);
+  std::string name(view(node->name));
+  std::vector<std::string> attributes;
+  for (const xmlAttr *attribute = node->properties; attribute != nullptr; attribute = attribute->next) {
+    std::string space = attribute->ns == nullptr ? "" : "{" + std::string(view(attribute->ns->href)) + "}";
+    attributes.push_back(" " + space + std::string(view(attribute->name)) + "=\"" +
+                         text_of(reinterpret_cast<const xmlNode *>(attribute)) + "\"");
   }
-  return text;
+  return "<" + name + (own_namespace == outer_namespace ? "" : " xmlns=\"" + std::string(own_namespace) + "\"") +
+         join(attributes, siblings::sorted) + ">" + print_children(node, own_namespace, order) + "</" + name + ">\n";
+}
+
+std::string print_children(const xmlNode *node, std::string_view outer_namespace, siblings order)
+{
+  std::vector<std::string> parts;
+  for (const xmlNode *child : elements_below(node)) {
+    parts.push_back(print(child, outer_namespace, order));
+  }
+  return parts.empty() ? text_of(node) : join(parts, order);
 }
 
 std::string cut(const std::string &line)
 {
   return line.size() <= LONGEST_LINE ? line
                                      : line.substr(0, LONGEST_LINE) + "... (" + std::to_string(line.size()) + ")";
-}
-
-std::string filter_element(const std::string &subtree)
-{
-  return subtree.empty() ? "" : "<filter type=\"subtree\">" + subtree + "</filter>";
 }
 
 } // namespace
@@ -135,11 +119,10 @@ std::optional<rpc_error_t> find_error(const std::string &reply)
     return std::nullopt;
   }
   rpc_error_t error;
-  const std::pair<std::string_view, std::string *> fields[] = {
-      {"error-type", &error.type},       {"error-tag", &error.tag},   {"error-severity", &error.severity},
-      {"error-app-tag", &error.app_tag}, {"error-path", &error.path}, {"error-message", &error.message},
-      {"error-info", &error.info},
-  };
+  const std::pair<std::string_view, std::string *> fields[] = {{"error-tag", &error.tag},
+                                                               {"error-app-tag", &error.app_tag},
+                                                               {"error-path", &error.path},
+                                                               {"error-message", &error.message}};
   for (const xmlNode *child : elements_below(element)) {
     for (const auto &[name, field] : fields) {
       if (view(child->name) == name) {
@@ -172,28 +155,14 @@ std::string normalize(const std::string &xml, siblings order)
 {
   document_ptr document = parse(xml);
   const xmlNode *root = root_of(document);
-  return root == nullptr ? xml : print(root, "", "", order);
+  return root == nullptr ? xml : print(root, "", order);
 }
 
 std::string reply_data(const std::string &reply, siblings order)
 {
   document_ptr document = parse(reply);
   const xmlNode *data = find(root_of(document), "data");
-  if (data == nullptr) {
-    return normalize(reply, order);
-  }
-  std::vector<std::string> parts;
-  for (const xmlNode *child : elements_below(data)) {
-    parts.push_back(print(child, "", "", order));
-  }
-  if (order == siblings::sorted) {
-    std::sort(parts.begin(), parts.end());
-  }
-  std::string text;
-  for (const std::string &part : parts) {
-    text += part;
-  }
-  return text;
+  return data == nullptr ? normalize(reply, order) : print_children(data, "", order);
 }
 
 std::string edit_config(const std::string &target, const std::string &config, const std::string &options)
@@ -202,19 +171,9 @@ std::string edit_config(const std::string &target, const std::string &config, co
          "<config xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\">" + config + "</config></edit-config>";
 }
 
-std::string get_config(const std::string &source, const std::string &subtree_filter)
+std::string get_config(const std::string &source)
 {
-  return "<get-config><source><" + source + "/></source>" + filter_element(subtree_filter) + "</get-config>";
-}
-
-std::string get(const std::string &subtree_filter)
-{
-  return "<get>" + filter_element(subtree_filter) + "</get>";
-}
-
-std::string copy_config(const std::string &target, const std::string &source)
-{
-  return "<copy-config><target><" + target + "/></target><source><" + source + "/></source></copy-config>";
+  return "<get-config><source><" + source + "/></source></get-config>";
 }
 
 netconf_session::netconf_session(const std::string &run_dir, const std::string &username)
@@ -235,13 +194,13 @@ netconf_session::netconf_session(const std::string &run_dir, const std::string &
 
 std::string netconf_session::rpc(const std::string &operation, std::chrono::milliseconds timeout)
 {
-  lines_.push_back("> " + cut(operation));
+  lines_.push_back("> " + cut(operation) + "\n");
   if (client_ == nullptr) {
     ADD_FAILURE() << "not connected, request: " << cut(operation);
     return "";
   }
   std::optional<std::string> reply = ymgr_rpc(client_.get(), operation, timeout);
-  lines_.push_back("< " + (reply ? cut(*reply) : "(" + ymgr_last_error(client_.get()) + ")"));
+  lines_.push_back("< " + (reply ? cut(*reply) : "(" + ymgr_last_error(client_.get()) + ")") + "\n");
   if (!reply) {
     ADD_FAILURE() << "no reply (" << ymgr_last_error(client_.get()) << "), request: " << cut(operation);
     return "";
@@ -270,11 +229,7 @@ rpc_error_t netconf_session::error(const std::string &operation)
 
 std::string netconf_session::conversation() const
 {
-  std::string text;
-  for (const std::string &line : lines_) {
-    text += line + "\n";
-  }
-  return text;
+  return std::accumulate(lines_.begin(), lines_.end(), std::string());
 }
 
 } // namespace support

@@ -15,15 +15,12 @@ namespace support {
 
 // --- Replies.
 
-// The first <rpc-error>. Elements that it does not have are empty.
+// What is asked of the first <rpc-error>. Elements that it does not have are empty.
 typedef struct _reply_error {
-  std::string type;
   std::string tag;
-  std::string severity;
   std::string app_tag;
   std::string path;
   std::string message;
-  std::string info;
 } rpc_error_t;
 
 std::optional<rpc_error_t> find_error(const std::string &reply); // nothing when the reply is no error
@@ -32,7 +29,7 @@ bool is_ok(const std::string &reply);
 std::optional<std::string> find_text(const std::string &xml, std::string_view name);
 
 enum class siblings { in_order, sorted };
-// One form for equal documents: indented, namespaces where they change and without prefixes, attributes sorted, blanks
+// One form for equal documents: namespaces where they change and without prefixes, attributes sorted, blanks
 // between elements dropped. Text that is no XML is returned as it is.
 std::string normalize(const std::string &xml, siblings order = siblings::in_order);
 // The content of the reply's <data>, normalized; the whole reply when it has none.
@@ -42,9 +39,7 @@ std::string reply_data(const std::string &reply, siblings order = siblings::in_o
 
 // `options` stands between target and config: <default-operation>, <test-option>, <error-option>.
 std::string edit_config(const std::string &target, const std::string &config, const std::string &options = "");
-std::string get_config(const std::string &source, const std::string &subtree_filter = "");
-std::string get(const std::string &subtree_filter = "");
-std::string copy_config(const std::string &target, const std::string &source);
+std::string get_config(const std::string &source);
 constexpr char COMMIT[] = "<commit/>";
 constexpr char DISCARD_CHANGES[] = "<discard-changes/>";
 

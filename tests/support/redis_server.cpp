@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <csignal>
+#include <map>
+#include <numeric>
 #include <set>
 #include <stdexcept>
 
@@ -10,8 +12,6 @@
 namespace support {
 
 namespace {
-
-constexpr size_t PIPELINE_WINDOW = 512;
 
 void collect(const redisReply *reply, std::vector<std::string> *texts)
 {
@@ -49,44 +49,21 @@ std::string escaped(const std::string &bytes)
   return text;
 }
 
-// The command that reads a whole key of each type.
-std::vector<std::string> read_command(const std::string &type, const std::string &key)
-{
-  if (type == "hash") {
-    return {"HGETALL", key};
-  }
-  if (type == "list") {
-    return {"LRANGE", key, "0", "-1"};
-  }
-  if (type == "set") {
-    return {"SMEMBERS", key};
-  }
-  if (type == "zset") {
-    return {"ZRANGE", key, "0", "-1", "WITHSCORES"};
-  }
-  return {"GET", key};
-}
-
+// The content of one key as lines.
 std::string describe(const std::string &type, const std::vector<std::string> &content)
 {
-  std::vector<std::string> lines;
-  if (type == "hash" || type == "zset") {
-    for (size_t i = 0; i + 1 < content.size(); i += 2) {
-      lines.push_back("  " + escaped(content[i]) + " = " + escaped(content[i + 1]) + "\n");
-    }
-  } else {
+  if (type != "hash") {
+    std::string text;
     for (const std::string &value : content) {
-      lines.push_back("  " + escaped(value) + "\n");
+      text += "  " + escaped(value) + "\n";
     }
+    return text;
   }
-  if (type == "hash" || type == "set") {
-    std::sort(lines.begin(), lines.end()); // the server keeps no order
+  std::set<std::string> lines; // the server keeps no order
+  for (size_t i = 0; i + 1 < content.size(); i += 2) {
+    lines.insert("  " + escaped(content[i]) + " = " + escaped(content[i + 1]) + "\n");
   }
-  std::string text;
-  for (const std::string &line : lines) {
-    text += line;
-  }
-  return text;
+  return std::accumulate(lines.begin(), lines.end(), std::string());
 }
 
 } // namespace
@@ -141,85 +118,48 @@ void redis_server::kill_now()
   process_.kill_now();
 }
 
-redisContext *redis_server::connection()
+std::vector<std::string> redis_server::run(const std::vector<std::string> &words)
 {
   if (context_ == nullptr) {
     context_.reset(redisConnectUnix(socket_path_.c_str()));
   }
-  if (context_ == nullptr || context_->err != 0) {
+  std::vector<const char *> texts;
+  std::vector<size_t> lengths;
+  for (const std::string &word : words) {
+    texts.push_back(word.data());
+    lengths.push_back(word.size());
+  }
+  void *reply = context_ == nullptr || context_->err != 0
+                    ? nullptr
+                    : redisCommandArgv(context_.get(), static_cast<int>(words.size()), texts.data(), lengths.data());
+  if (reply == nullptr) {
     context_.reset();
     throw std::runtime_error("no connection to " + socket_path_);
   }
-  return context_.get();
-}
-
-std::vector<std::vector<std::string>> redis_server::pipeline(const std::vector<std::vector<std::string>> &commands)
-{
-  std::vector<std::vector<std::string>> replies;
-  for (size_t begin = 0; begin < commands.size(); begin += PIPELINE_WINDOW) {
-    size_t end = std::min(commands.size(), begin + PIPELINE_WINDOW);
-    for (size_t i = begin; i < end; i++) {
-      std::vector<const char *> words;
-      std::vector<size_t> lengths;
-      for (const std::string &word : commands[i]) {
-        words.push_back(word.data());
-        lengths.push_back(word.size());
-      }
-      redisAppendCommandArgv(connection(), static_cast<int>(words.size()), words.data(), lengths.data());
-    }
-    while (replies.size() < end) {
-      void *reply = nullptr;
-      if (redisGetReply(connection(), &reply) != REDIS_OK) {
-        context_.reset();
-        throw std::runtime_error("lost the connection to " + socket_path_);
-      }
-      std::unique_ptr<redisReply, void (*)(void *)> owner(static_cast<redisReply *>(reply), freeReplyObject);
-      collect(owner.get(), &replies.emplace_back());
-    }
-  }
-  return replies;
-}
-
-void redis_server::select(int db)
-{
-  pipeline({{"SELECT", std::to_string(db)}});
+  std::unique_ptr<redisReply, void (*)(void *)> owner(static_cast<redisReply *>(reply), freeReplyObject);
+  std::vector<std::string> result;
+  collect(owner.get(), &result);
+  return result;
 }
 
 std::vector<std::string> redis_server::command(int db, const std::vector<std::string> &words)
 {
-  select(db);
-  return pipeline({words}).front();
+  run({"SELECT", std::to_string(db)});
+  return run(words);
 }
 
 std::string redis_server::dump(int db)
 {
-  select(db);
-  std::set<std::string> keys; // SCAN may name a key twice
-  std::string cursor = "0";
-  do {
-    std::vector<std::string> found = pipeline({{"SCAN", cursor, "COUNT", "1000"}}).front();
-    cursor = found.front();
-    keys.insert(found.begin() + 1, found.end());
-  } while (cursor != "0");
-
-  std::vector<std::vector<std::string>> commands;
-  for (const std::string &key : keys) {
-    commands.push_back({"TYPE", key});
-  }
-  std::vector<std::vector<std::string>> types = pipeline(commands);
-  commands.clear();
-  size_t index = 0;
-  for (const std::string &key : keys) {
-    commands.push_back(read_command(types[index++].front(), key));
-  }
-  std::vector<std::vector<std::string>> contents = pipeline(commands);
-
+  const std::map<std::string, std::vector<std::string>> readers = {
+      {"hash", {"HGETALL"}}, {"list", {"LRANGE", "0", "-1"}}, {"string", {"GET"}}};
+  std::vector<std::string> keys = command(db, {"KEYS", "*"});
+  std::sort(keys.begin(), keys.end());
   std::string text;
-  index = 0;
   for (const std::string &key : keys) {
-    const std::string &type = types[index].front();
-    text += type + " " + escaped(key) + "\n" + describe(type, contents[index]);
-    index++;
+    std::string type = run({"TYPE", key}).front();
+    std::vector<std::string> words = readers.at(type); // other types are not written by anybody: throws
+    words.insert(words.begin() + 1, key);
+    text += type + " " + escaped(key) + "\n" + describe(type, run(words));
   }
   return text;
 }

@@ -35,9 +35,7 @@ private:
   struct context_delete {
     void operator()(redisContext *context) const;
   };
-  redisContext *connection(); // made when there is none
-  void select(int db);
-  std::vector<std::vector<std::string>> pipeline(const std::vector<std::vector<std::string>> &commands);
+  std::vector<std::string> run(const std::vector<std::string> &words); // in the database last selected
 
   std::string dir_;
   std::string socket_path_;

@@ -1,16 +1,16 @@
 // Which driver serves the interface: the built-in one, or a shared object named in the profile.
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <thread>
 
 #include <dlfcn.h>
+#include <poll.h>
 
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/handles.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/core/stop_signal.h"
 #include "ymgrd/database/database_config.h"
 #include "ymgrd/database/database_internal.h"
 
@@ -20,7 +20,7 @@ constexpr const char DRIVER_API_VERSION[] = "1.0";
 constexpr const char LIBRARY_OPTION[] = "OPT-database-drv-so";
 constexpr int READY_ATTEMPTS = 30;
 constexpr int ATTEMPTS_PER_WARNING = 10;
-constexpr std::chrono::seconds READY_INTERVAL(1);
+constexpr int READY_INTERVAL_MS = 1000;
 
 const db_drv_t builtin_driver = {db_open,         db_close,         db_copy,        db_clean,
                                  db_set_item,     db_del_item,      db_new_item,    db_move_item,
@@ -115,7 +115,10 @@ int wait_for_database(const db_drv_t *driver)
     if (attempt % ATTEMPTS_PER_WARNING == 0) {
       log_warn("Database is NOT ready, and fail to connect.");
     }
-    std::this_thread::sleep_for(READY_INTERVAL);
+    (void)poll(nullptr, 0, READY_INTERVAL_MS); // a sleep that a signal ends
+    if (ymgrd_stop_signal() != 0) {
+      return -1;
+    }
   }
   log_error("Database is NOT ready, and datastore failed to initialize.");
   return -1;

@@ -20,16 +20,6 @@ TEST(log, lines_above_the_level_are_dropped)
   EXPECT_EQ(lines, "[ERROR] one\n[WARN] two 2\n");
 }
 
-TEST(log, operation_lines_have_no_level_and_end_once)
-{
-  std::string lines = logged_by([] {
-    log_open(LOG_TO_STDERR, LOG_LEVEL_INFO);
-    log_operation("Operation information(a)\n");
-    log_operation("Operation information(b)");
-  });
-  EXPECT_EQ(lines, "Operation information(a)\nOperation information(b)\n");
-}
-
 TEST(log, long_lines_are_whole_and_errno_survives)
 {
   std::string text(100000, 'x');

@@ -35,19 +35,6 @@ TEST(options, paths_are_made_absolute_and_options_may_follow_the_library)
   EXPECT_FALSE(options.smooth);
 }
 
-TEST(options, unknown_options_and_extra_arguments_are_noted_and_parsing_goes_on)
-{
-  ymgrd_options_t options;
-  std::string error;
-  ASSERT_EQ(parse({"--unknown", "-s", "/alive.so", "second", "third"}, &options, &error), 0);
-  EXPECT_TRUE(options.smooth);
-  EXPECT_EQ(options.keepalive_so, "/alive.so");
-  EXPECT_EQ(logged_by([&] { ymgrd_log_notices(options); }), "[WARN] Option parser returned character code 0x3f .\n"
-                                                            "[INFO] Start ymgrd smooth mode.\n"
-                                                            "[WARN] Arguments second not parsed.\n"
-                                                            "[WARN] Arguments third not parsed.\n");
-}
-
 TEST(options, missing_and_invalid_values_are_errors_that_name_them)
 {
   const std::pair<std::vector<std::string>, std::string> cases[] = {

@@ -80,23 +80,6 @@ TEST_F(profile, modules_keep_their_order_and_invalid_ones_are_skipped)
   EXPECT_EQ(module->deviation, (std::vector<std::string>{"d"}));
 }
 
-TEST_F(profile, disabled_and_nameless_capabilities_are_skipped_silently)
-{
-  EXPECT_EQ(parse(R"({"capabilities": [{"capid": "urn:a", "enable": false}, {"enable": true}, 3, {"capid": "urn:b"},
-                                       {"capid": "urn:c", "enable": true}]})"),
-            "");
-  EXPECT_EQ(context_list_size("LIST-cpblt"), 1);
-}
-
-TEST_F(profile, schema_section_given_twice_keeps_the_later)
-{
-  EXPECT_EQ(parse(R"({"schema": {"db-enabled": true, "path": "unix://a"}, "schema": {"db-enabled": false}})"), "");
-  const auto *config = context_get_record<schema_config>("OPT-schema");
-  ASSERT_NE(config, nullptr);
-  EXPECT_EQ(config->db_enabled, 0);
-  EXPECT_EQ(config->path, "");
-}
-
 TEST_F(profile, working_key_is_cut_at_sixteen_bytes_and_filled_with_zeros)
 {
   const std::string too_long = "[ERROR] The length of working-key is more than 16.\n";
@@ -135,13 +118,6 @@ TEST_F(profile, broken_text_is_refused_without_showing_it)
   std::string text = "{\"working-key\": [\n  200, 201 202]}";
   EXPECT_EQ(logged_by([&] { EXPECT_EQ(ymgrd_parse_config(text.data(), text.size()), -1); }),
             "[ERROR] Json parse error(line 2, column 12).\n");
-}
-
-TEST_F(profile, missing_and_empty_files_are_refused)
-{
-  EXPECT_EQ(logged_by([] { EXPECT_EQ(ymgrd_load_config("/nonexistent/ymgrd.conf"), -1); }),
-            "[ERROR] Open file default-ymgrd-profile failed(No such file or directory).\n");
-  EXPECT_EQ(logged_by([] { EXPECT_EQ(ymgrd_load_config("/dev/null"), -1); }), "[ERROR] Ymgrd's profile is invalid.\n");
 }
 
 } // namespace

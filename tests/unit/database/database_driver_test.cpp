@@ -6,7 +6,6 @@
 #include "ymgr/driver.h"
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/log.h"
-#include "ymgrd/database/database_config.h"
 
 // The public header's numbers are the daemon's.
 static_assert(static_cast<int>(YMGR_DB_STATUS) == YMGRM_STATUS_DB);
@@ -53,15 +52,12 @@ TEST_F(database_driver, profiles_that_name_no_usable_driver_end_the_start)
   };
   const row_t rows[] = {
       {"default", "unix:///none", "1.00", "[ERROR] Api version is NOT 1.0.\n"},
-      {"default", "unix:///none", "1.0 ", "[ERROR] Api version is NOT 1.0.\n"},
       {"default", "unix:/none", "1.0", ""}, // no "/" behind the scheme
       {"null", "", "1.0", "[WARN] Database.type \"null\" is NOT supported now.\n"},
       {"other", "", "1.0", "[ERROR] Database.type(other) is NOT supported.\n"},
-      {"external", "", "1.0", ""},
       {"external", "/no/such/file", "1.0",
        "[ERROR] Failed to get the driver path, errcode:No such file or directory.\n"},
       {"external", "/etc/passwd", "1.0", "[ERROR] Load dynamic library failed("},
-      {"external", SHORT_DRIVER, "1.0", "[ERROR] Load symbol(lock) from database drviver library failed("},
       {"external", SHORT_DRIVER, "1.0", "[ERROR] Load symbol(unlock) from database drviver library failed("},
   };
   for (const row_t &row : rows) {
@@ -70,13 +66,6 @@ TEST_F(database_driver, profiles_that_name_no_usable_driver_end_the_start)
     EXPECT_NE(log.find(row.log), std::string::npos) << log;
     EXPECT_EQ(database_open(RUNNING), -1);
   }
-}
-
-TEST_F(database_driver, without_a_profile_section_the_built_in_driver_is_taken_untested)
-{
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(database_init(STAGE_CONFIG), 0);
-  EXPECT_NE(testing::internal::GetCapturedStderr().find("[INFO] Use redis api as driver.\n"), std::string::npos);
 }
 
 TEST_F(database_driver, an_external_driver_gets_all_calls)
@@ -106,25 +95,6 @@ TEST_F(database_driver, an_external_driver_gets_all_calls)
   database_unlock(7, 9);
   database_close(7);
   EXPECT_EQ(database_set(0, "/m:top", DB_DATA_CONTENT, "x"), -1); // no handle: not passed on
-}
-
-TEST_F(database_driver, profile_section_is_copied_and_checked)
-{
-  const unsigned char key[17] = {1, 2, 3};
-  database_save_conf("default", 2, key, 3, "unix:///tmp/x", "1.0");
-  const auto *config = context_get_record<database_config>("OPT-database");
-  ASSERT_NE(config, nullptr);
-  EXPECT_EQ(config->type, "default");
-  EXPECT_EQ(config->validate_level, 2);
-  EXPECT_EQ(config->working_key[2], 3);
-  EXPECT_EQ(config->working_key[3], 0);
-  testing::internal::CaptureStderr();
-  database_save_conf("default", 2, key, 17, "unix:///tmp/x", "1.0");
-  database_save_conf(nullptr, 2, key, 16, "unix:///tmp/x", "1.0");
-  database_save_conf("default", 2, key, 16, nullptr, "1.0");
-  database_save_conf("default", 2, key, 16, "unix:///tmp/x", nullptr);
-  const std::string line = "[WARN] Invalid type, driver path or version for database.\n";
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), line + line + line + line);
 }
 
 } // namespace

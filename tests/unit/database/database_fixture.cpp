@@ -1,7 +1,7 @@
 #include "database_fixture.h"
 
 #include <cstdlib>
-#include <map>
+#include <vector>
 
 #include "libredisapi/redisapi.h"
 #include "ymgrd/core/context.h"
@@ -10,31 +10,20 @@
 
 namespace {
 
-lys_module make_module(const char *name, const char *ns, const char *prefix)
-{
-  lys_module module = {};
-  module.name = name;
-  module.ns = ns;
-  module.prefix = prefix;
-  return module;
-}
-
-const lys_module modules[] = {make_module("m", "urn:m", "m"), make_module("ext", "urn:ext", "e"),
-                              make_module("odd", "urn:a&b", "o")};
+const std::vector<lys_module> modules = [] {
+  std::vector<lys_module> made(3);
+  const char *const texts[][3] = {{"m", "urn:m", "m"}, {"ext", "urn:ext", "e"}, {"odd", "urn:a&b", "o"}};
+  for (size_t i = 0; i < made.size(); i++) {
+    made[i].name = texts[i][0];
+    made[i].ns = texts[i][1];
+    made[i].prefix = texts[i][2];
+  }
+  return made;
+}();
 
 } // namespace
 
 // The schema's look-ups, for the modules of these tests.
-std::string schema_get_module_ns(const std::string &module_name)
-{
-  for (const lys_module &module : modules) {
-    if (module_name == module.name) {
-      return module.ns;
-    }
-  }
-  return "";
-}
-
 const lys_module *schema_find_module(const char *token, size_t token_len)
 {
   std::string_view text(token, token_len);
@@ -46,16 +35,17 @@ const lys_module *schema_find_module(const char *token, size_t token_len)
   return nullptr;
 }
 
+std::string schema_get_module_ns(const std::string &module_name)
+{
+  const lys_module *module = schema_find_module(module_name.data(), module_name.size());
+  return module == nullptr ? "" : module->ns;
+}
+
 void database_test::SetUp()
 {
   log_open(LOG_TO_STDERR, LOG_LEVEL_INFO);
   redis_set_logger([](const char *text) { log_error("%s", text); });
   start_component();
-}
-
-void database_test::TearDown()
-{
-  stop_component();
 }
 
 void database_test::start_component()
@@ -89,21 +79,6 @@ void database_test::commit_and_close(int hdb)
   database_close(hdb);
 }
 
-void database_test::set(int hdb, const std::string &path, const std::string &text)
-{
-  EXPECT_EQ(database_set(hdb, path.c_str(), DB_DATA_CONTENT, text.c_str()), 0) << path;
-}
-
-void database_test::add(int hdb, const std::string &path, const char *coords, int offset)
-{
-  EXPECT_EQ(database_new(hdb, path.c_str(), coords, offset, DB_DATA_CONTENT, nullptr), 0) << path;
-}
-
-void database_test::remove(int hdb, const std::string &path)
-{
-  EXPECT_EQ(database_delete(hdb, path.c_str()), 0) << path;
-}
-
 std::string database_test::get(int hdb, const std::string &path, int depth, int tflag)
 {
   char *result = nullptr;
@@ -123,11 +98,11 @@ std::string database_test::get_from(int target, const std::string &path, int dep
   return text;
 }
 
-std::string database_test::log_of(const std::function<void()> &work)
+bool database_test::logs(const std::string &text, const std::function<void()> &work)
 {
   testing::internal::CaptureStderr();
   work();
-  return testing::internal::GetCapturedStderr();
+  return testing::internal::GetCapturedStderr().find(text) != std::string::npos;
 }
 
 long long database_test::commands_of(const std::function<void()> &work)

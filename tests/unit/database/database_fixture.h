@@ -13,7 +13,7 @@
 class database_test : public testing::Test {
 protected:
   void SetUp() override;
-  void TearDown() override;
+  void TearDown() override { stop_component(); }
 
   void start_component();
   void stop_component();
@@ -23,16 +23,22 @@ protected:
   void commit_and_close(int hdb);
 
   // Writes that must succeed.
-  static void set(int hdb, const std::string &path, const std::string &text = "");
-  static void add(int hdb, const std::string &path, const char *coords = nullptr, int offset = 0);
-  static void remove(int hdb, const std::string &path);
+  static void set(int hdb, const std::string &path, const std::string &text = "")
+  {
+    EXPECT_EQ(database_set(hdb, path.c_str(), DB_DATA_CONTENT, text.c_str()), 0) << path;
+  }
+  static void add(int hdb, const std::string &path, const char *coords = nullptr, int offset = 0)
+  {
+    EXPECT_EQ(database_new(hdb, path.c_str(), coords, offset, DB_DATA_CONTENT, nullptr), 0) << path;
+  }
+  static void remove(int hdb, const std::string &path) { EXPECT_EQ(database_delete(hdb, path.c_str()), 0) << path; }
 
   // "(null)" and "(failed)" are results too.
   static std::string get(int hdb, const std::string &path, int depth = DB_DEPTH_ALL, int tflag = DB_TFLAG_NOTRANS);
   std::string get_from(int target, const std::string &path, int depth = DB_DEPTH_ALL);
 
-  // What the component logs while `work` runs.
-  static std::string log_of(const std::function<void()> &work);
+  // Whether the component logs `text` while `work` runs.
+  static bool logs(const std::string &text, const std::function<void()> &work);
   // Commands that the server executes while `work` runs.
   long long commands_of(const std::function<void()> &work);
 

@@ -21,10 +21,8 @@ TEST_F(database_lock_test, readers_share_a_lock_and_keep_writers_out)
   int id = database_lock(first_, DB_LOCK_READ, "/m:top/a");
   EXPECT_GT(id, 0);
   EXPECT_EQ(database_lock(second_, DB_LOCK_READ, "/m:other"), id);
-  EXPECT_NE(log_of([&] {
-              EXPECT_EQ(database_lock(third_, DB_LOCK_WRITE, "/m:top"), -1);
-            }).find("[ERROR] m has already been locked by different lock type (ori:1, cur:2).\n"),
-            std::string::npos);
+  EXPECT_TRUE(logs("[ERROR] m has already been locked by different lock type (ori:1, cur:2).\n",
+                   [&] { EXPECT_EQ(database_lock(third_, DB_LOCK_WRITE, "/m:top"), -1); }));
   EXPECT_EQ(database_lock(first_, DB_LOCK_WRITE, "/m:top"), -1); // no upgrade
   EXPECT_GT(database_lock(third_, DB_LOCK_WRITE, "/ext:top"), 0);
   database_unlock(first_, id);
@@ -38,10 +36,8 @@ TEST_F(database_lock_test, a_lock_taken_twice_needs_two_unlocks)
   int id = database_lock(first_, DB_LOCK_WRITE, "/m:top");
   EXPECT_EQ(database_lock(first_, DB_LOCK_WRITE, "/m:top/x"), id);
   database_unlock(first_, id);
-  EXPECT_NE(log_of([&] {
-              EXPECT_EQ(database_lock(second_, DB_LOCK_WRITE, "/m:top"), -1);
-            }).find("[ERROR] m has already been locked \n"),
-            std::string::npos);
+  EXPECT_TRUE(logs("[ERROR] m has already been locked \n",
+                   [&] { EXPECT_EQ(database_lock(second_, DB_LOCK_WRITE, "/m:top"), -1); }));
   database_unlock(second_, id); // not its holder
   database_unlock(first_, id + 5);
   database_unlock(first_, 0);

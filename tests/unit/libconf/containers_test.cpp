@@ -49,17 +49,6 @@ TEST(conf_buffer, cut_bytes_are_cleared)
   EXPECT_EQ(std::string_view(buffer->data, 11), std::string_view("keep\0\0\0\0\0\0\0", 11));
 }
 
-TEST(conf_buffer, gives_memory_back_but_keeps_a_working_size)
-{
-  conf_buffer_ptr buffer(conf_buffer_create(1024));
-  std::string large(1 << 20, 'x');
-  ASSERT_EQ(conf_buffer_append(buffer.get(), large.data(), large.size()), 0);
-  ASSERT_EQ(conf_buffer_remove(buffer.get(), 3, large.size() - 3), 0);
-  conf_buffer_slim(buffer.get());
-  EXPECT_EQ(buffer->total, 1024U);
-  EXPECT_EQ(text_of(buffer), "xxx");
-}
-
 TEST(conf_hash, replacing_a_value_with_a_part_of_itself_keeps_the_bytes)
 {
   conf_hash_tbl_t *table = conf_hash_create(4);

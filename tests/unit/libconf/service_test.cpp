@@ -96,18 +96,6 @@ TEST_F(conf_service, too_long_paths_are_reported)
   EXPECT_EQ(errno, ENAMETOOLONG);
 }
 
-TEST_F(conf_service, peers_are_known_by_their_credentials)
-{
-  int pair[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-  conf_peer_t peer = {};
-  EXPECT_EQ(conf_peer_credentials(pair[0], &peer), 0);
-  EXPECT_EQ(peer.pid, getpid());
-  EXPECT_EQ(peer.uid, getuid());
-  close(pair[0]);
-  close(pair[1]);
-}
-
 // A process that lives until the test ends it.
 pid_t start_sleeper()
 {

@@ -105,16 +105,3 @@ TEST(lyxml_print, part_of_a_tree_can_be_parsed_on_its_own)
   EXPECT_EQ("u:a", lyxml_ns(alone.get()));
   EXPECT_STREQ("u:p", reinterpret_cast<const char *>(xmlSearchNs(alone->doc, alone.get(), BAD_CAST "p")->href));
 }
-
-TEST(lyxml_build, text_is_characters_and_children_share_the_namespace)
-{
-  lyxml_ptr root = lyxml_new_root("r");
-  ASSERT_EQ(0, lyxml_set_elem_ns(root.get(), "u:r", nullptr));
-  lyxml_elem *child = lyxml_new_elem(root.get(), "c", "a&b<d/>");
-  ASSERT_NE(nullptr, child);
-  EXPECT_EQ("u:r", lyxml_ns(child));
-  EXPECT_EQ("a&b<d/>", lyxml_text(child));
-  lyxml_elem *other = lyxml_new_elem(root.get(), "o", nullptr);
-  ASSERT_EQ(0, lyxml_set_elem_ns(other, "u:o", "p"));
-  EXPECT_EQ("<r xmlns=\"u:r\"><c>a&amp;b&lt;d/&gt;</c><p:o xmlns:p=\"u:o\"/></r>", lyxml_print_mem(root.get()));
-}

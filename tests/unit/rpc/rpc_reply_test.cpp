@@ -2,20 +2,6 @@
 
 #include "ymgrd/rpc/rpc_reply.h"
 
-TEST(rpc_error_record, first_table_row_of_a_kind_decides)
-{
-  reply_error_ptr error(rpc_create_error(REPLY_ERR_DATA_EXISTS));
-  ASSERT_NE(nullptr, error);
-  EXPECT_STREQ("data-exists", error->tag);
-  EXPECT_STREQ("Request could not be completed because the relevant data model content already exists.",
-               error->message);
-  EXPECT_STREQ("protocol", reply_error_ptr(rpc_create_error(REPLY_ERR_LOCK_DENIED))->type);
-  EXPECT_STREQ("application", reply_error_ptr(rpc_create_error(REPLY_ERR_ACCESS_DENIED))->type);
-  EXPECT_EQ(0, rpc_set_error_field(error.get(), REPLY_ERR_FIELD_TAG, error->tag)); // its own text
-  EXPECT_STREQ("data-exists", error->tag);
-  EXPECT_EQ(-1, rpc_set_error_field(error.get(), REPLY_ERR_FIELD_COUNT, "x"));
-}
-
 TEST(rpc_build_reply, errors_stand_newest_first_in_base_1_0_with_the_attributes_of_the_request)
 {
   lyxml_ptr rpc = lyxml_parse_mem("<rpc message-id=\"101\" xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.1\" "

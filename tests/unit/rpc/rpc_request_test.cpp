@@ -17,15 +17,16 @@
 #include "ymgrd/schema/schema_internal.h"
 #include "ymgrd/ymgrd.h"
 
+// A plugin is no more than its id here.
+struct _plugin_inst {
+  int id;
+};
+
 namespace {
 
-const std::string BASE = "urn:ietf:params:xml:ns:netconf:base:1.0";
-
-const std::string long_data = "<top xmlns=\"u:t\">" + std::string(2500, 'x') + "</top>";
-
-std::string rpc_text(const std::string &operation, const std::string &base = BASE)
+std::string rpc_text(const std::string &operation)
 {
-  return "<rpc message-id=\"1\" xmlns=\"" + base + "\">" + operation + "</rpc>";
+  return "<rpc message-id=\"1\" xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\">" + operation + "</rpc>";
 }
 
 std::string own_operation(const std::string &name, const std::string &input)
@@ -33,12 +34,11 @@ std::string own_operation(const std::string &name, const std::string &input)
   return rpc_text("<" + name + " xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\">" + input + "</" + name + ">");
 }
 
-// Requests that went through to their handler.
-std::vector<std::string> handled;
+int handled; // requests that went through to their handler
 
-int answer_ok(int session_id, const char *data, lyxml_elem *rpc)
+int answer_ok(int session_id, const char *, lyxml_elem *rpc)
 {
-  handled.emplace_back(data);
+  handled++;
   return rpc_answer_ok(session_id, rpc);
 }
 int fail_without_reply(int, const char *, lyxml_elem *)
@@ -74,7 +74,7 @@ protected:
   void SetUp() override
   {
     session_fixture::SetUp();
-    handled.clear();
+    handled = 0;
     notifications.clear();
     ASSERT_EQ(0, broker_init(STAGE_RESOURCE));
     ASSERT_EQ(0, session_reg_operation());
@@ -117,11 +117,8 @@ protected:
   std::string ask(const std::string &request) { return ask(agent, request); }
   void open_session(const test_agent_t &of)
   {
-    std::string reply = ask(of, own_operation("create-session", "<username> admin\n</username>"));
-    EXPECT_NE(std::string::npos,
-              reply.find("<ymgrd:session-id xmlns:ymgrd=\"com:zentra:netconf:private:opal:device:ymgrd\">" +
-                         std::to_string(of.session_id) + "</ymgrd:session-id>"))
-        << reply;
+    EXPECT_TRUE(has(ask(of, own_operation("create-session", "<username> admin\n</username>")),
+                    ">" + std::to_string(of.session_id) + "</ymgrd:session-id>"));
   }
   static bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
@@ -130,51 +127,6 @@ protected:
 
 } // namespace
 
-TEST_F(rpc_request, what_is_no_request_is_answered_with_its_fault)
-{
-  open_session(agent);
-  handle("ietf-netconf:get", answer_ok);
-  const std::pair<std::string, std::vector<std::string>> cases[] = {
-      {"no xml", {"message-id=\"77\"", "invalid-value"}},
-      {"", {"message-id=\"77\"", "invalid-value"}},
-      {"<rpc message-id=\"1\"/>", {"message-id=\"1\"", "unknown-element"}},
-      {rpc_text(""), {"unknown-element"}},
-      {rpc_text("<nothing/>"), {"unknown-element", "\"nothing\""}},
-      {rpc_text("<get>text</get>"), {"unknown-element"}},
-      {rpc_text("<get><surplus/></get>"), {"unknown-element", "\"surplus\""}},
-      {rpc_text("<get-config/>"), {"unknown-element", "source"}},
-      {rpc_text("<get/>", "urn:ietf:params:xml:ns:netconf:base:1.1"), {"xmlns=\"" + BASE + "\"", "unknown-element"}},
-      {rpc_text("<get/><get/>"), {"missing-attribute", "Get rpc operation name failed."}},
-      {"<hello xmlns=\"" + BASE + "\"><get/></hello>", {"missing-attribute"}},
-      {own_operation("create-session", ""), {"operation-failed"}},
-      {rpc_text("<x:unheard xmlns:x=\"u:x\"/>"), {"operation-not-supported"}},
-      {own_operation("unheard", ""), {"operation-not-supported"}},
-  };
-  for (const auto &[request, parts] : cases) {
-    std::string reply = ask(request);
-    for (const std::string &part : parts) {
-      EXPECT_TRUE(has(reply, part)) << request << "\n" << reply;
-    }
-  }
-  EXPECT_TRUE(handled.empty());
-}
-
-TEST_F(rpc_request, content_of_configurations_and_filters_is_left_to_the_handlers)
-{
-  open_session(agent);
-  handle("ietf-netconf:edit-config", answer_ok);
-  handle("ietf-netconf:get", answer_ok);
-  const std::string requests[] = {
-      rpc_text("<edit-config><target><running/></target><config><unknown xmlns=\"u:x\"/></config></edit-config>"),
-      rpc_text("<get><filter type=\"subtree\"><top xmlns=\"u:x\"/></filter></get>"),
-      rpc_text("<n:get xmlns:n=\"" + BASE + "\"/>"),
-  };
-  for (const std::string &request : requests) {
-    EXPECT_TRUE(has(ask(request), "<ok/>")) << request;
-  }
-  EXPECT_EQ(std::vector<std::string>(std::begin(requests), std::end(requests)), handled);
-}
-
 TEST_F(rpc_request, each_request_is_answered_once_however_its_subscribers_fail)
 {
   open_session(agent);
@@ -182,14 +134,9 @@ TEST_F(rpc_request, each_request_is_answered_once_however_its_subscribers_fail)
     std::vector<oper_handler_fn> subscribers;
     const char *answer; // null: not until the plugin replies
   } cases[] = {
-      {{fail_without_reply}, "operation-failed"},
-      {{fail_with_reply}, "mine"},
-      {{fail_with_reply, answer_ok}, "<ok/>"},
-      {{fail_without_reply, answer_ok}, "<ok/>"},
-      {{fail_with_reply, fail_with_reply}, "mine"},
-      {{fail_with_reply, fail_without_reply}, "mine"},
-      {{wait_for_plugin}, nullptr},
-      {{fail_with_reply, wait_for_plugin}, nullptr},
+      {{fail_without_reply}, "operation-failed"},       {{fail_with_reply}, "mine"},
+      {{fail_with_reply, answer_ok}, "<ok/>"},          {{fail_without_reply, answer_ok}, "<ok/>"},
+      {{fail_with_reply, fail_with_reply}, "mine"},     {{fail_with_reply, wait_for_plugin}, nullptr},
       {{fail_without_reply, wait_for_plugin}, nullptr},
   };
   for (const auto &entry : cases) {
@@ -219,31 +166,13 @@ TEST_F(rpc_request, request_of_a_busy_broker_waits_for_its_turn)
   int publication = 1;
   context_save_option("OPT-broker-publish", &publication, sizeof(publication));
   EXPECT_EQ("", ask(rpc_text("<get/>")));
-  EXPECT_TRUE(handled.empty());
+  EXPECT_EQ(0, handled);
   context_remove_option("OPT-broker-publish");
   session_timeout();
   run();
   std::vector<frame_t> replies = agent.frames();
   ASSERT_EQ(1U, replies.size());
   EXPECT_TRUE(has(replies[0].payload, "<ok/>"));
-}
-
-TEST_F(rpc_request, data_is_spliced_into_the_reply_and_logged_in_slices)
-{
-  open_session(agent);
-  handle("ietf-netconf:get", [](int session_id, const char *, lyxml_elem *rpc) {
-    lyxml_ptr reply = rpc_build_reply(rpc);
-    lyxml_new_elem(reply.get(), "data", nullptr);
-    return rpc_send_data_reply(session_id, reply.get(), long_data);
-  });
-  log_open(LOG_TO_STDERR, LOG_LEVEL_INFO);
-  testing::internal::CaptureStderr();
-  std::string reply = ask(rpc_text("<get/>"));
-  std::string log = testing::internal::GetCapturedStderr();
-  EXPECT_EQ("<rpc-reply xmlns=\"" + BASE + "\" message-id=\"1\"><data>" + long_data + "</data></rpc-reply>", reply);
-  for (size_t start = 0; start < reply.size(); start += 1000) {
-    EXPECT_TRUE(has(log, "Operation information(content=\"" + reply.substr(start, 1000) + "\")")) << log;
-  }
 }
 
 TEST_F(rpc_request, request_whose_secrets_cannot_be_hidden_is_not_logged)
@@ -264,7 +193,7 @@ TEST_F(rpc_request, request_whose_secrets_cannot_be_hidden_is_not_logged)
   EXPECT_FALSE(has(log, "<create-session"));
 }
 
-TEST_F(rpc_request, session_operations_tell_who_came_and_went)
+TEST_F(rpc_request, session_operations_tell_who_came_and_went_and_why)
 {
   std::string dir = (std::filesystem::temp_directory_path() / "rpc-XXXXXX").string();
   ASSERT_NE(nullptr, mkdtemp(dir.data()));
@@ -273,8 +202,6 @@ TEST_F(rpc_request, session_operations_tell_who_came_and_went)
   conf_client_info_t client = {getpid(), AF_INET6, {}};
   inet_pton(AF_INET6, "2001:db8::7", client.address);
   ASSERT_EQ(0, conf_register_client(dir, client));
-
-  EXPECT_TRUE(has(ask(rpc_text("<get/>")), "operation-failed"));
   std::string input = "<username>admin</username><agent-ppid>" + std::to_string(getpid()) + "</agent-ppid>";
   EXPECT_TRUE(has(ask(own_operation("create-session", "<agent-ppid>one</agent-ppid>")), "invalid-value"));
   EXPECT_TRUE(has(ask(own_operation("create-session", input)), ">1</ymgrd:session-id>"));
@@ -283,56 +210,43 @@ TEST_F(rpc_request, session_operations_tell_who_came_and_went)
   EXPECT_EQ("admin", notifications[0].second.username);
   EXPECT_EQ("2001:db8::7", notifications[0].second.ipaddr);
 
+  test_agent_t victim = connect();
+  open_session(victim);
+  EXPECT_TRUE(has(ask(rpc_text("<kill-session><session-id>2</session-id></kill-session>")), "<ok/>"));
+  EXPECT_TRUE(victim.is_closed());
   EXPECT_TRUE(has(ask(rpc_text("<close-session/>")), "<ok/>"));
-  EXPECT_TRUE(agent.is_closed());
-  ASSERT_EQ(2U, notifications.size());
-  EXPECT_EQ(NCNTF_BASE_SESSION_END, notifications[1].first);
-  EXPECT_EQ(0, notifications[1].second.termination_reason);
+  ASSERT_EQ(4U, notifications.size());
+  for (int reason : {1, 0}) { // killed, closed
+    const auto &[kind, info] = notifications[3U - static_cast<size_t>(reason)];
+    EXPECT_EQ(NCNTF_BASE_SESSION_END, kind);
+    EXPECT_EQ(reason, info.termination_reason);
+    EXPECT_EQ(1 + reason, info.session_id);
+    EXPECT_EQ(reason, info.killed_by);
+  }
   std::filesystem::remove_all(dir);
 }
 
-TEST_F(rpc_request, kill_session_ends_another_session_only)
+TEST_F(rpc_request, operation_of_a_plugin_reaches_it_only_when_valid)
 {
-  test_agent_t victim = connect();
-  open_session(agent);
-  open_session(victim);
-  notifications.clear();
-  auto kill = [](const std::string &id) {
-    return rpc_text("<kill-session><session-id>" + id + "</session-id></kill-session>");
+  static bool is_valid;
+  static std::string published;
+  is_valid = false;
+  static plugin_inst_t plugin = {5};
+  broker_hooks_t hooks = {};
+  hooks.plugin_id = [](const plugin_inst_t *of) { return of->id; };
+  hooks.parse_rpc = [](const char *, lyxml_elem *) { return is_valid ? 0 : -1; };
+  hooks.add_path_and_msg = [](reply_error_t *error) { rpc_set_error_field(error, REPLY_ERR_FIELD_MSG, "no leaf"); };
+  hooks.publish_operate = [](int plugin_id, const plugin_publish_info_t *info, int *status) {
+    published = std::to_string(plugin_id) + reinterpret_cast<const char *>(info->operate.input->name);
+    *status = SUBPUB_WAIT;
+    return 0;
   };
-  EXPECT_TRUE(has(ask(kill("1")), "invalid-value"));
-  EXPECT_TRUE(has(ask(kill("9")), "invalid-value"));
-  EXPECT_TRUE(has(ask(kill("0")), "rpc-error"));
-  EXPECT_FALSE(victim.is_closed());
-  EXPECT_TRUE(has(ask(kill("2")), "<ok/>"));
-  EXPECT_TRUE(victim.is_closed());
-  ASSERT_EQ(1U, notifications.size());
-  EXPECT_EQ(2, notifications[0].second.session_id);
-  EXPECT_EQ(1, notifications[0].second.termination_reason);
-  EXPECT_EQ(1, notifications[0].second.killed_by);
-  EXPECT_TRUE(has(ask(kill("2")), "invalid-value"));
-}
-
-TEST_F(rpc_request, shutdown_is_answered_when_the_other_sessions_have_gone)
-{
-  test_agent_t other = connect();
+  broker_set_hooks(hooks);
   open_session(agent);
-  open_session(other);
-  EXPECT_EQ("", ask(own_operation("shutdown", "")));
-  EXPECT_TRUE(has(ask(other, own_operation("shutdown", "")), "<ok/>")); // only one reply can be kept
-  std::vector<frame_t> replies;
-  for (int second = 0; second < 10 && replies.empty(); second++) {
-    session_timeout();
-    run();
-    replies = agent.frames();
-  }
-  ASSERT_EQ(1U, replies.size());
-  EXPECT_EQ(77, replies[0].seq);
-  EXPECT_TRUE(other.is_closed());
-  for (int second = 0; second < 10 && shut_downs == 0; second++) {
-    session_timeout();
-    run();
-  }
-  EXPECT_EQ(1, shut_downs);
-  EXPECT_TRUE(agent.is_closed());
+  ASSERT_EQ(0, broker_reg_oper_subscriber(&plugin, "ietf-netconf:get", {}));
+  EXPECT_TRUE(has(ask(rpc_text("<get/>")), "no leaf"));
+  EXPECT_EQ("", published);
+  is_valid = true;
+  EXPECT_EQ("", ask(rpc_text("<get/>")));
+  EXPECT_EQ("5get", published);
 }

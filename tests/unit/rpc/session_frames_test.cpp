@@ -109,56 +109,6 @@ TEST_F(session_frames, large_messages_pass_through_small_sockets)
   EXPECT_LT(session_find(agent.session_id)->send_buf->total, 100000U);
 }
 
-TEST_F(session_frames, oversized_message_ends_the_session_before_memory_is_taken)
-{
-  context_save_int("OPT-max-message-size", 100);
-  agent.write(frame_bytes(1, std::string(100, 'x')));
-  run();
-  EXPECT_EQ(1U, requests.size());
-  EXPECT_EQ(1U, agent.frames().size());
-  msg_head_t head = {MSG_MAGIC, 0xFFFFFFFFU, 0, 0};
-  agent.write(std::string(reinterpret_cast<const char *>(&head), sizeof(head)));
-  run();
-  EXPECT_TRUE(agent.is_closed());
-  EXPECT_EQ(nullptr, session_find(agent.session_id));
-}
-
-TEST_F(session_frames, half_closed_peer_gets_its_reply_before_the_session_ends)
-{
-  on_request = [](int, const msg_head_t &, std::string_view) { return 0; };
-  agent.write(frame_bytes(5, "one"));
-  ASSERT_EQ(0, shutdown(agent.sock.get(), SHUT_WR));
-  run();
-  ASSERT_NE(nullptr, session_find(agent.session_id));
-  EXPECT_EQ(0, session_cache_send(agent.session_id, SESSION_MSG_REPLY, "done", 4));
-  EXPECT_EQ(0, session_schedule(agent.session_id));
-  run();
-  std::vector<frame_t> replies = agent.frames();
-  ASSERT_EQ(1U, replies.size());
-  EXPECT_EQ("done", replies[0].payload);
-  EXPECT_TRUE(agent.is_closed());
-}
-
-TEST_F(session_frames, peer_that_leaves_ends_its_session)
-{
-  for (const std::string &bytes :
-       {std::string(), frame_bytes(1, "cut").substr(0, 5), frame_bytes(1, "cut").substr(0, 13)}) {
-    for (bool is_half_closed : {true, false}) {
-      test_agent_t leaving = connect();
-      leaving.write(bytes);
-      run();
-      if (is_half_closed) {
-        ASSERT_EQ(0, shutdown(leaving.sock.get(), SHUT_WR));
-      } else {
-        leaving.sock.reset();
-      }
-      run();
-      EXPECT_EQ(nullptr, session_find(leaving.session_id));
-    }
-  }
-  EXPECT_TRUE(requests.empty());
-}
-
 TEST_F(session_frames, peer_that_reads_nothing_cannot_fill_the_memory)
 {
   on_request = [this](int session_id, const msg_head_t &, std::string_view) {

@@ -36,22 +36,6 @@ protected:
 
 } // namespace
 
-TEST_F(session_life, session_table_has_a_limit_and_ids_are_used_again)
-{
-  context_save_int("OPT-session-spec", 2);
-  test_agent_t first = connect();
-  test_agent_t second = connect();
-  EXPECT_EQ(1, first.session_id);
-  EXPECT_EQ(2, second.session_id);
-  test_agent_t third = connect();
-  EXPECT_EQ(0, third.session_id);
-  EXPECT_TRUE(third.is_closed());
-  first.sock.reset();
-  run();
-  EXPECT_EQ(std::vector<int>{1}, closed);
-  EXPECT_EQ(1, connect().session_id);
-}
-
 TEST_F(session_life, closing_session_delivers_its_reply_first)
 {
   test_agent_t agent = connect();
