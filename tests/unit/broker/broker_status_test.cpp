@@ -48,17 +48,3 @@ TEST_F(broker_status, waits_for_replies_and_skips_a_publisher_that_never_answers
   EXPECT_EQ((texts{"/m:s", "/m:s/a/x", "/m:s/b"}), asked);
   EXPECT_EQ(1, status_ended);
 }
-
-TEST_F(broker_status, publisher_that_goes_while_it_is_waited_for_is_passed_over)
-{
-  on_status = [](const std::string &) { return SUBPUB_WAIT; };
-  EXPECT_EQ(0, broker_subscribe_status(7, "/m:s"));
-  broker_unreg_status_publisher(&state_plugin, "/m:s");
-  broker_unreg_status_publisher(&state_plugin, "/m:r");
-  broker_subscribe_continue();
-  EXPECT_EQ((texts{"/m:s", "/m:s/a/x"}), asked);
-  broker_cancel_plugin_subpub(&state_plugin);
-  broker_subscribe_continue();
-  EXPECT_EQ(2U, asked.size());
-  EXPECT_EQ(1, status_ended);
-}

@@ -108,24 +108,6 @@ TEST_F(ymgr_client, notifications_between_request_and_reply_are_kept_in_order)
   EXPECT_EQ(ymgr_last_error(client_.get()), "the daemon closed the connection");
 }
 
-TEST_F(ymgr_client, create_session_escapes_the_name_and_reads_the_id)
-{
-  start([](int sock) {
-    const char *const replies[] = {"<rpc-reply><p:session-id xmlns:p=\"x\">17</p:session-id></rpc-reply>",
-                                   "<rpc-reply><rpc-error/></rpc-reply>"};
-    for (const char *reply : replies) {
-      uint16_t seq = 0;
-      std::string request = read_request(sock, &seq);
-      bool expected = request.find("<username>a&lt;b&amp;c</username>") != std::string::npos &&
-                      request.find("<agent-ppid>" + std::to_string(getpid()) + "<") != std::string::npos;
-      write_bytes(sock, ymgr_frame(expected ? reply : "<bad-request/>", seq));
-    }
-  });
-  EXPECT_EQ(ymgr_create_session(client_.get(), "a<b&c"), 17);
-  EXPECT_FALSE(ymgr_create_session(client_.get(), "a<b&c"));
-  EXPECT_NE(ymgr_last_error(client_.get()).find("rpc-error"), std::string::npos);
-}
-
 TEST_F(ymgr_client, both_sides_may_send_much_at_the_same_time)
 {
   const std::string large(24U << 20, 'x');

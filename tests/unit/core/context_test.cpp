@@ -15,24 +15,6 @@ protected:
   void TearDown() override { context_exit(); }
 };
 
-TEST_F(context, destroyed_list_hands_over_each_entry_once_and_frees_its_name)
-{
-  static int freed;
-  freed = 0;
-  ASSERT_EQ(context_create_list("LIST-session", 2), 0);
-  for (int i = 0; i < 4; i++) {
-    ASSERT_EQ(context_save_list_entry("LIST-session", &values[i]), i);
-  }
-  context_del_list_entry("LIST-session", 1);
-  context_destroy_list("LIST-session", [](void *entry) {
-    EXPECT_NE(entry, nullptr);
-    EXPECT_EQ(context_get_option("LIST-session"), nullptr);
-    freed++;
-  });
-  EXPECT_EQ(freed, 3);
-  EXPECT_EQ(context_create_list("LIST-session", 2), 0);
-}
-
 TEST_F(context, option_saved_again_has_the_latest_bytes)
 {
   ASSERT_EQ(context_save_int("OPT-modules-dir", 7), 0);

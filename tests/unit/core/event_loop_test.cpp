@@ -54,22 +54,10 @@ TEST_F(event_loop, failed_service_ends_it_and_unknown_events_do_not)
   EXPECT_NE(log.find("[ERROR] Get quit flag, ymgrd epoll exit.\n"), std::string::npos) << log;
 }
 
-TEST_F(event_loop, closed_service_ends_it)
-{
-  context_remove_option("OPT-notify-sock");
-  EXPECT_EQ(logged_by(ymgrd_epoll_dispatch), "[ERROR] Get notifier service sock failed, ymgrd epoll exit.\n");
-}
-
 TEST_F(event_loop, stop_signal_ends_it)
 {
   ymgrd_note_stop_signal(SIGTERM);
   EXPECT_EQ(logged_by(ymgrd_epoll_dispatch), "[INFO] Get signal 15, ymgrd epoll exit.\n");
-}
-
-TEST_F(event_loop, loop_without_wait_set_is_refused)
-{
-  context_remove_option("OPT-ymgrd-epfd");
-  EXPECT_EQ(logged_by(ymgrd_epoll_dispatch), "[ERROR] Ymgrd's epoll-fd is not ready.\n");
 }
 
 } // namespace

@@ -61,14 +61,6 @@ TEST_F(profile, scalars_become_options_and_the_later_value_wins)
   EXPECT_STREQ(static_cast<const char *>(context_get_option("OPT-modules-dir")), "/a");
 }
 
-TEST_F(profile, members_of_the_wrong_type_are_ignored)
-{
-  EXPECT_EQ(parse(R"({"session-spec": "10", "daemonize": 1, "plugins-dir": null, "schema": [], "modules": {}})"), "");
-  for (const char *name : {"OPT-session-spec", "OPT-daemonize", "OPT-plugins-dir", "OPT-schema"}) {
-    EXPECT_EQ(context_get_option(name), nullptr) << name;
-  }
-}
-
 TEST_F(profile, modules_keep_their_order_and_invalid_ones_are_skipped)
 {
   std::string log = parse(R"({"modules": [{"name": "b", "revision": "r", "feature": ["f", 1, "g"], "deviation": ["d"]},

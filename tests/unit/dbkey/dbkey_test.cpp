@@ -113,13 +113,6 @@ TEST_F(dbkey, keys_of_an_entry_stand_in_the_schemas_key_order_with_canonical_val
   EXPECT_EQ(R"(dest="10.0.0.0",mask="8")", dbkey_predicate(lyd_child(tree.get())));
 }
 
-TEST_F(dbkey, entries_of_a_top_level_list_share_a_schema_key_that_marks_the_list)
-{
-  auto tree = parse("<top xmlns='urn:ex-sys'><id>1</id></top>");
-  EXPECT_EQ((key_map{{"/ex-sys:top[id=\"1\"]", "/ex-sys:top[]"}, {"/ex-sys:top[id=\"1\"]/id", "/ex-sys:top[]/id"}}),
-            keys_of(tree.get()));
-}
-
 TEST_F(dbkey, schema_keys_name_choices_and_cases_but_not_shorthand_cases)
 {
   auto keys = keys_of(parse_system("<ntp-server>n</ntp-server><depth>1</depth><automatic/><same/>").get());

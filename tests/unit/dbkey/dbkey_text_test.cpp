@@ -16,13 +16,6 @@ TEST(dbkey_text, quoting_a_value_and_unquoting_it_gives_the_value_back)
   EXPECT_EQ("\"a\\\"b\\\\\"", datastore_value_add_quotes("a\"b\\"));
 }
 
-TEST(dbkey_text, text_without_both_outer_quotes_is_left_alone)
-{
-  EXPECT_EQ("\"", datastore_value_rm_quotes(std::string_view("\"")));
-  EXPECT_EQ("\"a", datastore_value_rm_quotes(std::string_view("\"a")));
-  EXPECT_EQ("a\\b\"", datastore_value_rm_quotes(std::string_view("a\\b\"")));
-}
-
 TEST(dbkey_text, separators_inside_quoted_values_are_not_found)
 {
   const std::string key = R"(/m:a/l[k="x/\"/[\\",j="2"]/leaf)";
@@ -39,12 +32,6 @@ TEST(dbkey_text, separators_inside_quoted_values_are_not_found)
   EXPECT_EQ(0, datastore_is_in_quotes(begin, begin + key.find(",j")));   // behind a closing quote after two backslashes
   EXPECT_EQ(0, datastore_is_in_quotes(begin + 3, begin));
   EXPECT_EQ(0, datastore_is_in_quotes(nullptr, begin));
-}
-
-TEST(dbkey_text, only_the_predicate_of_a_leaf_list_entry_is_cut_off)
-{
-  EXPECT_EQ("/m:a/l[k=\"[1]\"]/dns", ds_get_leaf_list_normal_path("/m:a/l[k=\"[1]\"]/dns[.=\"[::1]\"]"));
-  EXPECT_EQ("/m:a/l[k=\"1\"]/leaf", ds_get_leaf_list_normal_path("/m:a/l[k=\"1\"]/leaf"));
 }
 
 TEST(dbkey_text, values_of_a_path_are_quoted_whatever_form_they_had)

@@ -167,16 +167,6 @@ TEST_F(differ_tree, codes_of_one_container_combine_row_by_row)
   EXPECT_EQ((node_texts{"/m:c (1)"}), merged(node("/m:c", 1), node("/m:c", 4)));
 }
 
-TEST_F(differ_tree, leaf_list_entry_removed_and_added_again_leaves_nothing)
-{
-  auto entry = [](int code) {
-    differ_node_t *made = node("/m:c/ll[.=\"x\"]", code);
-    made->node_type = CONF_NODE_LEAFLIST;
-    return made;
-  };
-  EXPECT_EQ(node_texts{}, merged(entry(2), entry(1)));
-}
-
 TEST_F(differ_tree, value_taken_back_at_a_new_place_marks_the_node_behind_as_moved)
 {
   differ_node_t *first = list({leaf("2", 4, "1"), node("/m:c/next", 8, {node("/m:c/next/x", 1)})});

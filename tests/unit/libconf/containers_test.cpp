@@ -30,17 +30,6 @@ TEST(conf_buffer, keeps_order_while_growing_and_cutting)
   EXPECT_EQ(text_of(buffer), expected);
 }
 
-TEST(conf_buffer, refuses_ranges_outside_the_used_bytes)
-{
-  conf_buffer_ptr buffer(conf_buffer_create(64));
-  ASSERT_EQ(conf_buffer_append(buffer.get(), "abcdef", 6), 0);
-  EXPECT_EQ(conf_buffer_remove(buffer.get(), 7, 0), -1);
-  EXPECT_EQ(conf_buffer_remove(buffer.get(), 2, 5), -1);
-  EXPECT_EQ(conf_buffer_remove(buffer.get(), 2, SIZE_MAX), -1);
-  EXPECT_EQ(conf_buffer_reserve(buffer.get(), SIZE_MAX - 2), nullptr);
-  EXPECT_EQ(text_of(buffer), "abcdef");
-}
-
 TEST(conf_buffer, cut_bytes_are_cleared)
 {
   conf_buffer_ptr buffer(conf_buffer_create(64));

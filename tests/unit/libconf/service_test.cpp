@@ -89,13 +89,6 @@ TEST_F(conf_service, a_file_that_is_no_socket_is_never_removed)
   EXPECT_TRUE(std::filesystem::exists(run_dir() + "/plugin.sock"));
 }
 
-TEST_F(conf_service, too_long_paths_are_reported)
-{
-  conf_set_run_dir((parent_ + "/" + std::string(200, 'd')).c_str());
-  EXPECT_EQ(conf_agent_service_enable(), -1);
-  EXPECT_EQ(errno, ENAMETOOLONG);
-}
-
 // A process that lives until the test ends it.
 pid_t start_sleeper()
 {
@@ -111,24 +104,6 @@ void end_process(pid_t pid)
 {
   kill(pid, SIGKILL);
   waitpid(pid, nullptr, 0);
-}
-
-TEST_F(conf_client_area, registered_addresses_are_found_replaced_and_freed)
-{
-  ASSERT_EQ(conf_clishm_create(2), 0);
-  EXPECT_EQ(mode_of(area_path()), 0660U);
-  conf_client_info_t info = {getpid(), AF_INET, {192, 0, 2, 7}};
-  conf_client_info_t found = {};
-  EXPECT_EQ(conf_get_client_info(getpid(), &found), -1);
-  ASSERT_EQ(conf_register_client(run_dir(), info), 0);
-  ASSERT_EQ(conf_get_client_info(getpid(), &found), 0);
-  EXPECT_EQ(found.address[3], 7);
-  info.address[3] = 8;
-  ASSERT_EQ(conf_register_client(run_dir(), info), 0);
-  ASSERT_EQ(conf_get_client_info(getpid(), &found), 0);
-  EXPECT_EQ(found.address[3], 8);
-  conf_free_client_info(getpid());
-  EXPECT_EQ(conf_get_client_info(getpid(), &found), -1);
 }
 
 TEST_F(conf_client_area, slots_of_ended_processes_are_free)

@@ -107,17 +107,6 @@ TEST_F(redisapi, lost_server_fails_commands_and_the_connection_works_again_after
   EXPECT_EQ(std::string(reply->str, reply->len), "v");
 }
 
-TEST_F(redisapi, error_replies_of_single_commands_are_failures_with_the_servers_text)
-{
-  server_.command(4, {"SET", "text", "x"});
-  EXPECT_EQ(redis_hash_get_all_bin_safe(connection(), "text"), nullptr);
-  EXPECT_EQ(redis_rpush_bin_safe(connection(), "text", "m"), -1);
-  EXPECT_EQ(redis_llen_bin_safe(connection(), "text"), -1);
-  EXPECT_TRUE(std::all_of(g_log.begin(), g_log.end(),
-                          [](const std::string &line) { return line.find("WRONGTYPE") != std::string::npos; }));
-  EXPECT_EQ(redis_linsert_binsafe(connection(), "no-list", true, "a", "b"), -1);
-}
-
 TEST_F(redisapi, save_waits_for_a_background_save)
 {
   for (int i = 0; i < 50; i++) {

@@ -52,17 +52,6 @@ TEST_F(schema_database, record_holds_revision_prefix_and_namespace)
   EXPECT_EQ(std::string(11, '\0') + "b" + std::string(31, '\0') + "urn:bare\0"s, stored_record("bare"));
 }
 
-TEST_F(schema_database, restart_with_the_same_modules_writes_nothing)
-{
-  ASSERT_EQ(0, load({ex, ex_a}));
-  long long before = write_commands();
-  EXPECT_GE(before, 4);
-  size_t capability_count = capabilities().size();
-  ASSERT_EQ(0, load({ex, ex_a}));
-  EXPECT_EQ(before, write_commands());
-  EXPECT_EQ(capability_count, capabilities().size());
-}
-
 TEST_F(schema_database, changed_or_damaged_module_is_rewritten_and_no_other)
 {
   ASSERT_EQ(0, load({ex, ex_a}));
