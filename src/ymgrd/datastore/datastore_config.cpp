@@ -8,101 +8,14 @@
 
 namespace {
 
-constexpr std::string_view YANG_NS = "urn:ietf:params:xml:ns:yang:1"; // RFC 7950, section 5.3.1
-
-struct operation_name_t {
-  std::string_view text;
-  NC_EDIT_OP_TYPE op;
-};
-
-const operation_name_t operation_names[] = {
-    {"merge", NC_EDIT_OP_MERGE},   {"replace", NC_EDIT_OP_REPLACE}, {"create", NC_EDIT_OP_CREATE},
-    {"delete", NC_EDIT_OP_DELETE}, {"remove", NC_EDIT_OP_REMOVE},
-};
-
-// --- Attributes. libyang drops the ones it does not know without a word, so they are checked before it sees them.
-
-std::string attribute_value(const xmlAttr *attr)
-{
-  const xmlNode *text = attr->children;
-  return text == nullptr || text->content == nullptr ? std::string() : reinterpret_cast<const char *>(text->content);
-}
-
-std::string element_path(const lyxml_elem *elem, const lyxml_elem *config)
-{
-  std::string path;
-  for (const lyxml_elem *up = elem; up != nullptr && up != config; up = up->parent) {
-    path.insert(0, "/" + std::string(lyxml_name(up)));
-  }
-  return path;
-}
-
-NC_EDIT_OP_TYPE operation_of_text(std::string_view text)
-{
-  for (const operation_name_t &row : operation_names) {
-    if (text == row.text) {
-      return row.op;
-    }
-  }
-  return NC_EDIT_OP_ERROR;
-}
-
 NC_EDIT_OP_TYPE own_operation(const lyxml_elem *elem)
 {
   for (const xmlAttr *attr = elem->properties; attr != nullptr; attr = attr->next) {
     if (std::string_view(reinterpret_cast<const char *>(attr->name)) == "operation") {
-      return operation_of_text(attribute_value(attr));
+      return ds_operation_of(attr);
     }
   }
   return NC_EDIT_OP_NONE;
-}
-
-// REPLY_ERR_NULL when the attribute may stand on a configuration node with its value.
-int attribute_fault(const xmlAttr *attr)
-{
-  std::string_view name = reinterpret_cast<const char *>(attr->name);
-  std::string_view ns = attr->ns == nullptr ? "" : reinterpret_cast<const char *>(attr->ns->href);
-  if (ns == NETCONF_BASE_NS_1_0 && name == "operation") {
-    return operation_of_text(attribute_value(attr)) == NC_EDIT_OP_ERROR ? REPLY_ERR_BAD_ATTR : REPLY_ERR_NULL;
-  }
-  if (ns == YANG_NS && (name == "insert" || name == "key" || name == "value")) {
-    return REPLY_ERR_NULL;
-  }
-  return REPLY_ERR_UNKNOWN_ATTR;
-}
-
-reply_error_ptr attribute_error(int kind, const xmlAttr *attr, const lyxml_elem *config)
-{
-  reply_error_ptr error(rpc_create_error(kind));
-  if (error != nullptr) {
-    std::string path = element_path(attr->parent, config);
-    std::string info = "<bad-attribute>" + std::string(reinterpret_cast<const char *>(attr->name)) + "</bad-attribute>";
-    rpc_set_error_field(error.get(), REPLY_ERR_FIELD_PATH, path.c_str());
-    rpc_set_error_field(error.get(), REPLY_ERR_FIELD_INFO, info.c_str());
-  }
-  return error;
-}
-
-// Checks the attributes of everything below `config`. 0, or -1 with the error.
-int check_attributes(const lyxml_elem *config, reply_error_ptr *ret_error)
-{
-  const lyxml_elem *elem = lyxml_first_child(config);
-  while (elem != nullptr) {
-    for (const xmlAttr *attr = elem->properties; attr != nullptr; attr = attr->next) {
-      int kind = attribute_fault(attr);
-      if (kind != REPLY_ERR_NULL) {
-        *ret_error = attribute_error(kind, attr, config);
-        return -1;
-      }
-    }
-    const lyxml_elem *next = lyxml_first_child(elem);
-    while (next == nullptr && elem != config) {
-      next = lyxml_next(elem);
-      elem = elem->parent;
-    }
-    elem = next;
-  }
-  return 0;
 }
 
 // --- Records. libyang sorts siblings into schema order, so XML elements and data nodes are walked in step, with one
@@ -326,14 +239,10 @@ lyxml_elem *find_config(lyxml_elem *rpc, NC_OP nc_op, reply_error_ptr *ret_error
   return config;
 }
 
-} // namespace
-
-int ds_parse_rpc_config(lyxml_elem *rpc, NC_OP nc_op, ds_config_t *config, reply_error_ptr *ret_error)
+// The content of <config> as a data tree without records. The text is gone when it returns: it is as large as the
+// request.
+int parse_content(const lyxml_elem *elem, ds_config_t *config, reply_error_ptr *ret_error)
 {
-  lyxml_elem *elem = find_config(rpc, nc_op, ret_error);
-  if (elem == nullptr || check_attributes(elem, ret_error) != 0) {
-    return -1;
-  }
   wiped_string text = content_text(elem);
   if (text.empty()) {
     return 0;
@@ -349,6 +258,23 @@ int ds_parse_rpc_config(lyxml_elem *rpc, NC_OP nc_op, ds_config_t *config, reply
     ds_add_path_and_msg(ret_error->get());
     return -1;
   }
-  record_writer(config).write(lyxml_first_child(elem), tree);
+  return 0;
+}
+
+} // namespace
+
+int ds_parse_rpc_config(lyxml_elem *rpc, NC_OP nc_op, ds_config_t *config, reply_error_ptr *ret_error)
+{
+  lyxml_elem *elem = find_config(rpc, nc_op, ret_error);
+  if (elem == nullptr || ds_check_config(elem, ret_error) != 0) {
+    return -1;
+  }
+  if (parse_content(elem, config, ret_error) != 0) {
+    return -1;
+  }
+  if (config->tree == nullptr) {
+    return 0;
+  }
+  record_writer(config).write(lyxml_first_child(elem), config->tree.get());
   return check_opaque_nodes(config, ret_error);
 }

@@ -102,6 +102,12 @@ typedef struct _ds_config {
 // 0, or -1 with `*ret_error` set.
 int ds_parse_rpc_config(lyxml_elem *rpc, NC_OP nc_op, ds_config_t *config, reply_error_ptr *ret_error);
 
+// Whether all elements of <config> are known, in their places, with attributes that belong there. 0, or -1 with the
+// error.
+int ds_check_config(const lyxml_elem *config, reply_error_ptr *ret_error);
+// The value of an operation attribute; NC_EDIT_OP_ERROR when it is none of RFC 6241's.
+NC_EDIT_OP_TYPE ds_operation_of(const xmlAttr *attr);
+
 // --- Steps of the operations.
 
 // Checks the whole data tree against the schema (nothing is added to it). 0, also for an empty tree; -1 with the error,

@@ -421,7 +421,12 @@ int edit_fail(edit_job_t *job, int kind, const lyd_node *config)
 
 std::vector<const lyd_node *> edit_document_order(const lyd_node *first)
 {
+  size_t count = 0;
+  for (const lyd_node *node = first; node != nullptr; node = node->next) {
+    count++;
+  }
   std::vector<const lyd_node *> nodes;
+  nodes.reserve(count); // asked for every inner node of a config
   for (const lyd_node *node = first; node != nullptr; node = node->next) {
     nodes.push_back(node);
   }

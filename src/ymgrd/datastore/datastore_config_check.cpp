@@ -1,0 +1,150 @@
+// What may stand in <config>: known elements in known places, with the attributes that belong there. Checked on the XML
+// before libyang sees it: attributes that libyang does not know it drops without a word, and an element that no module
+// knows is beyond what its parser can take in every combination.
+#include <string>
+
+#include "ymgrd/datastore/datastore_internal.h"
+#include "ymgrd/schema/schema.h"
+
+namespace {
+
+constexpr std::string_view YANG_NS = "urn:ietf:params:xml:ns:yang:1"; // RFC 7950, section 5.3.1
+
+struct operation_name_t {
+  std::string_view text;
+  NC_EDIT_OP_TYPE op;
+};
+
+const operation_name_t operation_names[] = {
+    {"merge", NC_EDIT_OP_MERGE},   {"replace", NC_EDIT_OP_REPLACE}, {"create", NC_EDIT_OP_CREATE},
+    {"delete", NC_EDIT_OP_DELETE}, {"remove", NC_EDIT_OP_REMOVE},
+};
+
+std::string element_path(const lyxml_elem *elem, const lyxml_elem *config)
+{
+  std::string path;
+  for (const lyxml_elem *up = elem; up != nullptr && up != config; up = up->parent) {
+    path.insert(0, "/" + std::string(lyxml_name(up)));
+  }
+  return path;
+}
+
+std::string_view attribute_name(const xmlAttr *attr)
+{
+  return reinterpret_cast<const char *>(attr->name);
+}
+
+// REPLY_ERR_NULL when the attribute may stand on a node of that schema with its value.
+int attribute_fault(const xmlAttr *attr, const lysc_node *schema)
+{
+  std::string_view name = attribute_name(attr);
+  std::string_view ns = attr->ns == nullptr ? "" : reinterpret_cast<const char *>(attr->ns->href);
+  if (ns == NETCONF_BASE_NS_1_0 && name == "operation") {
+    return ds_operation_of(attr) == NC_EDIT_OP_ERROR ? REPLY_ERR_BAD_ATTR : REPLY_ERR_NULL;
+  }
+  bool positions = ns == YANG_NS && (name == "insert" || name == "key" || name == "value");
+  return positions && lysc_is_userordered(schema) ? REPLY_ERR_NULL : REPLY_ERR_UNKNOWN_ATTR;
+}
+
+class config_checker {
+public:
+  config_checker(const lyxml_elem *config, reply_error_ptr *ret_error) : config_(config), ret_error_(ret_error) {}
+
+  // The children of `parent`, whose schema node is `schema` (null: <config> itself), and all below. 0, or -1 with the
+  // error.
+  int check_children(const lyxml_elem *parent, const lysc_node *schema)
+  {
+    for (const lyxml_elem *elem = lyxml_first_child(parent); elem != nullptr; elem = lyxml_next(elem)) {
+      const lysc_node *node = find_schema(elem, schema);
+      if (node == nullptr || check_attributes(elem, node) != 0) {
+        return -1;
+      }
+      bool is_inner = node->nodetype & (LYS_CONTAINER | LYS_LIST);
+      if (is_inner && check_children(elem, node) != 0) {
+        return -1;
+      }
+    }
+    return 0;
+  }
+
+private:
+  const lysc_node *find_schema(const lyxml_elem *elem, const lysc_node *parent)
+  {
+    const lys_module *module = find_module(elem);
+    if (module == nullptr) {
+      std::string ns(lyxml_ns(elem));
+      return refuse(elem, REPLY_ERR_UNKNOWN_NS, "No module with namespace \"" + ns + "\" in the context.");
+    }
+    const char *name = reinterpret_cast<const char *>(elem->name);
+    const lysc_node *node = lys_find_child(parent, module, name, 0, 0, 0);
+    if (node != nullptr && !(node->nodetype & (LYS_RPC | LYS_NOTIF | LYS_ACTION))) {
+      return node;
+    }
+    std::string where = parent == nullptr ? std::string("in the \"") + module->name + "\" module."
+                                          : std::string("as a child of \"") + parent->name + "\" node.";
+    return refuse(elem, REPLY_ERR_UNKNOWN_ELEM, std::string("Node \"") + name + "\" not found " + where);
+  }
+
+  // Elements of one namespace mostly follow each other.
+  const lys_module *find_module(const lyxml_elem *elem)
+  {
+    if (elem->ns != last_ns_) {
+      last_ns_ = elem->ns;
+      last_module_ =
+          elem->ns == nullptr || elem->ns->href == nullptr
+              ? nullptr
+              : ly_ctx_get_module_implemented_ns(schema_ctx(), reinterpret_cast<const char *>(elem->ns->href));
+    }
+    return last_module_;
+  }
+
+  int check_attributes(const lyxml_elem *elem, const lysc_node *schema)
+  {
+    for (const xmlAttr *attr = elem->properties; attr != nullptr; attr = attr->next) {
+      int kind = attribute_fault(attr, schema);
+      if (kind != REPLY_ERR_NULL) {
+        (void)refuse(elem, kind, {});
+        std::string info = "<bad-attribute>" + std::string(attribute_name(attr)) + "</bad-attribute>";
+        rpc_set_error_field(ret_error_->get(), REPLY_ERR_FIELD_INFO, info.c_str());
+        return -1;
+      }
+    }
+    return 0;
+  }
+
+  // An empty message leaves the kind's own. Always null.
+  std::nullptr_t refuse(const lyxml_elem *elem, int kind, const std::string &message)
+  {
+    ret_error_->reset(rpc_create_error(kind));
+    if (!message.empty()) {
+      rpc_set_error_field(ret_error_->get(), REPLY_ERR_FIELD_MSG, message.c_str());
+    }
+    rpc_set_error_field(ret_error_->get(), REPLY_ERR_FIELD_PATH, element_path(elem, config_).c_str());
+    return nullptr;
+  }
+
+  const lyxml_elem *config_;
+  reply_error_ptr *ret_error_;
+  const xmlNs *last_ns_ = nullptr;
+  const lys_module *last_module_ = nullptr;
+};
+
+} // namespace
+
+NC_EDIT_OP_TYPE ds_operation_of(const xmlAttr *attr)
+{
+  const xmlNode *text = attr->children;
+  std::string_view value =
+      text == nullptr || text->content == nullptr ? "" : reinterpret_cast<const char *>(text->content);
+  for (const operation_name_t &row : operation_names) {
+    if (value == row.text) {
+      return row.op;
+    }
+  }
+  return NC_EDIT_OP_ERROR;
+}
+
+int ds_check_config(const lyxml_elem *config, reply_error_ptr *ret_error)
+{
+  return config_checker(config, ret_error).check_children(config, nullptr);
+}
