@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench_clock.h"
@@ -180,6 +181,7 @@ int measure(int entries, bench_result_t *ret_result)
       measure_one_leaf(client.get(), &result) != 0 || measure_empty_request(client.get(), &result) != 0) {
     return -1;
   }
+  std::this_thread::sleep_for(std::chrono::seconds(3)); // an idle daemon gives free memory back
   result.resident_mb = device.resident_mb();
   client.reset();
   if (measure_start(&device, &result) != 0 || bench_yang_floor(document, &result.yang) != 0 ||

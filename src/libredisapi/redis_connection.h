@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "libredisapi/redis_reply_arena.h"
 #include "libredisapi/redisapi.h"
 
 struct redis_link_delete_t {
@@ -13,6 +14,7 @@ struct redis_link_delete_t {
 
 struct _rContext {
   std::string address;
+  redis_reply_arena replies;                               // of the batch that runs
   std::unique_ptr<redisContext, redis_link_delete_t> link; // null after a loss
   int db = 0;
   uint64_t serial = 0; // grows with each link

@@ -10,10 +10,8 @@
 
 class redis_reply_arena {
 public:
-  // Null when there is no memory. Aligned for every type; valid until reset().
-  void *allocate(size_t size);
-  // Invalidates the replies made so far. Keeps one block, so that ordinary replies need no allocation at all.
-  void reset();
+  void *allocate(size_t size); // aligned for every type, valid until reset(); null when there is no memory
+  void reset();                // one block is kept: ordinary replies then need no allocation at all
 
 private:
   std::vector<std::unique_ptr<std::byte[]>> blocks_; // the last one is in use
@@ -21,12 +19,7 @@ private:
   size_t capacity_ = 0; // of the last block
 };
 
-// While it lives, `link` builds its replies in the arena: they must not be given to freeReplyObject, and the arena must
-// be reset between them only. `link` borrows the place of the owner: when that drops the link, nothing is put back.
-class redis_arena_replies {
-public:
-  redis_arena_replies(redisContext *const *link, redis_reply_arena *arena);
-  ~redis_arena_replies();
-  redis_arena_replies(const redis_arena_replies &) = delete;
-  redis_arena_replies &operator=(const redis_arena_replies &) = delete;
-};
+// Makes the link build its replies in the arena. They are not for freeReplyObject, and no reply may be under way on the
+// link: neither here nor when redis_replies_on_heap puts things back.
+void redis_replies_in_arena(redisContext *link, redis_reply_arena *arena);
+void redis_replies_on_heap(redisContext *link);

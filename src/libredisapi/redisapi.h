@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -57,10 +58,15 @@ using redis_batch_ptr = std::unique_ptr<redis_batch_t, redis_batch_delete_t>;
 
 // Queues a copy of the command.
 void redis_batch_add(redis_batch_t *batch, const std::vector<std::string_view> &words);
+void redis_batch_add(redis_batch_t *batch, std::initializer_list<std::string_view> words);
+// The same word by word: exactly `words` calls of redis_batch_word must follow.
+void redis_batch_begin(redis_batch_t *batch, size_t words);
+void redis_batch_word(redis_batch_t *batch, std::string_view word);
 size_t redis_batch_size(const redis_batch_t *batch);
 void redis_batch_clear(redis_batch_t *batch);
-// Sends all queued commands in windows and calls `on_reply` for each in order (the reply is only valid in the call;
-// error replies included). Clears the batch. 0, or -1 when the connection failed (replies seen so far were delivered).
+// Sends all queued commands in windows and calls `on_reply` for each in order (the reply is only valid in the call, and
+// is not for redis_reply_free; error replies included). `on_reply` must not use the connection. Clears the batch. 0, or
+// -1 when the connection failed (replies seen so far were delivered).
 int redis_batch_run(rContext *connection, redis_batch_t *batch,
                     const std::function<void(size_t index, const redisReply *reply)> &on_reply);
 // Sends all queued commands inside one MULTI/EXEC: all of them take effect or none. Clears the batch. 0, or -1 when the

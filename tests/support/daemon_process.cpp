@@ -23,20 +23,15 @@ constexpr char READY_TEXT[] = "Ymgrd initialized successfully.";
 void copy_modules(const fs::path &from, const fs::path &to)
 {
   for (const fs::directory_entry &entry : fs::directory_iterator(from)) {
-    if (entry.path().extension() == ".yang" || entry.path().extension() == ".yin") {
-      fs::copy_file(entry.path(), to / entry.path().filename(), fs::copy_options::overwrite_existing);
-    }
+    fs::copy_file(entry.path(), to / entry.path().filename(), fs::copy_options::overwrite_existing);
   }
 }
 
 // The newest revision in the module's file; empty when there is none.
 std::string find_revision(const std::string &modules_dir, const std::string &name)
 {
-  const std::regex form("[^-a-z]revision\\s+(?:date=)?\"?([0-9]{4}-[0-9]{2}-[0-9]{2})");
-  std::string text = read_file(modules_dir + "/" + name + ".yin");
-  if (text.empty()) {
-    text = read_file(modules_dir + "/" + name + ".yang");
-  }
+  const std::regex form("[^-a-z]revision\\s+\"?([0-9]{4}-[0-9]{2}-[0-9]{2})");
+  std::string text = read_file(modules_dir + "/" + name + ".yang");
   std::string newest;
   for (std::sregex_iterator match(text.begin(), text.end(), form), end; match != end; ++match) {
     newest = std::max(newest, (*match)[1].str());
@@ -143,14 +138,11 @@ testing::AssertionResult daemon_process::stop()
   return wait() ? testing::AssertionSuccess() : failure("the daemon did not end on SIGTERM");
 }
 
-std::string daemon_process::log_tail(size_t lines) const
+std::string daemon_process::log_tail() const
 {
+  constexpr size_t LONGEST_TAIL = 20000;
   std::string text = log_text();
-  size_t at = text.size();
-  for (size_t line = 0; line <= lines && at != 0 && at != std::string::npos; line++) {
-    at = text.rfind('\n', at - 1);
-  }
-  return at == 0 || at == std::string::npos ? text : text.substr(at + 1);
+  return text.substr(text.size() - std::min(text.size(), LONGEST_TAIL));
 }
 
 testing::AssertionResult daemon_process::wait_for_log(const std::string &text, std::chrono::milliseconds timeout) const

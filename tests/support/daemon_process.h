@@ -56,7 +56,7 @@ public:
 
   // What was logged since the last start.
   std::string log_text() const { return read_file(log_path(), log_begin_); }
-  std::string log_tail(size_t lines = 200) const;
+  std::string log_tail() const; // its last part, for a failing test
   testing::AssertionResult wait_for_log(const std::string &text, std::chrono::milliseconds timeout = DEADLINE) const;
 
   long rss_kb() const;   // resident memory; -1 when it does not run

@@ -180,32 +180,19 @@ netconf_session::netconf_session(const std::string &run_dir, const std::string &
 {
   std::string reason;
   client_ = ymgr_connect(run_dir, &reason);
-  if (client_ == nullptr) {
-    ADD_FAILURE() << reason;
-    return;
-  }
-  std::optional<int> id = ymgr_create_session(client_.get(), username);
-  if (!id) {
-    ADD_FAILURE() << "create-session: " << ymgr_last_error(client_.get());
-    return;
-  }
-  id_ = *id;
+  std::optional<int> id = client_ == nullptr ? std::nullopt : ymgr_create_session(client_.get(), username);
+  EXPECT_TRUE(id) << "no session: " << (client_ == nullptr ? reason : ymgr_last_error(client_.get()));
+  id_ = id.value_or(0);
 }
 
 std::string netconf_session::rpc(const std::string &operation, std::chrono::milliseconds timeout)
 {
   lines_.push_back("> " + cut(operation) + "\n");
-  if (client_ == nullptr) {
-    ADD_FAILURE() << "not connected, request: " << cut(operation);
-    return "";
-  }
-  std::optional<std::string> reply = ymgr_rpc(client_.get(), operation, timeout);
-  lines_.push_back("< " + (reply ? cut(*reply) : "(" + ymgr_last_error(client_.get()) + ")") + "\n");
-  if (!reply) {
-    ADD_FAILURE() << "no reply (" << ymgr_last_error(client_.get()) << "), request: " << cut(operation);
-    return "";
-  }
-  return *reply;
+  std::optional<std::string> reply = client_ == nullptr ? std::nullopt : ymgr_rpc(client_.get(), operation, timeout);
+  std::string reason = client_ == nullptr ? "not connected" : ymgr_last_error(client_.get());
+  lines_.push_back("< " + (reply ? cut(*reply) : "(" + reason + ")") + "\n");
+  EXPECT_TRUE(reply) << "no reply (" << reason << "), request: " << cut(operation);
+  return reply.value_or("");
 }
 
 testing::AssertionResult netconf_session::ok(const std::string &operation)

@@ -14,6 +14,7 @@
 #include "ymgrd/core/handles.h"
 #include "ymgrd/core/keepalive.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/core/memory.h"
 #include "ymgrd/core/stop_signal.h"
 #include "ymgrd/notify/notifier.h"
 #include "ymgrd/rpc/session.h"
@@ -122,6 +123,7 @@ void ymgrd_epoll_timeout()
   notifier_timer();
   broker_timeout();
   plugin_timeout();
+  memory_give_back();
 }
 
 void ymgrd_epoll_dispatch()

@@ -40,13 +40,18 @@ const db_key_set *db_differences(int target, int source)
   return pair != nullptr && pair->keys.has_value() ? &*pair->keys : nullptr;
 }
 
-void db_differences_touch(int target, const db_key_set &keys)
+void db_differences_touch(int target, const std::vector<std::string_view> &keys)
 {
   for (difference_t &pair : g_differences) {
     if (!pair.concerns(target) || !pair.keys.has_value()) {
       continue;
     }
-    pair.keys->insert(keys.begin(), keys.end());
+    pair.keys->reserve(pair.keys->empty() ? keys.size() : 0);
+    for (std::string_view key : keys) {
+      if (!pair.keys->contains(key)) {
+        pair.keys->emplace(key);
+      }
+    }
     if (pair.keys->size() > MAX_DIFFERENCES) {
       pair.keys.reset();
     }

@@ -64,10 +64,12 @@ private:
   rContext *writer_;     // for what the plan comes to
   db_flush_t kind_;
 
-  db_key_set unlinked_; // stored keys that go
-  db_key_set copied_;   // keys taken from the replacing datastore
-  db_key_set written_;  // keys with fields or list operations
-  db_key_set touched_;  // all of them
+  db_key_set found_;                         // what was looked for: stored keys that go
+  db_key_set source_keys_;                   // all of the replacing datastore, when differences are not known
+  const db_key_set *unlinked_ = &found_;     // stored keys that go
+  const db_key_set *copied_ = &source_keys_; // keys taken from the replacing datastore
+  std::vector<std::string_view> written_;    // keys with fields or list operations
+  std::vector<std::string_view> touched_;    // all of them, each once
   std::vector<std::string> emptied_lists_;
   std::vector<std::string_view> new_keys_;     // touched, not saved before
   std::map<std::string, bool> new_modules_;    // touched, not saved before; whether registered
@@ -92,9 +94,10 @@ int flush_plan::resolve_replacement()
   int source = pending_->replacement();
   const db_key_set *differences = source != 0 ? db_differences(handle_->target_db, source) : nullptr;
   if (differences != nullptr) {
-    unlinked_ = *differences;
-    copied_ = *differences;
-  } else if (scan_tree(handle_->ndb, &unlinked_) != 0 || (source != 0 && scan_tree(ndb_find(source), &copied_) != 0)) {
+    unlinked_ = differences; // they stay as they are until the flush is done
+    copied_ = differences;
+  } else if (scan_tree(handle_->ndb, &found_) != 0 ||
+             (source != 0 && scan_tree(ndb_find(source), &source_keys_) != 0)) {
     return -1;
   }
   if (kind_ == DB_FLUSH_FINAL) {
@@ -158,7 +161,7 @@ int flush_plan::resolve_deleted()
 
 void flush_plan::note_stored(const stored_node_t &node, const redisReply *reply, std::vector<stored_node_t> *next)
 {
-  if (reply->elements == 0 || !unlinked_.insert(node.key).second) {
+  if (reply->elements == 0 || !found_.insert(node.key).second) {
     return; // nothing stored, or seen below another deleted node
   }
   if (node.is_list) {
@@ -304,14 +307,23 @@ int flush_plan::resolve_short_lists(const std::vector<std::pair<std::string, pen
 
 void flush_plan::collect_touched()
 {
-  for (const auto &[key, node] : pending_->keys()) {
-    if (!node.fields.empty() || (node.list != nullptr && !node.list->ops.empty())) {
-      written_.insert(key);
+  touched_.assign(unlinked_->begin(), unlinked_->end());
+  if (copied_ != unlinked_) {
+    for (const std::string &key : *copied_) {
+      if (!unlinked_->contains(key)) {
+        touched_.push_back(key);
+      }
     }
   }
-  touched_ = written_;
-  touched_.insert(unlinked_.begin(), unlinked_.end());
-  touched_.insert(copied_.begin(), copied_.end());
+  for (const auto &[key, node] : pending_->keys()) {
+    if (node.fields.empty() && (node.list == nullptr || node.list->ops.empty())) {
+      continue;
+    }
+    written_.push_back(key);
+    if (!unlinked_->contains(key) && !copied_->contains(key)) {
+      touched_.push_back(key);
+    }
+  }
 }
 
 // Which modules the flush touches for the first time, and whether they are registered now.
@@ -319,17 +331,22 @@ int flush_plan::find_new_modules()
 {
   auto note = [this](std::string_view module) {
     std::string name(module);
-    if (!name.empty() && handle_->saved.modules.count(name) == 0) {
+    if (!handle_->saved.modules.contains(name)) {
       new_modules_.emplace(std::move(name), false);
     }
   };
-  for (const std::string &key : touched_) {
-    if (key != "/") {
-      std::string_view module = belong_module(key);
-      note(module.empty() ? module : module.substr(1));
-      if (handle_->saved.keys.find(key) == handle_->saved.keys.end()) {
-        new_keys_.push_back(key);
-      }
+  std::string_view noted; // keys of one module mostly follow each other
+  for (std::string_view key : touched_) {
+    if (key == "/") {
+      continue;
+    }
+    std::string_view module = belong_module(key);
+    if (module != noted && !module.empty()) {
+      note(module.substr(1));
+      noted = module;
+    }
+    if (!handle_->saved.keys.contains(key)) {
+      new_keys_.push_back(key);
     }
   }
   for (const std::string &module : registered_before_) {
@@ -373,14 +390,14 @@ void flush_plan::add_saving(redis_batch_t *batch)
 
 void flush_plan::add_replacement(redis_batch_t *batch)
 {
-  std::vector<std::string_view> gone(unlinked_.begin(), unlinked_.end());
+  std::vector<std::string_view> gone(unlinked_->begin(), unlinked_->end());
   db_add_chunked(batch, {"UNLINK"}, gone);
-  if (copied_.empty()) {
+  if (copied_->empty()) {
     return;
   }
   std::string target = number_text(handle_->ndb->rdb);
   redis_batch_add(batch, {"SELECT", number_text(ndb_find(pending_->replacement())->rdb)});
-  for (const std::string &key : copied_) {
+  for (const std::string &key : *copied_) {
     redis_batch_add(batch, {"COPY", key, key, "DB", target, "REPLACE"});
   }
   redis_batch_add(batch, {"SELECT", target});
@@ -388,21 +405,35 @@ void flush_plan::add_replacement(redis_batch_t *batch)
 
 void flush_plan::add_fields(redis_batch_t *batch, const std::string &key, const std::vector<pending_field_t> &fields)
 {
-  std::vector<std::string> values;
-  std::vector<std::string_view> set;
-  std::vector<std::string_view> removed;
-  values.reserve(fields.size()); // `set` refers into it
+  size_t removed = 0;
   for (const pending_field_t &field : fields) {
-    if (field.type == FIELD_REMOVED) {
-      removed.push_back(field.name);
-      continue;
-    }
-    values.push_back(db_make_value(field.type, field.text));
-    set.push_back(field.name);
-    set.push_back(values.back());
+    removed += field.type == FIELD_REMOVED ? 1 : 0;
   }
-  db_add_chunked(batch, {"HDEL", key}, removed);
-  db_add_chunked(batch, {"HSET", key}, set);
+  if (removed > 0) {
+    redis_batch_begin(batch, 2 + removed);
+    redis_batch_word(batch, "HDEL");
+    redis_batch_word(batch, key);
+    for (const pending_field_t &field : fields) {
+      if (field.type == FIELD_REMOVED) {
+        redis_batch_word(batch, field.name);
+      }
+    }
+  }
+  size_t set = fields.size() - removed;
+  if (set == 0) {
+    return;
+  }
+  std::string value;
+  redis_batch_begin(batch, 2 + 2 * set);
+  redis_batch_word(batch, "HSET");
+  redis_batch_word(batch, key);
+  for (const pending_field_t &field : fields) {
+    if (field.type != FIELD_REMOVED) {
+      redis_batch_word(batch, field.name);
+      db_make_value(field.type, field.text, &value);
+      redis_batch_word(batch, value);
+    }
+  }
 }
 
 void flush_plan::add_list(redis_batch_t *batch, const std::string &key, pending_list_t *list)
@@ -443,8 +474,13 @@ void flush_plan::add_writes(redis_batch_t *batch)
 
 void flush_plan::note_done()
 {
+  if (kind_ == DB_FLUSH_UNDOABLE) {
+    handle_->saved.keys.insert(new_keys_.begin(), new_keys_.end());
+    handle_->saved.modules.merge(new_modules_);
+  }
   db_differences_touch(handle_->target_db, touched_);
   if (pending_->replacement() != 0) {
+    // Last use of the keys: when they are the known differences, they go now.
     db_differences_equal(handle_->target_db, pending_->replacement());
     db_differences_touch(handle_->target_db, written_);
   }
@@ -453,10 +489,6 @@ void flush_plan::note_done()
   }
   for (const std::string &key : emptied_lists_) {
     pending_->note_gone(key);
-  }
-  if (kind_ == DB_FLUSH_UNDOABLE) {
-    handle_->saved.keys.insert(new_keys_.begin(), new_keys_.end());
-    handle_->saved.modules.merge(new_modules_);
   }
   pending_->clear();
 }

@@ -127,7 +127,7 @@ void db_backups_forget();
 
 // The keys in which two datastores differ, when that is known; else null.
 const db_key_set *db_differences(int target, int source);
-void db_differences_touch(int target, const db_key_set &keys);
+void db_differences_touch(int target, const std::vector<std::string_view> &keys);
 void db_differences_equal(int target, int source);
 void db_differences_forget(int target);
 void db_differences_forget_all();

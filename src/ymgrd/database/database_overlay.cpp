@@ -112,6 +112,7 @@ void db_apply_list_op(pending_list_t *list, const pending_op_t &op)
 void db_overlay::clear()
 {
   // New containers: a cleared one keeps its buckets, and every later clear would pay for the largest edit so far.
+  recent_ = nullptr;
   sorted_.clear(); // borrows the keys' texts: goes first
   keys_ = decltype(keys_)();
   is_sorted_ = false;
@@ -123,6 +124,9 @@ void db_overlay::clear()
 
 pending_key_t *db_overlay::key_at(std::string_view key)
 {
+  if (recent_ != nullptr && recent_key_ == key) {
+    return recent_;
+  }
   auto found = keys_.find(key);
   if (found == keys_.end()) {
     found = keys_.emplace(std::string(key), pending_key_t()).first;
@@ -130,7 +134,9 @@ pending_key_t *db_overlay::key_at(std::string_view key)
       sorted_.insert(found->first);
     }
   }
-  return &found->second;
+  recent_key_ = found->first;
+  recent_ = &found->second;
+  return recent_;
 }
 
 void db_overlay::set_field(std::string_view key, std::string_view field, int type, std::string_view text)
@@ -209,6 +215,7 @@ void db_overlay::drop_subtree(std::string_view data_key)
   if (keys_.empty()) {
     return;
   }
+  recent_ = nullptr;
   if (!is_sorted_) {
     for (const auto &[key, pending] : keys_) {
       sorted_.insert(key);

@@ -111,6 +111,9 @@ private:
   bool is_deleted(std::string_view key) const;
 
   std::unordered_map<std::string, pending_key_t, db_key_hash_t, std::equal_to<>> keys_;
+  // The key that was asked for last: the fields of one node are mostly recorded in a row.
+  std::string_view recent_key_;
+  pending_key_t *recent_ = nullptr;   // null when it may have gone
   std::set<std::string_view> sorted_; // the same keys in order, once something was deleted
   bool is_sorted_ = false;
   std::vector<deleted_node_t> deleted_;

@@ -257,13 +257,19 @@ bool db_next_predicate_pair(std::string_view *predicate, std::string_view *ret_n
   return true;
 }
 
-std::string db_make_value(int32_t type, std::string_view text)
+void db_make_value(int32_t type, std::string_view text, std::string *ret_value)
 {
   constexpr size_t PADDING = 4; // the text's NUL and three more
-  std::string value(sizeof(type), '\0');
-  memcpy(value.data(), &type, sizeof(type));
-  value.append(text);
-  value.append(PADDING, '\0');
+  ret_value->assign(sizeof(type), '\0');
+  memcpy(ret_value->data(), &type, sizeof(type));
+  ret_value->append(text);
+  ret_value->append(PADDING, '\0');
+}
+
+std::string db_make_value(int32_t type, std::string_view text)
+{
+  std::string value;
+  db_make_value(type, text, &value);
   return value;
 }
 

@@ -48,6 +48,7 @@ bool db_next_predicate_pair(std::string_view *predicate, std::string_view *ret_n
 // Stored field values: the type, the text, a NUL and three bytes.
 enum { DB_VALUE_NODE = 1, DB_VALUE_LIST = 2 };
 std::string db_make_value(int32_t type, std::string_view text);
+void db_make_value(int32_t type, std::string_view text, std::string *ret_value); // into memory that is there
 // 0, or -1 for bytes that are no value. `ret_text` points into `value`.
 int db_read_value(std::string_view value, int32_t *ret_type, std::string_view *ret_text);
 

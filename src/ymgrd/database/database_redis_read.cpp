@@ -302,9 +302,13 @@ int tree_reader::load(std::vector<read_piece_t *> level)
     }
     std::vector<read_piece_t *> next;
     for (read_piece_t *node : level) {
+      // No more of a long list than is read together: its entries would use up the keys, and what is below each of them
+      // would be read by itself.
+      size_t siblings = 0;
       for (read_piece_t &child : node->children) {
-        if (child.needs_load() && next.size() < keys_left) {
+        if (child.needs_load() && next.size() < keys_left && siblings < WINDOW_SIBLINGS) {
           next.push_back(&child);
+          siblings++;
         }
       }
     }

@@ -125,8 +125,8 @@ int run_restore(redis_batch_t *batch, const ndb_t *ndb, const db_saved_t &saved)
     return -1;
   }
   if (!saved.empty()) {
-    db_key_set touched = saved.keys;
-    touched.insert("/");
+    std::vector<std::string_view> touched(saved.keys.begin(), saved.keys.end());
+    touched.push_back("/");
     db_differences_touch(ndb->ndb_idx, touched);
   }
   return 0;

@@ -266,10 +266,7 @@ int parse_content(const lyxml_elem *elem, ds_config_t *config, reply_error_ptr *
 int ds_parse_rpc_config(lyxml_elem *rpc, NC_OP nc_op, ds_config_t *config, reply_error_ptr *ret_error)
 {
   lyxml_elem *elem = find_config(rpc, nc_op, ret_error);
-  if (elem == nullptr || ds_check_config(elem, ret_error) != 0) {
-    return -1;
-  }
-  if (parse_content(elem, config, ret_error) != 0) {
+  if (elem == nullptr || ds_check_config(elem, ret_error) != 0 || parse_content(elem, config, ret_error) != 0) {
     return -1;
   }
   if (config->tree == nullptr) {

@@ -6,6 +6,7 @@
 
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/core/memory.h"
 #include "ymgrd/rpc/session_internal.h"
 
 namespace {
@@ -150,6 +151,7 @@ session_recv_t session_get_rpc(session_t &session, msg_head_t *ret_head, std::st
 
 void session_free_message(session_t &session, const msg_head_t &head)
 {
+  memory_note_use(head.length);
   (void)conf_buffer_remove(session.recv_buf.get(), 0, HEAD_SIZE + head.length); // it was found whole
   conf_buffer_slim(session.recv_buf.get());
 }
@@ -210,6 +212,7 @@ int session_core_send(session_t &session)
   if (head.seq == session.wait_reply_seq && session.rpc_context == nullptr) {
     session.bit_rpc = true;
   }
+  memory_note_use(total);
   (void)conf_buffer_remove(buffer, 0, total); // it was queued whole
   conf_buffer_slim(buffer);
   session.send_cursor = 0;

@@ -112,29 +112,6 @@ TEST_F(broker_publish, failure_with_rollback_takes_back_in_reverse_order_what_wa
   EXPECT_STREQ("Error on node /m:c/l[k=\"3\"]", errors->info);
 }
 
-TEST_F(broker_publish, failure_with_continue_offers_all_and_reports_every_error)
-{
-  subscribe(&first_plugin, "/m:c/l", 1);
-  on_offer = [](const offered_t &offer) {
-    if (offer.path == "/m:c/l[k=\"1\"]") {
-      EXPECT_EQ(0, broker_save_error(5, "no room"));
-    }
-    return SUBPUB_ERROR;
-  };
-  publish(ERROR_OPTION_CONTINUE, three_entries());
-  EXPECT_EQ(3U, offered.size());
-  const reply_error_t *last = errors.get();
-  ASSERT_NE(nullptr, last);
-  int count = 1;
-  for (; last->next != nullptr; last = last->next) {
-    count++;
-  }
-  EXPECT_EQ(3, count);
-  EXPECT_STREQ("5", last->app_tag);
-  EXPECT_STREQ("no room", last->message);
-  EXPECT_STREQ("operation-failed", last->tag);
-}
-
 TEST_F(broker_publish, waits_for_replies_in_both_directions_and_admits_no_second_publication)
 {
   subscribe(&first_plugin, "/m:c/l", 1);

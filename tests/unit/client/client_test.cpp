@@ -1,6 +1,4 @@
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
@@ -11,6 +9,7 @@
 #include <unistd.h>
 
 #include "client/client.h"
+#include "support/environment.h"
 
 namespace {
 
@@ -21,12 +20,9 @@ class ymgr_client : public testing::Test {
 protected:
   void SetUp() override
   {
-    char name[] = "/tmp/client-test-XXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    run_dir_ = name;
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    (run_dir_ + "/agent.sock").copy(address.sun_path, sizeof(address.sun_path) - 1);
+    (dir_ / "agent.sock").copy(address.sun_path, sizeof(address.sun_path) - 1);
     listener_ = socket(AF_UNIX, SOCK_STREAM, 0);
     ASSERT_EQ(bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
     ASSERT_EQ(listen(listener_, 1), 0);
@@ -38,7 +34,6 @@ protected:
       thread_.join();
     }
     close(listener_);
-    std::filesystem::remove_all(run_dir_);
   }
 
   void start(const std::function<void(int)> &play)
@@ -49,7 +44,7 @@ protected:
       close(sock);
     });
     std::string error;
-    client_ = ymgr_connect(run_dir_, &error);
+    client_ = ymgr_connect(dir_.path(), &error);
     ASSERT_NE(client_, nullptr) << error;
   }
 
@@ -81,7 +76,7 @@ protected:
     }
   }
 
-  std::string run_dir_;
+  support::temp_dir dir_;
   int listener_ = -1;
   std::thread thread_;
   ymgr_client_ptr client_;

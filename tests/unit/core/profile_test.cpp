@@ -61,6 +61,14 @@ TEST_F(profile, scalars_become_options_and_the_later_value_wins)
   EXPECT_STREQ(static_cast<const char *>(context_get_option("OPT-modules-dir")), "/a");
 }
 
+TEST_F(profile, members_of_the_wrong_type_are_ignored)
+{
+  EXPECT_EQ(parse(R"({"session-spec": "10", "daemonize": 1, "plugins-dir": null, "schema": [], "modules": {}})"), "");
+  for (const char *name : {"OPT-session-spec", "OPT-daemonize", "OPT-plugins-dir", "OPT-schema"}) {
+    EXPECT_EQ(context_get_option(name), nullptr) << name;
+  }
+}
+
 TEST_F(profile, modules_keep_their_order_and_invalid_ones_are_skipped)
 {
   std::string log = parse(R"({"modules": [{"name": "b", "revision": "r", "feature": ["f", 1, "g"], "deviation": ["d"]},
@@ -91,18 +99,6 @@ TEST_F(profile, working_key_is_cut_at_sixteen_bytes_and_filled_with_zeros)
     EXPECT_EQ(std::vector<unsigned char>(config->working_key, config->working_key + WORKING_KEY_LENGTH), c.bytes);
     EXPECT_EQ(config->validate_level, -1);
   }
-}
-
-TEST_F(profile, what_this_version_does_not_serve_is_said)
-{
-  EXPECT_EQ(
-      parse(R"({"notification": {}, "plugins": [{"name": "p", "so-path": "/p.so"}, {}], "sensitive-key": ["s"]})"),
-      "[WARN] The profile's section <notification> is not served by this version.\n"
-      "[ERROR] Local plugin <p> is not loaded(/p.so): local plugins are not served by this version.\n"
-      "[WARN] Create local-plugin <name=p> failed.\n"
-      "[WARN] Invalid local-plugin(name=(nil)), please check your config file\n"
-      "[WARN] The profile's section <sensitive-key> is not served by this version: values are stored as they are.\n"
-      "[WARN] Create sensitive key failed.\n");
 }
 
 TEST_F(profile, broken_text_is_refused_without_showing_it)

@@ -1,79 +1,85 @@
 #include "database_fixture.h"
 
+#include <map>
+
 namespace {
+
+constexpr int UNLOCK = 0; // the lock that the handle got last for this path
+
+// What the handles 'a', 'b' and 'c', all of running, do one after the other.
+typedef struct _lock_step {
+  char handle;
+  int type; // DB_LOCK_... or UNLOCK
+  std::string path;
+  bool is_granted = false;
+} lock_step_t;
 
 class database_lock_test : public database_test {
 protected:
-  void SetUp() override
+  static void play(const std::vector<lock_step_t> &steps)
   {
-    database_test::SetUp();
-    first_ = database_open(RUNNING);
-    second_ = database_open(RUNNING);
-    third_ = database_open(RUNNING);
+    std::map<char, int> handles = {
+        {'a', database_open(RUNNING)}, {'b', database_open(RUNNING)}, {'c', database_open(RUNNING)}};
+    std::map<std::pair<char, std::string>, int> locks;
+    for (size_t i = 0; i < steps.size(); i++) {
+      const lock_step_t &step = steps[i];
+      int &lock = locks[{step.handle, step.path}];
+      if (step.type == UNLOCK) {
+        database_unlock(handles[step.handle], lock);
+      } else {
+        int id = database_lock(handles[step.handle], step.type, step.path.c_str());
+        EXPECT_EQ(id > 0, step.is_granted) << "step " << i;
+        lock = id > 0 ? id : lock;
+      }
+    }
   }
-  int first_ = 0;
-  int second_ = 0;
-  int third_ = 0;
 };
 
 TEST_F(database_lock_test, readers_share_a_lock_and_keep_writers_out)
 {
-  int id = database_lock(first_, DB_LOCK_READ, "/m:top/a");
-  EXPECT_GT(id, 0);
-  EXPECT_EQ(database_lock(second_, DB_LOCK_READ, "/m:other"), id);
-  EXPECT_TRUE(logs("[ERROR] m has already been locked by different lock type (ori:1, cur:2).\n",
-                   [&] { EXPECT_EQ(database_lock(third_, DB_LOCK_WRITE, "/m:top"), -1); }));
-  EXPECT_EQ(database_lock(first_, DB_LOCK_WRITE, "/m:top"), -1); // no upgrade
-  EXPECT_GT(database_lock(third_, DB_LOCK_WRITE, "/ext:top"), 0);
-  database_unlock(first_, id);
-  EXPECT_EQ(database_lock(third_, DB_LOCK_WRITE, "/m:top"), -1);
-  database_unlock(second_, id);
-  EXPECT_GT(database_lock(third_, DB_LOCK_WRITE, "/m:top"), 0);
+  EXPECT_TRUE(logs("[ERROR] m has already been locked by different lock type (ori:1, cur:2).\n", [] {
+    play({{'a', DB_LOCK_READ, "/m:top/a", true},
+          {'b', DB_LOCK_READ, "/m:other", true},
+          {'c', DB_LOCK_WRITE, "/m:top"},
+          {'a', DB_LOCK_WRITE, "/m:top"}, // no upgrade
+          {'c', DB_LOCK_WRITE, "/ext:top", true},
+          {'a', UNLOCK, "/m:top/a"},
+          {'c', DB_LOCK_WRITE, "/m:top"},
+          {'b', UNLOCK, "/m:other"},
+          {'c', DB_LOCK_WRITE, "/m:top", true}});
+  }));
 }
 
-TEST_F(database_lock_test, a_lock_taken_twice_needs_two_unlocks)
+TEST_F(database_lock_test, a_lock_taken_twice_needs_two_unlocks_of_its_holder)
 {
-  int id = database_lock(first_, DB_LOCK_WRITE, "/m:top");
-  EXPECT_EQ(database_lock(first_, DB_LOCK_WRITE, "/m:top/x"), id);
-  database_unlock(first_, id);
-  EXPECT_TRUE(logs("[ERROR] m has already been locked \n",
-                   [&] { EXPECT_EQ(database_lock(second_, DB_LOCK_WRITE, "/m:top"), -1); }));
-  database_unlock(second_, id); // not its holder
-  database_unlock(first_, id + 5);
-  database_unlock(first_, 0);
-  EXPECT_EQ(database_lock(second_, DB_LOCK_WRITE, "/m:top"), -1);
-  database_unlock(first_, id);
-  EXPECT_GT(database_lock(second_, DB_LOCK_WRITE, "/m:top"), 0);
+  EXPECT_TRUE(logs("[ERROR] m has already been locked \n", [] {
+    play({{'a', DB_LOCK_WRITE, "/m:top", true},
+          {'a', DB_LOCK_WRITE, "/m:top/x", true},
+          {'a', UNLOCK, "/m:top"},
+          {'b', DB_LOCK_WRITE, "/m:top"},
+          {'a', UNLOCK, "/m:top/x"},
+          {'b', DB_LOCK_WRITE, "/m:top", true},
+          {'a', UNLOCK, "/m:top"}, // no more its own
+          {'c', DB_LOCK_WRITE, "/m:top"}});
+  }));
 }
 
 TEST_F(database_lock_test, the_whole_datastore_excludes_other_handles_locks)
 {
-  int module = database_lock(first_, DB_LOCK_WRITE, "/m:top");
-  EXPECT_EQ(database_lock(second_, DB_LOCK_WRITE, "/"), -1);
-  EXPECT_EQ(database_lock(second_, DB_LOCK_READ, "/"), -1);
-  int whole = database_lock(first_, DB_LOCK_WRITE, "/"); // its own locks do not stand in the way
-  EXPECT_GT(whole, 0);
-  EXPECT_EQ(database_lock(second_, DB_LOCK_READ, "/ext:top"), -1);
-  database_unlock(first_, whole);
-  database_unlock(first_, module);
-
-  int read = database_lock(first_, DB_LOCK_READ, "/m:top");
-  int all = database_lock(second_, DB_LOCK_READ, "/");
-  EXPECT_GT(all, 0);
-  EXPECT_EQ(database_lock(third_, DB_LOCK_READ, "/ext:top"), all); // joins the lock on everything
-  EXPECT_EQ(database_lock(third_, DB_LOCK_WRITE, "/"), -1);
-  database_unlock(first_, read);
-}
-
-TEST_F(database_lock_test, datastores_are_locked_separately_and_wrong_arguments_refused)
-{
-  int other = database_open(CANDIDATE);
-  EXPECT_GT(database_lock(first_, DB_LOCK_WRITE, "/"), 0);
-  EXPECT_GT(database_lock(other, DB_LOCK_WRITE, "/"), 0);
-  EXPECT_EQ(database_lock(99, DB_LOCK_READ, "/"), -1);
-  EXPECT_EQ(database_lock(second_, DB_LOCK_READ, nullptr), -1);
-  EXPECT_EQ(database_lock(second_, DB_LOCK_READ, "no-path"), -1);
-  EXPECT_EQ(database_lock(second_, DB_LOCK_NONE, "/m:top"), -1);
+  play({{'a', DB_LOCK_WRITE, "/m:top", true},
+        {'b', DB_LOCK_WRITE, "/"},
+        {'b', DB_LOCK_READ, "/"},
+        {'a', DB_LOCK_WRITE, "/", true}, // its own locks do not stand in the way
+        {'b', DB_LOCK_READ, "/ext:top"},
+        {'a', UNLOCK, "/"},
+        {'a', UNLOCK, "/m:top"},
+        {'a', DB_LOCK_READ, "/m:top", true},
+        {'b', DB_LOCK_READ, "/", true},
+        {'c', DB_LOCK_READ, "/ext:top", true}, // joins the lock on everything
+        {'c', DB_LOCK_WRITE, "/"},
+        {'c', DB_LOCK_READ, "no-path"},
+        {'c', DB_LOCK_NONE, "/m:top"}});
+  EXPECT_GT(database_lock(database_open(CANDIDATE), DB_LOCK_WRITE, "/"), 0);
 }
 
 } // namespace

@@ -24,15 +24,10 @@ TEST(database_path, paths_are_classified_and_cut_into_key_and_item)
   };
   for (const row_t &row : rows) {
     db_address_t address;
-    std::string key;
-    std::string item;
     EXPECT_EQ(db_get_type(row.path), row.type) << row.path;
     ASSERT_EQ(db_find_address(row.path, &address), 0) << row.path;
     EXPECT_EQ(address.key, row.key) << row.path;
     EXPECT_EQ(address.item, row.item) << row.path;
-    ASSERT_EQ(path2key_value(row.path, &key, &item), 0) << row.path;
-    EXPECT_EQ(key, row.key) << row.path;
-    EXPECT_EQ(item, row.item) << row.path;
   }
 }
 
@@ -44,10 +39,6 @@ TEST(database_path, wrong_paths_are_errors)
     EXPECT_EQ(db_get_type(path), DB_NODE_ERROR) << path;
     EXPECT_EQ(db_find_address(path, &address), -1) << path;
   }
-  std::string key = "untouched";
-  EXPECT_EQ(path2key_value("/", &key, &key), -1);
-  EXPECT_EQ(path2key_value(nullptr, &key, &key), 0);
-  EXPECT_EQ(key, "untouched");
 }
 
 } // namespace

@@ -1,9 +1,6 @@
 // What is read back of each kind of node.
 #include "database_fixture.h"
 
-#include "ymgrd/core/context.h"
-#include "ymgrd/crypto/encrypt.h"
-
 namespace {
 
 using database_tree = database_test;
@@ -37,10 +34,6 @@ TEST_F(database_tree, absent_nodes_read_as_null_and_wrong_arguments_as_failure)
   EXPECT_EQ(get_from(RUNNING, "/", 0), "(null)");
   EXPECT_EQ(get_from(RUNNING, "/", -2), "(failed)");
   EXPECT_EQ(get_from(RUNNING, "no-path"), "(failed)");
-  EXPECT_TRUE(logs("[ERROR] Value is NULL for key:field(/m/top:none)  from path(/m:top/none).\n",
-                   [&] { get_from(RUNNING, "/m:top/none"); }));
-  EXPECT_TRUE(logs("[WARN] Invalid value(name=\"c\") in key(/m/top/user).\n",
-                   [&] { get_from(RUNNING, "/m:top/user[name=\"c\"]"); }));
 }
 
 TEST_F(database_tree, depth_limits_what_is_read)
@@ -97,37 +90,6 @@ TEST_F(database_tree, wrong_data_is_refused)
   }
   EXPECT_EQ(database_set(hdb, "/nomodule", DB_DATA_CONTENT, "x"), -1);
   EXPECT_EQ(database_set(hdb, nullptr, DB_DATA_CONTENT, "x"), -1);
-}
-
-TEST_F(database_tree, sensitive_values_are_decrypted_only_on_demand)
-{
-  encrypt_hooks_t hooks = {};
-  hooks.decrypt = [](std::string_view cipher, wiped_string *value) {
-    *value = "secret&";
-    return cipher == "#%good" ? 0 : -1;
-  };
-  encrypt_set_hooks(hooks);
-  int hdb = begin(RUNNING);
-  set(hdb, "/m:top");
-  set(hdb, "/m:top/a", "#%good");
-  set(hdb, "/m:top/b", "#%bad");
-  commit_and_close(hdb);
-  hdb = database_open(RUNNING);
-  EXPECT_EQ(get(hdb, "/m:top"), "<top xmlns=\"urn:m\"><a>#%good</a><b>#%bad</b></top>");
-  EXPECT_EQ(get(hdb, "/m:top", DB_DEPTH_ALL, DB_TFLAG_DECRYPT),
-            "<top xmlns=\"urn:m\"><a>secret&amp;</a><b>#%bad</b></top>");
-  database_close(hdb);
-  encrypt_set_hooks({});
-}
-
-TEST_F(database_tree, a_key_of_a_foreign_type_is_an_error)
-{
-  fill(RUNNING);
-  server_.command(REDIS_RUNNING_DB_MASTER, {"DEL", "/m/top/user"});
-  server_.command(REDIS_RUNNING_DB_MASTER, {"SET", "/m/top/user", "x"});
-  EXPECT_EQ(get_from(RUNNING, "/"), "(failed)");
-  server_.command(REDIS_RUNNING_DB_MASTER, {"HSET", "/m/top", "leaf", "x"});
-  EXPECT_EQ(get_from(RUNNING, "/m:top/leaf"), "(failed)");
 }
 
 } // namespace

@@ -21,12 +21,4 @@ TEST(safe_string, copies_that_do_not_fit_leave_nothing_behind)
   EXPECT_NE(memset_s(dest, sizeof(dest), 1, 9), 0);
 }
 
-TEST(safe_string, only_memmove_takes_overlapping_areas)
-{
-  char text[] = "abcdef";
-  EXPECT_EQ(memmove_s(text + 1, 5, text, 5), 0);
-  EXPECT_STREQ(text, "aabcde");
-  EXPECT_NE(memcpy_s(text + 1, 5, text, 5), 0);
-}
-
 } // namespace

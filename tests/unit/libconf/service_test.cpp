@@ -1,6 +1,5 @@
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -9,35 +8,25 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "libconf/conf_client_area.h"
 #include "libconf/conf_service.h"
+#include "support/environment.h"
 
 namespace {
 
 // A run directory of the test's own.
 class conf_run_dir_test : public testing::Test {
 protected:
-  void SetUp() override
-  {
-    char name[] = "/tmp/libconf-test-XXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    parent_ = name;
-    conf_set_run_dir(run_dir().c_str());
-  }
-  void TearDown() override
-  {
-    conf_clishm_destroy();
-    std::filesystem::remove_all(parent_);
-  }
+  void SetUp() override { conf_set_run_dir(run_dir().c_str()); }
+  void TearDown() override { conf_clishm_destroy(); }
 
-  std::string run_dir() const { return parent_ + "/run"; }
-  std::string area_path() const { return run_dir() + "/clients"; }
+  std::string run_dir() const { return parent_ / "run"; }
+  std::string area_path() const { return parent_ / "run/clients"; }
 
-  std::string parent_;
+  support::temp_dir parent_;
 };
 using conf_service = conf_run_dir_test;
 using conf_client_area = conf_run_dir_test;
@@ -122,20 +111,15 @@ TEST_F(conf_client_area, agents_that_register_together_never_share_a_slot)
   constexpr int AGENTS = 24;
   ASSERT_EQ(conf_clishm_create(AGENTS), 0);
   int start[2], done[2];
-  ASSERT_EQ(pipe(start), 0);
-  ASSERT_EQ(pipe(done), 0);
+  ASSERT_EQ(pipe(start) + pipe(done), 0);
   pid_t agents[AGENTS];
   for (pid_t &agent : agents) {
     agent = fork();
     if (agent == 0) {
       char go = 0;
       close(start[1]);
-      ssize_t end_of_pipe = read(start[0], &go, 1);
-      bool stored = end_of_pipe == 0 && conf_register_client(run_dir(), {getpid(), AF_INET, {1}}) == 0;
-      go = stored ? '1' : '0';
-      end_of_pipe = write(done[1], &go, 1);
-      pause();
-      _exit(0);
+      bool stored = read(start[0], &go, 1) == 0 && conf_register_client(run_dir(), {getpid(), AF_INET, {1}}) == 0;
+      _exit(write(done[1], stored ? "1" : "0", 1) == 1 ? pause() : 1);
     }
   }
   close(start[1]); // now, all together
@@ -151,9 +135,9 @@ TEST_F(conf_client_area, agents_that_register_together_never_share_a_slot)
   for (pid_t agent : agents) {
     end_process(agent);
   }
-  close(start[0]);
-  close(done[0]);
-  close(done[1]);
+  for (int end : {start[0], done[0], done[1]}) {
+    close(end);
+  }
 }
 
 TEST_F(conf_client_area, hostile_contents_harm_neither_side)

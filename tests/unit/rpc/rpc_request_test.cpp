@@ -8,8 +8,6 @@
 #include "libconf/conf_service.h"
 #include "ymgrd/broker/broker.h"
 #include "ymgrd/core/context.h"
-#include "ymgrd/core/log.h"
-#include "ymgrd/crypto/encrypt.h"
 #include "ymgrd/notify/base_notification.h"
 #include "ymgrd/rpc/rpc.h"
 #include "ymgrd/rpc/rpc_reply.h"
@@ -34,11 +32,8 @@ std::string own_operation(const std::string &name, const std::string &input)
   return rpc_text("<" + name + " xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\">" + input + "</" + name + ">");
 }
 
-int handled; // requests that went through to their handler
-
 int answer_ok(int session_id, const char *, lyxml_elem *rpc)
 {
-  handled++;
   return rpc_answer_ok(session_id, rpc);
 }
 int fail_without_reply(int, const char *, lyxml_elem *)
@@ -74,7 +69,6 @@ protected:
   void SetUp() override
   {
     session_fixture::SetUp();
-    handled = 0;
     notifications.clear();
     ASSERT_EQ(0, broker_init(STAGE_RESOURCE));
     ASSERT_EQ(0, session_reg_operation());
@@ -93,7 +87,6 @@ protected:
   {
     rpc_set_next_subscriber_hook(nullptr);
     base_notification_set_sink(nullptr);
-    encrypt_set_hooks({});
     session_fixture::TearDown();
     broker_exit();
   }
@@ -157,40 +150,6 @@ TEST_F(rpc_request, each_request_is_answered_once_however_its_subscribers_fail)
       broker_unreg_oper_subscriber(nullptr, "/zentra-ymgrd:get-capability");
     }
   }
-}
-
-TEST_F(rpc_request, request_of_a_busy_broker_waits_for_its_turn)
-{
-  open_session(agent);
-  handle("ietf-netconf:get", answer_ok);
-  int publication = 1;
-  context_save_option("OPT-broker-publish", &publication, sizeof(publication));
-  EXPECT_EQ("", ask(rpc_text("<get/>")));
-  EXPECT_EQ(0, handled);
-  context_remove_option("OPT-broker-publish");
-  session_timeout();
-  run();
-  std::vector<frame_t> replies = agent.frames();
-  ASSERT_EQ(1U, replies.size());
-  EXPECT_TRUE(has(replies[0].payload, "<ok/>"));
-}
-
-TEST_F(rpc_request, request_whose_secrets_cannot_be_hidden_is_not_logged)
-{
-  encrypt_hooks_t hooks = {};
-  hooks.find_in_rpc = [](const char *, lyxml_elem *) { return -1; };
-  handle("ietf-netconf:get", answer_ok);
-  log_open(LOG_TO_STDERR, LOG_LEVEL_INFO);
-  testing::internal::CaptureStderr();
-  open_session(agent);
-  EXPECT_TRUE(has(ask(rpc_text("<get><filter>shown</filter></get>")), "<ok/>"));
-  encrypt_set_hooks(hooks);
-  EXPECT_TRUE(has(ask(rpc_text("<get><filter>hidden</filter></get>")), "operation-failed"));
-  std::string log = testing::internal::GetCapturedStderr();
-  EXPECT_TRUE(has(log, "Operation information(user=\"admin\", from=\"\", message-id=\"1\", content=\"<rpc "));
-  EXPECT_TRUE(has(log, "shown"));
-  EXPECT_FALSE(has(log, "hidden"));
-  EXPECT_FALSE(has(log, "<create-session"));
 }
 
 TEST_F(rpc_request, session_operations_tell_who_came_and_went_and_why)

@@ -36,22 +36,6 @@ protected:
 
 } // namespace
 
-TEST_F(session_life, closing_session_delivers_its_reply_first)
-{
-  test_agent_t agent = connect();
-  give_request(agent, 1);
-  const std::string reply(1000000, 'x');
-  end_request(agent.session_id, reply);
-  mark_for_exit(agent.session_id);
-  std::string received;
-  for (int pass = 0; pass < 1000 && !agent.is_closed(); pass++) {
-    run();
-    received += agent.read_all();
-  }
-  EXPECT_TRUE(frame_bytes(4, reply) == received);
-  EXPECT_EQ(nullptr, session_find(agent.session_id));
-}
-
 TEST_F(session_life, killed_session_closes_although_its_peer_reads_nothing)
 {
   test_agent_t agent = connect();
@@ -133,21 +117,4 @@ TEST_F(session_life, waiting_requests_start_in_turn)
     EXPECT_TRUE(session_find(agent.session_id)->bit_rpc);
     EXPECT_EQ(nullptr, session_get_rpc_context(agent.session_id));
   }
-}
-
-TEST_F(session_life, shutdown_goes_on_when_its_requester_leaves)
-{
-  test_agent_t requester = connect();
-  give_request(requester, 1);
-  session_begin_shutdown(requester.session_id, "<ok/>");
-  requester.sock.reset();
-  run();
-  test_agent_t next = connect();
-  EXPECT_EQ(requester.session_id, next.session_id);
-  for (int second = 0; second < 10 && shut_downs == 0; second++) {
-    session_timeout();
-    run();
-  }
-  EXPECT_EQ("", next.read_all());
-  EXPECT_EQ(1, shut_downs);
 }

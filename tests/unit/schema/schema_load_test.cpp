@@ -81,15 +81,6 @@ TEST_F(schema_load, deviation_applies_and_raises_the_revision_wherever_its_entry
   EXPECT_EQ(1, announced("urn:target?revision=2026-01-01&module=target&feature=extra&deviations=dev"));
 }
 
-TEST_F(schema_load, deviation_is_not_loaded_again_by_its_own_entry)
-{
-  write_deviated_module("deviation /t:absent { deviate not-supported; }");
-  ASSERT_EQ(0, load({{"target", "2026-01-01", {}, {"dev"}}, {"dev", "2026-03-01", {}, {}}}));
-  size_t first = log.find("model dev.yang parse faild.\n[WARN] libyang: ");
-  ASSERT_NE(std::string::npos, first) << log;
-  EXPECT_EQ(std::string::npos, log.find("model dev.yang parse faild.", first + 1)) << log;
-}
-
 TEST_F(schema_load, module_without_revision_or_file_is_left_out)
 {
   write_file("bare.yang", "module bare { namespace 'urn:bare'; prefix b; leaf l { type string; } }");
@@ -105,18 +96,6 @@ TEST_F(schema_load, module_without_revision_or_file_is_left_out)
   EXPECT_TRUE(logged("[WARN] Schema add module absent failed.\n"));
   EXPECT_EQ("", schema_get_module_ns("bare") + schema_get_module_ns("bareyin") + stored_record("bareyin"));
   EXPECT_EQ(1, announced("urn:good?revision=2026-02-02&module=good"));
-}
-
-TEST_F(schema_load, modules_are_loaded_unasked_only_when_requests_need_them)
-{
-  write_module("good", "2026-01-01", "import ietf-inet-types { prefix inet; }");
-  ASSERT_EQ(0, load({{"good", "2026-01-01", {}, {}}}));
-  EXPECT_NE(nullptr, ly_ctx_get_module_implemented(schema_ctx(), "ietf-netconf"));
-  EXPECT_TRUE(has_node("/zentra-ymgrd:shutdown"));
-  EXPECT_TRUE(logged("[WARN] Module ietf-netconf is not in the profile"));
-  EXPECT_EQ(3U, capabilities().size()) << "libyang's own modules are announced only when the profile names them";
-  ASSERT_EQ(0, load({{"good", "2026-01-01", {}, {}}, {"ietf-inet-types", "2013-07-15", {}, {}}}));
-  EXPECT_EQ(1, announced("urn:ietf:params:xml:ns:yang:ietf-inet-types?revision=2013-07-15&module=ietf-inet-types"));
 }
 
 TEST_F(schema_load, lookups_know_names_namespaces_and_prefixes_until_the_end)
