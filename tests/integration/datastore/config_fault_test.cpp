@@ -66,11 +66,15 @@ TEST_F(invalid_edit, model_app_tag_reaches_the_client)
   EXPECT_EQ(session->error(edit("<primary-user>ghost</primary-user>")).app_tag, "instance-required");
 }
 
-TEST_F(invalid_edit, state_data_rpcs_and_notifications_are_no_configuration)
+TEST_F(invalid_edit, state_data_rpcs_notifications_and_nameless_elements_are_no_configuration)
 {
-  for (const char *config : {"<state xmlns=\"urn:ex-sys\"><uptime>1</uptime></state>",
-                             "<restart-service xmlns=\"urn:ex-sys\"><name>a</name></restart-service>",
-                             "<service-failed xmlns=\"urn:ex-sys\"><name>a</name></service-failed>", "<system/>"}) {
+  for (const char *config :
+       {"<state xmlns=\"urn:ex-sys\"><uptime>1</uptime></state>",
+        "<restart-service xmlns=\"urn:ex-sys\"><name>a</name></restart-service>",
+        "<service-failed xmlns=\"urn:ex-sys\"><name>a</name></service-failed>", "<system/>",
+        // Crashed libyang when it was handed over as it came.
+        "<system xmlns=\"\" xmlns:yang=\"urn:ietf:params:xml:ns:yang:1\"><rule yang:insert=\"after\" "
+        "yang:key=\"[id='a']\"><id>b</id></rule></system>"}) {
     EXPECT_FALSE(session->error(support::edit_config("candidate", config)).tag.empty()) << config;
   }
 }
