@@ -29,7 +29,8 @@ ymgr_client_ptr ymgr_connect(const std::string &run_dir, std::string *ret_error)
 // Performs create-session. The session id, or nothing on failure.
 std::optional<int> ymgr_create_session(ymgr_client_t *client, const std::string &username);
 
-// Sends one request: `payload` is the <rpc> document. Its sequence number (never 0), or nothing when the connection failed.
+// Sends one request: `payload` is the <rpc> document. Its sequence number (never 0), or nothing when the connection
+// failed.
 std::optional<uint16_t> ymgr_send(ymgr_client_t *client, std::string_view payload);
 // The next frame; nothing on time-out or when the connection ended (ymgr_last_error says which).
 std::optional<ymgr_frame_t> ymgr_receive(ymgr_client_t *client, ymgr_duration timeout = YMGR_DEFAULT_TIMEOUT);

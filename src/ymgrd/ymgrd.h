@@ -9,7 +9,10 @@ enum { STAGE_RESOURCE = 0, STAGE_CONFIG = 1, STAGE_RESTORE = 2, STAGE_KICKOFF = 
 // High 16 bits of an event-loop tag; the low 16 bits are an instance id.
 enum { AGT_SRV = 1, AGT_INST = 2, PLG_SRV = 3, PLG_INST = 4, NOTIFY_SRV = 5 };
 
-constexpr uint32_t ymgrd_event_tag(uint32_t type, uint32_t instance_id) { return (type << 16) | (instance_id & 0xffffU); }
+constexpr uint32_t ymgrd_event_tag(uint32_t type, uint32_t instance_id)
+{
+  return (type << 16) | (instance_id & 0xffffU);
+}
 
 // NETCONF datastores.
 typedef enum _ENUM_DATASTORE {
@@ -50,7 +53,8 @@ enum {
 };
 
 // How far a write to a datastore got; stored as the digit character. Advanced in this order by every write:
-// INIT -> PREPARE -> PREPARE_END -> DATA_EDIT -> PUB -> PUB_END -> COMMIT -> COMMIT_END; every failure ends in COMMIT_END.
+// INIT -> PREPARE -> PREPARE_END -> DATA_EDIT -> PUB -> PUB_END -> COMMIT -> COMMIT_END; every failure ends in
+// COMMIT_END.
 typedef enum _transact_state_e {
   E_TRANS_INVALID = 48,
   E_TRANS_INIT = 49,

@@ -31,7 +31,8 @@ int context_get_int(const char *opt_name, int fallback);
 int context_save_int(const char *opt_name, int value);
 
 // Options that hold the address of a record which the saving component owns.
-template <class T> T *context_get_record(const char *opt_name)
+template <class T>
+T *context_get_record(const char *opt_name)
 {
   void *bytes = context_get_option(opt_name);
   if (bytes == nullptr) {
@@ -42,7 +43,8 @@ template <class T> T *context_get_record(const char *opt_name)
   return record;
 }
 
-template <class T> int context_save_record(const char *opt_name, T *record)
+template <class T>
+int context_save_record(const char *opt_name, T *record)
 {
   return context_save_option(opt_name, &record, static_cast<int>(sizeof(record)));
 }

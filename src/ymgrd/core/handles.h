@@ -12,12 +12,23 @@
 #include <libyang/libyang.h>
 #include <unistd.h>
 
-template <auto fn> struct c_delete_t {
-  template <class T> void operator()(T *pointer) const { fn(pointer); }
+template <auto fn>
+struct c_delete_t {
+  template <class T>
+  void operator()(T *pointer) const
+  {
+    fn(pointer);
+  }
 };
 
-inline void lyd_tree_release(lyd_node *tree) { lyd_free_all(tree); }
-inline void c_string_release(char *text) { std::free(text); }
+inline void lyd_tree_release(lyd_node *tree)
+{
+  lyd_free_all(tree);
+}
+inline void c_string_release(char *text)
+{
+  std::free(text);
+}
 
 using lyd_tree_ptr = std::unique_ptr<lyd_node, c_delete_t<lyd_tree_release>>; // owns the whole tree and its siblings
 using ly_ctx_ptr = std::unique_ptr<ly_ctx, c_delete_t<ly_ctx_destroy>>;

@@ -3,7 +3,12 @@
 // with "%.512s" wherever a peer or a file chooses their length. Secrets never reach these functions.
 #pragma once
 
-typedef enum _log_level { LOG_LEVEL_ERROR = 0, LOG_LEVEL_WARN = 1, LOG_LEVEL_INFO = 2, LOG_LEVEL_DEBUG = 3 } log_level_t;
+typedef enum _log_level {
+  LOG_LEVEL_ERROR = 0,
+  LOG_LEVEL_WARN = 1,
+  LOG_LEVEL_INFO = 2,
+  LOG_LEVEL_DEBUG = 3
+} log_level_t;
 
 enum { LOG_TO_SYSLOG = 0, LOG_TO_STDERR = 1 };
 

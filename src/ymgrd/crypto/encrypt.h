@@ -1,5 +1,5 @@
-// Sensitive values: the seam through which the other components reach their encryption. Until an implementation registers
-// itself, nothing is sensitive: values are stored and compared as they are.
+// Sensitive values: the seam through which the other components reach their encryption. Until an implementation
+// registers itself, nothing is sensitive: values are stored and compared as they are.
 #pragma once
 
 #include <string_view>

@@ -1,5 +1,5 @@
-// Base notifications (RFC 6470): what the components report, handed to the notifier that registered itself. With no notifier
-// nothing is sent.
+// Base notifications (RFC 6470): what the components report, handed to the notifier that registered itself. With no
+// notifier nothing is sent.
 #pragma once
 
 #include <string>

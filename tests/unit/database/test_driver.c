@@ -6,10 +6,22 @@
 
 static char stored[64];
 
-int db_open(int target) { return target == YMGR_DB_RUNNING ? 7 : -1; }
-void db_close(int hdb) { (void)hdb; }
-int db_copy(int target, int source) { return target * 10 + source; }
-int db_clean(int target) { return target; }
+int db_open(int target)
+{
+  return target == YMGR_DB_RUNNING ? 7 : -1;
+}
+void db_close(int hdb)
+{
+  (void)hdb;
+}
+int db_copy(int target, int source)
+{
+  return target * 10 + source;
+}
+int db_clean(int target)
+{
+  return target;
+}
 
 int db_set_item(int hdb, const char *path, int datatype, const char *data)
 {
@@ -20,7 +32,10 @@ int db_set_item(int hdb, const char *path, int datatype, const char *data)
   return 0;
 }
 
-int db_del_item(int hdb, const char *path) { return hdb + (path[0] == '/'); }
+int db_del_item(int hdb, const char *path)
+{
+  return hdb + (path[0] == '/');
+}
 
 int db_new_item(int hdb, const char *path, const char *coords, int offset, int datatype, const char *data)
 {
@@ -62,9 +77,18 @@ int db_entry_index(int hdb, int tflag, const char *path)
   return hdb + tflag;
 }
 
-int db_trans_start(int hdb) { return hdb - 7; }
-int db_trans_commit(int hdb) { return hdb - 7; }
-void db_trans_discard(int hdb) { (void)hdb; }
+int db_trans_start(int hdb)
+{
+  return hdb - 7;
+}
+int db_trans_commit(int hdb)
+{
+  return hdb - 7;
+}
+void db_trans_discard(int hdb)
+{
+  (void)hdb;
+}
 
 #ifndef WITHOUT_LOCKS
 int db_lock(int hdb, int type, const char *path)
