@@ -21,6 +21,7 @@ struct edit_work_t {
   NC_EDIT_OP_TYPE default_operation = NC_EDIT_OP_MERGE;
   ds_config_t config;
   ds_session_db db;
+  bool written = false;                // the edit touched the data, whether or not a difference is left
   lyd_tree_ptr edited;                 // what the target holds once the edit stands
   differ_node_t *to_publish = nullptr; // of running only; owned by differ_nodes once it is published
 };
@@ -128,7 +129,7 @@ int apply_edit(edit_work_t *work, differ_node_t **ret_tree, reply_error_ptr *ret
   request.default_operation = work->default_operation;
   request.config = work->config.tree.get();
   differ_node_t *tree = nullptr;
-  if (edit_operations(request, &work->edited, &tree, ret_error) != 0) {
+  if (edit_operations(request, &work->edited, &tree, &work->written, ret_error) != 0) {
     if (*ret_error == nullptr) {
       ret_error->reset(rpc_create_error(REPLY_ERR_OP_FAILED));
       if (edit_message != nullptr) {
@@ -137,7 +138,7 @@ int apply_edit(edit_work_t *work, differ_node_t **ret_tree, reply_error_ptr *ret
     }
     return -1;
   }
-  if (tree != nullptr && datastore_validate(&work->edited, invalid_kind, ret_error) != 0) {
+  if (work->written && datastore_validate(&work->edited, invalid_kind, ret_error) != 0) {
     free_differ_tree(tree);
     return -1;
   }
@@ -157,7 +158,11 @@ int edit_candidate(edit_work_t *work, reply_error_ptr *ret_error)
     return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Commit fail.");
   }
   differ_tree_merge(&differ_nodes, &tree, 1);
-  ds_kept_store(std::move(work->edited));
+  if (differ_nodes == nullptr && work->written) {
+    ds_kept_drop(); // nothing is pending, yet candidate need not be running's twin: entries may stand in another order
+  } else {
+    ds_kept_store(std::move(work->edited));
+  }
   (void)database_set_transaction_state(work->target, E_TRANS_PUB);
   return 0;
 }

@@ -460,7 +460,7 @@ int operations_check(NC_EDIT_OP_TYPE own, NC_EDIT_OP_TYPE inherited, bool is_lis
   return -1;
 }
 
-int edit_operations(const edit_request_t &request, lyd_tree_ptr *ret_data, differ_node_t **ret_tree,
+int edit_operations(const edit_request_t &request, lyd_tree_ptr *ret_data, differ_node_t **ret_tree, bool *ret_written,
                     reply_error_ptr *ret_error)
 {
   if (request.config == nullptr && request.default_operation != NC_EDIT_OP_REPLACE) {
@@ -484,5 +484,6 @@ int edit_operations(const edit_request_t &request, lyd_tree_ptr *ret_data, diffe
   }
   *ret_data = std::move(job.data);
   *ret_tree = tree;
+  *ret_written = job.written;
   return 0;
 }

@@ -179,6 +179,7 @@ bool edit_same_value(const lyd_node *db_node, const lyd_node *config)
 
 int edit_write(edit_job_t *job, const edit_place_t &place, const lyd_node *node, const char *coords, int offset)
 {
+  job->written = true;
   if (!job->request->done) {
     return 0;
   }
@@ -268,6 +269,7 @@ int edit_erase(edit_job_t *job, const edit_place_t &place, lyd_node *db_node, di
     return -1;
   }
   diff->append(removed);
+  job->written = true;
   if (job->request->done && database_delete(job->request->hdb, place.key->c_str()) != 0) {
     log_error("edit clear choice case node %.512s fail.", place.key->c_str());
     return -1;

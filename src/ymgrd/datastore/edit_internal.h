@@ -45,6 +45,7 @@ typedef struct _edit_job {
   reply_error_ptr error;
   // The case that this edit chose below a data parent, so that the other cases are cleared once, not for each node.
   std::unordered_map<const lysc_node *, std::unordered_map<const lyd_node *, const lysc_node *>> chosen_cases;
+  bool written = false;              // something was changed, even if the diff cancelled itself
   bool conditional_defaults = false; // a default guarded by a when was met: libyang decides about it at the end
 } edit_job_t;
 
