@@ -108,6 +108,11 @@ int ds_check_config(const lyxml_elem *config, reply_error_ptr *ret_error);
 // The value of an operation attribute; NC_EDIT_OP_ERROR when it is none of RFC 6241's.
 NC_EDIT_OP_TYPE ds_operation_of(const xmlAttr *attr);
 
+// --- NETCONF locks. The error may be null: no record is wanted. 0, or -1 (logged).
+
+int lock_operation(int sid, int target, reply_error_ptr *ret_error);
+int unlock_operation(int sid, int target, reply_error_ptr *ret_error);
+
 // --- Steps of the operations.
 
 // Checks the whole data tree against the schema (nothing is added to it). 0, also for an empty tree; -1 with the error,
@@ -135,5 +140,8 @@ int ds_refuse(int sid, const lyxml_elem *rpc, int kind, const std::string &messa
 // --- Operation handlers.
 int ds_edit_config(int sid, const char *data, lyxml_elem *rpc);
 int ds_get_config(int sid, const char *data, lyxml_elem *rpc);
+int ds_delete_config(int sid, const char *data, lyxml_elem *rpc);
 int ds_commit(int sid, const char *data, lyxml_elem *rpc);
 int ds_discarde_changes(int sid, const char *data, lyxml_elem *rpc);
+int ds_lock(int sid, const char *data, lyxml_elem *rpc);
+int ds_unlock(int sid, const char *data, lyxml_elem *rpc);
