@@ -12,20 +12,13 @@
 #include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/schema/schema.h"
 
-differ_node_t *differ_nodes = nullptr;
-
-void ds_drop_differ_nodes()
-{
-  free_differ_tree(differ_nodes);
-  differ_nodes = nullptr;
-}
-
 namespace {
 
 const oper_registration_t operations[] = {
     {"ietf-netconf:edit-config", ds_edit_config},
     {"ietf-netconf:get-config", ds_get_config},
     {"ietf-netconf:delete-config", ds_delete_config},
+    {"ietf-netconf:copy-config", ds_copy_config},
     {"ietf-netconf:commit", ds_commit},
     {"ietf-netconf:discard-changes", ds_discarde_changes},
     {"ietf-netconf:lock", ds_lock},
@@ -151,8 +144,8 @@ int datastore_init(int stage)
 
 void datastore_exit()
 {
-  ds_lock_uninit();
   ds_drop_differ_nodes();
+  ds_lock_uninit();
 }
 
 int datastore_parse_rpc(const char *, lyxml_elem *rpc)
