@@ -172,13 +172,17 @@ int edit_below(edit_job_t *job, const lyd_node *config, lyd_node *db_node, std::
 int edit_create_node(edit_job_t *job, const lyd_node *config, const edit_place_t &place, NC_EDIT_OP_TYPE op,
                      edit_result_t *result)
 {
-  result->db_node = edit_insert(job, place, config);
+  bool moved = false;
+  result->db_node = edit_insert(job, place, config, &moved);
   if (result->db_node == nullptr) {
     return -1;
   }
   result->diff = edit_diff(place, DBDIFF_ADD, config->schema, config, nullptr);
   if (result->diff == nullptr) {
     return -1;
+  }
+  if (moved) {
+    result->diff->oper_type |= DBDIFF_MOVE;
   }
   if (!is_inner(config->schema)) {
     return 0;
