@@ -103,3 +103,6 @@ bool ds_has_attr_insert(const lyd_node *config);
 // Puts the entry there in the data tree and in the database; `*ret_moved` tells whether it had to move.
 int edit_move(edit_job_t *job, const edit_place_t &place, lyd_node *entry, const edit_position_t &position,
               bool *ret_moved);
+// Moves as few of the entries `wanted` as it takes for them to stand in that order (of one named twice, the last time
+// counts). All are of one list below the place's parent, whose key is in the place.
+int edit_arrange(edit_job_t *job, const edit_place_t &place, const std::vector<lyd_node *> &wanted, differ_list *diff);
