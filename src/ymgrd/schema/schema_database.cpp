@@ -3,9 +3,8 @@
 //   bytes 0-10   newest revision "YYYY-MM-DD" and NUL, all zero when there is none
 //   bytes 11-42  prefix, padded with NUL; a longer one is cut and has no NUL
 //   bytes 43-    namespace and NUL
-// All other keys of a module are "/MODULE" and begin with "/MODULE/".
+// Its other hashes hold the records of the modules' nodes (docs/formats.md).
 #include <algorithm>
-#include <map>
 
 #include "ymgrd/core/keepalive.h"
 #include "ymgrd/core/log.h"
@@ -14,7 +13,6 @@
 
 namespace {
 
-constexpr const char MODULES_KEY[] = "/";
 constexpr size_t REVISION_SIZE = 11;
 constexpr size_t REVISION_TEXT_SIZE = 10;
 constexpr size_t PREFIX_SIZE = 32;
@@ -32,17 +30,6 @@ std::string encode_module(const lys_module *module)
   record += module->ns;
   record += '\0';
   return record;
-}
-
-// The revision of a stored record; false when the record is none.
-bool decode_revision(std::string_view record, std::string *ret_revision)
-{
-  if (record.size() <= URI_OFFSET) {
-    return false;
-  }
-  std::string_view revision = record.substr(0, REVISION_TEXT_SIZE);
-  *ret_revision = revision.substr(0, revision.find('\0'));
-  return true;
 }
 
 std::string greatest_revision(const std::vector<std::string> &module_names)
@@ -77,37 +64,61 @@ void announce_module(const lys_module *module)
   (void)encrypt_add_ns_prefix(module->name, module->ns, module->prefix);
 }
 
-void op_module_record(redis_batch_t *batch, const lys_module *module)
+// All that the schema database is to hold for the modules.
+schema_records_t collect_records(const std::vector<const lys_module *> &modules)
 {
-  redis_batch_add(batch, {"HSET", MODULES_KEY, module->name, encode_module(module)});
-}
-
-// Compares one stored module with the loaded ones. What is unchanged leaves `pending`; what is gone or has another
-// revision leaves the database.
-void clean_stored_module(rContext *srdc, const std::string &name, std::string_view record,
-                         std::vector<const lys_module *> *pending)
-{
-  auto loaded =
-      std::find_if(pending->begin(), pending->end(), [&](const lys_module *module) { return module->name == name; });
-  std::string revision;
-  if (loaded != pending->end() && decode_revision(record, &revision) && revision == schema_module_revision(*loaded)) {
-    announce_module(*loaded);
-    pending->erase(loaded);
-  } else if (schema_delete_module(srdc, name) != 0) {
-    log_warn("Delete module %.512s fail", name.c_str());
+  schema_records_t records;
+  for (const lys_module *module : modules) {
+    records[SCHEMA_MODULES_KEY].emplace(module->name, schema_field_t{encode_module(module), module->name});
   }
+  schema_collect_records(modules, &records);
+  return records;
 }
 
-int schema_save_modules_clean_change(rContext *srdc, std::vector<const lys_module *> *pending)
+typedef struct _schema_plan {
+  schema_changes_t removals; // of modules that are not loaded any more
+  schema_changes_t updates;  // of loaded ones, as far as their records differ
+} schema_plan_t;
+
+// All records are compared, not only the revisions: a feature, a deviation or an augment changes a module's records and
+// leaves its revision.
+int plan_changes(rContext *srdc, const std::vector<const lys_module *> &modules, schema_plan_t *ret_plan)
 {
-  redis_reply_ptr stored = redis_hash_get_all_bin_safe(srdc, MODULES_KEY);
-  if (stored == nullptr) {
+  schema_stored_t stored;
+  if (schema_read_stored(srdc, &stored) != 0) {
     return -1;
   }
-  for (size_t i = 0; i + 1 < stored->elements; i += 2) {
-    const redisReply *name = stored->element[i];
-    const redisReply *record = stored->element[i + 1];
-    clean_stored_module(srdc, std::string(name->str, name->len), std::string_view(record->str, record->len), pending);
+  schema_names_t loaded;
+  for (const lys_module *module : modules) {
+    loaded.insert(module->name);
+  }
+  schema_names_t gone;
+  for (const auto &[name, record] : stored[SCHEMA_MODULES_KEY]) {
+    if (!name.empty() && !loaded.contains(name)) { // an empty name would stand before all names without a module
+      gone.insert(name);
+    }
+  }
+  schema_records_t records = collect_records(modules);
+  schema_plan_removal(&stored, gone, &ret_plan->removals);
+  schema_plan_update(stored, loaded, &records, &ret_plan->updates);
+  return 0;
+}
+
+// All records of a module or none: a reader, or the next start, never meets half a module.
+int delete_module(rContext *srdc, redis_batch_t *removal)
+{
+  if (redis_batch_run_atomic(srdc, removal) != 0) {
+    log_error("del improve error\n");
+    return -1;
+  }
+  return 0;
+}
+
+int save_module(rContext *srdc, redis_batch_t *update)
+{
+  if (redis_batch_run_atomic(srdc, update) != 0) {
+    log_error("hash set error\n");
+    return -1;
   }
   return 0;
 }
@@ -123,46 +134,38 @@ std::string schema_module_revision(const lys_module *module)
   return module->revision == nullptr ? "" : module->revision;
 }
 
-int schema_database_op(rContext *srdc, const lys_module *module, int op)
-{
-  if (op == SCHEMA_DB_DELETE) {
-    return schema_delete_module(srdc, module->name);
-  }
-  // All records of a module or none: a reader, or the next start, never meets half a module.
-  redis_batch_ptr batch(redis_batch_create());
-  op_module_record(batch.get(), module);
-  if (redis_batch_run_atomic(srdc, batch.get()) != 0) {
-    log_error("hash set error\n");
-    return -1;
-  }
-  return 0;
-}
-
 int schema_delete_module(rContext *srdc, const std::string &module_name)
 {
-  // The record in "/" goes last: a module whose deletion was cut short is still found at the next start.
-  std::string key = "/" + module_name;
-  if (redis_del_improve(srdc, key, {}, {}) != 0 || redis_del_tree(srdc, redis_escape_glob(key) + "/*") != 0 ||
-      redis_del_improve(srdc, MODULES_KEY, module_name, {}) != 0) {
-    log_error("del improve error\n");
+  schema_stored_t stored;
+  schema_changes_t changes;
+  if (schema_read_stored(srdc, &stored) != 0) {
     return -1;
   }
-  return 0;
+  schema_plan_removal(&stored, {module_name}, &changes);
+  auto removal = changes.find(module_name);
+  return removal == changes.end() ? 0 : delete_module(srdc, removal->second.get());
 }
 
 int schema_save_modules(rContext *srdc)
 {
-  std::vector<const lys_module *> pending = schema_loaded_modules();
-  fill_new_revision(pending);
-  if (schema_save_modules_clean_change(srdc, &pending) != 0) {
+  std::vector<const lys_module *> modules = schema_loaded_modules();
+  fill_new_revision(modules);
+  schema_plan_t plan;
+  if (plan_changes(srdc, modules, &plan) != 0) {
     return -1;
   }
-  for (const lys_module *module : pending) {
-    if (schema_database_op(srdc, module, SCHEMA_DB_SAVE) == 0) {
+  for (const auto &[name, removal] : plan.removals) {
+    if (delete_module(srdc, removal.get()) != 0) {
+      log_warn("Delete module %.512s fail", name.c_str());
+    }
+  }
+  for (const lys_module *module : modules) {
+    auto update = plan.updates.find(module->name);
+    if (update == plan.updates.end() || save_module(srdc, update->second.get()) == 0) {
       announce_module(module);
     } else {
       log_warn("Save module %s to schema-db failed", module->name);
-      (void)schema_database_op(srdc, module, SCHEMA_DB_DELETE); // logged there; the database may be out of reach
+      (void)schema_delete_module(srdc, module->name); // logged there; the database may be out of reach
       encrypt_delete_sensitive(module->name);
     }
     ymgrd_send_keepalive_msg(0, 0);

@@ -49,7 +49,10 @@ int read_database_path(const schema_config &config, std::string *ret_path)
 int create_context()
 {
   ly_ctx *ctx = nullptr;
-  if (ly_ctx_new(nullptr, LY_CTX_NO_YANGLIBRARY | LY_CTX_DISABLE_SEARCHDIR_CWD, &ctx) != LY_SUCCESS) {
+  // Compiled nodes point to their statements, for the records of the schema database and for whoever must tell
+  // shorthand cases. To ask for that later would compile everything once more.
+  const uint16_t options = LY_CTX_NO_YANGLIBRARY | LY_CTX_DISABLE_SEARCHDIR_CWD | LY_CTX_SET_PRIV_PARSED;
+  if (ly_ctx_new(nullptr, options, &ctx) != LY_SUCCESS) {
     log_error("Create the YANG context failed.");
     return -1;
   }

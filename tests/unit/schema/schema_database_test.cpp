@@ -6,7 +6,6 @@ using namespace std::string_literals;
 namespace {
 
 const model_config_t ex = {"ex", "2026-01-01", {}, {}};
-const model_config_t ex_a = {"ex-a", "2026-01-01", {}, {}};
 
 class schema_database : public schema_fixture {
 protected:
@@ -14,13 +13,7 @@ protected:
   {
     schema_fixture::SetUp();
     write_module("ex", "2026-01-01");
-    write_module("ex-a", "2026-01-01");
   }
-  void plant(const std::string &key, const std::string &field = "field")
-  {
-    redis.command(0, {"HSET", key, field, "rubbish"});
-  }
-  bool exists(const std::string &key) { return redis.command(0, {"EXISTS", key}).front() == "1"; }
 };
 
 } // namespace
@@ -35,30 +28,6 @@ TEST_F(schema_database, record_holds_revision_prefix_and_namespace)
   EXPECT_EQ("2026-01-01\0p-ex"s + std::string(28, '\0') + "urn:ex\0"s, stored_record("ex"));
   EXPECT_EQ("2026-02-02\0"s + long_prefix.substr(0, 32) + "urn:long\0"s, stored_record("long"));
   EXPECT_EQ(std::string(11, '\0') + "b" + std::string(31, '\0') + "urn:bare\0"s, stored_record("bare"));
-}
-
-TEST_F(schema_database, changed_damaged_or_removed_module_costs_no_other)
-{
-  ASSERT_EQ(0, load({ex, ex_a}));
-  for (const char *key : {"/ex", "/ex/c/l[]", "/ex-a", "/ex-a/c", "/e"}) {
-    plant(key);
-  }
-  write_module("ex", "2026-05-05");
-  ASSERT_EQ(0, load({ex, ex_a}));
-  EXPECT_EQ("2026-05-05", stored_record("ex").substr(0, 10));
-  EXPECT_FALSE(exists("/ex") || exists("/ex/c/l[]"));
-  EXPECT_TRUE(exists("/ex-a") && exists("/ex-a/c") && exists("/e"));
-
-  const std::string record = stored_record("ex");
-  redis.command(0, {"HSET", "/", "ex", record.substr(0, 20)});
-  ASSERT_EQ(0, load({ex, ex_a}));
-  EXPECT_EQ(record, stored_record("ex"));
-
-  plant("/", "*"); // a name that would match everything if it were taken as a pattern
-  ASSERT_EQ(0, load({ex}));
-  EXPECT_EQ("", stored_record("ex-a") + stored_record("*"));
-  EXPECT_FALSE(exists("/ex-a/c"));
-  EXPECT_EQ(record, stored_record("ex"));
 }
 
 TEST_F(schema_database, unusable_database_or_missing_key_stops_the_start)
