@@ -15,9 +15,24 @@ const lyd_value *real_value(const lyd_node *node)
   return value;
 }
 
-// The canonical instance-identifier names the module where it changes only, which is no XML form: stored with the
-// module before every node and key.
-std::string qualify_instance_identifier(std::string_view canonical)
+std::string any_text(const lyd_node *node)
+{
+  char *text = nullptr;
+  if (lyd_any_value_str(node, &text) != LY_SUCCESS || text == nullptr) {
+    return {};
+  }
+  c_string_ptr owner(text);
+  return text;
+}
+
+bool is_any(const lyd_node *node)
+{
+  return node->schema->nodetype & LYD_NODE_ANY;
+}
+
+} // namespace
+
+std::string ds_qualify_instance_identifier(std::string_view canonical)
 {
   std::string stored;
   std::string_view module;
@@ -44,23 +59,6 @@ std::string qualify_instance_identifier(std::string_view canonical)
   return stored;
 }
 
-std::string any_text(const lyd_node *node)
-{
-  char *text = nullptr;
-  if (lyd_any_value_str(node, &text) != LY_SUCCESS || text == nullptr) {
-    return {};
-  }
-  c_string_ptr owner(text);
-  return text;
-}
-
-bool is_any(const lyd_node *node)
-{
-  return node->schema->nodetype & LYD_NODE_ANY;
-}
-
-} // namespace
-
 bool ds_is_stored_canonically(const lyd_node *node)
 {
   return !is_any(node) && real_value(node)->realtype->basetype != LY_TYPE_INST;
@@ -72,5 +70,5 @@ std::string ds_stored_value(const lyd_node *node)
     return any_text(node);
   }
   const char *canonical = lyd_get_value(node);
-  return ds_is_stored_canonically(node) ? canonical : qualify_instance_identifier(canonical);
+  return ds_is_stored_canonically(node) ? canonical : ds_qualify_instance_identifier(canonical);
 }

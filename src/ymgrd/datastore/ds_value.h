@@ -2,9 +2,13 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include <libyang/libyang.h>
 
 // Whether that form is the node's canonical value, as it is for all but instance-identifiers and anyxml.
 bool ds_is_stored_canonically(const lyd_node *node);
 std::string ds_stored_value(const lyd_node *node);
+// The stored form of a canonical instance-identifier: with the module before every node and key. The canonical one
+// names it where it changes only, which is no XML form.
+std::string ds_qualify_instance_identifier(std::string_view canonical);
