@@ -24,6 +24,7 @@ namespace {
 
 const oper_registration_t operations[] = {
     {"ietf-netconf:edit-config", ds_edit_config},
+    {"ietf-netconf:get", ds_get},
     {"ietf-netconf:get-config", ds_get_config},
     {"ietf-netconf:commit", ds_commit},
     {"ietf-netconf:discard-changes", ds_discarde_changes},
@@ -153,6 +154,7 @@ void datastore_exit()
 {
   ds_lock_uninit();
   ds_drop_differ_nodes();
+  ds_get_forget();
 }
 
 int datastore_parse_rpc(const char *, lyxml_elem *rpc)
@@ -163,12 +165,6 @@ int datastore_parse_rpc(const char *, lyxml_elem *rpc)
     }
   }
   return 0;
-}
-
-int ds_get_callback()
-{
-  log_error("Failed to get current datastore context for get-operation.");
-  return -1;
 }
 
 void ds_session_closed(int session_id)

@@ -145,9 +145,12 @@ int ds_glock_transact_start(int ds, const nc_filter_t *filter, ds_session_db *re
 int ds_get_query_result(int hdb, int ds, const nc_filter_t *filter, wiped_string *ret_text);
 // The <data> reply. 0 or -1.
 int ds_get_send_reply(int sid, const lyxml_elem *rpc, std::string_view text);
+// At the end of the process: frees the get in progress.
+void ds_get_forget();
 
 // --- Operation handlers.
 int ds_edit_config(int sid, const char *data, lyxml_elem *rpc);
+int ds_get(int sid, const char *data, lyxml_elem *rpc);
 int ds_get_config(int sid, const char *data, lyxml_elem *rpc);
 int ds_commit(int sid, const char *data, lyxml_elem *rpc);
 int ds_discarde_changes(int sid, const char *data, lyxml_elem *rpc);

@@ -36,7 +36,7 @@ int read_source(int sid, const lyxml_elem *rpc, int source, const nc_filter_t *f
     return refuse_config_read(sid, rpc, REPLY_ERR_OP_NOT_SUPPORTED, "Failed to get entire set of data.");
   }
   if (text.empty()) {
-    log_debug("Empty data in database(%d).", source);
+    log_debug("Empty data in database(%d).", ds_to_db(source));
   }
   db.end();
   if (ds_get_send_reply(sid, rpc, text) != 0) {
