@@ -8,6 +8,7 @@
 
 // Whether that form is the node's canonical value, as it is for all but instance-identifiers and anyxml.
 bool ds_is_stored_canonically(const lyd_node *node);
+// The content of an anyxml or anydata node is stored as markup: text in it is escaped.
 std::string ds_stored_value(const lyd_node *node);
 // The stored form of a canonical instance-identifier: with the module before every node and key. The canonical one
 // names it where it changes only, which is no XML form.
