@@ -47,6 +47,9 @@ int datastore_init_default()
     log_error("Get smooth state failed on initialization.");
     return -1;
   }
+  if (database_recover() != 0) {
+    return -1;
+  }
   if (context_get_int("OPT-smooth-start", 0) == 1) {
     return ds_lock_init(); // what runs stays as it is
   }
