@@ -153,6 +153,9 @@ protected:
                                       "xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\"><user nc:operation="
                                       "\"delete\"><name>dora</name></user><location>hall</location></system>";
 
+  static constexpr char DELETE_ALL[] =
+      "<system xmlns=\"urn:ex-sys\" xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\" nc:operation=\"delete\"/>";
+
   support::redis_gate gate{dir.path(), redis.socket_path()};
   std::optional<support::netconf_session> session;
   std::string schema;

@@ -39,14 +39,14 @@ public:
 class kill_at_random : public kill_fixture {
 protected:
   // Ends where it began.
-  const std::vector<std::string> cycle = {
-      support::edit_config("candidate", EDIT),
-      support::COMMIT,
-      support::edit_config("running", FURTHER_EDIT),
-      support::edit_config("candidate", LAST_EDIT),
-      support::DISCARD_CHANGES,
-      support::edit_config("candidate", BEGINNING, "<default-operation>replace</default-operation>"),
-      support::COMMIT};
+  const std::vector<std::string> cycle = {support::edit_config("candidate", EDIT),
+                                          support::COMMIT,
+                                          support::edit_config("running", FURTHER_EDIT),
+                                          support::edit_config("candidate", LAST_EDIT),
+                                          support::DISCARD_CHANGES,
+                                          support::edit_config("candidate", DELETE_ALL),
+                                          support::edit_config("candidate", BEGINNING),
+                                          support::COMMIT};
 
   std::string state_in(int db)
   {
