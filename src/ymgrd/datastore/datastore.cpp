@@ -174,6 +174,11 @@ int ds_get_callback()
   return -1;
 }
 
+bool ds_has_pending_changes()
+{
+  return differ_nodes != nullptr;
+}
+
 void ds_session_closed(int session_id)
 {
   for (int datastore : lockable_datastores) {
