@@ -95,7 +95,7 @@ protected:
   void check_work()
   {
     std::string startup = tree(STARTUP_DB);
-    for (const std::string &operation : {support::edit_config("running", FURTHER_EDIT),
+    for (const std::string &operation : {std::string(LOCK), support::edit_config("running", FURTHER_EDIT),
                                          support::edit_config("candidate", LAST_EDIT), std::string(support::COMMIT)}) {
       ASSERT_TRUE(session->ok(operation));
     }
@@ -133,6 +133,7 @@ protected:
     return states;
   }
 
+  static constexpr char LOCK[] = "<lock><target><candidate/></target></lock>";
   static constexpr char BEGINNING[] =
       "<system xmlns=\"urn:ex-sys\"><hostname>box</hostname><logging><level>debug</level></logging>"
       "<dns>10.0.0.1</dns><dns>10.0.0.2</dns><dns>10.0.0.3</dns><user><name>alice</name><uid>7</uid>"

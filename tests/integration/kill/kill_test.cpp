@@ -23,8 +23,13 @@ void PrintTo(const kill_case_t &row, std::ostream *stream)
 
 class kill_in_operation : public kill_fixture, public testing::WithParamInterface<kill_case_t> {
 public:
+  static std::string copy(const std::string &target, const std::string &source)
+  {
+    return "<copy-config><target><" + target + "/></target><source>" + source + "</source></copy-config>";
+  }
   static std::vector<kill_case_t> cases()
   {
+    const std::string CONFIG = std::string("<config>") + FURTHER_EDIT + "</config>";
     const std::string edit = support::edit_config("candidate", EDIT);
     return {
         {"edit_of_candidate", {}, edit, CANDIDATE_DB, "12345"},
@@ -32,6 +37,16 @@ public:
         {"edit_of_running", {}, support::edit_config("running", EDIT), RUNNING_DB, "12345678"},
         {"commit", {edit}, support::COMMIT, CANDIDATE_DB, "55678"},
         {"discard_changes", {edit}, support::DISCARD_CHANGES, CANDIDATE_DB, "148"},
+        {"commit_of_a_locked_candidate", {LOCK, edit}, support::COMMIT, CANDIDATE_DB, "55678"},
+        {"copy_of_a_config_to_running", {}, copy("running", CONFIG), RUNNING_DB, "12345678"},
+        {"copy_of_a_config_to_candidate", {}, copy("candidate", CONFIG), CANDIDATE_DB, "12345"},
+        {"copy_of_running_to_candidate", {edit}, copy("candidate", "<running/>"), CANDIDATE_DB, "123478"},
+        {"copy_to_startup",
+         {support::edit_config("running", EDIT)},
+         copy("startup", "<running/>"),
+         STARTUP_DB,
+         "123478"},
+        {"delete_of_startup", {}, "<delete-config><target><startup/></target></delete-config>", STARTUP_DB, "12478"},
     };
   }
 };
