@@ -94,7 +94,7 @@ int state_writer::begin()
 int state_writer::remove_older()
 {
   char *text = nullptr;
-  if (database_get(hdb_, 0, STATE_PATH, 1, &text) != 0) {
+  if (database_get(hdb_, DB_TFLAG_ABSENT_OK, STATE_PATH, 1, &text) != 0) {
     return -1;
   }
   c_string_ptr owner(text);

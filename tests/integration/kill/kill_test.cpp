@@ -45,6 +45,7 @@ public:
          copy("startup", "<running/>"),
          STARTUP_DB,
          "123478"},
+        {"get", {}, "<get/>", STATUS_DB, ""},
         {"delete_of_startup", {}, "<delete-config><target><startup/></target></delete-config>", STARTUP_DB, "12478"},
     };
   }
@@ -93,7 +94,8 @@ TEST_P(kill_in_operation, before_any_write_is_forgotten_by_the_next_start)
   const std::string startup = tree(STARTUP_DB);
   const std::string running = tree(RUNNING_DB);
   gate.watch();
-  ASSERT_TRUE(session->ok(row.operation));
+  const std::string reply = session->rpc(row.operation);
+  ASSERT_FALSE(reply.empty() || support::find_error(reply)) << reply;
   const std::vector<support::redis_write_t> writes = gate.writes();
   ASSERT_EQ(states_of(row.db), row.states);
   ASSERT_GT(writes.size(), row.states.size()); // the data itself was written, too
