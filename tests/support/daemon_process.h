@@ -40,6 +40,7 @@ public:
 
   // To be changed before the next start.
   daemon_options_t &options() { return options_; }
+  void use_redis(const std::string &socket) { redis_socket_ = socket; }
   std::string modules_dir() const { return dir_ + "/modules"; }
   std::string run_dir() const { return dir_ + "/run"; }
   std::string profile_path() const { return dir_ + "/ymgrd.conf"; }

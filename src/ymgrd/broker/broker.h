@@ -14,7 +14,8 @@ typedef struct _plugin_inst plugin_inst_t;
 // Handlers inside the daemon. An operation handler has sent its reply, or sends it later: 0; -1 after an error reply.
 typedef int (*oper_handler_fn)(int session_id, const char *data, lyxml_elem *rpc);
 typedef int (*config_handler_fn)(int session_id, int oper_type, int more_flag, int priority, const char *path);
-typedef int (*status_handler_fn)(int session_id, const char *path, std::string *ret_data);
+// Writes its state data into the status database. 0; -1 when there is none, which is left out of the reply.
+typedef int (*status_handler_fn)(int session_id, const char *path);
 
 // What a subscriber registered: a function of ours, or the number that a remote plugin wants to see again in each
 // message.

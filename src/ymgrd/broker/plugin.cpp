@@ -128,8 +128,10 @@ int plugin_subscribe_status(int plugin_id, const plugin_subscibe_info_t *info, i
   if (plugin_id != 0) {
     return unknown_plugin(plugin_id);
   }
-  log_error("State data of <%.512s> is not gathered: status publishers are not served by this version.", info->path);
-  return -1;
+  if (info->cb_func.status(info->session_id, info->path) == 0) {
+    *status = SUBPUB_CONTINUE;
+  }
+  return 0;
 }
 
 int plugin_service_sock()

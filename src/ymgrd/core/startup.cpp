@@ -15,6 +15,7 @@
 #include "ymgrd/broker/broker.h"
 #include "ymgrd/broker/plugin.h"
 #include "ymgrd/core/context.h"
+#include "ymgrd/core/daemon_state.h"
 #include "ymgrd/core/handles.h"
 #include "ymgrd/core/log.h"
 #include "ymgrd/core/paths.h"
@@ -167,7 +168,7 @@ int ymgrd_init(const std::string &keepalive_so, bool smooth)
     return -1;
   }
   daemonize_unless_refused();
-  if (init_services() != 0) {
+  if (init_services() != 0 || daemon_state_init() != 0) {
     return -1;
   }
   log_info("Ymgrd initialized successfully.");

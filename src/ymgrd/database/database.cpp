@@ -198,6 +198,14 @@ int database_flush(int hdb)
   return db_drv_is_builtin(g_db_drv.get()) ? db_flush(hdb) : 0; // an external driver has its own ways
 }
 
+int database_recover()
+{
+  if (!is_ready()) {
+    return -1;
+  }
+  return db_drv_is_builtin(g_db_drv.get()) ? db_recover_all() : 0; // an external driver looks after itself
+}
+
 uint64_t database_foreign_writes()
 {
   static uint64_t unwatched = 0;

@@ -78,6 +78,9 @@ int database_trans_discard(int hdb);
 // Sends the writes collected so far to the database (other processes see them; discard still undoes them). 0 or -1.
 int database_flush(int hdb);
 
+// Undoes what an earlier life of the daemon left unfinished in any datastore. Before anything is read. 0 or -1.
+int database_recover();
+
 // Locks `path`'s module ("/": all modules) for the handle; never waits. The lock's id, greater than 0, or -1.
 int database_lock(int hdb, int type, const char *path);
 void database_unlock(int hdb, int lock_id);

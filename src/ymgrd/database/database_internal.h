@@ -119,6 +119,7 @@ void db_add_drop_saved(redis_batch_t *batch, const hdb_t *handle);
 // Makes sure that the backup database holds nothing but what open transactions saved: undoes a transaction that an
 // earlier life of the daemon, or a lost connection, left behind. 0 or -1.
 int db_recover(const ndb_t *ndb);
+int db_recover_all();                  // every datastore
 int db_clean_backup(const ndb_t *ndb); // empties it instead: for a datastore that is overwritten as a whole
 bool db_has_unfinished_discard(const ndb_t *ndb);
 void db_backups_forget();

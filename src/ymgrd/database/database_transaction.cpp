@@ -210,6 +210,18 @@ int db_recover(const ndb_t *ndb)
   return 0;
 }
 
+int db_recover_all()
+{
+  for (int target = YMGRM_STARTUP_DB; target <= YMGRM_STATUS_DB; target++) {
+    const ndb_t *ndb = ndb_find(target);
+    if (db_recover(ndb) != 0) {
+      log_error("What was left in db(%d) by an earlier run is not undone.", ndb->backup_rdb);
+      return -1;
+    }
+  }
+  return 0;
+}
+
 int db_clean_backup(const ndb_t *ndb)
 {
   if (*backup_of(ndb) == BACKUP_CLEAN || has_open_transactions(ndb)) {

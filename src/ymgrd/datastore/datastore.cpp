@@ -41,6 +41,9 @@ int datastore_init_default()
     log_error("Get smooth state failed on initialization.");
     return -1;
   }
+  if (database_recover() != 0) {
+    return -1;
+  }
   if (context_get_int("OPT-smooth-start", 0) == 1) {
     return ds_lock_init(); // what runs stays as it is
   }
@@ -158,4 +161,9 @@ int datastore_parse_rpc(const char *, lyxml_elem *rpc)
     }
   }
   return 0;
+}
+
+bool ds_has_pending_changes()
+{
+  return differ_nodes != nullptr;
 }

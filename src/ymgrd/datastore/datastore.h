@@ -21,5 +21,8 @@ int ds_get_callback();
 // Checks the input of a user-defined RPC against its schema, with references into running. 0 or -1.
 int datastore_parse_rpc(const char *oper_name, lyxml_elem *rpc);
 
+// Whether candidate holds changes that are not committed.
+bool ds_has_pending_changes();
+
 // A session ends: its NETCONF locks are released.
 void ds_session_closed(int session_id);

@@ -4,6 +4,7 @@
 
 #include "ymgrd/broker/broker.h"
 #include "ymgrd/core/context.h"
+#include "ymgrd/core/counters.h"
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore.h"
@@ -219,6 +220,7 @@ int datastore_publish_callback(int is_rollback, reply_error_ptr errors)
     return -1;
   }
   reply_error_ptr error = finish_publication(record.get(), is_rollback, std::move(errors));
+  g_daemon_counters.commits += error == nullptr ? 1 : 0;
   keep_data(record.get(), error == nullptr);
   (void)database_set_transaction_state(record->target_ds, E_TRANS_COMMIT_END);
   record->db.end();

@@ -4,6 +4,7 @@
 
 #include "libconf/conf_misc.h"
 #include "ymgrd/broker/broker.h"
+#include "ymgrd/core/counters.h"
 #include "ymgrd/core/log.h"
 #include "ymgrd/crypto/encrypt.h"
 #include "ymgrd/datastore/ds_error.h"
@@ -109,6 +110,7 @@ bool is_with_further_subscriber(const rpc_oper_context_t &context)
 
 int rpc_recv_proc(int session_id, const msg_head_t *head, std::string_view payload)
 {
+  g_daemon_counters.requests++;
   lyxml_ptr rpc = lyxml_parse_mem(payload);
   if (rpc == nullptr) {
     return answer_not_xml(session_id, head);

@@ -2,6 +2,7 @@
 
 #include <libxml/tree.h>
 
+#include "ymgrd/core/counters.h"
 #include "ymgrd/core/log.h"
 #include "ymgrd/rpc/session.h"
 #include "ymgrd/ymgrd.h"
@@ -165,6 +166,9 @@ int rpc_send_reply(int session_id, const lyxml_elem *reply)
   }
   if (is_held_back(session_id, reply)) {
     return 0;
+  }
+  if (rpc_reply_is_error(reply)) {
+    g_daemon_counters.errors++;
   }
   std::string text = lyxml_print_mem(reply);
   const std::string_view pieces[] = {text};

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <memory>
 #include <span>
 #include <string>
@@ -17,6 +18,7 @@ typedef struct _session {
   int sock = -1;        // -1 once closed, when the record only waits for its publication to end
   std::string username; // of create-session, blanks stripped
   int agent_ppid = 0;
+  time_t login_time = 0; // of create-session
   bool bit_init = false; // create-session has completed
   bool bit_rpc = true;   // may take a new request
   bool bit_exit = false; // to be closed once its reply has gone

@@ -134,6 +134,7 @@ int oper_create_session(int session_id, const char *, lyxml_elem *rpc)
     return -1;
   }
   session->bit_init = true;
+  session->login_time = time(nullptr);
   notify_session_start(*session);
   return 0;
 }

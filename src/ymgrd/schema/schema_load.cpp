@@ -23,7 +23,7 @@ typedef struct _required_module {
 } required_module_t;
 const required_module_t required_modules[] = {
     {"ietf-netconf", "2011-06-01", {"writable-running", "candidate", "rollback-on-error", "startup"}},
-    {"zentra-ymgrd", "2026-11-21", {}},
+    {"zentra-ymgrd", "2026-11-22", {}},
 };
 
 int read_database_path(const schema_config &config, std::string *ret_path)

@@ -14,9 +14,7 @@ protected:
   void SetUp() override
   {
     redis.stop();
-    const std::string path = R"("path": "unix:/)" + kept_redis.socket_path() + "\"";
-    daemon.options().profile["schema"] = "{\"db-enabled\": true, " + path + "}";
-    daemon.options().profile["database"] = R"({"type": "default", "driver": {"api-version": "1.0", )" + path + "}}";
+    daemon.use_redis(kept_redis.socket_path());
     ASSERT_TRUE(daemon.start());
     session = &connect();
   }

@@ -2,6 +2,7 @@
 #include "database_fixture.h"
 
 #include <algorithm>
+#include <map>
 #include <random>
 #include <set>
 
@@ -212,6 +213,27 @@ TEST_F(database_transaction, what_was_cut_off_is_undone_by_the_next_transaction)
     commit_and_close(begin(RUNNING));
     EXPECT_EQ(master(), before);
     EXPECT_EQ(backup(), "");
+  }
+}
+
+TEST_F(database_transaction, recovery_undoes_what_was_cut_off_in_every_datastore)
+{
+  const std::map<int, int> masters = {{STARTUP, 2}, {RUNNING, RUNNING_MASTER}, {CANDIDATE, 6}};
+  std::map<int, std::string> before;
+  for (const auto &[target, db] : masters) {
+    fill(target);
+    before[db] = server_.dump(db);
+    int hdb = begin(target);
+    edit(hdb);
+    EXPECT_EQ(database_flush(hdb), 0);
+    EXPECT_NE(server_.dump(db), before[db]);
+  }
+  stop_component(); // without discard
+  start_component();
+  EXPECT_EQ(database_recover(), 0);
+  for (const auto &[target, db] : masters) {
+    EXPECT_EQ(server_.dump(db), before[db]);
+    EXPECT_EQ(server_.dump(db + 1), "");
   }
 }
 

@@ -1,0 +1,60 @@
+// kill -9 while the daemon starts.
+#include "kill_fixture.h"
+
+namespace {
+
+class kill_in_start : public kill_fixture {
+protected:
+  // Starts the daemon once more before each write of a start from what `prepare` leaves behind.
+  template <class PREPARE>
+  void kill_before_each_write(PREPARE prepare)
+  {
+    ASSERT_NO_FATAL_FAILURE(prepare());
+    gate.watch();
+    ASSERT_TRUE(daemon.start());
+    const size_t writes = gate.writes().size();
+    ASSERT_GT(writes, 0U);
+    for (size_t cut = 0; cut < writes && !HasFailure(); cut++) {
+      SCOPED_TRACE(cut);
+      ASSERT_NO_FATAL_FAILURE(prepare());
+      gate.watch(cut);
+      ASSERT_TRUE(daemon.launch());
+      ASSERT_TRUE(support::wait_until([this] { return gate.held(); }));
+      end_round();
+      ASSERT_NO_FATAL_FAILURE(check_start());
+      ASSERT_NO_FATAL_FAILURE(check_work());
+    }
+  }
+};
+
+} // namespace
+
+TEST_F(kill_in_start, on_an_empty_server_is_made_good_by_the_next_start)
+{
+  kill_before_each_write([this] {
+    begin_round({});
+    end_round();
+    redis.command(SCHEMA_DB, {"FLUSHDB"});
+    redis.command(RUNNING_DB, {"FLUSHDB"});
+  });
+}
+
+TEST_F(kill_in_start, while_a_cut_off_change_is_undone_leaves_nothing_of_it)
+{
+  ASSERT_NO_FATAL_FAILURE(begin_round({}));
+  gate.watch();
+  ASSERT_TRUE(session->ok(support::edit_config("running", EDIT)));
+  size_t flushed = 0; // the change stands, its commit is still to come
+  for (const support::redis_write_t &write : gate.writes()) {
+    flushed++;
+    if (write.words.front() == "EXEC") {
+      break;
+    }
+  }
+  kill_before_each_write([this, flushed] {
+    begin_round({});
+    kill_in(support::edit_config("running", EDIT), flushed);
+    ASSERT_NE(tree(RUNNING_DB), tree(STARTUP_DB));
+    ASSERT_NE(redis.dump(RUNNING_DB + 1), "");
+  });
+}
