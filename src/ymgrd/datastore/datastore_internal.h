@@ -117,6 +117,13 @@ int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *re
 // default.
 void ds_drop_implicit(lyd_tree_ptr *data, const lyd_node *created);
 
+// Stored nodes are data, also a container that holds nothing. libyang marks such a one as implicit, and its validation
+// may remove it, so the mark goes before.
+inline void ds_mark_explicit(lyd_node *node)
+{
+  node->flags &= ~static_cast<uint32_t>(LYD_DEFAULT);
+}
+
 // Hands the change to the broker. On 0 the reply is sent by datastore_publish_callback (which may have run already) and
 // `db` was taken over; on -1 nothing was sent and the caller keeps `db`. `data` is what running holds once the change
 // stands, and is taken over; null for a commit, where it is what candidate holds.
