@@ -157,9 +157,9 @@ int edit_candidate(edit_work_t *work, reply_error_ptr *ret_error)
     log_error("commit %d fail.", work->db.hdb());
     return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Commit fail.");
   }
-  differ_tree_merge(&differ_nodes, &tree, 1);
+  differ_tree_merge(&differ_nodes, &tree, 0);
   if (differ_nodes == nullptr && work->written) {
-    ds_kept_drop(); // nothing is pending, yet candidate need not be running's twin: entries may stand in another order
+    ds_kept_drop(); // equal to running, but entries that nobody ordered may stand in another order than running's
   } else {
     ds_kept_store(std::move(work->edited));
   }

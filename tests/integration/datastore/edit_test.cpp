@@ -176,6 +176,15 @@ TEST_F(edit_config, empty_container_of_a_case_stays)
   EXPECT_EQ(dump(CANDIDATE_DB).find("resolver-pool"), std::string::npos);
 }
 
+TEST_F(edit_config, without_content_changes_nothing)
+{
+  ASSERT_TRUE(session->ok(edit("<hostname>box</hostname>")));
+  ASSERT_TRUE(session->ok(COMMIT));
+  ASSERT_TRUE(session->ok(support::edit_config("candidate", "")));
+  EXPECT_TRUE(holds("candidate", "<hostname>box</hostname>"));
+  EXPECT_TRUE(holds("running", "<hostname>box</hostname>"));
+}
+
 TEST_F(edit_config, user_ordered_entries_stand_where_they_were_put)
 {
   auto order = [this](const char *list) {
