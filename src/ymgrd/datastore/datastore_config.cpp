@@ -140,10 +140,19 @@ private:
 
 // --- Opaque nodes: what libyang could not parse as data.
 
-// Clients delete a leaf by an element without value, which most types refuse.
-bool is_deletion_of_leaf(const lyd_node *node, NC_EDIT_OP_TYPE op)
+bool is_marked_as_gone(const lyd_node *node)
 {
-  if ((op != NC_EDIT_OP_DELETE && op != NC_EDIT_OP_REMOVE) || !is_empty_opaque(node)) {
+  const lyd_attr *attr = reinterpret_cast<const lyd_node_opaq *>(node)->attr;
+  while (attr != nullptr && std::string_view(attr->name.name) != "operation") {
+    attr = attr->next;
+  }
+  return attr != nullptr && (std::string_view(attr->value) == "delete" || std::string_view(attr->value) == "remove");
+}
+
+// Clients delete a leaf by an element without value, which most types refuse.
+bool is_deletion_of_leaf(const lyd_node *node)
+{
+  if (!is_empty_opaque(node) || !is_marked_as_gone(node)) {
     return false;
   }
   const lysc_node *schema = dbkey_schema_of(node);
@@ -223,7 +232,8 @@ reply_error_ptr opaque_error(const lyd_node *node)
   return error;
 }
 
-int check_opaque_nodes(ds_config_t *config, reply_error_ptr *ret_error)
+// All that are left are deletions of leafs.
+int check_opaque_nodes(const ds_config_t *config, reply_error_ptr *ret_error)
 {
   lyd_node *top = nullptr;
   LY_LIST_FOR(config->tree.get(), top)
@@ -232,7 +242,7 @@ int check_opaque_nodes(ds_config_t *config, reply_error_ptr *ret_error)
     LYD_TREE_DFS_BEGIN(top, node)
     {
       if (node->schema == nullptr) {
-        if (!is_deletion_of_leaf(node, config->arena.record_of(node)->node_op)) {
+        if (!is_deletion_of_leaf(node)) {
           *ret_error = opaque_error(node);
           return -1;
         }
@@ -339,11 +349,11 @@ int ds_parse_rpc_config(lyxml_elem *rpc, NC_OP nc_op, ds_config_t *config, reply
   if (config->tree == nullptr) {
     return 0;
   }
-  record_writer(config).write(lyxml_first_child(elem), config->tree.get());
-  if (nc_op == NC_OP_COPYCONFIG && check_copied_nodes(config, ret_error) != 0) {
+  if (check_opaque_nodes(config, ret_error) != 0) {
     return -1;
   }
-  return check_opaque_nodes(config, ret_error);
+  record_writer(config).write(lyxml_first_child(elem), config->tree.get());
+  return nc_op == NC_OP_COPYCONFIG ? check_copied_nodes(config, ret_error) : 0;
 }
 
 void ds_set_nodelist_op(lyd_node *first, NC_EDIT_OP_TYPE op, ds_node_arena *arena)
