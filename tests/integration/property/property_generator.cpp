@@ -76,6 +76,19 @@ const std::string &effective(const std::string &own, const std::string &inherite
   return own.empty() ? inherited : own;
 }
 
+std::vector<const node_t *> entries_of(const node_t *parent, const lysc_node *schema)
+{
+  std::vector<const node_t *> entries;
+  if (parent != nullptr) {
+    for (const node_t &child : parent->children) {
+      if (child.schema == schema) {
+        entries.push_back(&child);
+      }
+    }
+  }
+  return entries;
+}
+
 bool is_removal(const std::string &operation)
 {
   return operation == "delete" || operation == "remove";
@@ -177,10 +190,13 @@ std::string generator::draw_operation(const lysc_node *schema, const std::string
   if (inherited != "none" && inherited != "merge") {
     return chance(96) ? "" : chance(70) ? inherited : one_of(all);
   }
+  if (depth == 0 && exists && is_inner(schema) && !chance(1)) {
+    return ""; // what much hangs on shall not go with every edit
+  }
   if (chance(2)) {
     return one_of(all);
   }
-  size_t share = depth == 0 && is_inner(schema) ? 8 : 45; // the content of a top node shall not go with every edit
+  size_t share = exists && is_inner(schema) ? 15 : 45;
   if (inherited == "none" && !exists) {
     return chance(95) ? one_of(for_missing) : "";
   }
@@ -194,12 +210,7 @@ void generator::draw_position(node_t *entry, const context_t &parent)
   if (entry->insert == "first" || entry->insert == "last") {
     return;
   }
-  std::vector<const node_t *> others;
-  for (const node_t &child : parent.data == nullptr ? std::vector<node_t>() : parent.data->children) {
-    if (child.schema == entry->schema) {
-      others.push_back(find(parent.data, child));
-    }
-  }
+  std::vector<const node_t *> others = entries_of(parent.data, entry->schema);
   const node_t &reference = others.empty() || chance(5) ? *entry : *one_of(others);
   entry->reference = predicate(reference);
   entry->reference_xpath = reference.value;
@@ -220,14 +231,7 @@ node_t generator::draw_node(const lysc_node *schema, const context_t &parent)
 {
   node_t made;
   made.schema = schema;
-  std::vector<const node_t *> entries;
-  if (is_entry(schema) && parent.data != nullptr) {
-    for (const node_t &child : parent.data->children) {
-      if (child.schema == schema) {
-        entries.push_back(&child);
-      }
-    }
-  }
+  std::vector<const node_t *> entries = entries_of(is_entry(schema) ? parent.data : nullptr, schema);
   const node_t *known = entries.empty() || chance(40) ? nullptr : one_of(entries);
   if (schema->nodetype == LYS_LIST) {
     for (const lysc_node *key : yang_.children(schema)) {
@@ -278,9 +282,12 @@ void generator::add_children(node_t *config, const context_t &here)
       candidates.push_back(child);
     }
   }
-  size_t count = is_removal(here.operation) ? (chance(90) ? 0 : 1) : is_whole ? pick(5) : 1 + pick(3);
+  size_t count = is_removal(here.operation) ? (chance(90) ? 0 : 1) : is_whole ? pick(8) : 1 + pick(4);
   for (size_t i = 0; i < count && !candidates.empty(); i++) {
     size_t index = pick(candidates.size());
+    if (!is_entry(candidates[index]) && chance(50)) {
+      index = pick(candidates.size()); // lists are what makes data large
+    }
     const lysc_node *chosen = candidates[index];
     // Levels that the edit only passes are looked for where there is data.
     if (here.operation == "none" && here.data != nullptr && !here.data->children.empty() && chance(70)) {
@@ -327,7 +334,7 @@ request_t generator::edit(const node_t &data)
   root_ = &data;
   while (true) {
     request_t request;
-    request.default_operation = chance(85) ? "merge" : chance(90) ? "none" : "replace";
+    request.default_operation = chance(85) ? "merge" : chance(97) ? "none" : "replace";
     node_t config = draw_config(request.default_operation);
     if (chance(FAULTY)) {
       request.tags = {spoil(&config)};

@@ -278,8 +278,12 @@ private:
 
   bool place(node_t *parent, const node_t &config)
   {
-    if (config.insert == "first" || config.insert == "last") {
-      move_to(parent, config, config.insert == "first" ? 0 : parent->children.size());
+    auto first = std::find_if(parent->children.begin(), parent->children.end(),
+                              [&](const node_t &child) { return child.schema == config.schema; });
+    if (config.insert == "first") {
+      move_to(parent, config, static_cast<size_t>(first - parent->children.begin()));
+    } else if (config.insert == "last") {
+      move_to(parent, config, parent->children.size());
     } else if (!config.insert.empty()) {
       node_t *reference = find_reference(parent, config);
       if (reference == nullptr) {
@@ -424,11 +428,22 @@ std::string predicate(const node_t &entry)
   return text;
 }
 
+bool is_same(const node_t &node, const node_t &other)
+{
+  bool is_unlike = node.schema != other.schema || (node.schema->nodetype == LYS_LEAFLIST && node.value != other.value);
+  for (size_t i = 0; !is_unlike && node.schema->nodetype == LYS_LIST && is_key(node.children[i].schema); i++) {
+    is_unlike = node.children[i].value != other.children[i].value;
+    if (i + 1 == node.children.size()) {
+      break;
+    }
+  }
+  return !is_unlike;
+}
+
 const node_t *find(const node_t *parent, const node_t &like)
 {
-  auto found = std::find_if(parent->children.begin(), parent->children.end(), [&](const node_t &child) {
-    return child.schema == like.schema && (!is_entry(like.schema) || predicate(child) == predicate(like));
-  });
+  auto found = std::find_if(parent->children.begin(), parent->children.end(),
+                            [&](const node_t &child) { return is_same(child, like); });
   return found == parent->children.end() ? nullptr : &*found;
 }
 

@@ -47,6 +47,8 @@ protected:
     size_t dice = random.pick(1000);
     if (dice < 2) {
       restart();
+    } else if (dice < 10) {
+      copy();
     } else if (dice < 20) {
       session.emplace(daemon.run_dir());
     } else if (dice < 60) {
@@ -57,8 +59,9 @@ protected:
       discard();
     }
     // With changes of candidate pending, running is not to be edited.
-    bool is_pending = property::lines_of(candidate) != property::lines_of(running);
-    edit((is_clean && random.chance(15)) || (is_pending && random.chance(1)) ? "running" : "candidate");
+    bool wants_running = random.chance(is_clean ? 15 : 1);
+    wants_running = wants_running && (is_clean || property::lines_of(candidate) != property::lines_of(running));
+    edit(wants_running ? "running" : "candidate");
   }
 
   void edit(const std::string &target)
@@ -120,6 +123,32 @@ protected:
     verify();
   }
 
+  void copy()
+  {
+    struct {
+      const char *source;
+      const char *target;
+      node_t *from;
+      node_t *to;
+    } copies[] = {{"running", "startup", &running, &startup},
+                  {"startup", "candidate", &startup, &candidate},
+                  {"running", "candidate", &running, &candidate},
+                  {"startup", "running", &startup, &running}};
+    const auto &chosen = copies[random.pick(is_clean ? 4 : 3)]; // the last is refused while candidate has changes
+    SCOPED_TRACE(std::string("copy of ") + chosen.source + " to " + chosen.target);
+    ASSERT_TRUE(session->ok(std::string("<copy-config><target><") + chosen.target + "/></target><source><" +
+                            chosen.source + "/></source></copy-config>"));
+    *chosen.to = *chosen.from;
+    if (chosen.to == &running) {
+      candidate = running;
+      is_stale = true;
+    } else if (chosen.to == &candidate) {
+      is_stale = is_stale && is_clean && chosen.from == &running;
+      is_clean = chosen.from == &running;
+    }
+    verify();
+  }
+
   // Another client of Redis writes what stands there already: the daemon must read again, and must find the same.
   void write_from_outside()
   {
@@ -150,12 +179,18 @@ protected:
   void verify()
   {
     for (const auto &[name, data] : {std::pair{"running", &running}, std::pair{"candidate", &candidate}}) {
+      largest_ = std::max(largest_, property::lines_of(*data).size());
+      sum_ += property::lines_of(*data).size();
+      n_++;
       lines_t reply = property::lines_of_reply(yang, session->rpc(support::get_config(name)));
       EXPECT_EQ(property::difference(property::lines_of(*data), reply), "") << "get-config of " << name;
     }
     EXPECT_EQ(property::difference(property::stored_lines(running), property::stored_lines(&yang, &redis, RUNNING_DB)),
               "")
         << "stored";
+    EXPECT_EQ(property::difference(property::stored_lines(startup), property::stored_lines(&yang, &redis, STARTUP_DB)),
+              "")
+        << "stored of startup";
     if (!is_stale) {
       EXPECT_EQ(
           property::difference(property::stored_lines(candidate), property::stored_lines(&yang, &redis, CANDIDATE_DB)),
@@ -187,6 +222,7 @@ protected:
   bool is_clean = true;  // candidate was not edited since it was equal to running
   bool is_stale = false; // candidate's database lags behind; get-config of candidate answers running
   uint64_t refused_ = 0;
+  size_t largest_ = 0, sum_ = 0, n_ = 0;
 };
 
 } // namespace
@@ -198,5 +234,5 @@ TEST_F(random_edits, leave_the_data_that_the_model_says)
     SCOPED_TRACE("YMGR_SEED=" + std::to_string(seed) + ", edit " + std::to_string(i));
     step();
   }
-  std::cerr << "refused " << refused_ << " of " << count << ", lines " << property::lines_of(running).size() << "\n";
+  std::cerr << "refused " << refused_ << " of " << count << ", lines " << largest_ << " avg " << sum_ / n_ << "\n";
 }
