@@ -80,6 +80,18 @@ reply_error_ptr when_error(const lyd_node *lost)
   return error;
 }
 
+void mark_all_explicit(lyd_node *first)
+{
+  for (lyd_node *root = first; root != nullptr; root = root->next) {
+    lyd_node *node = nullptr;
+    LYD_TREE_DFS_BEGIN(root, node)
+    {
+      ds_mark_explicit(node);
+      LYD_TREE_DFS_END(root, node);
+    }
+  }
+}
+
 } // namespace
 
 int ds_to_db(int datastore)
@@ -193,6 +205,7 @@ int ds_db_get_data_from_top(int hdb, int tflag, const char *path, lyd_tree_ptr *
     lyd_free_all(tree);
     return -1;
   }
+  mark_all_explicit(tree);
   ret_data->reset(tree);
   return 0;
 }
@@ -251,5 +264,6 @@ int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *re
     return -1;
   }
   ds_drop_implicit(data, changes);
+  mark_all_explicit(data->get()); // validation looks for empty containers too
   return 0;
 }

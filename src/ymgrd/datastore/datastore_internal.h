@@ -139,6 +139,13 @@ int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *re
 // default.
 void ds_drop_implicit(lyd_tree_ptr *data, const lyd_node *created);
 
+// Stored nodes are data, also a container that holds nothing. libyang marks such a one as implicit, and its validation
+// may remove it, so the mark goes before.
+inline void ds_mark_explicit(lyd_node *node)
+{
+  node->flags &= ~static_cast<uint32_t>(LYD_DEFAULT);
+}
+
 struct differ_tree_delete_t {
   void operator()(differ_node_t *tree) const { free_differ_tree(tree); }
 };

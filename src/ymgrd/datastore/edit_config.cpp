@@ -174,7 +174,8 @@ int edit_below(edit_job_t *job, const lyd_node *config, lyd_node *db_node, std::
   if (edit_children(job, config, place, op, &below) != 0) {
     return -1;
   }
-  if (op != NC_EDIT_OP_NONE && edit_fill_default(job, place, &below) != 0) {
+  bool is_edited = op != NC_EDIT_OP_NONE || below.first() != nullptr; // and not just a level on the way
+  if (is_edited && edit_fill_default(job, place, &below) != 0) {
     return -1;
   }
   below.attach_to(node_diff);

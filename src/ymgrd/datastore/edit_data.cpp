@@ -21,6 +21,7 @@ bool is_any(const lysc_node *schema)
 int link_into_data(edit_job_t *job, const edit_place_t &place, lyd_node *node)
 {
   LY_ERR result = LY_SUCCESS;
+  ds_mark_explicit(node);
   if (place.parent != nullptr) {
     result = lyd_insert_child(place.parent, node);
   } else {
@@ -43,7 +44,11 @@ void take_out_of_data(edit_job_t *job, lyd_node *node)
     (void)job->data.release(); // the first top node goes, its successor takes its place
     job->data.reset(next);
   }
+  lyd_node *parent = lyd_parent(node);
   lyd_free_tree(node);
+  for (; parent != nullptr; parent = lyd_parent(parent)) {
+    ds_mark_explicit(parent); // libyang takes a container that became empty for one that nobody named
+  }
 }
 
 // The diff of a removal names everything that goes: a subscriber below the removed node is told too.
@@ -238,6 +243,9 @@ lyd_node *edit_insert_default(edit_job_t *job, const edit_place_t &place, const 
   LY_ERR result = LY_SUCCESS;
   if (schema->nodetype == LYS_CONTAINER) {
     result = lyd_new_inner(place.parent, schema->module, schema->name, 0, &node);
+    if (result == LY_SUCCESS) {
+      ds_mark_explicit(node);
+    }
   } else {
     const auto *leaf = reinterpret_cast<const lysc_node_leaf *>(schema);
     const char *value = lyd_value_get_canonical(schema->module->ctx, leaf->dflt);

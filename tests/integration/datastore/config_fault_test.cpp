@@ -22,6 +22,7 @@ const fault_t faults[] = {
     {"identity", "<transport>pigeon</transport>", "invalid-value", "transport", ""},
     {"union", "<contact>no contact</contact>", "invalid-value", "contact", ""},
     {"missing key", "<user><uid>1</uid></user>", "missing-element", "user", "name"},
+    {"key", "<user><name>-x-</name><uid>1</uid></user>", "invalid-value", "name", "-x-"},
     {"leafref", "<primary-user>ghost</primary-user>", "data-missing", "primary-user", ""},
     {"must", "<window><min>9</min><max>3</max></window>", "operation-failed", "window",
      "The window ends before it begins."},

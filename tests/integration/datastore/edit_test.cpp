@@ -81,12 +81,16 @@ TEST_F(edit_config, empty_element_deletes_a_leaf_whose_type_refuses_the_empty_va
   EXPECT_FALSE(holds("candidate", "contact"));
   EXPECT_FALSE(holds("candidate", "options"));
   EXPECT_EQ(session->error(edit("<contact/>")).tag, "invalid-value");
+  ASSERT_TRUE(session->ok(edit("<contact nc:operation=\"remove\"/><contact>10.0.0.2</contact>"))); // in this order
+  EXPECT_TRUE(holds("candidate", "<contact>10.0.0.2</contact>"));
 }
 
 TEST_F(edit_config, delete_of_a_leaf_with_default_brings_the_default_back)
 {
   ASSERT_TRUE(session->ok(edit("<port>999</port>")));
   ASSERT_TRUE(session->ok(edit("<port nc:operation=\"delete\"/>")));
+  EXPECT_TRUE(holds("candidate", "<port>830</port>"));
+  ASSERT_TRUE(session->ok(edit("<port nc:operation=\"delete\"/>", "<default-operation>none</default-operation>")));
   EXPECT_TRUE(holds("candidate", "<port>830</port>"));
 }
 
@@ -161,6 +165,15 @@ TEST_F(edit_config, choosing_a_case_removes_the_other)
   EXPECT_FALSE(holds("candidate", "drift")); // the default case gives way
   ASSERT_TRUE(session->ok(edit("<input nc:operation=\"delete\"/>")));
   EXPECT_TRUE(holds("candidate", "drift"));
+}
+
+TEST_F(edit_config, empty_container_of_a_case_stays)
+{
+  ASSERT_TRUE(session->ok(edit("<resolver-pool/>")));
+  ASSERT_TRUE(session->ok(edit("<location>hall</location>"))); // validated once more
+  EXPECT_TRUE(holds("candidate", "<resolver-pool>"));
+  ASSERT_TRUE(session->ok(edit("<resolver-address>10.0.0.1</resolver-address>")));
+  EXPECT_EQ(dump(CANDIDATE_DB).find("resolver-pool"), std::string::npos);
 }
 
 TEST_F(edit_config, without_content_changes_nothing)
