@@ -12,25 +12,18 @@
 #include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/schema/schema.h"
 
-differ_node_t *differ_nodes = nullptr;
-
-void ds_drop_differ_nodes()
-{
-  free_differ_tree(differ_nodes);
-  differ_nodes = nullptr;
-}
-
 namespace {
 
 const oper_registration_t operations[] = {
     {"ietf-netconf:edit-config", ds_edit_config},
     {"ietf-netconf:get-config", ds_get_config},
+    {"ietf-netconf:delete-config", ds_delete_config},
+    {"ietf-netconf:copy-config", ds_copy_config},
     {"ietf-netconf:commit", ds_commit},
     {"ietf-netconf:discard-changes", ds_discarde_changes},
+    {"ietf-netconf:lock", ds_lock},
+    {"ietf-netconf:unlock", ds_unlock},
 };
-
-// What a departed session may hold, in the order of release.
-const int lockable_datastores[] = {ENUM_DATASTORE_STARTUP, ENUM_DATASTORE_CANDIDATE, ENUM_DATASTORE_RUNNING};
 
 int ds_startup_db_cfgr()
 {
@@ -151,8 +144,8 @@ int datastore_init(int stage)
 
 void datastore_exit()
 {
-  ds_lock_uninit();
   ds_drop_differ_nodes();
+  ds_lock_uninit();
 }
 
 int datastore_parse_rpc(const char *, lyxml_elem *rpc)
@@ -169,14 +162,4 @@ int ds_get_callback()
 {
   log_error("Failed to get current datastore context for get-operation.");
   return -1;
-}
-
-void ds_session_closed(int session_id)
-{
-  for (int datastore : lockable_datastores) {
-    int holder = 0;
-    if (ds_get_lock_state(datastore, &holder) == 0 && holder == session_id) {
-      (void)unlock_operation(session_id, datastore, nullptr); // logged there; the session is gone either way
-    }
-  }
 }

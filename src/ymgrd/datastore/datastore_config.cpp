@@ -127,7 +127,7 @@ bool is_deletion_of_leaf(const lyd_node *node, NC_EDIT_OP_TYPE op)
   return schema != nullptr && schema->nodetype == LYS_LEAF && (schema->flags & LYS_CONFIG_W);
 }
 
-std::string opaque_path(const lyd_node *node)
+std::string path_of(const lyd_node *node)
 {
   char *path = lyd_path(node, LYD_PATH_STD, nullptr, 0);
   c_string_ptr owner(path);
@@ -154,7 +154,7 @@ reply_error_ptr opaque_error(const lyd_node *node)
   const lysc_node *schema = dbkey_schema_of(node);
   const auto *opaque = reinterpret_cast<const lyd_node_opaq *>(node);
   const char *key = schema != nullptr && schema->nodetype == LYS_LIST ? missing_key(schema, opaque) : nullptr;
-  std::string path = opaque_path(node);
+  std::string path = path_of(node);
   reply_error_ptr error;
   if (key != nullptr) {
     error = rpc_make_error(REPLY_ERR_MISSING_ELEM, "List instance is missing its key \"" + std::string(key) + "\".");
@@ -192,6 +192,28 @@ int check_opaque_nodes(ds_config_t *config, reply_error_ptr *ret_error)
           return -1;
         }
         LYD_TREE_DFS_continue = 1;
+      }
+      LYD_TREE_DFS_END(top, node);
+    }
+  }
+  return 0;
+}
+
+// A copied configuration is content: what is marked as gone has no place in it.
+int check_copied_nodes(ds_config_t *config, reply_error_ptr *ret_error)
+{
+  lyd_node *top = nullptr;
+  LY_LIST_FOR(config->tree.get(), top)
+  {
+    lyd_node *node = nullptr;
+    LYD_TREE_DFS_BEGIN(top, node)
+    {
+      NC_EDIT_OP_TYPE op = config->arena.record_of(node)->node_op;
+      if (op == NC_EDIT_OP_DELETE || op == NC_EDIT_OP_REMOVE) {
+        ret_error->reset(rpc_create_error(REPLY_ERR_BAD_ATTR));
+        rpc_set_error_field(ret_error->get(), REPLY_ERR_FIELD_INFO, "<bad-attribute>operation</bad-attribute>");
+        rpc_set_error_field(ret_error->get(), REPLY_ERR_FIELD_PATH, path_of(node).c_str());
+        return -1;
       }
       LYD_TREE_DFS_END(top, node);
     }
@@ -273,5 +295,22 @@ int ds_parse_rpc_config(lyxml_elem *rpc, NC_OP nc_op, ds_config_t *config, reply
     return 0;
   }
   record_writer(config).write(lyxml_first_child(elem), config->tree.get());
+  if (nc_op == NC_OP_COPYCONFIG && check_copied_nodes(config, ret_error) != 0) {
+    return -1;
+  }
   return check_opaque_nodes(config, ret_error);
+}
+
+void ds_set_nodelist_op(lyd_node *first, NC_EDIT_OP_TYPE op, ds_node_arena *arena)
+{
+  lyd_node *top = nullptr;
+  LY_LIST_FOR(first, top)
+  {
+    lyd_node *node = nullptr;
+    LYD_TREE_DFS_BEGIN(top, node)
+    {
+      arena->record_of(node)->node_op = op;
+      LYD_TREE_DFS_END(top, node);
+    }
+  }
 }

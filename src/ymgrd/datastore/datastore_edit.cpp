@@ -3,7 +3,6 @@
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
-#include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/datastore/edit_config.h"
 #include "ymgrd/rpc/rpc_reply.h"
 
@@ -19,12 +18,20 @@ struct edit_work_t {
   int target = 0;
   int erropt = ERROR_OPTION_ROLLBACK;
   NC_EDIT_OP_TYPE default_operation = NC_EDIT_OP_MERGE;
+  NC_TEST_OPTION test_option = NC_TEST_THEN_SET;
   ds_config_t config;
   ds_session_db db;
-  bool written = false;                // the edit touched the data, whether or not a difference is left
-  lyd_tree_ptr edited;                 // what the target holds once the edit stands
-  differ_node_t *to_publish = nullptr; // of running only; owned by differ_nodes once it is published
+  ds_change_t change;
 };
+
+// A test leaves no trace, not even in the persisted state. A state that could not be written is logged: one that is
+// behind is safe.
+void enter_state(const edit_work_t &work, transact_state_e state)
+{
+  if (work.test_option != NC_TEST_ONLY) {
+    (void)database_set_transaction_state(work.target, state);
+  }
+}
 
 int refuse_with(reply_error_ptr *ret_error, int kind, const char *message)
 {
@@ -45,6 +52,10 @@ int read_parameters(edit_work_t *work, reply_error_ptr *ret_error)
   if (work->target == ENUM_DATASTORE_ERROR) {
     log_error("edit-config get source and target failed.");
     return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "invalid source or target.");
+  }
+  work->test_option = datastore_get_test_option(work->rpc);
+  if (work->test_option == NC_TEST_OPTION_ERROR) {
+    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "test-option invalid.");
   }
   return 0;
 }
@@ -110,26 +121,37 @@ int lock_and_start(edit_work_t *work, reply_error_ptr *ret_error)
     log_error("get database lock fail. hdb(%d)", hdb);
     return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "get database lock fail.");
   }
-  (void)database_set_transaction_state(work->target, E_TRANS_PREPARE); // logged; a state that is behind is safe
+  enter_state(*work, E_TRANS_PREPARE);
   if (work->db.start() != 0) {
     log_error("database trans start fail. hdb(%d)", hdb);
     return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "get database lock fail.");
   }
-  (void)database_set_transaction_state(work->target, E_TRANS_PREPARE_END);
+  enter_state(*work, E_TRANS_PREPARE_END);
   return 0;
 }
 
-int apply_edit(edit_work_t *work, differ_node_t **ret_tree, reply_error_ptr *ret_error, const char *edit_message,
-               int invalid_kind)
+// Running is always valid; candidate may be set without a test, and is then tested with the next edit that asks for
+// one, or at the commit.
+bool must_validate(const edit_work_t &work)
 {
-  (void)database_set_transaction_state(work->target, E_TRANS_DATA_EDIT);
+  if (work.target == ENUM_DATASTORE_RUNNING) {
+    return work.change.written;
+  }
+  return work.test_option != NC_SET && (work.change.written || !ds_candidate_is_valid());
+}
+
+int apply_edit(edit_work_t *work, reply_error_ptr *ret_error, const char *edit_message, int invalid_kind)
+{
+  enter_state(*work, E_TRANS_DATA_EDIT);
   edit_request_t request;
   request.hdb = work->db.hdb();
   request.tflag = DB_TFLAG_TRANS;
+  request.done = work->test_option != NC_TEST_ONLY;
   request.default_operation = work->default_operation;
   request.config = work->config.tree.get();
+  ds_change_t *change = &work->change;
   differ_node_t *tree = nullptr;
-  if (edit_operations(request, &work->edited, &tree, &work->written, ret_error) != 0) {
+  if (edit_operations(request, &change->data, &tree, &change->written, ret_error) != 0) {
     if (*ret_error == nullptr) {
       ret_error->reset(rpc_create_error(REPLY_ERR_OP_FAILED));
       if (edit_message != nullptr) {
@@ -138,33 +160,12 @@ int apply_edit(edit_work_t *work, differ_node_t **ret_tree, reply_error_ptr *ret
     }
     return -1;
   }
-  if (work->written && datastore_validate(&work->edited, invalid_kind, ret_error) != 0) {
-    free_differ_tree(tree);
-    return -1;
+  change->tree.reset(tree);
+  if (!must_validate(*work)) {
+    change->is_valid = ds_candidate_is_valid() && !change->written;
+    return 0;
   }
-  *ret_tree = tree;
-  return 0;
-}
-
-int edit_candidate(edit_work_t *work, reply_error_ptr *ret_error)
-{
-  differ_node_t *tree = nullptr;
-  if (apply_edit(work, &tree, ret_error, nullptr, REPLY_ERR_OP_FAILED) != 0) {
-    return -1;
-  }
-  if (work->db.commit() != 0) {
-    free_differ_tree(tree);
-    log_error("commit %d fail.", work->db.hdb());
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Commit fail.");
-  }
-  differ_tree_merge(&differ_nodes, &tree, 1);
-  if (differ_nodes == nullptr && work->written) {
-    ds_kept_drop(); // nothing is pending, yet candidate need not be running's twin: entries may stand in another order
-  } else {
-    ds_kept_store(std::move(work->edited));
-  }
-  (void)database_set_transaction_state(work->target, E_TRANS_PUB);
-  return 0;
+  return datastore_validate(&change->data, invalid_kind, ret_error);
 }
 
 int edit_running(edit_work_t *work, reply_error_ptr *ret_error)
@@ -177,7 +178,7 @@ int edit_running(edit_work_t *work, reply_error_ptr *ret_error)
     log_error("differ tree is not empty, must be published first");
     return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Candidate database is different from running database.");
   }
-  return apply_edit(work, &work->to_publish, ret_error, "edit operation failed.", REPLY_ERR_INVALID_VALUE);
+  return apply_edit(work, ret_error, "edit operation failed.", REPLY_ERR_INVALID_VALUE);
 }
 
 int ds_edit_check(edit_work_t *work, reply_error_ptr *ret_error)
@@ -187,7 +188,7 @@ int ds_edit_check(edit_work_t *work, reply_error_ptr *ret_error)
     log_error("startup can not be edit by edit-config");
     return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "startup can not be edit by edit-config");
   case ENUM_DATASTORE_CANDIDATE:
-    return edit_candidate(work, ret_error);
+    return apply_edit(work, ret_error, nullptr, REPLY_ERR_OP_FAILED);
   case ENUM_DATASTORE_RUNNING:
     return edit_running(work, ret_error);
   default:
@@ -196,36 +197,25 @@ int ds_edit_check(edit_work_t *work, reply_error_ptr *ret_error)
   }
 }
 
-// Running: its change must be in the database before plugins ask for it.
-int publish_edit(edit_work_t *work, reply_error_ptr *ret_error)
+int accept_edit(edit_work_t *work, bool *ret_deferred, reply_error_ptr *ret_error)
 {
-  if (database_flush(work->db.hdb()) != 0) {
-    free_differ_tree(work->to_publish);
+  if (work->test_option == NC_TEST_ONLY) {
+    return 0; // nothing was written; the transaction is discarded with its database
+  }
+  ds_accepted_t accepted = work->target == ENUM_DATASTORE_CANDIDATE
+                               ? ds_accept_candidate(work->sid, &work->db, &work->change)
+                               : ds_accept_running(work->sid, &work->db, &work->change, work->erropt);
+  switch (accepted) {
+  case DS_COMMIT_FAILED:
     log_error("commit %d fail.", work->db.hdb());
     return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Commit fail.");
-  }
-  differ_nodes = work->to_publish;
-  if (datastore_publish(work->sid, &work->db, &work->edited, differ_nodes, ENUM_DATASTORE_RUNNING, work->erropt) != 0) {
-    ds_drop_differ_nodes();
+  case DS_PUBLISH_FAILED:
     ret_error->reset(rpc_create_error(REPLY_ERR_OP_FAILED));
     return -1;
+  default:
+    *ret_deferred = accepted == DS_DEFERRED;
+    return 0;
   }
-  return 0;
-}
-
-int finish_without_change(edit_work_t *work, reply_error_ptr *ret_error)
-{
-  if (work->target == ENUM_DATASTORE_CANDIDATE) {
-    return 0; // committed with its edit
-  }
-  (void)database_set_transaction_state(work->target, E_TRANS_COMMIT);
-  if (work->db.commit() != 0) {
-    log_error("commit %d fail.", work->db.hdb());
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Commit fail.");
-  }
-  (void)database_set_transaction_state(work->target, E_TRANS_COMMIT_END);
-  ds_kept_store(std::move(work->edited));
-  return 0;
 }
 
 // Everything behind the checks of target and access. On 0 `*ret_deferred` tells that the reply comes from the
@@ -236,11 +226,7 @@ int run_edit(edit_work_t *work, bool *ret_deferred, reply_error_ptr *ret_error)
       lock_and_start(work, ret_error) != 0 || ds_edit_check(work, ret_error) != 0) {
     return -1;
   }
-  if (work->to_publish != nullptr) {
-    *ret_deferred = true;
-    return publish_edit(work, ret_error);
-  }
-  return finish_without_change(work, ret_error);
+  return accept_edit(work, ret_deferred, ret_error);
 }
 
 } // namespace
@@ -252,11 +238,11 @@ int ds_edit_config(int sid, const char *data, lyxml_elem *rpc)
   if (read_parameters(&work, &error) != 0 || check_access(work, &error) != 0) {
     return rpc_answer_error(sid, rpc, std::move(error));
   }
-  (void)database_set_transaction_state(work.target, E_TRANS_INIT);
+  enter_state(work, E_TRANS_INIT);
   bool deferred = false;
   if (run_edit(&work, &deferred, &error) != 0) {
     work.db.end(); // before the reply: who reads it may edit again at once
-    (void)database_set_transaction_state(work.target, E_TRANS_COMMIT_END);
+    enter_state(work, E_TRANS_COMMIT_END);
     return rpc_answer_error(sid, rpc, std::move(error));
   }
   if (deferred) {

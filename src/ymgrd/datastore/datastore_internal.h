@@ -1,6 +1,7 @@
 // What the sources of the datastore component share.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include <libyang/libyang.h>
@@ -38,8 +39,11 @@ typedef enum _NC_OP {
 
 // The pending diff tree of candidate against running; while a running edit is published, the tree under publication.
 extern differ_node_t *differ_nodes;
-// Frees the pending tree and empties it.
+// Frees the pending tree, empties it, and forgets what was noted of the changes in it.
 void ds_drop_differ_nodes();
+// Whether candidate was found valid as a whole since its last change. If not, it is checked before it is committed.
+bool ds_candidate_is_valid();
+void ds_note_candidate_valid();
 
 // --- Databases.
 
@@ -86,12 +90,21 @@ ENUM_DATASTORE nc_rpc_get_ds(const lyxml_elem *node, const char *ds_type);
 // Source and target of the operation element; a null pointer is not looked for; an absent one leaves its value
 // untouched.
 int ds_get_src_and_dst(const lyxml_elem *node, int *src, int *target);
-extern const char *const error_option[];
+extern const char *const error_option[];      // of edit-config
+extern const char *const error_option_copy[]; // of copy-config
 // ERROR_OPTION_*, or -1 for an unknown text.
 int datastore_get_erropt(lyxml_elem *rpc, const char *const *tree);
 // The operation of nodes that have none by themselves (RFC 6241, section 7.2, default-operation): NC_EDIT_OP_MERGE,
 // NC_EDIT_OP_REPLACE or NC_EDIT_OP_NONE; NC_EDIT_OP_ERROR for an unknown text.
 NC_EDIT_OP_TYPE datastore_get_default_operation(lyxml_elem *rpc);
+typedef enum _NC_TEST_OPTION {
+  NC_TEST_OPTION_ERROR = -1,
+  NC_TEST_THEN_SET = 0,
+  NC_SET = 1,
+  NC_TEST_ONLY = 2,
+} NC_TEST_OPTION;
+// The test-option of edit-config (RFC 6241, section 7.2); NC_TEST_OPTION_ERROR for an unknown text.
+NC_TEST_OPTION datastore_get_test_option(lyxml_elem *rpc);
 
 // The content of <config> as a data tree. Every node has a record (dbkey.h) with its own operation and its position in
 // the document. An element without value whose operation is delete or remove is an opaque node (dbkey_schema_of).
@@ -102,11 +115,19 @@ typedef struct _ds_config {
 // 0, or -1 with `*ret_error` set.
 int ds_parse_rpc_config(lyxml_elem *rpc, NC_OP nc_op, ds_config_t *config, reply_error_ptr *ret_error);
 
+// Gives every node from `first` on, and all below, the operation `op`.
+void ds_set_nodelist_op(lyd_node *first, NC_EDIT_OP_TYPE op, ds_node_arena *arena);
+
 // Whether all elements of <config> are known, in their places, with attributes that belong there. 0, or -1 with the
 // error.
 int ds_check_config(const lyxml_elem *config, reply_error_ptr *ret_error);
 // The value of an operation attribute; NC_EDIT_OP_ERROR when it is none of RFC 6241's.
 NC_EDIT_OP_TYPE ds_operation_of(const xmlAttr *attr);
+
+// --- NETCONF locks. The error may be null: no record is wanted. 0, or -1 (logged).
+
+int lock_operation(int sid, int target, reply_error_ptr *ret_error);
+int unlock_operation(int sid, int target, reply_error_ptr *ret_error);
 
 // --- Steps of the operations.
 
@@ -116,6 +137,30 @@ int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *re
 // Takes implicit nodes out again: those that the diff `created` of a libyang call names and that are still marked as
 // default.
 void ds_drop_implicit(lyd_tree_ptr *data, const lyd_node *created);
+
+struct differ_tree_delete_t {
+  void operator()(differ_node_t *tree) const { free_differ_tree(tree); }
+};
+using differ_tree_ptr = std::unique_ptr<differ_node_t, differ_tree_delete_t>;
+
+// What an edit or a copy came to, in the open transaction of its target.
+typedef struct _ds_change {
+  lyd_tree_ptr data;    // what the target holds once the change stands
+  differ_tree_ptr tree; // null when nothing differs
+  bool written = false; // data and transaction were touched, whether or not a difference is left
+  bool is_valid = true; // the data was found valid as a whole, or is what it was before
+} ds_change_t;
+
+typedef enum _ds_accepted {
+  DS_ACCEPTED,       // the change stands
+  DS_DEFERRED,       // the reply comes from the publication, which may be over already
+  DS_COMMIT_FAILED,  // nothing changed; not logged
+  DS_PUBLISH_FAILED, // nothing changed; not logged
+} ds_accepted_t;
+// Ends a change of candidate: commits the transaction and adds the change to what is pending.
+ds_accepted_t ds_accept_candidate(int sid, ds_session_db *db, ds_change_t *change);
+// Ends a change of running: publishes it, or commits the transaction when nothing differs.
+ds_accepted_t ds_accept_running(int sid, ds_session_db *db, ds_change_t *change, int erropt);
 
 // Hands the change to the broker. On 0 the reply is sent by datastore_publish_callback (which may have run already) and
 // `db` was taken over; on -1 nothing was sent and the caller keeps `db`. `data` is what running holds once the change
@@ -135,5 +180,9 @@ int ds_refuse(int sid, const lyxml_elem *rpc, int kind, const std::string &messa
 // --- Operation handlers.
 int ds_edit_config(int sid, const char *data, lyxml_elem *rpc);
 int ds_get_config(int sid, const char *data, lyxml_elem *rpc);
+int ds_delete_config(int sid, const char *data, lyxml_elem *rpc);
+int ds_copy_config(int sid, const char *data, lyxml_elem *rpc);
 int ds_commit(int sid, const char *data, lyxml_elem *rpc);
 int ds_discarde_changes(int sid, const char *data, lyxml_elem *rpc);
+int ds_lock(int sid, const char *data, lyxml_elem *rpc);
+int ds_unlock(int sid, const char *data, lyxml_elem *rpc);

@@ -136,6 +136,26 @@ int open_for_commit(int sid, commit_databases_t *databases, reply_error_ptr *ret
   return 0;
 }
 
+// What was set without a test must be valid before it is published. The pending changes stay as they are.
+int check_candidate(const ds_session_db &candidate, reply_error_ptr *ret_error)
+{
+  if (ds_candidate_is_valid()) {
+    return 0;
+  }
+  lyd_tree_ptr data;
+  if (ds_take_data(candidate.hdb(), 0, "/", &data) != 0) {
+    ret_error->reset(rpc_create_error(REPLY_ERR_OP_FAILED));
+    return -1;
+  }
+  if (datastore_validate(&data, REPLY_ERR_OP_FAILED, ret_error) != 0) {
+    log_error("Candidate is not valid, it can not be committed.");
+    return -1; // the tree is not kept: implicit nodes may be left in it
+  }
+  ds_note_candidate_valid();
+  ds_kept_store(std::move(data));
+  return 0;
+}
+
 // The broker did not take the change: candidate becomes running again.
 reply_error_ptr undo_commit(commit_databases_t *databases)
 {
@@ -228,7 +248,7 @@ int ds_commit(int sid, const char *, lyxml_elem *rpc)
   }
   commit_databases_t databases;
   reply_error_ptr error;
-  if (open_for_commit(sid, &databases, &error) != 0) {
+  if (open_for_commit(sid, &databases, &error) != 0 || check_candidate(databases.candidate, &error) != 0) {
     return rpc_answer_error(sid, rpc, std::move(error));
   }
   if (datastore_publish(sid, &databases.running, nullptr, differ_nodes, ENUM_DATASTORE_CANDIDATE,

@@ -9,10 +9,12 @@
 #include "ymgrd/rpc/rpc_reply.h"
 
 const char *const error_option[] = {"rpc", "edit-config", "error-option", nullptr};
+const char *const error_option_copy[] = {"rpc", "copy-config", "error-option", nullptr};
 
 namespace {
 
 const char *const default_operation[] = {"rpc", "edit-config", "default-operation", nullptr};
+const char *const test_option[] = {"rpc", "edit-config", "test-option", nullptr};
 
 // Bytes of request text that are parsed within one unit of the watchdog's patience.
 constexpr size_t BYTES_PER_KEEPALIVE_UNIT = 660000;
@@ -48,6 +50,12 @@ const named_value_t<NC_EDIT_OP_TYPE> default_operations[] = {
     {"none", NC_EDIT_OP_NONE},
 };
 
+const named_value_t<NC_TEST_OPTION> test_options[] = {
+    {"test-then-set", NC_TEST_THEN_SET},
+    {"set", NC_SET},
+    {"test-only", NC_TEST_ONLY},
+};
+
 std::string trimmed_text(const lyxml_elem *elem)
 {
   constexpr const char *blanks = " \t\r\n";
@@ -57,6 +65,23 @@ std::string trimmed_text(const lyxml_elem *elem)
     return {};
   }
   return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+std::string text_of(lyxml_elem *rpc, const char *const *path)
+{
+  const lyxml_elem *elem = lyxml_rpc_get_elem(rpc, path);
+  return elem == nullptr ? std::string() : trimmed_text(elem);
+}
+
+template <class T, size_t N>
+T value_of(const named_value_t<T> (&rows)[N], std::string_view text, T unknown)
+{
+  for (const auto &row : rows) {
+    if (text == row.text) {
+      return row.value;
+    }
+  }
+  return unknown;
 }
 
 // Takes the datastore of a <source> or <target> element into `*datastore`. 0, or -1 when there was one before or it is
@@ -115,35 +140,36 @@ int ds_get_src_and_dst(const lyxml_elem *node, int *src, int *target)
 
 int datastore_get_erropt(lyxml_elem *rpc, const char *const *tree)
 {
-  const lyxml_elem *elem = lyxml_rpc_get_elem(rpc, tree);
-  std::string text = elem == nullptr ? std::string() : trimmed_text(elem);
+  std::string text = text_of(rpc, tree);
   if (text.empty()) {
     log_debug("use default error option");
     return ERROR_OPTION_ROLLBACK;
   }
-  for (const auto &row : error_options) {
-    if (text == row.text) {
-      return row.value;
-    }
+  int option = value_of(error_options, text, -1);
+  if (option == -1) {
+    log_error("error option %.512s not support, use default error option", text.c_str());
   }
-  log_error("error option %.512s not support, use default error option", text.c_str());
-  return -1;
+  return option;
 }
 
 NC_EDIT_OP_TYPE datastore_get_default_operation(lyxml_elem *rpc)
 {
-  const lyxml_elem *elem = lyxml_rpc_get_elem(rpc, default_operation);
-  std::string text = elem == nullptr ? std::string() : trimmed_text(elem);
-  if (text.empty()) {
-    return NC_EDIT_OP_MERGE;
+  std::string text = text_of(rpc, default_operation);
+  NC_EDIT_OP_TYPE operation = text.empty() ? NC_EDIT_OP_MERGE : value_of(default_operations, text, NC_EDIT_OP_ERROR);
+  if (operation == NC_EDIT_OP_ERROR) {
+    log_error("default operation %.512s not support", text.c_str());
   }
-  for (const auto &row : default_operations) {
-    if (text == row.text) {
-      return row.value;
-    }
+  return operation;
+}
+
+NC_TEST_OPTION datastore_get_test_option(lyxml_elem *rpc)
+{
+  std::string text = text_of(rpc, test_option);
+  NC_TEST_OPTION option = text.empty() ? NC_TEST_THEN_SET : value_of(test_options, text, NC_TEST_OPTION_ERROR);
+  if (option == NC_TEST_OPTION_ERROR) {
+    log_error("test option %.512s not support", text.c_str());
   }
-  log_error("default operation %.512s not support", text.c_str());
-  return NC_EDIT_OP_ERROR;
+  return option;
 }
 
 ds_long_parse::ds_long_parse(size_t request_bytes)

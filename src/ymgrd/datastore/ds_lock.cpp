@@ -42,19 +42,6 @@ ds_lock_t *accessible_lock_record(int target)
   return record;
 }
 
-void set_error(reply_error_ptr *ret_error, int kind, const char *message)
-{
-  if (ret_error != nullptr) {
-    *ret_error = rpc_make_error(kind, message);
-  }
-}
-
-int refuse_unlock(reply_error_ptr *ret_error, const char *message)
-{
-  set_error(ret_error, REPLY_ERR_OP_FAILED, message);
-  return -1;
-}
-
 // Gives the data locks behind the first `keep` back.
 void unlock_behind(ds_db_locks_t *locks, size_t keep)
 {
@@ -186,37 +173,6 @@ int ds_is_configured(int target)
   if (target == ENUM_DATASTORE_RUNNING && context_get_option("OPT-broker-publish") != nullptr) {
     log_error("Configuration is publishing.");
     return -1;
-  }
-  return 0;
-}
-
-int unlock_operation(int sid, int target, reply_error_ptr *ret_error)
-{
-  log_debug("Entry: session(%d) unlock the %s datastore.", sid,
-            target == ENUM_DATASTORE_RUNNING   ? "Running"
-            : target == ENUM_DATASTORE_STARTUP ? "Startup"
-                                               : "Candidate");
-  switch (ds_is_access(target, sid)) {
-  case DS_ACCESS_DENIED:
-    log_error("Target datastore is locked by another session.");
-    return refuse_unlock(ret_error, "Target datastore is locked by another session.");
-  case DS_ACCESS_FREE:
-    log_warn("Target datastore is not locked.");
-    return refuse_unlock(ret_error, "Target datastore is not locked.");
-  default:
-    break;
-  }
-  if (target == ENUM_DATASTORE_CANDIDATE && ds_set_modify_status(target, 0) != 0) {
-    log_error("failed to mark candidate as not modified.");
-    return refuse_unlock(ret_error, "Failed to mark candidate as not modified.");
-  }
-  if (ds_set_lock_state(target, 0) != 0) {
-    log_error("datastore lock synchronisation failed when unlock.");
-    return refuse_unlock(ret_error, "Datastore lock synchronisation failed when unlock.");
-  }
-  if (ds_set_lock_time(target, "") != 0) {
-    log_error("datastore locktime synchronisation failed when unlock.");
-    return refuse_unlock(ret_error, "Datastore locktime synchronisation failed when unlock.");
   }
   return 0;
 }

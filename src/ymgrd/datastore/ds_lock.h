@@ -9,14 +9,13 @@
 
 #include <libyang/libyang.h>
 
-#include "ymgrd/rpc/rpc_error.h"
 #include "ymgrd/ymgrd.h"
 
 // One for each of running, startup and candidate, kept in the context store.
 typedef struct _ds_lock {
   int sid;            // holder; 0 when free
   char locktime[512]; // seconds since the epoch, decimal; "" when free
-  int modify;         // 1: modified without lock; looked at for candidate only
+  int modify;         // 1: changes are pending that were made without the lock; of candidate only
 } ds_lock_t;
 static_assert(std::is_trivially_copyable_v<ds_lock_t>);
 
@@ -37,9 +36,6 @@ int ds_set_modify_status(int target, int is_modify);
 int ds_is_access(int target, int sid);
 // -1 when the target is running and a publication is in flight (logged), else 0.
 int ds_is_configured(int target);
-
-// Gives the lock of `target` back. `ret_error` may be null: no error record is wanted. 0 or -1.
-int unlock_operation(int sid, int target, reply_error_ptr *ret_error);
 
 typedef struct _ds_db_lock {
   int hdb;

@@ -464,8 +464,7 @@ int edit_operations(const edit_request_t &request, lyd_tree_ptr *ret_data, diffe
                     reply_error_ptr *ret_error)
 {
   if (request.config == nullptr && request.default_operation != NC_EDIT_OP_REPLACE) {
-    log_warn("edit operation input doc or doc root is NULL");
-    return 0;
+    log_warn("edit operation input doc or doc root is NULL"); // nothing will be changed
   }
   edit_job_t job;
   job.request = &request;

@@ -144,3 +144,31 @@ TEST_F(publish, a_change_whose_session_has_gone_stands_all_the_same)
   EXPECT_TRUE(support::wait_until([this] { return holds("running", "<hostname>box</hostname>"); }));
   EXPECT_EQ(dump(RUNNING_DB), dump(CANDIDATE_DB));
 }
+
+TEST_F(publish, a_copy_to_running_offers_what_differs_and_is_answered_when_it_was_taken)
+{
+  const std::string save = "<copy-config><target><startup/></target><source><running/></source></copy-config>";
+  const std::string load = "<copy-config><target><running/></target><source><startup/></source></copy-config>";
+  ASSERT_TRUE(session->ok(save));
+  ASSERT_TRUE(session->ok(load));
+  EXPECT_EQ(texts(), take_offers());
+  ASSERT_TRUE(session->ok(edit(CHANGE)));
+  ASSERT_TRUE(session->ok(COMMIT));
+  (void)take_offers();
+  std::string before = dump(RUNNING_DB);
+  answer("30 8 refuse /ex-sys:system\n");
+  EXPECT_EQ("refused by 30", session->error(load).message);
+  EXPECT_EQ(before, dump(RUNNING_DB));
+  (void)take_offers();
+  answer("30 8 wait /ex-sys:system\n");
+  ASSERT_TRUE(send(*session, load));
+  ASSERT_TRUE(support::wait_until([this] { return contains(support::read_file(dir / "offers"), "30 8"); }));
+  EXPECT_EQ((texts{"10 2 1 /ex-sys:system/user[name=\"new\"]", "10 1 0 /ex-sys:system/user[name=\"old\"]",
+                   "20 16 1 /ex-sys:system/rule[id=\"a\"]", "20 8 0 /ex-sys:system/rule[id=\"b\"]",
+                   "20 2 0 /ex-sys:system/hostname", "30 8 0 /ex-sys:system"}),
+            take_offers());
+  support::write_file(dir / "go", "");
+  EXPECT_TRUE(support::is_ok(receive(*session)));
+  EXPECT_TRUE(holds("running", "old"));
+  EXPECT_EQ(dump(RUNNING_DB), dump(STARTUP_DB));
+}
