@@ -18,8 +18,8 @@ enum class step_kind {
 
 typedef struct _conformance_step {
   step_kind kind = step_kind::request;
-  std::string session;             // "a" unless the case names another
-  std::string request;             // an operation, or the whole payload when `is_raw`
+  std::string session; // "a" unless the case names another
+  std::string request; // an operation, or the whole payload when `is_raw`
   bool is_raw = false;
   const xmlNode *expect = nullptr; // its children are compared; owned by the case's document
   int line = 0;

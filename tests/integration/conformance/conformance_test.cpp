@@ -22,6 +22,7 @@ constexpr std::pair<const char *, const char *> select_prefixes[] = {{"sys", "ur
 
 // What the cases of a suite share.
 struct device_t {
+  device_t() { daemon.options().modules.push_back({"ex-ext"}); }
   support::temp_dir dir;
   support::redis_server redis{dir.path()};
   support::daemon_process daemon{dir.path(), redis.socket_path()};
@@ -33,6 +34,20 @@ std::string print(const xmlNode *node)
 {
   const char *own = node->ns == nullptr ? "" : reinterpret_cast<const char *>(node->ns->href);
   return support::normalize(node, own, siblings::by_name);
+}
+
+// Data nodes, those of one name in the order in which they come.
+std::string print_data(const std::vector<const xmlNode *> &nodes)
+{
+  std::map<std::string, std::string> texts;
+  for (const xmlNode *node : nodes) {
+    texts[node_name(node)] += support::normalize(node, "", siblings::by_name);
+  }
+  std::string all;
+  for (const auto &[name, text] : texts) {
+    all += text;
+  }
+  return all;
 }
 
 // The children of <rpc-error> by name.
@@ -65,11 +80,11 @@ std::string selected(xmlDoc *reply, const std::string &select)
   if (found == nullptr || found->type != XPATH_NODESET) {
     return "(no path: " + select + ")";
   }
-  std::string result;
+  std::vector<const xmlNode *> nodes;
   for (int i = 0; i < xmlXPathNodeSetGetLength(found->nodesetval); i++) {
-    result += support::normalize(xmlXPathNodeSetItem(found->nodesetval, i), "", siblings::by_name);
+    nodes.push_back(xmlXPathNodeSetItem(found->nodesetval, i));
   }
-  return result;
+  return print_data(nodes);
 }
 
 bool is_good_name(const std::string &name)
@@ -166,10 +181,7 @@ void conformance::compare(const conformance_step_t &step, const std::string &rep
   const xmlNode *root = document == nullptr ? nullptr : xmlDocGetRootElement(document.get());
   std::string differences;
   if (step.kind == step_kind::datastore) {
-    std::string expected;
-    for (const xmlNode *node : child_elements(step.expect)) {
-      expected += support::normalize(node, "", siblings::by_name);
-    }
+    std::string expected = print_data(child_elements(step.expect));
     differences = selected(document.get(), attribute(step.expect, "select")) == expected ? "" : "data\n";
   } else if (root == nullptr || node_name(root) != "rpc-reply" || root->ns == nullptr ||
              std::string(BASE_NS) != reinterpret_cast<const char *>(root->ns->href)) {
