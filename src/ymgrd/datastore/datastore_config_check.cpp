@@ -1,6 +1,7 @@
 // What may stand in <config>: known elements in known places, with the attributes that belong there. Checked on the XML
 // before libyang sees it: attributes that libyang does not know it drops without a word, and an element that no module
 // knows is beyond what its parser can take in every combination.
+#include <cctype>
 #include <map>
 #include <string>
 
@@ -74,6 +75,37 @@ int attribute_fault(const xmlAttr *attr, const lysc_node *schema)
   return name != "insert" || is_place(attribute_value(attr)) ? REPLY_ERR_NULL : REPLY_ERR_BAD_ATTR;
 }
 
+bool is_integer(const lysc_node *schema)
+{
+  const lysc_type *type = reinterpret_cast<const lysc_node_leaf *>(schema)->type; // a leaf-list has it in its place
+  switch (type->basetype) {
+  case LY_TYPE_INT8:
+  case LY_TYPE_INT16:
+  case LY_TYPE_INT32:
+  case LY_TYPE_INT64:
+  case LY_TYPE_UINT8:
+  case LY_TYPE_UINT16:
+  case LY_TYPE_UINT32:
+  case LY_TYPE_UINT64:
+    return true;
+  default:
+    return false;
+  }
+}
+
+// libyang takes numbers like 08 for octal ones when it decides whether an element is data, and then refuses them.
+void drop_leading_zeros(lyxml_elem *elem)
+{
+  std::string text = lyxml_text(elem);
+  size_t first = text.find_first_not_of(" \t\r\n+-");
+  size_t last = first == std::string::npos ? first : text.find_first_not_of('0', first);
+  if (last == first || last == std::string::npos || std::isdigit(static_cast<unsigned char>(text[last])) == 0) {
+    return;
+  }
+  text.erase(first, last - first);
+  xmlNodeSetContent(elem, reinterpret_cast<const xmlChar *>(text.c_str()));
+}
+
 class config_checker {
 public:
   config_checker(const lyxml_elem *config, reply_error_ptr *ret_error) : config_(config), ret_error_(ret_error) {}
@@ -83,13 +115,15 @@ public:
   int check_children(const lyxml_elem *parent, const lysc_node *schema)
   {
     chosen_cases_t chosen;
-    for (const lyxml_elem *elem = lyxml_first_child(parent); elem != nullptr; elem = lyxml_next(elem)) {
+    for (lyxml_elem *elem = lyxml_first_child(parent); elem != nullptr; elem = lyxml_next(elem)) {
       const lysc_node *node = find_schema(elem, schema);
       if (node == nullptr || check_attributes(elem, node) != 0 || check_cases(elem, node, &chosen) != 0) {
         return -1;
       }
-      bool is_inner = node->nodetype & (LYS_CONTAINER | LYS_LIST);
-      if (is_inner && check_children(elem, node) != 0) {
+      if ((node->nodetype & (LYS_CONTAINER | LYS_LIST)) && check_children(elem, node) != 0) {
+        return -1;
+      }
+      if ((node->nodetype & (LYS_LEAF | LYS_LEAFLIST)) && check_value(elem, node) != 0) {
         return -1;
       }
     }
@@ -117,6 +151,18 @@ private:
     return 0;
   }
 
+  int check_value(lyxml_elem *elem, const lysc_node *schema)
+  {
+    if (const lyxml_elem *child = lyxml_first_child(elem); child != nullptr) {
+      (void)refuse_unknown(child, schema, find_module(child));
+      return -1;
+    }
+    if (is_integer(schema)) {
+      drop_leading_zeros(elem);
+    }
+    return 0;
+  }
+
   const lysc_node *find_schema(const lyxml_elem *elem, const lysc_node *parent)
   {
     const lys_module *module = find_module(elem);
@@ -129,9 +175,16 @@ private:
     if (node != nullptr && !(node->nodetype & (LYS_RPC | LYS_NOTIF | LYS_ACTION))) {
       return node;
     }
-    std::string where = parent == nullptr ? std::string("in the \"") + module->name + "\" module."
-                                          : std::string("as a child of \"") + parent->name + "\" node.";
-    return refuse(elem, REPLY_ERR_UNKNOWN_ELEM, std::string("Node \"") + name + "\" not found " + where);
+    return refuse_unknown(elem, parent, module);
+  }
+
+  std::nullptr_t refuse_unknown(const lyxml_elem *elem, const lysc_node *parent, const lys_module *module)
+  {
+    std::string where = parent != nullptr   ? std::string("as a child of \"") + parent->name + "\" node."
+                        : module != nullptr ? std::string("in the \"") + module->name + "\" module."
+                                            : "in any module.";
+    return refuse(elem, REPLY_ERR_UNKNOWN_ELEM,
+                  std::string("Node \"") + std::string(lyxml_name(elem)) + "\" not found " + where);
   }
 
   // Elements of one namespace mostly follow each other.
