@@ -88,11 +88,15 @@ merge_outcome_t added_after_removed(differ_node_t *a, differ_node_t *b)
 {
   if (a->node_type == CONF_NODE_LEAFLIST) {
     log_debug("leaflist node %.512s value is same as old db.", a->data_path);
-    return MERGE_DROP_BOTH;
+    if (!a->is_user_ordered) {
+      return MERGE_DROP_BOTH;
+    }
+    a->oper_type = DBDIFF_MOVE;
+    return MERGE_KEEP_FIRST;
   }
   if (a->node_type != CONF_NODE_LEAF) {
     log_debug("node %.512s,which isn't a leaf node, remove then add.", a->data_path);
-    a->oper_type = DBDIFF_CHAIN;
+    a->oper_type = a->is_user_ordered ? DBDIFF_CHAIN | DBDIFF_MOVE : DBDIFF_CHAIN;
     return MERGE_CHILDREN;
   }
   if (is_same_value(a->leaf_value_new, b->leaf_value_new)) {
@@ -119,12 +123,16 @@ merge_outcome_t chained_after_removed(differ_node_t *a, differ_node_t *)
   return MERGE_LEAVE;
 }
 
-merge_outcome_t removed_after_modified(differ_node_t *a, differ_node_t *)
+merge_outcome_t removed_after_modified(differ_node_t *a, differ_node_t *b)
 {
   log_debug("node %.512s is removed after modified.", a->data_path);
   if (change_oper_recursive(a, DBDIFF_REM) != 0) {
     log_warn("failed to change operation on DBDIFF_REM");
   }
+  // A removed node's new value is the one before all changes: adding the node again is compared with that. What it was
+  // modified to goes with B.
+  std::swap(a->leaf_value_old, a->leaf_value_new);
+  std::swap(a->leaf_value_old, b->leaf_value_old);
   return MERGE_CHILDREN;
 }
 
@@ -184,6 +192,24 @@ merge_outcome_t chained_twice(differ_node_t *a, differ_node_t *)
   return MERGE_CHILDREN;
 }
 
+merge_outcome_t moved_later(differ_node_t *, differ_node_t *)
+{
+  return MERGE_CHILDREN;
+}
+
+merge_outcome_t chained_after_moved(differ_node_t *a, differ_node_t *)
+{
+  a->oper_type = DBDIFF_CHAIN;
+  return MERGE_CHILDREN;
+}
+
+merge_outcome_t removed_after_moved(differ_node_t *a, differ_node_t *)
+{
+  a->oper_type = DBDIFF_REM;
+  return MERGE_CHILDREN;
+}
+
+// A code without its move bit, or DBDIFF_MOVE for an entry that was moved and nothing else.
 const struct {
   int earlier;
   int later;
@@ -205,19 +231,49 @@ const struct {
     {DBDIFF_CHAIN, DBDIFF_ADD, added_after_chained},
     {DBDIFF_CHAIN, DBDIFF_MOD, modified_after_chained},
     {DBDIFF_CHAIN, DBDIFF_CHAIN, chained_twice},
+    {DBDIFF_ADD, DBDIFF_MOVE, moved_later},
+    {DBDIFF_CHAIN, DBDIFF_MOVE, moved_later},
+    {DBDIFF_MOVE, DBDIFF_MOVE, moved_later},
+    {DBDIFF_MOVE, DBDIFF_CHAIN, chained_after_moved},
+    {DBDIFF_MOVE, DBDIFF_REM, removed_after_moved},
 };
+
+int rule_code(const differ_node_t *node)
+{
+  return node->oper_type == DBDIFF_MOVE ? DBDIFF_MOVE : node->oper_type & ~DBDIFF_MOVE;
+}
 
 merge_outcome_t combine_codes(differ_node_t *a, differ_node_t *b)
 {
-  int earlier = a->oper_type & ~DBDIFF_MOVE;
-  int later = b->oper_type & ~DBDIFF_MOVE;
+  int earlier = rule_code(a);
+  int later = rule_code(b);
+  int move = (a->oper_type | b->oper_type) & DBDIFF_MOVE;
   for (const auto &rule : merge_rules) {
-    if (rule.earlier == earlier && rule.later == later) {
-      return rule.combine(a, b);
+    if (rule.earlier != earlier || rule.later != later) {
+      continue;
     }
+    merge_outcome_t outcome = rule.combine(a, b);
+    if (outcome == MERGE_CHILDREN && a->oper_type != DBDIFF_REM) {
+      a->oper_type |= move;
+    }
+    return outcome;
   }
-  log_error("differ node %.512s can not be merged by operation %d and %d.", a->data_path, earlier, later);
+  log_error("differ node %.512s can not be merged by operation %d and %d.", a->data_path, earlier & ~DBDIFF_MOVE,
+            later & ~DBDIFF_MOVE);
   return MERGE_LEAVE;
+}
+
+// A node below which nothing changed in the end. True when it names no change itself.
+bool is_void_chain(differ_node_t *node, int merge_one_add)
+{
+  if (node->child != nullptr || (node->oper_type & ~DBDIFF_MOVE) != DBDIFF_CHAIN) {
+    return false;
+  }
+  if ((node->oper_type & DBDIFF_MOVE) != 0) {
+    node->oper_type = DBDIFF_MOVE;
+    return false;
+  }
+  return merge_one_add == 0;
 }
 
 // Finds nodes of one sibling list by data path. Short lists are searched as they are; long ones (one edit can touch a
@@ -337,7 +393,7 @@ int merge_recursive(differ_root_t *first, differ_root_t *second, int merge_one_a
     }
     if (outcome == MERGE_CHILDREN) {
       merge_children(a, b, merge_one_add);
-      if (a->child == nullptr && a->oper_type == DBDIFF_CHAIN && merge_one_add == 0) {
+      if (is_void_chain(a, merge_one_add)) {
         outcome = MERGE_DROP_BOTH;
       }
     }

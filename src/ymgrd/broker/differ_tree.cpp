@@ -132,11 +132,13 @@ differ_node_t *new_differ_node(const char *data_path, const char *schema_path, E
     config = db_node;
     db_node = nullptr;
   }
+  bool has_schema = config != nullptr && config->schema != nullptr;
   if (intern_path(data_path, &node->data_path) != 0 || intern_path(schema_path, &node->schema_path) != 0 ||
-      (config != nullptr && config->schema != nullptr && take_values(node, config, db_node) != 0)) {
+      (has_schema && take_values(node, config, db_node) != 0)) {
     release_node(node);
     return nullptr;
   }
+  node->is_user_ordered = has_schema && lysc_is_userordered(config->schema);
   node->oper_type |= action;
   return node;
 }

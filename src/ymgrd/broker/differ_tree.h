@@ -27,6 +27,7 @@ typedef struct _conf_differ_node {
   conf_mnode_type_t node_type; // CONF_NODE_LEAF (also anyxml), CONF_NODE_LEAFLIST, or CONF_NODE_MODULE for all others
   struct _conf_differ_root *doc;
   int pub_flag;
+  bool is_user_ordered; // an entry whose place among its siblings is data: taken out and put back it has moved
   const char *leaf_value_old;
   const char *leaf_value_new;
 } differ_node_t;
@@ -69,7 +70,9 @@ int change_list_oper_recursive(differ_node_t *node, ENUM_ACTION action); // and 
 // Like strcmp, but of the plain texts when a value is stored as cipher text; -1 when either is null.
 int compare_encrypt(const char *str1, const char *str2);
 
-// Merges the later diff `second` into the earlier `first`. Nothing is left in `second`, whose record stays the
+// Merges the later diff `second` into the earlier `first`, so that it tells what both did to the data before. An entry
+// that was moved by either keeps DBDIFF_MOVE beside what else became of it; alone when nothing else is left, and not
+// when it is removed. Nothing is left in `second`, whose record stays the
 // caller's, and `first` may be left empty. A changed node that ends up with nothing changed below it goes, unless
 // `merge_one_add` is set. Always 0.
 int merge_recursive(differ_root_t *first, differ_root_t *second, int merge_one_add);

@@ -15,7 +15,7 @@ struct edit_result_t {
 };
 
 int edit_node(edit_job_t *job, const lyd_node *config, const edit_place_t &place, NC_EDIT_OP_TYPE inherited,
-              differ_list *diff, lyd_node **ret_db_node);
+              differ_list *diff);
 
 NC_EDIT_OP_TYPE own_operation(const lyd_node *config)
 {
@@ -74,30 +74,45 @@ int check_operations_below(const lyd_node *config, NC_EDIT_OP_TYPE inherited)
 // Under replace, the entries of a user-ordered list stand in the order of the document.
 class replaced_order {
 public:
-  int follow(edit_job_t *job, const edit_place_t &place, const lyd_node *config, lyd_node *entry, differ_list *diff)
+  void note(const lyd_node *config)
   {
     const lysc_node *schema = dbkey_schema_of(config);
-    if (entry == nullptr || !lysc_is_userordered(schema) || ds_has_attr_insert(config)) {
-      return 0;
+    if (!lysc_is_userordered(schema) || ds_has_attr_insert(config)) {
+      return;
     }
-    // Looked up again: what an earlier element made may have been erased since, by a node of another case.
-    const lyd_node *&previous = previous_[schema];
-    lyd_node *reference = previous == nullptr ? nullptr : find_counterpart(job, place.parent, previous);
-    previous = config;
-    edit_position_t position{reference == nullptr ? EDIT_FIRST : EDIT_AFTER, reference};
-    size_t parent_length = place.key->size();
-    dbkey_append(place.key, entry);
-    bool moved = false;
-    int result = edit_move(job, place, entry, position, &moved);
-    if (result == 0 && moved) {
-      diff->append(edit_diff(place, DBDIFF_MOVE, schema, entry, entry).release());
+    for (list_t &list : lists_) {
+      if (list.schema == schema) {
+        list.elements.push_back(config);
+        return;
+      }
     }
-    place.key->resize(parent_length);
-    return result;
+    lists_.push_back({schema, {config}});
+  }
+
+  int arrange(edit_job_t *job, const edit_place_t &place, differ_list *diff) const
+  {
+    for (const list_t &list : lists_) {
+      std::vector<lyd_node *> entries;
+      for (const lyd_node *config : list.elements) {
+        // Looked up again: what an element made may have been erased since, by a node of another case.
+        lyd_node *entry = find_counterpart(job, place.parent, config);
+        if (entry != nullptr) {
+          entries.push_back(entry);
+        }
+      }
+      if (edit_arrange(job, place, entries, diff) != 0) {
+        return -1;
+      }
+    }
+    return 0;
   }
 
 private:
-  std::unordered_map<const lysc_node *, const lyd_node *> previous_; // the element before, by list
+  struct list_t {
+    const lysc_node *schema;
+    std::vector<const lyd_node *> elements; // in the order of the document
+  };
+  std::vector<list_t> lists_; // of one parent: a few
 };
 
 int edit_children(edit_job_t *job, const lyd_node *config, const edit_place_t &place, NC_EDIT_OP_TYPE op,
@@ -105,15 +120,14 @@ int edit_children(edit_job_t *job, const lyd_node *config, const edit_place_t &p
 {
   replaced_order order;
   for (const lyd_node *child : edit_document_order(lyd_child(config))) {
-    lyd_node *db_child = nullptr;
-    if (edit_node(job, child, place, op, diff, &db_child) != 0) {
+    if (edit_node(job, child, place, op, diff) != 0) {
       return -1;
     }
-    if (op == NC_EDIT_OP_REPLACE && order.follow(job, place, child, db_child, diff) != 0) {
-      return -1;
+    if (op == NC_EDIT_OP_REPLACE) {
+      order.note(child);
     }
   }
-  return 0;
+  return order.arrange(job, place, diff);
 }
 
 // A leaf with another value is the same leaf, another entry is another node.
@@ -172,13 +186,17 @@ int edit_below(edit_job_t *job, const lyd_node *config, lyd_node *db_node, std::
 int edit_create_node(edit_job_t *job, const lyd_node *config, const edit_place_t &place, NC_EDIT_OP_TYPE op,
                      edit_result_t *result)
 {
-  result->db_node = edit_insert(job, place, config);
+  bool moved = false;
+  result->db_node = edit_insert(job, place, config, &moved);
   if (result->db_node == nullptr) {
     return -1;
   }
   result->diff = edit_diff(place, DBDIFF_ADD, config->schema, config, nullptr);
   if (result->diff == nullptr) {
     return -1;
+  }
+  if (moved) {
+    result->diff->oper_type |= DBDIFF_MOVE;
   }
   if (!is_inner(config->schema)) {
     return 0;
@@ -309,7 +327,7 @@ typedef int (*edit_operation_fn)(edit_job_t *job, const lyd_node *config, const 
 const edit_operation_fn edit_operation_table[] = {edit_none, edit_merge, edit_replace, edit_create};
 
 int edit_keeping_operation(edit_job_t *job, const lyd_node *config, const edit_place_t &place, NC_EDIT_OP_TYPE op,
-                           lyd_node *db_node, differ_list *diff, lyd_node **ret_db_node)
+                           lyd_node *db_node, differ_list *diff)
 {
   edit_result_t result;
   result.db_node = db_node;
@@ -318,13 +336,12 @@ int edit_keeping_operation(edit_job_t *job, const lyd_node *config, const edit_p
     return -1;
   }
   diff->append(result.diff.release());
-  *ret_db_node = result.db_node;
   return 0;
 }
 
 // One config subtree. The place's key is the parent's, before and after; what changed is appended to `diff`.
 int edit_node(edit_job_t *job, const lyd_node *config, const edit_place_t &place, NC_EDIT_OP_TYPE inherited,
-              differ_list *diff, lyd_node **ret_db_node)
+              differ_list *diff)
 {
   const lysc_node *schema = dbkey_schema_of(config);
   NC_EDIT_OP_TYPE op;
@@ -352,7 +369,7 @@ int edit_node(edit_job_t *job, const lyd_node *config, const edit_place_t &place
   } else if (op == NC_EDIT_OP_REMOVE) {
     result = edit_remove(job, config, place, op, db_node, diff);
   } else {
-    result = edit_keeping_operation(job, config, place, op, db_node, diff, ret_db_node);
+    result = edit_keeping_operation(job, config, place, op, db_node, diff);
   }
   place.key->resize(parent_length);
   return result;
@@ -368,17 +385,16 @@ int edit_top_nodes(edit_job_t *job, differ_list *diff)
   }
   replaced_order order;
   for (const lyd_node *config : edit_document_order(job->request->config)) {
-    lyd_node *db_node = nullptr;
-    if (edit_node(job, config, place, inherited, diff, &db_node) != 0) {
+    if (edit_node(job, config, place, inherited, diff) != 0) {
       log_error("edit operatorn recursively fail on node %.512s/%.512s", dbkey_segment(config).c_str(),
                 dbkey_schema_of(config)->name);
       return -1;
     }
-    if (inherited == NC_EDIT_OP_REPLACE && order.follow(job, place, config, db_node, diff) != 0) {
-      return -1;
+    if (inherited == NC_EDIT_OP_REPLACE) {
+      order.note(config);
     }
   }
-  return 0;
+  return order.arrange(job, place, diff);
 }
 
 } // namespace
@@ -464,7 +480,10 @@ int edit_operations(const edit_request_t &request, lyd_tree_ptr *ret_data, diffe
                     reply_error_ptr *ret_error)
 {
   if (request.config == nullptr && request.default_operation != NC_EDIT_OP_REPLACE) {
-    log_warn("edit operation input doc or doc root is NULL"); // nothing will be changed
+    log_warn("edit operation input doc or doc root is NULL");
+    *ret_tree = nullptr;
+    *ret_written = false;
+    return ds_take_data(request.hdb, request.tflag, request.path, ret_data);
   }
   edit_job_t job;
   job.request = &request;

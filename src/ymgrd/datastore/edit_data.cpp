@@ -82,13 +82,14 @@ void differ_list::append(differ_node_t *node)
   }
   differ_node_t *earlier = find(node->data_path);
   if (earlier == nullptr) {
-    link(node);
+    link(node, last_);
     return;
   }
+  differ_node_t *before = earlier->prev;
   unlink(earlier);
   differ_tree_merge(&earlier, &node, 0);
   if (earlier != nullptr) {
-    link(earlier);
+    link(earlier, before); // new entries stand in the order of their making
   }
 }
 
@@ -106,14 +107,20 @@ differ_node_t *differ_list::find(const char *data_path)
   return nullptr;
 }
 
-void differ_list::link(differ_node_t *node)
+void differ_list::link(differ_node_t *node, differ_node_t *before)
 {
-  if (first_ == nullptr) {
-    first_ = node;
+  if (before != nullptr) {
+    differ_node_add_sibling(first_, before, node);
   } else {
-    differ_node_add_sibling(first_, last_, node);
+    node->next = first_;
+    if (first_ != nullptr) {
+      first_->prev = node;
+    }
+    first_ = node;
   }
-  last_ = node;
+  if (last_ == before) {
+    last_ = node;
+  }
   count_++;
   if (count_ == SHORT_DIFFER_LIST + 1) {
     for (differ_node_t *each = first_; each != nullptr; each = each->next) {
@@ -198,7 +205,7 @@ int edit_write(edit_job_t *job, const edit_place_t &place, const lyd_node *node,
   return result == 0 ? 0 : -1;
 }
 
-lyd_node *edit_insert(edit_job_t *job, const edit_place_t &place, const lyd_node *config)
+lyd_node *edit_insert(edit_job_t *job, const edit_place_t &place, const lyd_node *config, bool *ret_moved)
 {
   lyd_node *copy = nullptr;
   // A list entry's keys are copied with it.
@@ -219,8 +226,7 @@ lyd_node *edit_insert(edit_job_t *job, const edit_place_t &place, const lyd_node
   if (edit_write(job, place, copy, nullptr, 0) != 0) {
     return nullptr;
   }
-  bool moved = false;
-  if (position.where != EDIT_KEEP && edit_move(job, place, copy, position, &moved) != 0) {
+  if (position.where != EDIT_KEEP && edit_move(job, place, copy, position, ret_moved) != 0) {
     return nullptr;
   }
   return copy;

@@ -25,7 +25,7 @@ public:
 
 private:
   differ_node_t *find(const char *data_path);
-  void link(differ_node_t *node);
+  void link(differ_node_t *node, differ_node_t *before); // null: as the first
   void unlink(differ_node_t *node);
 
   differ_node_t *first_ = nullptr;
@@ -65,8 +65,9 @@ int edit_fail(edit_job_t *job, int kind, const lyd_node *config);
 std::vector<const lyd_node *> edit_document_order(const lyd_node *first);
 
 // --- edit_data.cpp: one node in the data tree, in the database and in the diff.
-// Puts a copy of `config` (a list entry with its keys) below the place's parent and writes it. Null on failure.
-lyd_node *edit_insert(edit_job_t *job, const edit_place_t &place, const lyd_node *config);
+// Puts a copy of `config` (a list entry with its keys) below the place's parent and writes it. A new entry stands last;
+// `*ret_moved` becomes true when an insert attribute put it elsewhere. Null on failure.
+lyd_node *edit_insert(edit_job_t *job, const edit_place_t &place, const lyd_node *config, bool *ret_moved);
 // A leaf made from its schema default. Null on failure.
 lyd_node *edit_insert_default(edit_job_t *job, const edit_place_t &place, const lysc_node *schema);
 int edit_change_value(edit_job_t *job, const edit_place_t &place, lyd_node *db_node, const lyd_node *config);
@@ -102,3 +103,6 @@ bool ds_has_attr_insert(const lyd_node *config);
 // Puts the entry there in the data tree and in the database; `*ret_moved` tells whether it had to move.
 int edit_move(edit_job_t *job, const edit_place_t &place, lyd_node *entry, const edit_position_t &position,
               bool *ret_moved);
+// Moves as few of the entries `wanted` as it takes for them to stand in that order (of one named twice, the last time
+// counts). All are of one list below the place's parent, whose key is in the place.
+int edit_arrange(edit_job_t *job, const edit_place_t &place, const std::vector<lyd_node *> &wanted, differ_list *diff);

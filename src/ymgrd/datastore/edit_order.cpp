@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
@@ -78,6 +80,89 @@ int move_next_to(edit_job_t *job, const edit_place_t &place, lyd_node *entry, ly
   return 0;
 }
 
+bool stand_in_order(lyd_node *first, const std::vector<lyd_node *> &wanted)
+{
+  const lyd_node *entry = first;
+  for (const lyd_node *next : wanted) {
+    while (entry != next) {
+      entry = entry->next;
+      if (entry == nullptr || entry->schema != next->schema) {
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+// Of an entry that is named twice the last time counts.
+std::vector<lyd_node *> without_repetitions(const std::vector<lyd_node *> &wanted)
+{
+  std::unordered_map<const lyd_node *, size_t> last_mention;
+  for (size_t i = 0; i < wanted.size(); i++) {
+    last_mention[wanted[i]] = i;
+  }
+  std::vector<lyd_node *> once;
+  for (size_t i = 0; i < wanted.size(); i++) {
+    if (last_mention[wanted[i]] == i) {
+      once.push_back(wanted[i]);
+    }
+  }
+  return once;
+}
+
+std::vector<size_t> positions_of(const std::vector<lyd_node *> &wanted, const lyd_node *first)
+{
+  std::unordered_map<const lyd_node *, size_t> by_entry;
+  for (const lyd_node *entry = first; entry != nullptr && entry->schema == first->schema; entry = entry->next) {
+    by_entry.emplace(entry, by_entry.size());
+  }
+  std::vector<size_t> positions;
+  for (const lyd_node *entry : wanted) {
+    positions.push_back(by_entry[entry]);
+  }
+  return positions;
+}
+
+// Marks a longest rising subsequence: what may stay when everything else moves.
+std::vector<bool> longest_rising(const std::vector<size_t> &numbers)
+{
+  constexpr size_t NONE = SIZE_MAX;
+  std::vector<size_t> ends; // by length: index of the smallest number that ends a rising subsequence of that length
+  std::vector<size_t> before(numbers.size(), NONE);
+  for (size_t i = 0; i < numbers.size(); i++) {
+    auto end = std::lower_bound(ends.begin(), ends.end(), numbers[i],
+                                [&numbers](size_t index, size_t number) { return numbers[index] < number; });
+    before[i] = end == ends.begin() ? NONE : *(end - 1);
+    if (end == ends.end()) {
+      ends.push_back(i);
+    } else {
+      *end = i;
+    }
+  }
+  std::vector<bool> is_in(numbers.size(), false);
+  for (size_t i = ends.empty() ? NONE : ends.back(); i != NONE; i = before[i]) {
+    is_in[i] = true;
+  }
+  return is_in;
+}
+
+// The place is the parent's.
+int move_behind(edit_job_t *job, const edit_place_t &place, lyd_node *entry, lyd_node *previous, differ_list *diff)
+{
+  size_t parent_length = place.key->size();
+  dbkey_append(place.key, entry);
+  edit_position_t position{previous == nullptr ? EDIT_FIRST : EDIT_AFTER, previous};
+  bool moved = false;
+  int result = edit_move(job, place, entry, position, &moved);
+  if (result == 0 && moved) {
+    differ_ptr made = edit_diff(place, DBDIFF_MOVE, entry->schema, entry, entry);
+    result = made == nullptr ? -1 : 0;
+    diff->append(made.release());
+  }
+  place.key->resize(parent_length);
+  return result;
+}
+
 } // namespace
 
 bool ds_has_attr_insert(const lyd_node *config)
@@ -124,4 +209,25 @@ int edit_move(edit_job_t *job, const edit_place_t &place, lyd_node *entry, const
   bool stands_there = reference == entry || (after ? reference->next == entry : entry->next == reference);
   *ret_moved = !stands_there;
   return stands_there ? 0 : move_next_to(job, place, entry, reference, after);
+}
+
+int edit_arrange(edit_job_t *job, const edit_place_t &place, const std::vector<lyd_node *> &wanted, differ_list *diff)
+{
+  if (wanted.empty()) {
+    return 0;
+  }
+  lyd_node *first = edit_find_schema(job, place.parent, wanted.front()->schema);
+  if (stand_in_order(first, wanted)) {
+    return 0;
+  }
+  std::vector<lyd_node *> entries = without_repetitions(wanted);
+  std::vector<bool> stays = longest_rising(positions_of(entries, first));
+  lyd_node *previous = nullptr;
+  for (size_t i = 0; i < entries.size(); i++) {
+    if (!stays[i] && move_behind(job, place, entries[i], previous, diff) != 0) {
+      return -1;
+    }
+    previous = entries[i];
+  }
+  return 0;
 }

@@ -61,12 +61,19 @@ TEST_F(commit, edits_that_cancel_each_other_leave_nothing_to_commit)
   EXPECT_FALSE(holds("running", "hall"));
 }
 
-TEST_F(commit, running_is_what_redis_holds_when_an_edit_cancels_itself_but_for_the_order_of_entries)
+TEST_F(commit, entries_taken_out_and_put_back_reach_running_at_their_new_place)
 {
   ASSERT_TRUE(session->ok(edit("<dns>10.0.0.1</dns><dns>10.0.0.2</dns>")));
   ASSERT_TRUE(session->ok(COMMIT));
   ASSERT_TRUE(session->ok(edit("<dns nc:operation=\"delete\">10.0.0.1</dns><dns>10.0.0.1</dns>")));
   EXPECT_TRUE(holds("running", "<dns>10.0.0.1</dns><dns>10.0.0.2</dns>"));
+  ASSERT_TRUE(session->ok(COMMIT));
+  EXPECT_TRUE(holds("running", "<dns>10.0.0.2</dns><dns>10.0.0.1</dns>"));
+  ASSERT_TRUE(session->ok(edit("<dns nc:operation=\"delete\">10.0.0.2</dns>")));
+  ASSERT_TRUE(session->ok(edit("<dns>10.0.0.2</dns>")));
+  ASSERT_TRUE(session->ok(COMMIT));
+  EXPECT_TRUE(holds("running", "<dns>10.0.0.1</dns><dns>10.0.0.2</dns>"));
+  EXPECT_EQ(dump(RUNNING_DB), dump(CANDIDATE_DB));
 }
 
 TEST_F(commit, sessions_share_candidate_and_see_each_others_commits)

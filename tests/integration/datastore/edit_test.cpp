@@ -163,6 +163,15 @@ TEST_F(edit_config, choosing_a_case_removes_the_other)
   EXPECT_TRUE(holds("candidate", "drift"));
 }
 
+TEST_F(edit_config, without_content_changes_nothing)
+{
+  ASSERT_TRUE(session->ok(edit("<hostname>box</hostname>")));
+  ASSERT_TRUE(session->ok(COMMIT));
+  ASSERT_TRUE(session->ok(support::edit_config("candidate", "")));
+  EXPECT_TRUE(holds("candidate", "<hostname>box</hostname>"));
+  EXPECT_TRUE(holds("running", "<hostname>box</hostname>"));
+}
+
 TEST_F(edit_config, user_ordered_entries_stand_where_they_were_put)
 {
   auto order = [this](const char *list) {

@@ -127,7 +127,11 @@ TEST_F(differ_tree, codes_of_one_leaf_combine_row_by_row)
   EXPECT_EQ(nothing, merged(leaf("1", 2), leaf("1", 1)));
   EXPECT_EQ((node_texts{"/m:c/v (4) 1>2"}), merged(leaf("1", 2), leaf("2", 1)));
   EXPECT_EQ((node_texts{"/m:c/v (2) >1"}), merged(leaf("1", 2), leaf("2", 4, "1")));
-  EXPECT_EQ((node_texts{"/m:c/v (2) 1>2"}), merged(leaf("2", 4, "1"), leaf("2", 2)));
+  EXPECT_EQ((node_texts{"/m:c/v (2) >1"}), merged(leaf("2", 4, "1"), leaf("2", 2)));
+  differ_node_t *changed_and_removed = leaf("2", 4, "1");
+  differ_node_t *removal = leaf("2", 2);
+  differ_tree_merge(&changed_and_removed, &removal, 0);
+  EXPECT_EQ((node_texts{"/m:c/v (4) 1>2"}), merged(changed_and_removed, leaf("2", 1)));
   EXPECT_EQ((node_texts{"/m:c/v (4) 1>2"}), merged(leaf("2", 4, "1"), leaf("3", 1)));
   EXPECT_EQ((node_texts{"/m:c/v (4) 1>3"}), merged(leaf("2", 4, "1"), leaf("3", 4, "2")));
   EXPECT_EQ(nothing, merged(leaf("2", 4, "1"), leaf("1", 4, "2")));
@@ -150,6 +154,38 @@ TEST_F(differ_tree, codes_of_one_container_combine_row_by_row)
   EXPECT_EQ(nothing, merged(inner(8, 1), inner(8, 2)));
   EXPECT_EQ((node_texts{"/m:c (8)"}), merged(inner(8, 1), inner(8, 2), 1));
   EXPECT_EQ((node_texts{"/m:c (1)"}), merged(node("/m:c", 1), node("/m:c", 4)));
+}
+
+TEST_F(differ_tree, move_of_an_entry_is_kept_beside_what_else_became_of_it)
+{
+  auto entry = [](int code, int child_code = 0) {
+    differ_node_t *made = node("/m:c/l[k=\"1\"]", code);
+    if (child_code != 0) {
+      differ_node_add_child(made, nullptr, node("/m:c/l[k=\"1\"]/x", child_code));
+    }
+    made->is_user_ordered = true;
+    return made;
+  };
+  auto code_of = [](differ_node_t *first, differ_node_t *second, int merge_one_add = 0) {
+    differ_tree_merge(&first, &second, merge_one_add);
+    int code = first == nullptr ? 0 : first->oper_type;
+    free_differ_tree(first);
+    return code;
+  };
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(1 | 16, code_of(entry(1), entry(16)));
+  EXPECT_EQ(1 | 16, code_of(entry(1 | 16), entry(8, 1)));
+  EXPECT_EQ(0, code_of(entry(1 | 16), entry(2)));
+  EXPECT_EQ(8 | 16, code_of(entry(8, 1), entry(16)));
+  EXPECT_EQ(8 | 16, code_of(entry(16), entry(8, 1)));
+  EXPECT_EQ(2, code_of(entry(16), entry(2)));
+  EXPECT_EQ(2, code_of(entry(8 | 16, 2), entry(2)));
+  EXPECT_EQ(16, code_of(entry(16), entry(16)));
+  EXPECT_EQ(16, code_of(entry(8 | 16, 1), entry(8, 2)));
+  EXPECT_EQ(16, code_of(entry(8, 1), entry(8 | 16, 2), 1));
+  EXPECT_EQ(16, code_of(entry(2), entry(1)));
+  EXPECT_EQ(8 | 16, code_of(entry(2, 2), entry(1)));
+  EXPECT_EQ("", testing::internal::GetCapturedStderr());
 }
 
 TEST_F(differ_tree, value_taken_back_at_a_new_place_marks_the_node_behind_as_moved)
