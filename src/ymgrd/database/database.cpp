@@ -152,7 +152,13 @@ int database_move(int hdb, const char *path, const char *coords, int offset)
 
 int database_get(int hdb, int tflag, const char *path, int deepth, char **result)
 {
-  return hdb > 0 && is_ready() ? g_db_drv->get(hdb, tflag, path, deepth, result) : -1;
+  if (hdb <= 0 || !is_ready()) {
+    return -1;
+  }
+  if (!db_drv_is_builtin(g_db_drv.get())) {
+    tflag &= ~DB_TFLAG_ABSENT_OK; // no part of the drivers' interface
+  }
+  return g_db_drv->get(hdb, tflag, path, deepth, result);
 }
 
 int database_list(int hdb, int tflag, const char *path, char **result)
@@ -197,6 +203,27 @@ uint64_t database_foreign_writes()
   static uint64_t unwatched = 0;
   // Nothing is known of an external driver's storage.
   return is_ready() && db_drv_is_builtin(g_db_drv.get()) ? db_foreign_writes() : ++unwatched;
+}
+
+bool database_differing_modules(int target, int source, std::set<std::string, std::less<>> *ret_modules)
+{
+  if (!is_ready() || !db_drv_is_builtin(g_db_drv.get())) {
+    return false;
+  }
+  (void)db_foreign_writes(); // before what is known of the differences is used
+  const db_key_set *keys = db_differences(target, source);
+  if (keys == nullptr) {
+    return false;
+  }
+  std::set<std::string, std::less<>> modules;
+  for (const std::string &key : *keys) {
+    std::string_view module = belong_module(key); // none for "/", which changes with its modules' keys only
+    if (!module.empty() && !modules.contains(module.substr(1))) {
+      modules.emplace(module.substr(1));
+    }
+  }
+  *ret_modules = std::move(modules);
+  return true;
 }
 
 int database_lock(int hdb, int type, const char *path)

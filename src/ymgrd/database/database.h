@@ -7,6 +7,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <set>
+#include <string>
 
 #include "ymgrd/ymgrd.h"
 
@@ -15,10 +18,11 @@ typedef enum _db_data_type { DB_DATA_NULL = 0, DB_DATA_TREE = 1, DB_DATA_NODE = 
 
 // What a read looks at; a bit set.
 enum {
-  DB_TFLAG_TRANS = 1,   // the transaction's new data; an error when the handle has no transaction running
-  DB_TFLAG_NOTRANS = 2, // no transaction is needed, even with the bit above
-  DB_TFLAG_DECRYPT = 4, // sensitive values in clear
-  DB_TFLAG_BACKUP = 8,  // the data as it was before the transaction
+  DB_TFLAG_TRANS = 1,      // the transaction's new data; an error when the handle has no transaction running
+  DB_TFLAG_NOTRANS = 2,    // no transaction is needed, even with the bit above
+  DB_TFLAG_DECRYPT = 4,    // sensitive values in clear
+  DB_TFLAG_BACKUP = 8,     // the data as it was before the transaction
+  DB_TFLAG_ABSENT_OK = 16, // the caller asks whether there is something: nothing is logged when there is not
 };
 
 constexpr int DB_DEPTH_ALL = -1;
@@ -61,6 +65,9 @@ int database_index(int hdb, int tflag, const char *path);               // 0-bas
 // Grows whenever another process may have written to a datastore: what was read at an earlier count is void then. One
 // small round trip.
 uint64_t database_foreign_writes();
+
+// The modules in which two datastores (logical numbers) may differ. False when that is not known.
+bool database_differing_modules(int target, int source, std::set<std::string, std::less<>> *ret_modules);
 
 // Transactions: what is written after the start is undone by discard. 0 or failure. A commit that fails leaves the
 // transaction open, to be discarded; closing the handle discards it too. A transaction during which the server was

@@ -428,24 +428,27 @@ int db_get_key_node(db_view *view, tree_reader *reader, const std::string &entry
 {
   std::string list_key;
   std::string predicate;
-  db_lookup_t entry;
   *ret_found = false;
   if (entry_key.empty() || entry_key.back() != ']' || path2key_value(entry_key.c_str(), &list_key, &predicate) != 0) {
     return 0;
   }
-  if (look_up(view, list_key, predicate, &entry) != 0) {
-    return -1;
-  }
   std::string_view rest = predicate;
   std::string_view key_name;
   std::string value;
-  while (entry.found && db_next_predicate_pair(&rest, &key_name, &value)) {
-    if (key_name == name) {
-      wiped_string text;
-      *ret_found = true;
-      return reader->writer()->db_new_node(entry_key, name, value, &text, nullptr) == 0 ? reader->out()->append(text)
-                                                                                        : -1;
+  while (db_next_predicate_pair(&rest, &key_name, &value)) {
+    if (key_name != name) {
+      continue;
     }
+    db_lookup_t entry;
+    if (look_up(view, list_key, predicate, &entry) != 0) {
+      return -1;
+    }
+    *ret_found = entry.found;
+    wiped_string text;
+    return !entry.found || (reader->writer()->db_new_node(entry_key, name, value, &text, nullptr) == 0 &&
+                            reader->out()->append(text) == 0)
+               ? 0
+               : -1;
   }
   return 0;
 }
@@ -486,8 +489,23 @@ int read_entry(tree_reader *reader, const std::string &list_key, const std::stri
                       : reader->read_element(opening, name, PIECE_HASH, list_key + "[" + predicate + "]", depth - 1);
 }
 
+// Whether a list entry has something stored below it: it is there then, and its list, which may be long, need not be
+// searched. 0 or -1.
+int has_content(db_view *view, std::string_view list_key, std::string_view predicate, bool *ret_has)
+{
+  std::string entry_key;
+  entry_key.append(list_key).append("[").append(predicate).append("]");
+  bool has = false;
+  view->add({"EXISTS", entry_key});
+  int sent = view->run([&has](size_t, const redisReply *reply) { has = reply->integer == 1; });
+  *ret_has = has;
+  return sent;
+}
+
+typedef enum _when_absent { LOG_ABSENT, ABSENT_IS_FINE } when_absent_t;
+
 // Nothing is appended when there is no such node.
-int db_get_tree(db_view *view, tree_reader *reader, std::string_view path, int depth)
+int db_get_tree(db_view *view, tree_reader *reader, std::string_view path, int depth, when_absent_t when_absent)
 {
   if (path.find_first_of("/:", 1) == std::string_view::npos) { // a module
     return reader->read_hashes({std::string(path)}, depth);
@@ -503,11 +521,21 @@ int db_get_tree(db_view *view, tree_reader *reader, std::string_view path, int d
     log_error("Transform datapath(%.512s) into key-value failed.", formatted.c_str());
     return -1;
   }
+  bool is_there = false;
+  if (db_get_type(formatted) == DB_NODE_LIST && has_content(view, key, item, &is_there) != 0) {
+    return -1;
+  }
+  if (is_there) {
+    return read_entry(reader, key, item, depth);
+  }
   db_lookup_t node;
   if (look_up(view, key, item, &node) != 0) {
     return -1;
   }
   if (node.type == DB_KEY_LIST) {
+    if (!node.found && when_absent == ABSENT_IS_FINE) {
+      return 0;
+    }
     if (!node.found) {
       log_warn("Invalid value(%.512s) in key(%.512s).", item.c_str(), key.c_str());
       return 0;
@@ -521,10 +549,13 @@ int db_get_tree(db_view *view, tree_reader *reader, std::string_view path, int d
   if (db_get_key_node(view, reader, key, item, &found) != 0) {
     return -1;
   }
-  if (!found && node.type == DB_KEY_HASH) {
+  if (found || when_absent == ABSENT_IS_FINE) {
+    return 0;
+  }
+  if (node.type == DB_KEY_HASH) {
     log_error("Value is NULL for key:field(%.512s:%.512s)  from path(%.512s).", key.c_str(), item.c_str(),
               formatted.c_str());
-  } else if (!found) {
+  } else {
     log_warn("Invalid field(%.512s) of key(%.512s).", item.c_str(), key.c_str());
   }
   return 0;
@@ -564,6 +595,7 @@ int db_get_items(int hdb, int tflag, const char *path, int depth, char **result)
   result_text text;
   tree_reader reader(&view, (tflag & DB_TFLAG_DECRYPT) != 0, &text);
   int levels = depth == DB_DEPTH_ALL ? MAX_DEPTH : depth;
+  when_absent_t when_absent = (tflag & DB_TFLAG_ABSENT_OK) != 0 ? ABSENT_IS_FINE : LOG_ABSENT;
   if (view.open() != 0) {
     return -1;
   }
@@ -572,7 +604,7 @@ int db_get_items(int hdb, int tflag, const char *path, int depth, char **result)
       log_error("Failed to get entire data of all modules.");
       return -1;
     }
-  } else if (db_get_tree(&view, &reader, path, levels) != 0) {
+  } else if (db_get_tree(&view, &reader, path, levels, when_absent) != 0) {
     log_error("Failed to get data from path(%.512s).", path);
     return -1;
   }

@@ -16,6 +16,7 @@ namespace {
 
 const oper_registration_t operations[] = {
     {"ietf-netconf:edit-config", ds_edit_config},
+    {"ietf-netconf:get", ds_get},
     {"ietf-netconf:get-config", ds_get_config},
     {"ietf-netconf:delete-config", ds_delete_config},
     {"ietf-netconf:copy-config", ds_copy_config},
@@ -146,6 +147,7 @@ void datastore_exit()
 {
   ds_drop_differ_nodes();
   ds_lock_uninit();
+  ds_get_forget();
 }
 
 int datastore_parse_rpc(const char *, lyxml_elem *rpc)
@@ -156,10 +158,4 @@ int datastore_parse_rpc(const char *, lyxml_elem *rpc)
     }
   }
   return 0;
-}
-
-int ds_get_callback()
-{
-  log_error("Failed to get current datastore context for get-operation.");
-  return -1;
 }

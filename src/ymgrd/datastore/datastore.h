@@ -14,7 +14,8 @@ int datastore_reg_operation(); // 0 or -1
 
 // The end of a publication, reported by the broker: commits or discards the change and answers the session. 0 or -1.
 int datastore_publish_callback(int is_rollback, reply_error_ptr errors);
-// The end of a status subscription, reported by the broker.
+// The end of a status subscription, reported by the broker: asks for the next path of the get in progress, or answers
+// it. 0 or -1.
 int ds_get_callback();
 
 // Checks the input of a user-defined RPC against its schema, with references into running. 0 or -1.

@@ -10,6 +10,7 @@
 #include "ymgrd/broker/differ_tree.h"
 #include "ymgrd/core/handles.h"
 #include "ymgrd/datastore/dbkey.h"
+#include "ymgrd/datastore/ds_filter.h"
 #include "ymgrd/datastore/ds_lock.h"
 #include "ymgrd/rpc/lyxml.h"
 #include "ymgrd/rpc/rpc_error.h"
@@ -177,8 +178,23 @@ public:
 // An error reply with a message; logs the failure of building or sending. Always -1.
 int ds_refuse(int sid, const lyxml_elem *rpc, int kind, const std::string &message);
 
+// --- get and get-config.
+
+// The request's filter, through ds_filter_spec; null when it has none. `oper` is the operation's name. 0, or -1 when an
+// error was sent.
+int ds_take_filter(int sid, const lyxml_elem *rpc, const char *oper, std::unique_ptr<nc_filter_t> *ret_filter);
+// Opens the datastore in `*ret_db` and locks for reading what the filter names (null: everything). 0 or -1 (logged).
+int ds_glock_transact_start(int ds, const nc_filter_t *filter, ds_session_db *ret_db);
+// Appends what the filter (null: none) selects of the datastore, open as `hdb`. 0 or -1.
+int ds_get_query_result(int hdb, int ds, const nc_filter_t *filter, wiped_string *ret_text);
+// The <data> reply. 0 or -1.
+int ds_get_send_reply(int sid, const lyxml_elem *rpc, std::string_view text);
+// At the end of the process: frees the get in progress.
+void ds_get_forget();
+
 // --- Operation handlers.
 int ds_edit_config(int sid, const char *data, lyxml_elem *rpc);
+int ds_get(int sid, const char *data, lyxml_elem *rpc);
 int ds_get_config(int sid, const char *data, lyxml_elem *rpc);
 int ds_delete_config(int sid, const char *data, lyxml_elem *rpc);
 int ds_copy_config(int sid, const char *data, lyxml_elem *rpc);

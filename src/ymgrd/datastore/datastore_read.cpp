@@ -1,12 +1,123 @@
-// get-config (RFC 6241, section 7.1).
+// get-config (RFC 6241, section 7.1), and what get shares with it.
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
-#include "ymgrd/datastore/ds_kept.h"
-#include "ymgrd/datastore/ds_print.h"
+#include "ymgrd/datastore/ds_filter_plan.h"
+#include "ymgrd/datastore/ds_read.h"
 #include "ymgrd/rpc/rpc_reply.h"
 
 namespace {
+
+int lock_path(ds_session_db *db, const char *path)
+{
+  int lock_id = database_lock(db->hdb(), DB_LOCK_READ, path);
+  if (lock_id <= 0) {
+    log_error("Failed to get top datapath(%.512s)", path);
+    return -1;
+  }
+  db->locks()->push_back({db->hdb(), lock_id});
+  return 0;
+}
+
+int refuse_config_read(int sid, const lyxml_elem *rpc, int kind, const char *message)
+{
+  log_error("%s", message);
+  return ds_refuse(sid, rpc, kind, message);
+}
+
+int read_source(int sid, const lyxml_elem *rpc, int source, const nc_filter_t *filter)
+{
+  ds_session_db db;
+  if (ds_glock_transact_start(source, filter, &db) != 0) {
+    return refuse_config_read(sid, rpc, REPLY_ERR_OP_FAILED, "Failed to lock for get-config operation.");
+  }
+  wiped_string text;
+  if (ds_get_query_result(db.hdb(), source, filter, &text) != 0) {
+    return refuse_config_read(sid, rpc, REPLY_ERR_OP_NOT_SUPPORTED, "Failed to get entire set of data.");
+  }
+  if (text.empty()) {
+    log_debug("Empty data in database(%d).", ds_to_db(source));
+  }
+  db.end();
+  if (ds_get_send_reply(sid, rpc, text) != 0) {
+    log_error("Failed to build and send reply to session(%d)", sid);
+    return -1;
+  }
+  return 0;
+}
+
+} // namespace
+
+int ds_take_filter(int sid, const lyxml_elem *rpc, const char *oper, std::unique_ptr<nc_filter_t> *ret_filter)
+{
+  std::unique_ptr<nc_filter_t> filter;
+  if (ds_get_ncfilter(lyxml_first_child(rpc), &filter) != 0) {
+    std::string message = std::string("Failed to get filter from ") + oper + " operation.";
+    return refuse_config_read(sid, rpc, REPLY_ERR_OP_FAILED, message.c_str());
+  }
+  int result = DS_FILTER_OK;
+  if (filter != nullptr) {
+    result = filter->type == NC_FILTER_SUBTREE ? ds_filter_spec(filter.get()) : DS_FILTER_UNKNOWN_NODES;
+  }
+  if (result == DS_FILTER_UNKNOWN_NODES) {
+    return refuse_config_read(sid, rpc, REPLY_ERR_OP_NOT_SUPPORTED, "unexpected filter type.");
+  }
+  if (result != DS_FILTER_OK) {
+    return refuse_config_read(sid, rpc, REPLY_ERR_OP_FAILED, "Failed to do filter to be special.");
+  }
+  *ret_filter = std::move(filter);
+  return 0;
+}
+
+int ds_glock_transact_start(int ds, const nc_filter_t *filter, ds_session_db *ret_db)
+{
+  if (ds_to_db(ds) == 0) {
+    log_error("glock transact start ds %d is error.", ds);
+    return -1;
+  }
+  if (ret_db->open(ds) != 0) {
+    log_error("Failed to open db(id = %d)", ds_to_db(ds));
+    return -1;
+  }
+  if (filter == nullptr) {
+    return ds_lock_all_data(ret_db->hdb(), DB_LOCK_READ, ret_db->locks());
+  }
+  for (const std::string &path : ds_filter_top_paths(*filter)) {
+    if (lock_path(ret_db, path.c_str()) != 0) {
+      ret_db->end();
+      return -1;
+    }
+  }
+  return 0;
+}
+
+int ds_get_query_result(int hdb, int ds, const nc_filter_t *filter, wiped_string *ret_text)
+{
+  ds_source source(hdb, ds);
+  if (filter == nullptr) {
+    return source.read_text({}, ret_text);
+  }
+  wiped_string data("<data>");
+  if (ds_filter_read(source, *filter, &data) != 0) {
+    return -1;
+  }
+  data.append("</data>");
+  lyxml_ptr read = lyxml_parse_mem(data);
+  lyxml_ptr selected;
+  if (read == nullptr || ds_xml_subtree_filter(std::move(read), *filter, &selected) != 0) {
+    return -1;
+  }
+  if (selected == nullptr) {
+    log_debug("Filter get no data.");
+    return 0;
+  }
+  for (const lyxml_elem *elem = lyxml_first_child(selected.get()); elem != nullptr; elem = lyxml_next(elem)) {
+    if (lyxml_append_mem(elem, ret_text) != 0) {
+      return -1;
+    }
+  }
+  return 0;
+}
 
 int ds_get_send_reply(int sid, const lyxml_elem *rpc, std::string_view text)
 {
@@ -22,46 +133,6 @@ int ds_get_send_reply(int sid, const lyxml_elem *rpc, std::string_view text)
   return rpc_send_data_reply(sid, reply.get(), text);
 }
 
-// Text of the kept tree, when that holds the source. False when it does not.
-bool print_kept(int source, wiped_string *text)
-{
-  bool may_hold_source =
-      source == ENUM_DATASTORE_CANDIDATE || (source == ENUM_DATASTORE_RUNNING && differ_nodes == nullptr);
-  lyd_tree_ptr data;
-  if (!may_hold_source || !ds_kept_take(&data)) {
-    return false;
-  }
-  bool printed = ds_print_xml(data.get(), text) == 0;
-  ds_kept_store(std::move(data));
-  if (!printed) {
-    text->clear(); // logged there; the database is read instead
-  }
-  return printed;
-}
-
-int send_source(int sid, const lyxml_elem *rpc, ds_session_db *db, int source)
-{
-  wiped_string kept;
-  c_string_ptr stored;
-  std::string_view text;
-  if (print_kept(source, &kept)) {
-    text = kept;
-  } else if (ds_get_xmltext(db->hdb(), 0, "/", &stored) == 0) {
-    text = stored == nullptr ? std::string_view() : stored.get();
-  } else {
-    log_error("Failed to get entire set of data.");
-    return ds_refuse(sid, rpc, REPLY_ERR_OP_NOT_SUPPORTED, "Failed to get entire set of data.");
-  }
-  db->end();
-  if (ds_get_send_reply(sid, rpc, text) != 0) {
-    log_error("Failed to build and send reply to session(%d)", sid);
-    return -1;
-  }
-  return 0;
-}
-
-} // namespace
-
 int ds_get_config(int sid, const char *, lyxml_elem *rpc)
 {
   const lyxml_elem *operation = lyxml_first_child(rpc);
@@ -74,17 +145,16 @@ int ds_get_config(int sid, const char *, lyxml_elem *rpc)
     log_error("get-config get source failed.");
     return ds_refuse(sid, rpc, REPLY_ERR_INVALID_VALUE, "invalid source or target.");
   }
-  if (lyxml_find_child(operation, "filter") != nullptr) {
-    log_error("unexpected filter type.");
-    return ds_refuse(sid, rpc, REPLY_ERR_OP_NOT_SUPPORTED, "unexpected filter type.");
+  std::unique_ptr<nc_filter_t> filter;
+  if (ds_take_filter(sid, rpc, "get-config", &filter) != 0) {
+    return -1;
   }
   if (source == ENUM_DATASTORE_CANDIDATE && differ_nodes == nullptr) {
     source = ENUM_DATASTORE_RUNNING;
   }
-  ds_session_db db;
-  if (db.open(source) != 0 || ds_lock_all_data(db.hdb(), DB_LOCK_READ, db.locks()) != 0) {
-    log_error("Failed to lock for get-config operation.");
-    return ds_refuse(sid, rpc, REPLY_ERR_OP_FAILED, "Failed to lock for get-config operation.");
+  if (filter != nullptr && nc_filter_is_empty(*filter)) {
+    log_debug("Empty filter to get-config data in database(%d).", ds_to_db(source));
+    return ds_get_send_reply(sid, rpc, {});
   }
-  return send_source(sid, rpc, &db, source);
+  return read_source(sid, rpc, source, filter.get());
 }

@@ -15,15 +15,9 @@ class tree_printer {
 public:
   explicit tree_printer(wiped_string *text) : writer_(NOT_ENCRYPTED), text_(text) {}
 
-  int print(const lyd_node *first)
+  int print(const lyd_node *node)
   {
-    for (const lyd_node *node = first; node != nullptr; node = node->next) {
-      int result = node->schema->nodetype & (LYS_CONTAINER | LYS_LIST) ? print_inner(node) : print_value(node);
-      if (result != 0) {
-        return -1;
-      }
-    }
-    return 0;
+    return node->schema->nodetype & (LYS_CONTAINER | LYS_LIST) ? print_inner(node) : print_value(node);
   }
 
 private:
@@ -51,8 +45,13 @@ private:
 
   int print_inner(const lyd_node *node)
   {
-    if (writer_.db_new_node({}, element_name(node), std::nullopt, text_, nullptr) != 0 || print(lyd_child(node)) != 0) {
+    if (writer_.db_new_node({}, element_name(node), std::nullopt, text_, nullptr) != 0) {
       return -1;
+    }
+    for (const lyd_node *child = lyd_child(node); child != nullptr; child = child->next) {
+      if (print(child) != 0) {
+        return -1;
+      }
     }
     db_add_etag(LYD_NAME(node), text_);
     return 0;
@@ -65,7 +64,7 @@ private:
 
 } // namespace
 
-int ds_print_xml(const lyd_node *first, wiped_string *text)
+int ds_print_node(const lyd_node *node, wiped_string *text)
 {
-  return tree_printer(text).print(first);
+  return tree_printer(text).print(node);
 }

@@ -5,5 +5,5 @@
 
 #include "libconf/wiped_string.h"
 
-// Appends the node `first` and its following siblings, with all below. 0 or -1.
-int ds_print_xml(const lyd_node *first, wiped_string *text);
+// Appends the node with all below. 0 or -1.
+int ds_print_node(const lyd_node *node, wiped_string *text);

@@ -16,9 +16,29 @@ const lyd_value *real_value(const lyd_node *node)
   return value;
 }
 
-// The canonical instance-identifier names the module where it changes only, which is no XML form: stored with the
-// module before every node and key.
-std::string qualify_instance_identifier(std::string_view canonical)
+std::string any_text(const lyd_node *node)
+{
+  char *text = nullptr;
+  if (lyd_any_value_str(node, &text) != LY_SUCCESS || text == nullptr) {
+    return {};
+  }
+  c_string_ptr owner(text);
+  if (reinterpret_cast<const lyd_node_any *>(node)->value_type != LYD_ANYDATA_STRING) {
+    return text; // printed as markup
+  }
+  wiped_string markup;
+  handle_special_key(&markup, text, DB_XML_ESCAPE);
+  return std::string(markup);
+}
+
+bool is_any(const lyd_node *node)
+{
+  return node->schema->nodetype & LYD_NODE_ANY;
+}
+
+} // namespace
+
+std::string ds_qualify_instance_identifier(std::string_view canonical)
 {
   std::string stored;
   std::string_view module;
@@ -45,28 +65,6 @@ std::string qualify_instance_identifier(std::string_view canonical)
   return stored;
 }
 
-std::string any_text(const lyd_node *node)
-{
-  char *text = nullptr;
-  if (lyd_any_value_str(node, &text) != LY_SUCCESS || text == nullptr) {
-    return {};
-  }
-  c_string_ptr owner(text);
-  if (reinterpret_cast<const lyd_node_any *>(node)->value_type != LYD_ANYDATA_STRING) {
-    return text; // printed as markup
-  }
-  wiped_string markup;
-  handle_special_key(&markup, text, DB_XML_ESCAPE);
-  return std::string(markup);
-}
-
-bool is_any(const lyd_node *node)
-{
-  return node->schema->nodetype & LYD_NODE_ANY;
-}
-
-} // namespace
-
 bool ds_is_stored_canonically(const lyd_node *node)
 {
   return !is_any(node) && real_value(node)->realtype->basetype != LY_TYPE_INST;
@@ -78,5 +76,5 @@ std::string ds_stored_value(const lyd_node *node)
     return any_text(node);
   }
   const char *canonical = lyd_get_value(node);
-  return ds_is_stored_canonically(node) ? canonical : qualify_instance_identifier(canonical);
+  return ds_is_stored_canonically(node) ? canonical : ds_qualify_instance_identifier(canonical);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include <libyang/libyang.h>
 
@@ -9,3 +10,6 @@
 bool ds_is_stored_canonically(const lyd_node *node);
 // The content of an anyxml or anydata node is stored as markup: text in it is escaped.
 std::string ds_stored_value(const lyd_node *node);
+// The stored form of a canonical instance-identifier: with the module before every node and key. The canonical one
+// names it where it changes only, which is no XML form.
+std::string ds_qualify_instance_identifier(std::string_view canonical);

@@ -163,14 +163,36 @@ parser_ptr make_parser(std::string_view text)
   return parser;
 }
 
+template <class T>
 int append_output(void *context, const char *bytes, int length)
 {
   try {
-    static_cast<std::string *>(context)->append(bytes, static_cast<size_t>(length));
+    static_cast<T *>(context)->append(bytes, static_cast<size_t>(length));
     return length;
   } catch (const std::bad_alloc &) {
     return -1;
   }
+}
+
+template <class T>
+int append_markup(const lyxml_elem *elem, T *text)
+{
+  xmlOutputBuffer *output = xmlOutputBufferCreateIO(append_output<T>, nullptr, text, nullptr);
+  if (output == nullptr) {
+    return -1;
+  }
+  // Printing only reads the tree, whatever the parameter type says.
+  xmlNodeDumpOutput(output, elem->doc, const_cast<lyxml_elem *>(elem), 0, 0, nullptr);
+  return xmlOutputBufferClose(output) < 0 ? -1 : 0;
+}
+
+void declare_namespaces_in_scope(lyxml_elem *elem)
+{
+  xmlNs **in_scope = xmlGetNsList(elem->doc, elem);
+  for (xmlNs **ns = in_scope; ns != nullptr && *ns != nullptr; ns++) {
+    (void)xmlNewNs(elem, (*ns)->href, (*ns)->prefix); // null when the element declares that prefix itself
+  }
+  xmlFree(in_scope);
 }
 
 } // namespace
@@ -248,6 +270,34 @@ int lyxml_set_elem_attr(lyxml_elem *elem, const char *name, const char *value)
   return xmlSetProp(elem, as_xml(name), as_xml(value)) == nullptr ? -1 : 0;
 }
 
+int lyxml_set_text(lyxml_elem *elem, std::string_view text)
+{
+  xmlNode *node =
+      xmlNewDocTextLen(elem->doc, reinterpret_cast<const xmlChar *>(text.data()), static_cast<int>(text.size()));
+  if (node == nullptr) {
+    return -1;
+  }
+  while (elem->children != nullptr) {
+    lyxml_free_elem(elem->children);
+  }
+  xmlAddChild(elem, node);
+  return 0;
+}
+
+lyxml_ptr lyxml_copy(lyxml_elem *elem)
+{
+  enum { COPY_DEEP = 1 };
+  declare_namespaces_in_scope(elem);
+  xmlDoc *doc = xmlNewDoc(as_xml("1.0"));
+  xmlNode *copy = doc == nullptr ? nullptr : xmlDocCopyNode(elem, doc, COPY_DEEP);
+  if (copy == nullptr) {
+    xmlFreeDoc(doc);
+    return nullptr;
+  }
+  xmlDocSetRootElement(doc, copy);
+  return lyxml_ptr(copy);
+}
+
 void lyxml_free_elem(lyxml_elem *elem)
 {
   if (elem != nullptr) {
@@ -259,22 +309,17 @@ void lyxml_free_elem(lyxml_elem *elem)
 std::string lyxml_print_mem(const lyxml_elem *elem)
 {
   std::string text;
-  xmlOutputBuffer *output = xmlOutputBufferCreateIO(append_output, nullptr, &text, nullptr);
-  if (output == nullptr) {
-    return {};
-  }
-  // Printing only reads the tree, whatever the parameter type says.
-  xmlNodeDumpOutput(output, elem->doc, const_cast<lyxml_elem *>(elem), 0, 0, nullptr);
-  return xmlOutputBufferClose(output) < 0 ? std::string() : text;
+  return append_markup(elem, &text) == 0 ? text : std::string();
+}
+
+int lyxml_append_mem(const lyxml_elem *elem, wiped_string *text)
+{
+  return append_markup(elem, text);
 }
 
 std::string lyxml_print_self_contained(lyxml_elem *elem)
 {
-  xmlNs **in_scope = xmlGetNsList(elem->doc, elem);
-  for (xmlNs **ns = in_scope; ns != nullptr && *ns != nullptr; ns++) {
-    (void)xmlNewNs(elem, (*ns)->href, (*ns)->prefix); // null when the element declares that prefix itself
-  }
-  xmlFree(in_scope);
+  declare_namespaces_in_scope(elem);
   return lyxml_print_mem(elem);
 }
 

@@ -8,6 +8,8 @@
 
 #include <libxml/tree.h>
 
+#include "libconf/wiped_string.h"
+
 typedef xmlNode lyxml_elem;
 
 struct lyxml_root_delete_t {
@@ -33,13 +35,20 @@ lyxml_elem *lyxml_new_elem(lyxml_elem *parent, const char *name, const char *tex
 // or -1.
 int lyxml_set_elem_ns(lyxml_elem *elem, const char *ns, const char *prefix);
 int lyxml_set_elem_attr(lyxml_elem *elem, const char *name, const char *value);
+// Replaces all that is below the element by `text`, taken as characters. 0 or -1.
+int lyxml_set_text(lyxml_elem *elem, std::string_view text);
+// A copy of the element with all below, in a document of its own, with every namespace declared that is in scope. Null
+// when memory is short.
+lyxml_ptr lyxml_copy(lyxml_elem *elem);
 // Unlinks the element from its tree and frees it with all below.
 void lyxml_free_elem(lyxml_elem *elem);
 
 // The element's markup, without declaration, as UTF-8.
 std::string lyxml_print_mem(const lyxml_elem *elem);
-// The same, with every namespace declared that is in scope: the text can be parsed on its own, prefixes in values
-// included.
+// Appends it. 0 or -1.
+int lyxml_append_mem(const lyxml_elem *elem, wiped_string *text);
+// The same as the first, with every namespace declared that is in scope: the text can be parsed on its own, prefixes in
+// values included.
 std::string lyxml_print_self_contained(lyxml_elem *elem);
 
 std::string_view lyxml_name(const lyxml_elem *elem);

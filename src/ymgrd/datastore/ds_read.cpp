@@ -1,0 +1,209 @@
+#include "ymgrd/datastore/ds_read.h"
+
+#include <utility>
+
+#include "ymgrd/core/log.h"
+#include "ymgrd/database/database.h"
+#include "ymgrd/database/database_element.h"
+#include "ymgrd/datastore/datastore_internal.h"
+#include "ymgrd/datastore/dbkey.h"
+#include "ymgrd/datastore/ds_kept.h"
+#include "ymgrd/datastore/ds_print.h"
+
+namespace {
+
+constexpr bool NOT_ENCRYPTED = false;
+constexpr int DEPTH_KEYS_ONLY = 1;
+
+// Whether the kept tree is what the datastore holds, but for `ret_stored`: modules of which the database holds more.
+bool tree_serves(int datastore, std::set<std::string, std::less<>> *ret_stored)
+{
+  switch (datastore) {
+  case ENUM_DATASTORE_CANDIDATE:
+    return true;
+  case ENUM_DATASTORE_RUNNING:
+    return differ_nodes == nullptr;
+  case ENUM_DATASTORE_STATUS:
+    return differ_nodes == nullptr && database_differing_modules(YMGRM_STATUS_DB, YMGRM_RUNNING_DB, ret_stored);
+  default:
+    return false;
+  }
+}
+
+// The names of a list's keys, in key order, which are its first children.
+std::vector<const char *> key_names(const lysc_node *list)
+{
+  std::vector<const char *> names;
+  for (const lysc_node *key = lysc_node_child(list); key != nullptr && lysc_is_key(key); key = key->next) {
+    names.push_back(key->name);
+  }
+  return names;
+}
+
+// "[k1='v1'][k2='v2']", as libyang looks entries up.
+std::string lookup_predicate(const ds_step_t &step)
+{
+  std::string predicate;
+  std::vector<const char *> names = key_names(step.schema);
+  for (size_t i = 0; i < step.keys.size(); i++) {
+    const char *quote = step.keys[i].find('\'') == std::string::npos ? "'" : "\"";
+    predicate.append("[").append(names[i]).append("=").append(quote).append(step.keys[i]).append(quote).append("]");
+  }
+  return predicate;
+}
+
+// The first node of that kind; the entry when the path ends with one. Null when there is none.
+const lyd_node *find_node(const lyd_node *tree, const ds_path_t &path)
+{
+  const lyd_node *siblings = tree;
+  lyd_node *node = nullptr;
+  for (const ds_step_t *step : path) {
+    std::string predicate = step->is_entry() ? lookup_predicate(*step) : std::string();
+    const char *entry = step->is_entry() ? predicate.c_str() : nullptr;
+    node = nullptr;
+    // Every failure is an absent node: a value that its type refuses is no entry's key.
+    if (lyd_find_sibling_val(siblings, step->schema, entry, predicate.size(), &node) != LY_SUCCESS) {
+      return nullptr;
+    }
+    siblings = lyd_child(node);
+  }
+  return node;
+}
+
+} // namespace
+
+bool ds_can_be_key(std::string_view value)
+{
+  return value.find('\'') == std::string_view::npos || value.find('"') == std::string_view::npos;
+}
+
+std::string ds_path_key(const ds_path_t &path)
+{
+  std::string key;
+  for (const ds_step_t *step : path) {
+    dbkey_append_name(&key, step->schema);
+    if (!step->is_entry()) {
+      continue;
+    }
+    std::vector<const char *> names = key_names(step->schema);
+    char separator = '[';
+    for (size_t i = 0; i < step->keys.size(); i++) {
+      key.append(1, separator).append(names[i]).append("=").append(datastore_value_add_quotes(step->keys[i]));
+      separator = ',';
+    }
+    key += ']';
+  }
+  return key;
+}
+
+int ds_append_opening(const ds_path_t &path, wiped_string *text, std::string *ret_name)
+{
+  const ds_step_t &step = *path.back();
+  const lysc_node *parent = lysc_data_parent(step.schema);
+  std::string name(step.schema->name);
+  if (parent == nullptr || parent->module != step.schema->module) {
+    name.insert(0, std::string(step.schema->module->name) + ":");
+  }
+  db_element_writer writer(NOT_ENCRYPTED);
+  if (writer.db_new_node({}, name, std::nullopt, text, ret_name) != 0) {
+    return -1;
+  }
+  std::vector<const char *> names = key_names(step.schema);
+  for (size_t i = 0; i < step.keys.size(); i++) {
+    if (writer.db_new_node({}, names[i], step.keys[i], text, nullptr) != 0) {
+      return -1;
+    }
+  }
+  return 0;
+}
+
+ds_source::ds_source(int hdb, int datastore) : hdb_(hdb)
+{
+  has_tree_ = tree_serves(datastore, &stored_modules_) && ds_kept_take(&tree_);
+}
+
+ds_source::~ds_source()
+{
+  if (has_tree_) {
+    ds_kept_store(std::move(tree_));
+  }
+}
+
+bool ds_source::is_in_tree(const ds_path_t &path) const
+{
+  return has_tree_ && !stored_modules_.contains(path.front()->schema->module->name);
+}
+
+int ds_source::read_stored(const char *path, int depth, wiped_string *text) const
+{
+  char *stored = nullptr;
+  if (database_get(hdb_, DB_TFLAG_ABSENT_OK, path, depth, &stored) != 0) {
+    return -1;
+  }
+  c_string_ptr owner(stored);
+  text->append(stored == nullptr ? "" : stored);
+  return 0;
+}
+
+int ds_source::read_all(wiped_string *text) const
+{
+  if (!has_tree_) {
+    return read_stored("/", DB_DEPTH_ALL, text);
+  }
+  for (const lyd_node *top = tree_.get(); top != nullptr; top = top->next) {
+    if (!stored_modules_.contains(top->schema->module->name) && ds_print_node(top, text) != 0) {
+      return -1;
+    }
+  }
+  for (const std::string &module : stored_modules_) {
+    if (read_stored(("/" + module).c_str(), DB_DEPTH_ALL, text) != 0) {
+      return -1;
+    }
+  }
+  return 0;
+}
+
+int ds_source::read_text(const ds_path_t &path, wiped_string *text) const
+{
+  if (path.empty()) {
+    return read_all(text);
+  }
+  if (!is_in_tree(path)) {
+    return read_stored(ds_path_key(path).c_str(), DB_DEPTH_ALL, text);
+  }
+  const lyd_node *node = find_node(tree_.get(), path);
+  bool is_one = node == nullptr || path.back()->is_entry();
+  const lysc_node *schema = node == nullptr ? nullptr : node->schema;
+  for (; node != nullptr && node->schema == schema; node = is_one ? nullptr : node->next) {
+    if (ds_print_node(node, text) != 0) {
+      return -1;
+    }
+  }
+  return 0;
+}
+
+int ds_source::has_entry(const ds_path_t &path, bool *ret_has) const
+{
+  if (is_in_tree(path)) {
+    *ret_has = find_node(tree_.get(), path) != nullptr;
+    return 0;
+  }
+  wiped_string keys;
+  if (read_stored(ds_path_key(path).c_str(), DEPTH_KEYS_ONLY, &keys) != 0) {
+    return -1;
+  }
+  *ret_has = !keys.empty();
+  return 0;
+}
+
+int ds_source::index_of(const ds_path_t &path, int *ret_index) const
+{
+  if (!is_in_tree(path)) {
+    int index = database_index(hdb_, 0, ds_path_key(path).c_str());
+    *ret_index = index; // negative for an absent entry, whose place does not matter
+    return 0;
+  }
+  const lyd_node *node = find_node(tree_.get(), path);
+  *ret_index = node == nullptr ? -1 : static_cast<int>(lyd_list_pos(node));
+  return 0;
+}
