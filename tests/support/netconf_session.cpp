@@ -1,6 +1,7 @@
 #include "support/netconf_session.h"
 
 #include <algorithm>
+#include <cctype>
 #include <climits>
 #include <memory>
 #include <numeric>
@@ -70,10 +71,36 @@ const xmlNode *find(const xmlNode *node, std::string_view name)
   return nullptr;
 }
 
+// Each prefix in scope gives way to its namespace: xmlns:a="urn:x" and "/a:b" are "/{urn:x}b".
+std::string without_prefixes(const std::string &text, const xmlNode *scope)
+{
+  std::string result;
+  size_t begin = 0; // of the word that may be a prefix
+  for (size_t at = 0; at < text.size(); at++) {
+    if (text[at] == ':') {
+      std::string prefix = text.substr(begin, at - begin);
+      const xmlNs *ns = prefix.empty() ? nullptr
+                                       : xmlSearchNs(scope->doc, const_cast<xmlNode *>(scope),
+                                                     reinterpret_cast<const xmlChar *>(prefix.c_str()));
+      result += ns == nullptr ? prefix + ":" : "{" + std::string(view(ns->href)) + "}";
+      begin = at + 1;
+    } else if (std::isalnum(static_cast<unsigned char>(text[at])) == 0 && text[at] != '-' && text[at] != '_' &&
+               text[at] != '.') {
+      result += text.substr(begin, at + 1 - begin);
+      begin = at + 1;
+    }
+  }
+  return result + text.substr(begin);
+}
+
 std::string join(std::vector<std::string> parts, siblings order)
 {
   if (order == siblings::sorted) {
     std::sort(parts.begin(), parts.end());
+  }
+  if (order == siblings::by_name) {
+    auto name = [](const std::string &part) { return std::string_view(part).substr(0, part.find('>')); };
+    std::stable_sort(parts.begin(), parts.end(), [&](const auto &a, const auto &b) { return name(a) < name(b); });
   }
   return std::accumulate(parts.begin(), parts.end(), std::string());
 }
@@ -100,7 +127,7 @@ std::string print_children(const xmlNode *node, std::string_view outer_namespace
   for (const xmlNode *child : elements_below(node)) {
     parts.push_back(print(child, outer_namespace, order));
   }
-  return parts.empty() ? text_of(node) : join(parts, order);
+  return parts.empty() ? without_prefixes(text_of(node), node) : join(parts, order);
 }
 
 std::string cut(const std::string &line)
@@ -156,6 +183,11 @@ std::string normalize(const std::string &xml, siblings order)
   document_ptr document = parse(xml);
   const xmlNode *root = root_of(document);
   return root == nullptr ? xml : print(root, "", order);
+}
+
+std::string normalize(const xmlNode *element, std::string_view outer_namespace, siblings order)
+{
+  return print(element, outer_namespace, order);
 }
 
 std::string reply_data(const std::string &reply, siblings order)

@@ -11,6 +11,8 @@
 #include "client/client.h"
 #include "support/environment.h"
 
+struct _xmlNode;
+
 namespace support {
 
 // --- Replies.
@@ -28,10 +30,13 @@ bool is_ok(const std::string &reply);
 // Text of the first element of that name, at any depth.
 std::optional<std::string> find_text(const std::string &xml, std::string_view name);
 
-enum class siblings { in_order, sorted };
-// One form for equal documents: namespaces where they change and without prefixes, attributes sorted, blanks
-// between elements dropped. Text that is no XML is returned as it is.
+// by_name: those of one name keep their order.
+enum class siblings { in_order, by_name, sorted };
+// One form for equal documents: namespaces where they change and without prefixes, also in texts, attributes sorted,
+// blanks between elements dropped. Text that is no XML is returned as it is.
 std::string normalize(const std::string &xml, siblings order = siblings::in_order);
+// The same for an element of a parsed document. Its namespace is named only when it is not `outer_namespace`.
+std::string normalize(const _xmlNode *element, std::string_view outer_namespace, siblings order);
 // The content of the reply's <data>, normalized; the whole reply when it has none.
 std::string reply_data(const std::string &reply, siblings order = siblings::in_order);
 

@@ -223,7 +223,9 @@ reply_error_ptr opaque_error(const lyd_node *node)
     } else {
       (void)lyd_parse_opaq_error(node);
     }
-    error.reset(rpc_create_error(ds_error_kind(REPLY_ERR_INVALID_VALUE, REPLY_ERR_OP_FAILED)));
+    bool has_value = schema != nullptr && (schema->nodetype & (LYS_LEAF | LYS_LEAFLIST));
+    int other_kind = has_value ? REPLY_ERR_INVALID_VALUE : REPLY_ERR_OP_FAILED;
+    error.reset(rpc_create_error(ds_error_kind(REPLY_ERR_INVALID_VALUE, other_kind)));
     ds_add_path_and_msg(error.get());
   }
   if (error != nullptr && !path.empty()) {

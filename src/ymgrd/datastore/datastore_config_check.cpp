@@ -1,6 +1,8 @@
 // What may stand in <config>: known elements in known places, with the attributes that belong there. Checked on the XML
 // before libyang sees it: attributes that libyang does not know it drops without a word, and an element that no module
 // knows is beyond what its parser can take in every combination.
+#include <cctype>
+#include <map>
 #include <string>
 
 #include "ymgrd/datastore/datastore_internal.h"
@@ -20,11 +22,13 @@ const operation_name_t operation_names[] = {
     {"delete", NC_EDIT_OP_DELETE}, {"remove", NC_EDIT_OP_REMOVE},
 };
 
+// Ends before the first element of a module that is not known.
 std::string element_path(const lyxml_elem *elem, const lyxml_elem *config)
 {
   std::string path;
   for (const lyxml_elem *up = elem; up != nullptr && up != config; up = up->parent) {
-    path.insert(0, "/" + std::string(lyxml_name(up)));
+    std::string module = schema_get_module_name(std::string(lyxml_ns(up)));
+    path = module.empty() ? "" : "/" + module + ":" + std::string(lyxml_name(up)) + path;
   }
   return path;
 }
@@ -32,6 +36,28 @@ std::string element_path(const lyxml_elem *elem, const lyxml_elem *config)
 std::string_view attribute_name(const xmlAttr *attr)
 {
   return reinterpret_cast<const char *>(attr->name);
+}
+
+std::string_view attribute_value(const xmlAttr *attr)
+{
+  const xmlNode *text = attr->children;
+  return text == nullptr || text->content == nullptr ? "" : reinterpret_cast<const char *>(text->content);
+}
+
+bool is_place(std::string_view insert)
+{
+  return insert == "first" || insert == "last" || insert == "before" || insert == "after";
+}
+
+bool is_taken_away(const lyxml_elem *elem)
+{
+  for (const xmlAttr *attr = elem->properties; attr != nullptr; attr = attr->next) {
+    if (attribute_name(attr) == "operation") {
+      NC_EDIT_OP_TYPE op = ds_operation_of(attr);
+      return op == NC_EDIT_OP_DELETE || op == NC_EDIT_OP_REMOVE;
+    }
+  }
+  return false;
 }
 
 // REPLY_ERR_NULL when the attribute may stand on a node of that schema with its value.
@@ -43,7 +69,41 @@ int attribute_fault(const xmlAttr *attr, const lysc_node *schema)
     return ds_operation_of(attr) == NC_EDIT_OP_ERROR ? REPLY_ERR_BAD_ATTR : REPLY_ERR_NULL;
   }
   bool positions = ns == YANG_NS && (name == "insert" || name == "key" || name == "value");
-  return positions && lysc_is_userordered(schema) ? REPLY_ERR_NULL : REPLY_ERR_UNKNOWN_ATTR;
+  if (!positions || !lysc_is_userordered(schema)) {
+    return REPLY_ERR_UNKNOWN_ATTR;
+  }
+  return name != "insert" || is_place(attribute_value(attr)) ? REPLY_ERR_NULL : REPLY_ERR_BAD_ATTR;
+}
+
+bool is_integer(const lysc_node *schema)
+{
+  const lysc_type *type = reinterpret_cast<const lysc_node_leaf *>(schema)->type; // a leaf-list has it in its place
+  switch (type->basetype) {
+  case LY_TYPE_INT8:
+  case LY_TYPE_INT16:
+  case LY_TYPE_INT32:
+  case LY_TYPE_INT64:
+  case LY_TYPE_UINT8:
+  case LY_TYPE_UINT16:
+  case LY_TYPE_UINT32:
+  case LY_TYPE_UINT64:
+    return true;
+  default:
+    return false;
+  }
+}
+
+// libyang takes numbers like 08 for octal ones when it decides whether an element is data, and then refuses them.
+void drop_leading_zeros(lyxml_elem *elem)
+{
+  std::string text = lyxml_text(elem);
+  size_t first = text.find_first_not_of(" \t\r\n+-");
+  size_t last = first == std::string::npos ? first : text.find_first_not_of('0', first);
+  if (last == first || last == std::string::npos || std::isdigit(static_cast<unsigned char>(text[last])) == 0) {
+    return;
+  }
+  text.erase(first, last - first);
+  xmlNodeSetContent(elem, reinterpret_cast<const xmlChar *>(text.c_str()));
 }
 
 class config_checker {
@@ -54,13 +114,16 @@ public:
   // error.
   int check_children(const lyxml_elem *parent, const lysc_node *schema)
   {
-    for (const lyxml_elem *elem = lyxml_first_child(parent); elem != nullptr; elem = lyxml_next(elem)) {
+    chosen_cases_t chosen;
+    for (lyxml_elem *elem = lyxml_first_child(parent); elem != nullptr; elem = lyxml_next(elem)) {
       const lysc_node *node = find_schema(elem, schema);
-      if (node == nullptr || check_attributes(elem, node) != 0) {
+      if (node == nullptr || check_attributes(elem, node) != 0 || check_cases(elem, node, &chosen) != 0) {
         return -1;
       }
-      bool is_inner = node->nodetype & (LYS_CONTAINER | LYS_LIST);
-      if (is_inner && check_children(elem, node) != 0) {
+      if ((node->nodetype & (LYS_CONTAINER | LYS_LIST)) && check_children(elem, node) != 0) {
+        return -1;
+      }
+      if ((node->nodetype & (LYS_LEAF | LYS_LEAFLIST)) && check_value(elem, node) != 0) {
         return -1;
       }
     }
@@ -68,6 +131,38 @@ public:
   }
 
 private:
+  typedef std::map<const lysc_node *, const lysc_node *> chosen_cases_t; // choice to case, among siblings
+
+  // Nodes of two cases in one config: which of them is wanted, nobody can tell (RFC 7950, section 8.3.1).
+  int check_cases(const lyxml_elem *elem, const lysc_node *schema, chosen_cases_t *chosen)
+  {
+    const lysc_node *node = schema->parent;
+    if (node == nullptr || node->nodetype != LYS_CASE || is_taken_away(elem)) {
+      return 0;
+    }
+    for (; node != nullptr && node->nodetype == LYS_CASE; node = node->parent->parent) {
+      if (chosen->try_emplace(node->parent, node).first->second != node) {
+        (void)refuse(elem, REPLY_ERR_BAD_ELEM,
+                     "Nodes of two cases of the choice \"" + std::string(node->parent->name) +
+                         "\" exclude each other.");
+        return -1;
+      }
+    }
+    return 0;
+  }
+
+  int check_value(lyxml_elem *elem, const lysc_node *schema)
+  {
+    if (const lyxml_elem *child = lyxml_first_child(elem); child != nullptr) {
+      (void)refuse_unknown(child, schema, find_module(child));
+      return -1;
+    }
+    if (is_integer(schema)) {
+      drop_leading_zeros(elem);
+    }
+    return 0;
+  }
+
   const lysc_node *find_schema(const lyxml_elem *elem, const lysc_node *parent)
   {
     const lys_module *module = find_module(elem);
@@ -80,9 +175,16 @@ private:
     if (node != nullptr && !(node->nodetype & (LYS_RPC | LYS_NOTIF | LYS_ACTION))) {
       return node;
     }
-    std::string where = parent == nullptr ? std::string("in the \"") + module->name + "\" module."
-                                          : std::string("as a child of \"") + parent->name + "\" node.";
-    return refuse(elem, REPLY_ERR_UNKNOWN_ELEM, std::string("Node \"") + name + "\" not found " + where);
+    return refuse_unknown(elem, parent, module);
+  }
+
+  std::nullptr_t refuse_unknown(const lyxml_elem *elem, const lysc_node *parent, const lys_module *module)
+  {
+    std::string where = parent != nullptr   ? std::string("as a child of \"") + parent->name + "\" node."
+                        : module != nullptr ? std::string("in the \"") + module->name + "\" module."
+                                            : "in any module.";
+    return refuse(elem, REPLY_ERR_UNKNOWN_ELEM,
+                  std::string("Node \"") + std::string(lyxml_name(elem)) + "\" not found " + where);
   }
 
   // Elements of one namespace mostly follow each other.
@@ -133,9 +235,7 @@ private:
 
 NC_EDIT_OP_TYPE ds_operation_of(const xmlAttr *attr)
 {
-  const xmlNode *text = attr->children;
-  std::string_view value =
-      text == nullptr || text->content == nullptr ? "" : reinterpret_cast<const char *>(text->content);
+  std::string_view value = attribute_value(attr);
   for (const operation_name_t &row : operation_names) {
     if (value == row.text) {
       return row.op;

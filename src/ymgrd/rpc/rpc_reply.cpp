@@ -4,6 +4,7 @@
 
 #include "ymgrd/core/counters.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/rpc/rpc_reply_path.h"
 #include "ymgrd/rpc/session.h"
 #include "ymgrd/ymgrd.h"
 
@@ -37,7 +38,9 @@ int add_error(lyxml_elem *reply, const reply_error_t &error)
     return -1;
   }
   for (const auto &field : fields) {
-    if (field.text != nullptr && lyxml_new_elem(node, field.name, field.text) == nullptr) {
+    bool is_path = field.text != nullptr && field.text == error.path;
+    if (is_path ? rpc_add_error_path(node, field.text) != 0
+                : field.text != nullptr && lyxml_new_elem(node, field.name, field.text) == nullptr) {
       log_error("Create children node <%s> failed.", field.name);
       return -1;
     }
