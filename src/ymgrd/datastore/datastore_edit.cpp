@@ -128,6 +128,8 @@ int apply_edit(edit_work_t *work, differ_node_t **ret_tree, reply_error_ptr *ret
   request.tflag = DB_TFLAG_TRANS;
   request.default_operation = work->default_operation;
   request.config = work->config.tree.get();
+  edit_changes changes;
+  request.changes = &changes;
   differ_node_t *tree = nullptr;
   if (edit_operations(request, &work->edited, &tree, &work->written, ret_error) != 0) {
     if (*ret_error == nullptr) {
@@ -138,7 +140,7 @@ int apply_edit(edit_work_t *work, differ_node_t **ret_tree, reply_error_ptr *ret
     }
     return -1;
   }
-  if (work->written && datastore_validate(&work->edited, invalid_kind, ret_error) != 0) {
+  if (work->written && ds_validate_edit(&work->edited, changes, invalid_kind, ret_error) != 0) {
     free_differ_tree(tree);
     return -1;
   }
