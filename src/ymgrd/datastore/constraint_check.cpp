@@ -211,7 +211,9 @@ void constraint_run::note_uniques(const node_rules_t &rules, lyd_node *place)
 // `lost` concerns references only: the value that they may have had; null for any.
 void constraint_run::add_due(const constraint_t *constraint, lyd_node *region, const char *lost)
 {
-  all_instances_.insert(constraint->node);
+  // Where the node of a when is implied its level is looked at, unless the parent is implied too.
+  bool is_when = constraint->kind == CONSTRAINT_WHEN;
+  all_instances_.insert(is_when ? lysc_data_parent(constraint->node) : constraint->node);
   if (constraint->kind == CONSTRAINT_VALUE) {
     lost_values_[{constraint, region}].insert(lost);
   }

@@ -99,6 +99,12 @@ bool names(const xpath_path_t &path, const char *name)
   return path.any_step || std::find(path.names.begin(), path.names.end(), name) != path.names.end();
 }
 
+bool is_named_by(const xpath_scan_t &scan, const lysc_node *node)
+{
+  return std::any_of(scan.paths.begin(), scan.paths.end(),
+                     [node](const xpath_path_t &path) { return names(path, node->name); });
+}
+
 // The levels between the context node and its ancestor `node`; -1 when it is none.
 int levels_up(const lysc_node *context, const lysc_node *node)
 {
@@ -116,8 +122,7 @@ int levels_up(const lysc_node *context, const lysc_node *node)
 sight_t sight_of(const lysc_node *node, const lysc_node *context, const xpath_scan_t &scan)
 {
   sight_t sight{node, false, 0};
-  bool is_named = std::any_of(scan.paths.begin(), scan.paths.end(),
-                              [node](const xpath_path_t &path) { return names(path, node->name); });
+  bool is_named = is_named_by(scan, node);
   int levels = levels_up(context, node);
   if (!is_named && !scan.has_deref && levels >= 0) {
     sight.ascent = levels;
@@ -184,6 +189,38 @@ bool add_reference_atoms(std::vector<const lysc_node *> *atoms)
   return true;
 }
 
+// Whether the node is there whenever the expression is evaluated: the context node, what is above it.
+bool is_surely_there(const lysc_node *node, const expression_t &expression, const xpath_scan_t &scan)
+{
+  return !is_named_by(scan, node) && !scan.has_deref && levels_up(expression.context, node) >= 0;
+}
+
+void add_sight(const expression_t &expression, const lysc_node *atom, analysis_t *analysis)
+{
+  sight_t sight = sight_of(atom, expression.context, analysis->scan);
+  analysis->sights.push_back(sight);
+  bool may_be_implied = !is_surely_there(atom, expression, analysis->scan);
+  if (has_default(atom) && may_be_implied) {
+    add_once(&analysis->implied, atom);
+  }
+  for (const xpath_path_t &path : analysis->scan.paths) {
+    if (!may_end_at(path, atom, expression.context)) {
+      continue;
+    }
+    if (is_plain_container(atom) && may_be_implied) {
+      add_once(&analysis->implied, atom);
+    }
+    if (!path.existence && is_inner(atom)) { // the value of an inner node is the text of all below it
+      std::vector<const lysc_node *> below;
+      add_descendants(atom, &below);
+      for (const lysc_node *each : below) {
+        analysis->sights.push_back({each, sight.anywhere, sight.ascent});
+        add_once(&analysis->implied, each);
+      }
+    }
+  }
+}
+
 analysis_t analyse(const expression_t &expression)
 {
   analysis_t analysis;
@@ -200,27 +237,7 @@ analysis_t analyse(const expression_t &expression)
     add_once(&atoms, expression.context);
   }
   for (const lysc_node *atom : atoms) {
-    sight_t sight = sight_of(atom, expression.context, analysis.scan);
-    analysis.sights.push_back(sight);
-    if (has_default(atom)) {
-      add_once(&analysis.implied, atom);
-    }
-    for (const xpath_path_t &path : analysis.scan.paths) {
-      if (!may_end_at(path, atom, expression.context)) {
-        continue;
-      }
-      if (is_plain_container(atom)) {
-        add_once(&analysis.implied, atom);
-      }
-      if (!path.existence && is_inner(atom)) { // the value of an inner node is the text of all below it
-        std::vector<const lysc_node *> below;
-        add_descendants(atom, &below);
-        for (const lysc_node *each : below) {
-          analysis.sights.push_back({each, sight.anywhere, sight.ascent});
-          add_once(&analysis.implied, each);
-        }
-      }
-    }
+    add_sight(expression, atom, &analysis);
   }
   analysis.understood = true;
   return analysis;

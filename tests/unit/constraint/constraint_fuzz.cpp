@@ -111,7 +111,7 @@ fuzz_counts_t constraint_fuzz::run(int rounds)
     for (uint32_t steps = 1 + below(3); steps > 0; steps--) {
       step(&changes);
     }
-    if (stores_defaults_) {
+    if (stores_defaults_ && !one_in(4)) {
       store_defaults(&changes);
     }
     bool is_accepted = was_valid_before && constraint_check(index_, tree_.get(), changes, &implied_);
