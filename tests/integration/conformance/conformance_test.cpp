@@ -138,12 +138,13 @@ testing::AssertionResult conformance::empty_datastores()
     config += "<" + std::string(top) + " xmlns=\"urn:ex-sys\"" + nc;
   }
   testing::AssertionResult done = testing::AssertionFailure();
-  support::wait_until([&] {
+  auto empty = [&] {
     done = session("").ok(support::DISCARD_CHANGES);
     done = done ? session("").ok(support::edit_config("running", config)) : done;
     done = done ? session("").ok("<delete-config><target><startup/></target></delete-config>") : done;
     return static_cast<bool>(done) || !device->daemon.running();
-  });
+  };
+  support::wait_until(empty, std::chrono::seconds(5));
   return done;
 }
 
