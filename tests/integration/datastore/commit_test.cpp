@@ -40,27 +40,6 @@ TEST_F(commit, discard_restores_candidate_key_for_key)
   EXPECT_TRUE(holds("candidate", "alice"));
 }
 
-TEST_F(commit, with_nothing_pending_answers_ok_and_touches_nothing)
-{
-  std::string running = dump(RUNNING_DB);
-  EXPECT_TRUE(session->ok(COMMIT));
-  EXPECT_TRUE(session->ok(DISCARD_CHANGES));
-  EXPECT_EQ(dump(RUNNING_DB), running);
-}
-
-TEST_F(commit, edits_that_cancel_each_other_leave_nothing_to_commit)
-{
-  ASSERT_TRUE(session->ok(edit("<hostname>box</hostname>")));
-  ASSERT_TRUE(session->ok(COMMIT));
-  ASSERT_TRUE(session->ok(edit("<location>hall</location>")));
-  ASSERT_TRUE(session->ok(edit("<location nc:operation=\"delete\"/>")));
-  ASSERT_TRUE(session->ok(edit("<hostname nc:operation=\"delete\"/>")));
-  ASSERT_TRUE(session->ok(edit("<hostname>box</hostname>")));
-  EXPECT_TRUE(session->ok(COMMIT));
-  EXPECT_TRUE(holds("running", "<hostname>box</hostname>"));
-  EXPECT_FALSE(holds("running", "hall"));
-}
-
 TEST_F(commit, entries_taken_out_and_put_back_reach_running_at_their_new_place)
 {
   ASSERT_TRUE(session->ok(edit("<dns>10.0.0.1</dns><dns>10.0.0.2</dns>")));
@@ -76,14 +55,16 @@ TEST_F(commit, entries_taken_out_and_put_back_reach_running_at_their_new_place)
   EXPECT_EQ(dump(RUNNING_DB), dump(CANDIDATE_DB));
 }
 
-TEST_F(commit, sessions_share_candidate_and_see_each_others_commits)
+TEST_F(commit, what_comes_to_nothing_is_logged)
 {
-  support::netconf_session &other = connect("other");
-  ASSERT_TRUE(session->ok(edit("<hostname>box</hostname>")));
-  ASSERT_TRUE(other.ok(edit("<location>hall</location>")));
-  ASSERT_TRUE(other.ok(COMMIT));
-  EXPECT_TRUE(holds("running", "box"));
-  EXPECT_TRUE(holds("running", "hall"));
+  std::string running = dump(RUNNING_DB);
+  ASSERT_TRUE(session->ok(COMMIT));
+  EXPECT_TRUE(daemon.wait_for_log("Nothing to be committed."));
+  ASSERT_TRUE(session->ok(DISCARD_CHANGES));
+  EXPECT_TRUE(daemon.wait_for_log("Nothing to be discarded."));
+  EXPECT_EQ(dump(RUNNING_DB), running);
+  (void)session->error(edit("<user nc:operation=\"delete\"><name>a</name><uid nc:operation=\"create\">1</uid></user>"));
+  EXPECT_TRUE(daemon.wait_for_log("operation (3) differ from parent (4)"));
 }
 
 TEST_F(commit, a_write_of_another_process_is_seen_by_the_next_request)

@@ -63,37 +63,3 @@ TEST_F(request_check, what_is_no_acceptable_xml_is_an_invalid_value_with_the_fra
   }
   EXPECT_TRUE(contains(reply_of(get), "<data"));
 }
-
-TEST_F(request_check, the_rpc_layer_is_checked)
-{
-  const std::string own = std::string(" xmlns=\"") + PRIVATE_NS + "\"/>";
-  const struct {
-    std::string payload;
-    const char *tag;
-  } requests[] = {
-      {rpc("1", ""), "unknown-element"},
-      {"<rpc message-id=\"1\"><commit/></rpc>", "unknown-element"},
-      {rpc("1", "<paint/>"), "unknown-element"},
-      {rpc("1", "<commit><colour/></commit>"), "unknown-element"},
-      {rpc("1", "<paint" + own), "operation-not-supported"},
-      {rpc("1", "<paint xmlns=\"urn:nowhere\"/>"), "operation-not-supported"},
-      {"<hello xmlns=\"" + std::string(BASE_NS) + "\"><commit/></hello>", "missing-attribute"},
-      {rpc("1", "<commit/><discard-changes/>"), "missing-attribute"},
-  };
-  for (const auto &request : requests) {
-    SCOPED_TRACE(request.payload);
-    expect_one_error(reply_of(request.payload), request.tag);
-  }
-  EXPECT_EQ(session->error("<commit/><discard-changes/>").message, "Get rpc operation name failed.");
-  EXPECT_TRUE(contains(session->rpc(GET_CAPABILITY), "<capability>"));
-}
-
-TEST_F(request_check, a_reply_has_the_attributes_of_its_request_and_the_first_base_namespace)
-{
-  std::string reply =
-      support::normalize(reply_of("<nc:rpc message-id=\"101\" xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.1\" "
-                                  "xmlns:x=\"urn:x\" x:note=\"&lt;é\">" +
-                                  std::string(GET_CAPABILITY) + "</nc:rpc>"));
-  EXPECT_TRUE(contains(reply, std::string("<rpc-reply xmlns=\"") + BASE_NS + "\"")) << reply;
-  EXPECT_TRUE(contains(reply, "message-id=\"101\"") && contains(reply, "note=\"<é\"")) << reply;
-}
