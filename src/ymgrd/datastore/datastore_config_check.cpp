@@ -46,6 +46,36 @@ int attribute_fault(const xmlAttr *attr, const lysc_node *schema)
   return positions && lysc_is_userordered(schema) ? REPLY_ERR_NULL : REPLY_ERR_UNKNOWN_ATTR;
 }
 
+bool is_integer(const lysc_node *schema)
+{
+  if (!(schema->nodetype & (LYS_LEAF | LYS_LEAFLIST))) {
+    return false;
+  }
+  const lysc_type *type = reinterpret_cast<const lysc_node_leaf *>(schema)->type; // of a leaf-list at the same place
+  if (type->basetype == LY_TYPE_LEAFREF) {
+    type = reinterpret_cast<const lysc_type_leafref *>(type)->realtype;
+  }
+  return type->basetype >= LY_TYPE_INT8 || (type->basetype >= LY_TYPE_UINT8 && type->basetype <= LY_TYPE_UINT64);
+}
+
+// Integers are decimal, whatever zeros lead (RFC 7950, section 9.2.1); libyang looks for an octal number and refuses
+// 08.
+void drop_leading_zeros(lyxml_elem *elem)
+{
+  std::string text = lyxml_text(elem);
+  size_t first = text.find_first_not_of(" \t\n\r+-");
+  size_t digit = first == std::string::npos ? first : text.find_first_not_of('0', first);
+  if (first == digit) {
+    return;
+  }
+  bool is_zero = digit == std::string::npos || lyxml_is_blank(std::string_view(text).substr(digit));
+  size_t end = is_zero ? text.find_last_of('0') : digit;
+  if (end > first && elem->children->next == nullptr) {
+    text.erase(first, end - first);
+    xmlNodeSetContent(elem->children, reinterpret_cast<const xmlChar *>(text.c_str())); // of a text node: as it stands
+  }
+}
+
 class config_checker {
 public:
   config_checker(const lyxml_elem *config, reply_error_ptr *ret_error) : config_(config), ret_error_(ret_error) {}
@@ -54,10 +84,13 @@ public:
   // error.
   int check_children(const lyxml_elem *parent, const lysc_node *schema)
   {
-    for (const lyxml_elem *elem = lyxml_first_child(parent); elem != nullptr; elem = lyxml_next(elem)) {
+    for (lyxml_elem *elem = lyxml_first_child(parent); elem != nullptr; elem = lyxml_next(elem)) {
       const lysc_node *node = find_schema(elem, schema);
       if (node == nullptr || check_attributes(elem, node) != 0) {
         return -1;
+      }
+      if (is_integer(node)) {
+        drop_leading_zeros(elem);
       }
       bool is_inner = node->nodetype & (LYS_CONTAINER | LYS_LIST);
       if (is_inner && check_children(elem, node) != 0) {
@@ -144,7 +177,7 @@ NC_EDIT_OP_TYPE ds_operation_of(const xmlAttr *attr)
   return NC_EDIT_OP_ERROR;
 }
 
-int ds_check_config(const lyxml_elem *config, reply_error_ptr *ret_error)
+int ds_check_config(lyxml_elem *config, reply_error_ptr *ret_error)
 {
   return config_checker(config, ret_error).check_children(config, nullptr);
 }

@@ -15,6 +15,7 @@ typedef struct _fault {
 
 const fault_t faults[] = {
     {"type", "<port>many</port>", "invalid-value", "port", "many"},
+    {"hexadecimal", "<port>0x10</port>", "invalid-value", "port", ""},
     {"range", "<window><min>2000</min></window>", "invalid-value", "min", ""},
     {"length", "<hostname></hostname>", "invalid-value", "hostname", ""},
     {"pattern", "<hostname>-x-</hostname>", "invalid-value", "hostname", ""},

@@ -219,7 +219,7 @@ TEST_F(edit_config, user_ordered_entries_stand_where_they_were_put)
 TEST_F(edit_config, values_come_back_as_they_went_in)
 {
   const std::string content =
-      "<location>a &lt;b&gt; &amp; \"quoted\" \\ back\ttab</location>"
+      "<location>a &lt;b&gt; &amp; \"quoted\" \\ back\ttab</location><port> 0098</port>"
       "<tag>say \"hi\", [x]='y'/z</tag><contact>10.0.0.1</contact><options>beep lock-panel</options><read-only/>"
       "<transport xmlns:t=\"urn:ex-types\">t:tcp</transport><logo>QUJD</logo>"
       "<watched xmlns:s=\"urn:ex-sys\">/s:system/s:user[s:name='alice']/s:uid</watched>" +
@@ -228,7 +228,7 @@ TEST_F(edit_config, values_come_back_as_they_went_in)
   ASSERT_TRUE(session->ok(COMMIT));
   std::string first = data("running");
   for (const char *part : {"a &lt;b&gt; &amp; &quot;quoted&quot; \\ back&#9;tab", "say &quot;hi&quot;, [x]='y'/z",
-                           "beep lock-panel", "QUJD", "ex-types:tcp", "ex-sys:uid"}) {
+                           "<port>98</port>", "beep lock-panel", "QUJD", "ex-types:tcp", "ex-sys:uid"}) {
     EXPECT_TRUE(contains(first, part)) << part << "\n" << first;
   }
   // What was read can be written again and changes nothing.
