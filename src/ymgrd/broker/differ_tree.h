@@ -27,9 +27,9 @@ typedef struct _conf_differ_node {
   conf_mnode_type_t node_type; // CONF_NODE_LEAF (also anyxml), CONF_NODE_LEAFLIST, or CONF_NODE_MODULE for all others
   struct _conf_differ_root *doc;
   int pub_flag;
+  bool is_user_ordered; // an entry whose place among its siblings is data: taken out and put back it has moved
   const char *leaf_value_old;
   const char *leaf_value_new;
-  bool is_user_ordered; // an entry whose place among its siblings is data: taken out and put back it has moved
 } differ_node_t;
 
 // `root->doc` points back here; when the first top-level node is unlinked, its successor becomes `root`.

@@ -1,5 +1,5 @@
 // What is known of the keys in which datastores differ: every write names the keys it touched, and copying one
-// datastore onto the other makes them equal. Startup is left out: it outlives the daemon and is copied rarely.
+// datastore onto the other makes them equal.
 #include <array>
 #include <optional>
 #include <utility>
@@ -10,17 +10,21 @@ namespace {
 
 // Beyond this a full copy costs no more.
 constexpr size_t MAX_DIFFERENCES = 1000000;
+// Running may go unsaved for long, and what is noted of it takes memory all that time.
+constexpr size_t MAX_UNSAVED = 100000;
 
 typedef struct _difference {
   int first;
   int second;
+  size_t max_keys;
   std::optional<db_key_set> keys; // empty when unknown
   bool concerns(int target) const { return first == target || second == target; }
 } difference_t;
 
-std::array<difference_t, 3> g_differences = {{{YMGRM_RUNNING_DB, YMGRM_CANDIDATE_DB, std::nullopt},
-                                              {YMGRM_RUNNING_DB, YMGRM_STATUS_DB, std::nullopt},
-                                              {YMGRM_CANDIDATE_DB, YMGRM_STATUS_DB, std::nullopt}}};
+std::array<difference_t, 4> g_differences = {{{YMGRM_RUNNING_DB, YMGRM_CANDIDATE_DB, MAX_DIFFERENCES, std::nullopt},
+                                              {YMGRM_RUNNING_DB, YMGRM_STATUS_DB, MAX_DIFFERENCES, std::nullopt},
+                                              {YMGRM_CANDIDATE_DB, YMGRM_STATUS_DB, MAX_DIFFERENCES, std::nullopt},
+                                              {YMGRM_RUNNING_DB, YMGRM_STARTUP_DB, MAX_UNSAVED, std::nullopt}}};
 
 difference_t *find_pair(int target, int source)
 {
@@ -52,7 +56,7 @@ void db_differences_touch(int target, const std::vector<std::string_view> &keys)
         pair.keys->emplace(key);
       }
     }
-    if (pair.keys->size() > MAX_DIFFERENCES) {
+    if (pair.keys->size() > pair.max_keys) {
       pair.keys.reset();
     }
   }

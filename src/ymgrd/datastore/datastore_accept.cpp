@@ -58,7 +58,7 @@ ds_accepted_t ds_accept_candidate(int sid, ds_session_db *db, ds_change_t *chang
   }
   add_pending(sid, change);
   if (differ_nodes == nullptr && change->written) {
-    ds_kept_drop(); // nothing is pending, yet candidate need not be running's twin: entries may stand in another order
+    ds_kept_drop(); // equal to running, but entries that nobody ordered may stand in another order than running's
   } else {
     ds_kept_store(std::move(change->data));
   }

@@ -481,7 +481,10 @@ int edit_operations(const edit_request_t &request, lyd_tree_ptr *ret_data, diffe
                     reply_error_ptr *ret_error)
 {
   if (request.config == nullptr && request.default_operation != NC_EDIT_OP_REPLACE) {
-    log_warn("edit operation input doc or doc root is NULL"); // nothing will be changed
+    log_warn("edit operation input doc or doc root is NULL");
+    *ret_tree = nullptr;
+    *ret_written = false;
+    return ds_take_data(request.hdb, request.tflag, request.path, ret_data);
   }
   edit_job_t job;
   job.request = &request;

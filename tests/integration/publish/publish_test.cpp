@@ -164,7 +164,7 @@ TEST_F(publish, a_copy_to_running_offers_what_differs_and_is_answered_when_it_wa
   ASSERT_TRUE(send(*session, load));
   ASSERT_TRUE(support::wait_until([this] { return contains(support::read_file(dir / "offers"), "30 8"); }));
   EXPECT_EQ((texts{"10 2 1 /ex-sys:system/user[name=\"new\"]", "10 1 0 /ex-sys:system/user[name=\"old\"]",
-                   "20 16 1 /ex-sys:system/rule[id=\"a\"]", "20 8 0 /ex-sys:system/rule[id=\"b\"]",
+                   "20 8 1 /ex-sys:system/rule[id=\"b\"]", "20 16 0 /ex-sys:system/rule[id=\"a\"]",
                    "20 2 0 /ex-sys:system/hostname", "30 8 0 /ex-sys:system"}),
             take_offers());
   support::write_file(dir / "go", "");

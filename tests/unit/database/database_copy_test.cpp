@@ -61,6 +61,21 @@ TEST_F(database_copy_test, between_candidate_and_running_only_differing_keys_mov
   EXPECT_EQ(dump(CANDIDATE), dump(RUNNING));
 }
 
+TEST_F(database_copy_test, saving_running_moves_only_what_changed_since_it_was_saved)
+{
+  fill_large(RUNNING);
+  EXPECT_EQ(database_copy(STARTUP, RUNNING), 0);
+  int hdb = begin(RUNNING);
+  set(hdb, "/m:top/l[k=\"7\"]/v", "changed");
+  remove(hdb, "/m:top/l[k=\"9\"]");
+  commit_and_close(hdb);
+  EXPECT_LT(commands_of([&] { EXPECT_EQ(database_copy(STARTUP, RUNNING), 0); }), 30);
+  EXPECT_EQ(dump(STARTUP), dump(RUNNING));
+  EXPECT_EQ(database_clean(STARTUP), 0);
+  EXPECT_EQ(database_copy(STARTUP, RUNNING), 0);
+  EXPECT_EQ(dump(STARTUP), dump(RUNNING));
+}
+
 TEST_F(database_copy_test, nothing_is_taken_for_known_after_the_server_was_restarted)
 {
   fill(RUNNING);
