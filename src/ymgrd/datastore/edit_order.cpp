@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cstdint>
 
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
