@@ -13,13 +13,14 @@
 #include "bench_device.h"
 #include "bench_document.h"
 #include "bench_floor.h"
+#include "bench_operations.h"
+#include "bench_session.h"
 #include "client/client.h"
 #include "libredisapi/redisapi.h"
 #include "ymgrd/ymgrd.h"
 
 namespace {
 
-constexpr ymgr_duration PATIENCE{600000};
 constexpr int WHOLE_READS = 5;
 constexpr int LEAF_EDITS_MAX = 200;
 constexpr double LEAF_EDITS_MS = 20000; // no further edit is begun after this time
@@ -37,6 +38,7 @@ typedef struct _bench_result {
   double empty_per_s = 0;
   double resident_mb = 0;
   double start_ms = 0;
+  bench_operations_t operations;
   bench_yang_floor_t yang;
   bench_redis_floor_t redis;
 } bench_result_t;
@@ -46,50 +48,15 @@ double megabytes(size_t bytes)
   return static_cast<double>(bytes) / 1e6;
 }
 
-// The reply to an operation that must succeed; empty (and told) otherwise.
-std::string ask(ymgr_client_t *client, const std::string &operation)
-{
-  std::optional<std::string> reply = ymgr_rpc(client, operation, PATIENCE);
-  if (!reply.has_value()) {
-    std::fprintf(stderr, "ymgr-bench: no reply: %s\n", ymgr_last_error(client).c_str());
-    return {};
-  }
-  if (reply->find("rpc-error") != std::string::npos) {
-    std::fprintf(stderr, "ymgr-bench: refused: %.2000s\n", reply->c_str());
-    return {};
-  }
-  return *reply;
-}
-
-std::string edit(const std::string &config)
-{
-  return "<edit-config><target><candidate/></target><config>" + config + "</config></edit-config>";
-}
-
-ymgr_client_ptr open_session(const bench_device &device)
-{
-  std::string reason;
-  ymgr_client_ptr client = ymgr_connect(device.dir(), &reason);
-  if (client == nullptr) {
-    std::fprintf(stderr, "ymgr-bench: %s\n", reason.c_str());
-    return nullptr;
-  }
-  if (!ymgr_create_session(client.get(), "bench").has_value()) {
-    std::fprintf(stderr, "ymgr-bench: no session: %s\n", ymgr_last_error(client.get()).c_str());
-    return nullptr;
-  }
-  return client;
-}
-
 int measure_load(ymgr_client_t *client, const std::string &document, bench_result_t *result)
 {
   bench_watch load;
-  if (ask(client, edit(document)).empty()) {
+  if (bench_ask(client, bench_edit(document)).empty()) {
     return -1;
   }
   result->load_ms = load.ms();
   bench_watch commit;
-  if (ask(client, "<commit/>").empty()) {
+  if (bench_ask(client, "<commit/>").empty()) {
     return -1;
   }
   result->commit_ms = commit.ms();
@@ -102,7 +69,7 @@ int measure_whole_read(ymgr_client_t *client, const std::string &document, bench
   size_t bytes = 0;
   for (int i = 0; i < WHOLE_READS; ++i) {
     bench_watch watch;
-    bytes = ask(client, "<get-config><source><running/></source></get-config>").size();
+    bytes = bench_ask(client, "<get-config><source><running/></source></get-config>").size();
     samples.push_back(watch.ms());
     if (bytes < document.size()) {
       std::fprintf(stderr, "ymgr-bench: get-config is shorter than what was loaded\n");
@@ -122,8 +89,8 @@ int measure_one_leaf(ymgr_client_t *client, bench_result_t *result)
     // Spread over the list; a value that is new each time.
     const int entry = static_cast<int>(7919LL * i % result->entries);
     bench_watch watch;
-    if (ask(client, edit(bench_one_leaf(entry, 4000000000U + static_cast<unsigned>(i)))).empty() ||
-        ask(client, "<commit/>").empty()) {
+    if (bench_ask(client, bench_one_leaf_edit(entry, 4000000000U + static_cast<unsigned>(i))).empty() ||
+        bench_ask(client, "<commit/>").empty()) {
       return -1;
     }
     samples.push_back(watch.ms());
@@ -138,7 +105,7 @@ int measure_empty_request(ymgr_client_t *client, bench_result_t *result)
 {
   bench_watch watch;
   for (int i = 0; i < EMPTY_REQUESTS; ++i) {
-    if (ask(client, "<commit/>").empty()) {
+    if (bench_ask(client, "<commit/>").empty()) {
       return -1;
     }
   }
@@ -156,7 +123,7 @@ int measure_start(bench_device *device, bench_result_t *result)
     return -1;
   }
   bench_watch watch;
-  if (device->start_daemon() != 0 || open_session(*device) == nullptr) {
+  if (device->start_daemon() != 0 || bench_open_session(*device) == nullptr) {
     return -1;
   }
   result->start_ms = watch.ms();
@@ -169,7 +136,7 @@ int measure(int entries, bench_result_t *ret_result)
   if (device.start_redis() != 0 || device.start_daemon() != 0) {
     return -1;
   }
-  ymgr_client_ptr client = open_session(device);
+  ymgr_client_ptr client = bench_open_session(device);
   if (client == nullptr) {
     return -1;
   }
@@ -178,7 +145,8 @@ int measure(int entries, bench_result_t *ret_result)
   result.entries = entries;
   result.document_mb = megabytes(document.size());
   if (measure_load(client.get(), document, &result) != 0 || measure_whole_read(client.get(), document, &result) != 0 ||
-      measure_one_leaf(client.get(), &result) != 0 || measure_empty_request(client.get(), &result) != 0) {
+      measure_one_leaf(client.get(), &result) != 0 || measure_empty_request(client.get(), &result) != 0 ||
+      bench_operations(device, client.get(), entries, &result.operations) != 0) {
     return -1;
   }
   std::this_thread::sleep_for(std::chrono::seconds(3)); // an idle daemon gives free memory back
@@ -212,6 +180,19 @@ const bench_row_t time_rows[] = {
     {"whole get-config, MB/s", [](const bench_result_t &r) { return r.get_mb_per_s; }},
     {"one leaf edited and committed, ms (median)", [](const bench_result_t &r) { return r.leaf_median_ms; }},
     {"one leaf edited and committed, ms (p99)", [](const bench_result_t &r) { return r.leaf_p99_ms; }},
+    {"one entry by its key, get-config, ms (median)", [](const bench_result_t &r) { return r.operations.entry_ms; }},
+    {"the same read from Redis, ms (median)", [](const bench_result_t &r) { return r.operations.entry_redis_ms; }},
+    {"get of the daemon's state, ms (median)", [](const bench_result_t &r) { return r.operations.state_ms; }},
+    {"get of everything, ms (median)", [](const bench_result_t &r) { return r.operations.get_ms; }},
+    {"copy-config of running to an empty startup, ms",
+     [](const bench_result_t &r) { return r.operations.copy_first_ms; }},
+    {"the same one leaf later, ms (median)", [](const bench_result_t &r) { return r.operations.copy_ms; }},
+    {"pairs of lock and unlock a second", [](const bench_result_t &r) { return r.operations.locks_per_s; }},
+    {"16 sessions at once: entries by key a second",
+     [](const bench_result_t &r) { return r.operations.readers_per_s; }},
+    {"16 sessions at once: whole get-config, MB/s",
+     [](const bench_result_t &r) { return r.operations.readers_mb_per_s; }},
+    {"resident memory after them, MB", [](const bench_result_t &r) { return r.operations.readers_resident_mb; }},
     {"empty requests a second", [](const bench_result_t &r) { return r.empty_per_s; }},
     {"resident memory, MB", [](const bench_result_t &r) { return r.resident_mb; }},
     {"start until a session is open, ms", [](const bench_result_t &r) { return r.start_ms; }},

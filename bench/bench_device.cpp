@@ -16,6 +16,7 @@ namespace {
 
 constexpr char PROFILE_BEGIN[] = R"({
   "daemonize": false,
+  "session-spec": 32,
   "modules": [
     {"name": "ietf-netconf", "revision": "2011-06-01", "deviation": [],
      "feature": ["writable-running", "candidate", "rollback-on-error", "startup"]},

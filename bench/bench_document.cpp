@@ -31,8 +31,18 @@ std::string bench_document(int entries)
   return text + END;
 }
 
-std::string bench_one_leaf(int entry, unsigned value)
+std::string bench_entry_filter(int entry)
 {
-  return BEGIN + std::string("<entry>") + leaf("name", entry_name(entry)) + leaf("weight", std::to_string(value)) +
-         "</entry>" + END;
+  return BEGIN + std::string("<entry>") + leaf("name", entry_name(entry)) + "</entry>" + END;
+}
+
+std::string bench_edit(const std::string &config)
+{
+  return "<edit-config><target><candidate/></target><config>" + config + "</config></edit-config>";
+}
+
+std::string bench_one_leaf_edit(int entry, unsigned value)
+{
+  return bench_edit(BEGIN + std::string("<entry>") + leaf("name", entry_name(entry)) +
+                    leaf("weight", std::to_string(value)) + "</entry>" + END);
 }

@@ -115,8 +115,14 @@ testing::AssertionResult daemon_process::launch()
   std::error_code no_log_yet;
   auto size = fs::file_size(log_path(), no_log_yet);
   log_begin_ = no_log_yet ? 0 : static_cast<size_t>(size);
-  std::vector<std::string> arguments = {DAEMON_BINARY, "--profile",    profile_path(), "--run-dir",
-                                        run_dir(),     "--log-stderr", "--log-level",  "debug"};
+  std::vector<std::string> arguments = {options_.binary.empty() ? DAEMON_BINARY : options_.binary,
+                                        "--profile",
+                                        profile_path(),
+                                        "--run-dir",
+                                        run_dir(),
+                                        "--log-stderr",
+                                        "--log-level",
+                                        "debug"};
   arguments.insert(arguments.end(), options_.arguments.begin(), options_.arguments.end());
   return process_.start(arguments, log_path()) ? testing::AssertionSuccess() : failure("fork");
 }

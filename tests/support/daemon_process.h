@@ -29,6 +29,8 @@ typedef struct _daemon_options {
   std::map<std::string, std::string> profile;
   // Further words of the command line.
   std::vector<std::string> arguments;
+  // The program, when it is not the daemon as installed.
+  std::string binary;
 } daemon_options_t;
 
 class daemon_process {

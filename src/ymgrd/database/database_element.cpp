@@ -5,6 +5,7 @@
 #include "ymgrd/core/log.h"
 #include "ymgrd/crypto/encrypt.h"
 #include "ymgrd/database/database_path.h"
+#include "ymgrd/rpc/lyxml.h"
 #include "ymgrd/schema/schema.h"
 #include "ymgrd/ymgrd.h"
 
@@ -40,6 +41,28 @@ std::set<std::string_view> tokens_of_path(std::string_view text)
     }
   }
   return tokens;
+}
+
+// Whether the schema knows the element of the node with the Redis key `dkey` as anyxml or anydata.
+bool is_any(std::string_view dkey, std::string_view ename)
+{
+  if (dkey.empty() || !schema_has_any(ename.substr(ename.find(':') + 1))) { // npos + 1 is the beginning
+    return false;
+  }
+  std::string path(dkey);
+  size_t open = 0;
+  size_t close = 0;
+  for (size_t from = 0; db_find_predicate(path, from, &open, &close); from = open) {
+    path.erase(open, close - open + 1);
+  }
+  size_t module_end = path.find('/', 1);
+  if (module_end == std::string::npos) {
+    path.append(":").append(ename); // a top node
+  } else {
+    path[module_end] = ':';
+    path.append("/").append(ename);
+  }
+  return schema_is_any(path);
 }
 
 } // namespace
@@ -97,6 +120,44 @@ int db_element_writer::add_text(std::string_view name, std::string_view text, wi
 int db_element_writer::db_new_node(std::string_view dkey, std::string_view ename, std::optional<std::string_view> text,
                                    wiped_string *buffer, std::string *ret_name)
 {
+  if (text.has_value() && is_any(dkey, ename)) {
+    return db_new_any(dkey, ename, *text, buffer);
+  }
+  std::string_view name;
+  if (open_element(dkey, ename, buffer, &name) != 0) {
+    return -1;
+  }
+  if (text.has_value()) {
+    return add_text(name, *text, buffer);
+  }
+  buffer->push_back('>');
+  if (ret_name != nullptr) {
+    *ret_name = name;
+  }
+  return 0;
+}
+
+int db_element_writer::db_new_any(std::string_view dkey, std::string_view ename, std::string_view markup,
+                                  wiped_string *buffer)
+{
+  std::string_view name;
+  if (open_element(dkey, ename, buffer, &name) != 0) {
+    return -1;
+  }
+  wiped_string whole;
+  whole.append("<any>").append(markup).append("</any>");
+  if (lyxml_parse_mem(whole) == nullptr) { // not written by this daemon: it must not break what stands around it
+    return add_text(name, markup, buffer);
+  }
+  buffer->append(">").append(markup);
+  db_add_etag(name, buffer);
+  return 0;
+}
+
+// Up to the opening tag's end, which is left out.
+int db_element_writer::open_element(std::string_view dkey, std::string_view ename, wiped_string *buffer,
+                                    std::string_view *ret_name)
+{
   std::string_view name;
   std::string_view prefix;
   if (db_split_elemname(ename, &name, &prefix) != 0) {
@@ -109,13 +170,7 @@ int db_element_writer::db_new_node(std::string_view dkey, std::string_view ename
   if (!module.empty() && !namespace_of(module).empty()) {
     buffer->append(" xmlns=\"").append(namespace_of(module)).append("\"");
   }
-  if (text.has_value()) {
-    return add_text(name, *text, buffer);
-  }
-  buffer->push_back('>');
-  if (ret_name != nullptr) {
-    *ret_name = name;
-  }
+  *ret_name = name;
   return 0;
 }
 

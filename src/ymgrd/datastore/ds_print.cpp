@@ -43,6 +43,9 @@ private:
     if (ds_is_stored_canonically(node)) {
       return writer_.db_new_node({}, element_name(node), lyd_get_value(node), text_, nullptr);
     }
+    if (node->schema->nodetype & LYD_NODE_ANY) {
+      return writer_.db_new_any({}, element_name(node), ds_stored_value(node), text_);
+    }
     return writer_.db_new_node({}, element_name(node), ds_stored_value(node), text_, nullptr);
   }
 

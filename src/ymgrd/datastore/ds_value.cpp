@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "ymgrd/core/handles.h"
+#include "ymgrd/database/database_path.h"
 
 namespace {
 
@@ -51,7 +52,12 @@ std::string any_text(const lyd_node *node)
     return {};
   }
   c_string_ptr owner(text);
-  return text;
+  if (reinterpret_cast<const lyd_node_any *>(node)->value_type != LYD_ANYDATA_STRING) {
+    return text; // printed as markup
+  }
+  wiped_string markup;
+  handle_special_key(&markup, text, DB_XML_ESCAPE);
+  return std::string(markup);
 }
 
 bool is_any(const lyd_node *node)

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "ymgrd/core/context.h"
@@ -17,6 +18,7 @@ struct text_hash_t {
   size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
 };
 using module_map_t = std::unordered_map<std::string, const lys_module *, text_hash_t, std::equal_to<>>;
+using text_set_t = std::unordered_set<std::string, text_hash_t, std::equal_to<>>;
 
 // The maps point into the context: they are filled after loading and emptied before the context goes.
 typedef struct _schema_state {
@@ -24,6 +26,8 @@ typedef struct _schema_state {
   module_map_t by_name;
   module_map_t by_ns;
   module_map_t by_prefix; // implemented modules only
+  text_set_t any_names;   // of anyxml and anydata nodes
+  text_set_t any_paths;
   std::vector<void (*)()> exit_listeners;
 } schema_state_t;
 
@@ -55,6 +59,34 @@ void add_to_lookups(const lys_module *module)
   state.by_ns.emplace(module->ns, module);
   if (module->implemented) {
     state.by_prefix.emplace(module->prefix, module);
+  }
+}
+
+// Data paths name the module where it changes, and no choices and cases.
+std::string data_path_of(const lysc_node *node)
+{
+  const lysc_node *parent = lysc_data_parent(node);
+  std::string path = parent == nullptr ? std::string() : data_path_of(parent);
+  path.append("/");
+  if (parent == nullptr || parent->module != node->module) {
+    path.append(node->module->name).append(":");
+  }
+  return path.append(node->name);
+}
+
+void add_any_nodes(const lys_module *module)
+{
+  auto add = [](lysc_node *node, void *, ly_bool *) {
+    if (node->nodetype & LYD_NODE_ANY) {
+      state.any_names.emplace(node->name);
+      state.any_paths.insert(data_path_of(node));
+    }
+    return LY_SUCCESS;
+  };
+  const lysc_node *top = nullptr;
+  LY_LIST_FOR(module->compiled->data, top)
+  {
+    (void)lysc_tree_dfs_full(top, add, nullptr); // fails only when the callback does
   }
 }
 
@@ -200,6 +232,8 @@ void schema_set_ctx(ly_ctx_ptr ctx)
   state.by_name.clear();
   state.by_ns.clear();
   state.by_prefix.clear();
+  state.any_names.clear();
+  state.any_paths.clear();
   state.ctx = std::move(ctx);
 }
 
@@ -212,10 +246,23 @@ void schema_build_lookups()
 {
   for (const lys_module *module : schema_loaded_modules()) {
     add_to_lookups(module);
+    if (module->implemented) {
+      add_any_nodes(module);
+    }
   }
   for (const lys_module *module : all_modules(0)) {
     add_to_lookups(module);
   }
+}
+
+bool schema_has_any(std::string_view name)
+{
+  return state.any_names.contains(name);
+}
+
+bool schema_is_any(std::string_view data_path)
+{
+  return state.any_paths.contains(data_path);
 }
 
 std::vector<const lys_module *> schema_loaded_modules()

@@ -57,6 +57,10 @@ std::string schema_get_module_name(const std::string &ns);
 // The module that a token before ":" in a value names: by name first, then by prefix (of implemented modules); null
 // when there is none.
 const lys_module *schema_find_module(const char *token, size_t token_len);
+// Whether an anyxml or anydata node has that name, anywhere; and whether the node at the data path, given without
+// predicates, is one.
+bool schema_has_any(std::string_view name);
+bool schema_is_any(std::string_view data_path);
 // "/MODULE:NAME" of a top-level data element; empty when its namespace is unknown (an element without namespace is
 // looked for in all modules).
 std::string schema_make_toppath(const std::string &ns, const std::string &name);

@@ -96,3 +96,22 @@ TEST_F(storage, transaction_state_is_kept_beside_the_tree)
   ASSERT_TRUE(session->ok(support::COMMIT));
   EXPECT_EQ(state(CANDIDATE_DB), '8');
 }
+
+TEST_F(storage, anyxml_comes_back_as_the_markup_or_text_that_was_sent)
+{
+  for (const char *content : {"<a xmlns=\"urn:v\">1 &lt; 2<!-- --></a><b xmlns=\"urn:w\" x=\"&quot;\"><c/></b>",
+                              "a &lt; b &amp; c", "<d/>"}) {
+    std::string sent = std::string("<vendor-data>") + content + "</vendor-data>";
+    ASSERT_TRUE(session->ok(edit(sent))) << sent;
+    std::string kept = data("candidate");
+    redis.command(CANDIDATE_DB, {"HSET", "/", "none", "none"}); // a foreign write: Redis is read again
+    redis.command(CANDIDATE_DB, {"HDEL", "/", "none"});
+    std::string stored = data("candidate");
+    for (const std::string &got : {kept, stored}) {
+      size_t begin = got.find("<vendor-data");
+      std::string element = got.substr(begin, got.find("</vendor-data>") - begin) + "</vendor-data>";
+      EXPECT_EQ(support::normalize("<system xmlns=\"urn:ex-sys\">" + element + "</system>"),
+                support::normalize("<system xmlns=\"urn:ex-sys\">" + sent + "</system>"));
+    }
+  }
+}
