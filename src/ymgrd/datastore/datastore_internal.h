@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <unordered_set>
 
 #include <libyang/libyang.h>
 
@@ -11,6 +12,7 @@
 #include "ymgrd/core/handles.h"
 #include "ymgrd/datastore/dbkey.h"
 #include "ymgrd/datastore/ds_lock.h"
+#include "ymgrd/datastore/edit_changes.h"
 #include "ymgrd/rpc/lyxml.h"
 #include "ymgrd/rpc/rpc_error.h"
 #include "ymgrd/ymgrd.h"
@@ -132,8 +134,14 @@ int unlock_operation(int sid, int target, reply_error_ptr *ret_error);
 // --- Steps of the operations.
 
 // Checks the whole data tree against the schema (nothing is added to it). 0, also for an empty tree; -1 with the error,
-// whose kind is `invalid_kind` unless the violation has a kind of its own.
-int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *ret_error);
+// whose kind is `invalid_kind` unless the violation has a kind of its own. On 0 `ret_implied` (null: not asked for) has
+// gained the schema nodes of which libyang implied instances.
+int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *ret_error,
+                       std::unordered_set<const lysc_node *> *ret_implied = nullptr);
+// The same for the result of an edit: when the tree was valid before it, only what the changes concern is checked.
+int ds_validate_edit(lyd_tree_ptr *data, const edit_changes &changes, int invalid_kind, reply_error_ptr *ret_error);
+// Drops what is known of the tree that was validated last, and of the schema.
+void ds_forget_validated();
 // Takes implicit nodes out again: those that the diff `created` of a libyang call names and that are still marked as
 // default.
 void ds_drop_implicit(lyd_tree_ptr *data, const lyd_node *created);

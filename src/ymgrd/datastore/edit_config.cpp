@@ -492,6 +492,7 @@ int edit_operations(const edit_request_t &request, lyd_tree_ptr *ret_data, diffe
   if (ds_take_data(request.hdb, request.tflag, request.path, &job.data) != 0) {
     return -1;
   }
+  job.changes.begin(job.data.get());
   if (edit_top_nodes(&job, &diff) != 0) {
     *ret_error = std::move(job.error);
     return -1;
@@ -503,6 +504,9 @@ int edit_operations(const edit_request_t &request, lyd_tree_ptr *ret_data, diffe
   }
   *ret_data = std::move(job.data);
   *ret_tree = tree;
-  *ret_written = job.written;
+  *ret_written = !job.changes.all().empty();
+  if (request.changes != nullptr) {
+    *request.changes = std::move(job.changes);
+  }
   return 0;
 }
