@@ -78,6 +78,9 @@ int attribute_fault(const xmlAttr *attr, const lysc_node *schema)
 bool is_integer(const lysc_node *schema)
 {
   const lysc_type *type = reinterpret_cast<const lysc_node_leaf *>(schema)->type; // a leaf-list has it in its place
+  if (type->basetype == LY_TYPE_LEAFREF) {
+    type = reinterpret_cast<const lysc_type_leafref *>(type)->realtype;
+  }
   switch (type->basetype) {
   case LY_TYPE_INT8:
   case LY_TYPE_INT16:

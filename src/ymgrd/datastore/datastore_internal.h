@@ -121,9 +121,9 @@ int ds_parse_rpc_config(lyxml_elem *rpc, NC_OP nc_op, ds_config_t *config, reply
 // Gives every node from `first` on, and all below, the operation `op`.
 void ds_set_nodelist_op(lyd_node *first, NC_EDIT_OP_TYPE op, ds_node_arena *arena);
 
-// Whether all elements of <config> are known, in their places, with attributes that belong there. 0, or -1 with the
-// error.
-int ds_check_config(const lyxml_elem *config, reply_error_ptr *ret_error);
+// Whether all elements of <config> are known, in their places, with attributes that belong there; also takes the
+// leading zeros of integers away, at which libyang stumbles. 0, or -1 with the error.
+int ds_check_config(lyxml_elem *config, reply_error_ptr *ret_error);
 // The value of an operation attribute; NC_EDIT_OP_ERROR when it is none of RFC 6241's.
 NC_EDIT_OP_TYPE ds_operation_of(const xmlAttr *attr);
 

@@ -19,9 +19,8 @@ lines_t lines_of_reply(const schema &yang, const std::string &reply);
 
 // What the database holds for the tree: one line for each field of a hash and for each list.
 lines_t stored_lines(const node_t &root);
-// The same of a database as it is, without the daemon's own bookkeeping. Without `yang` every list has its order, for
-// comparing a database with itself.
-lines_t stored_lines(const schema *yang, support::redis_server *redis, int db);
+// The same of a database as it is, without the daemon's own bookkeeping.
+lines_t stored_lines(const schema &yang, support::redis_server *redis, int db);
 
 // Lines of one only, marked by - and +; empty when there are none.
 std::string difference(const lines_t &expected, const lines_t &found);

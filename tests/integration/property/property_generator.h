@@ -26,18 +26,18 @@ public:
   request_t edit(const node_t &data);
 
 private:
-  typedef struct _context {
-    const node_t *data; // the node that stands where the edit's node goes; null when there is none
+  // Where a node of the edit goes.
+  typedef struct _place {
+    const node_t *data; // the parent in the data; null when there is none
     std::string operation;
     int depth;
-  } context_t;
+  } place_t;
 
-  node_t draw_config(const std::string &default_operation);
-  void add_children(node_t *config, const context_t &here);
-  node_t draw_node(const lysc_node *schema, const context_t &parent);
-  std::string draw_operation(const lysc_node *schema, const std::string &inherited, bool exists, int depth);
-  void draw_value(node_t *leaf, const lysc_type *type);
-  void draw_position(node_t *entry, const context_t &parent);
+  node_t draw_node(const lysc_node *schema, const place_t &place);
+  void draw_children(node_t *config, const place_t &here);
+  std::string draw_operation(const lysc_node *schema, bool exists, const place_t &place);
+  void draw_value(node_t *leaf);
+  void draw_position(node_t *entry, const std::vector<const node_t *> &entries);
   std::string spoil(node_t *config);
 
   template <class T>
@@ -48,7 +48,7 @@ private:
 
   const schema &yang_;
   std::mt19937_64 random_;
-  const node_t *root_ = nullptr; // of the data
+  std::vector<std::string> items_; // what leafrefs may name
 };
 
 } // namespace property

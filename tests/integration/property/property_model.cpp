@@ -2,63 +2,31 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <string_view>
 
 namespace property {
 
 namespace {
 
-const lysc_node_list *as_list(const lysc_node *node)
-{
-  return reinterpret_cast<const lysc_node_list *>(node);
-}
-
-const lysc_node_leaf *as_leaf(const lysc_node *node)
-{
-  return reinterpret_cast<const lysc_node_leaf *>(node);
-}
-
-node_t make_node(const lysc_node *schema, const std::string &value)
-{
-  node_t node;
-  node.schema = schema;
-  node.value = value;
-  return node;
-}
-
-std::string quoted(const std::string &value)
-{
-  std::string text = "\"";
-  for (char c : value) {
-    if (c == '"' || c == '\\') {
-      text += '\\';
-    }
-    text += c;
-  }
-  return text + "\"";
-}
-
 // Whether the choice or case `above` stands between the node and its data parent.
 bool is_within(const lysc_node *node, const lysc_node *above)
 {
-  for (const lysc_node *up = node->parent; up != nullptr && (up->nodetype & (LYS_CHOICE | LYS_CASE)); up = up->parent) {
-    if (up == above) {
-      return true;
-    }
+  const lysc_node *up = node->parent;
+  while (up != nullptr && up != above && (up->nodetype & (LYS_CHOICE | LYS_CASE))) {
+    up = up->parent;
   }
-  return false;
+  return up == above;
 }
 
-bool has_any(const node_t &parent, const lysc_node *choice_or_case)
+bool has_any(const node_t &parent, const lysc_node *choice_case)
 {
   return std::any_of(parent.children.begin(), parent.children.end(),
-                     [&](const node_t &child) { return is_within(child.schema, choice_or_case); });
+                     [&](const node_t &child) { return is_within(child.schema, choice_case); });
 }
 
-const node_t *find_schema(const node_t &parent, const lysc_node *schema)
+size_t position(const node_t &parent, const node_t &child)
 {
-  auto found = std::find_if(parent.children.begin(), parent.children.end(),
-                            [&](const node_t &child) { return child.schema == schema; });
-  return found == parent.children.end() ? nullptr : &*found;
+  return static_cast<size_t>(find(parent, child) - parent.children.data());
 }
 
 // --- Conditions and defaults.
@@ -71,12 +39,16 @@ bool condition_holds(const node_t &parent, const lysc_node *schema)
          });
 }
 
+bool is_transparent(const lysc_node *node) // a container that is there for what is in it
+{
+  return node->nodetype == LYS_CONTAINER && !(node->flags & LYS_PRESENCE);
+}
+
 bool has_defaults(const lysc_node *level)
 {
   for (const lysc_node *child = lysc_node_child(level); child != nullptr; child = child->next) {
-    bool is_passed =
-        child->nodetype == LYS_CONTAINER ? !(child->flags & LYS_PRESENCE) : child->nodetype & (LYS_CHOICE | LYS_CASE);
-    if ((child->nodetype == LYS_LEAF && as_leaf(child)->dflt != nullptr) || (is_passed && has_defaults(child))) {
+    bool is_passed = is_transparent(child) || (child->nodetype & (LYS_CHOICE | LYS_CASE));
+    if (child->nodetype == LYS_LEAF ? as_leaf(child)->dflt != nullptr : is_passed && has_defaults(child)) {
       return true;
     }
   }
@@ -86,35 +58,24 @@ bool has_defaults(const lysc_node *level)
 // Conditions are looked at when all else of an edit is done.
 enum class conditional { left_out, filled };
 
-void fill_level(node_t *parent, const lysc_node *level, conditional guarded);
-
-void fill_choice(node_t *parent, const lysc_node *choice, conditional guarded)
-{
-  for (const lysc_node *each = lysc_node_child(choice); each != nullptr; each = each->next) {
-    if (has_any(*parent, each)) {
-      fill_level(parent, each, guarded);
-      return;
-    }
-  }
-  const lysc_node_case *preset = reinterpret_cast<const lysc_node_choice *>(choice)->dflt;
-  if (preset != nullptr) {
-    fill_level(parent, reinterpret_cast<const lysc_node *>(preset), guarded);
-  }
-}
-
 void fill_level(node_t *parent, const lysc_node *level, conditional guarded)
 {
   for (const lysc_node *child = lysc_node_child(level); child != nullptr; child = child->next) {
     if (child->nodetype == LYS_CHOICE) {
-      fill_choice(parent, child, guarded);
-    } else if (find_schema(*parent, child) != nullptr || !condition_holds(*parent, child) ||
+      const auto *chosen = reinterpret_cast<const lysc_node *>(reinterpret_cast<const lysc_node_choice *>(child)->dflt);
+      for (const lysc_node *each = lysc_node_child(child); each != nullptr; each = each->next) {
+        chosen = has_any(*parent, each) ? each : chosen;
+      }
+      if (chosen != nullptr) {
+        fill_level(parent, chosen, guarded);
+      }
+    } else if (!instances(*parent, child).empty() || !condition_holds(*parent, child) ||
                (guarded == conditional::left_out && lysc_node_when(child) != nullptr)) {
       continue;
     } else if (child->nodetype == LYS_LEAF && as_leaf(child)->dflt != nullptr) {
-      const char *value = lyd_value_get_canonical(child->module->ctx, as_leaf(child)->dflt);
-      parent->children.push_back(make_node(child, value));
-    } else if (child->nodetype == LYS_CONTAINER && !(child->flags & LYS_PRESENCE) && has_defaults(child)) {
-      parent->children.push_back(make_node(child, ""));
+      parent->children.push_back({child, lyd_value_get_canonical(child->module->ctx, as_leaf(child)->dflt)});
+    } else if (is_transparent(child) && has_defaults(child)) {
+      parent->children.push_back({child});
     }
   }
 }
@@ -140,13 +101,13 @@ public:
   {
     if (operation == "replace") {
       std::erase_if(data->children,
-                    [&](const node_t &child) { return !is_key(child.schema) && find(&config, child) == nullptr; });
+                    [&](const node_t &child) { return !is_key(child.schema) && find(config, child) == nullptr; });
     }
     for (const node_t &child : config.children) {
       if (!apply_node(data, child, operation)) {
         return false;
       }
-      if (operation == "replace" && lysc_is_userordered(child.schema) && find(data, child) != nullptr) {
+      if (operation == "replace" && lysc_is_userordered(child.schema) && find(*data, child) != nullptr) {
         move_to(data, child, data->children.size()); // the document's order is the new one
       }
     }
@@ -160,15 +121,13 @@ private:
     return false;
   }
 
-  static bool is_open(const std::string &operation) { return operation == "none" || operation == "merge"; }
-
   // The operation that holds for a node; empty when its own and that above it contradict each other.
   static std::string resolve(const node_t &config, const std::string &inherited)
   {
     if (config.operation.empty() || config.operation == inherited) {
       return inherited;
     }
-    if (is_open(inherited)) {
+    if (inherited == "none" || inherited == "merge") {
       return is_key(config.schema) && config.operation != "merge" ? "" : config.operation;
     }
     return config.operation == "merge" ? inherited : "";
@@ -184,114 +143,106 @@ private:
 
   bool apply_node(node_t *parent, const node_t &config, const std::string &inherited)
   {
-    std::string operation = resolve(config, inherited);
-    if (operation.empty()) {
-      return refuse("operation-failed");
-    }
-    if (is_key(config.schema)) {
+    const std::string operation = resolve(config, inherited);
+    if (is_key(config.schema) && !operation.empty()) {
       return true;
     }
-    if (operation == "delete" || operation == "remove") {
-      return apply_removal(parent, config, operation);
+    bool is_removal = operation == "delete" || operation == "remove";
+    if (operation.empty() || (is_removal && !agrees_below(config, operation))) {
+      return refuse("operation-failed");
     }
-    if (operation == "none") {
-      node_t *found = find(parent, config);
-      return found == nullptr ? refuse("data-missing") : apply_below(found, config, operation);
+    if (!is_removal && operation != "none") {
+      clear_other_cases(parent, config.schema);
     }
-    for (const lysc_node *up = config.schema->parent; up != nullptr && up->nodetype == LYS_CASE;
-         up = up->parent->parent) {
-      std::erase_if(parent->children, [up](const node_t &child) {
-        return is_within(child.schema, up->parent) && !is_within(child.schema, up);
+    bool exists = find(*parent, config) != nullptr;
+    if (!exists && (operation == "delete" || operation == "none")) {
+      return refuse("data-missing");
+    }
+    if (exists && operation == "create") {
+      return refuse("data-exists");
+    }
+    if (is_removal) {
+      std::erase_if(parent->children, [found = find(*parent, config)](const node_t &child) { return &child == found; });
+      return true;
+    }
+    return exists ? change(parent, config, operation) : add(parent, config, operation);
+  }
+
+  static void clear_other_cases(node_t *parent, const lysc_node *schema)
+  {
+    for (const lysc_node *own = schema->parent; own != nullptr && own->nodetype == LYS_CASE;
+         own = own->parent->parent) {
+      std::erase_if(parent->children, [own](const node_t &child) {
+        return is_within(child.schema, own->parent) && !is_within(child.schema, own);
       });
     }
-    return find(parent, config) == nullptr ? add(parent, config, operation) : change(parent, config, operation);
+  }
+
+  bool add(node_t *parent, const node_t &config, const std::string &operation)
+  {
+    if (!config.reference.empty() && find_reference(*parent, config) == nullptr) {
+      return refuse("bad-attribute");
+    }
+    node_t &made = parent->children.emplace_back(node_t{config.schema, config.value});
+    for (const node_t &key : config.children) {
+      if (is_key(key.schema)) {
+        made.children.push_back({key.schema, key.value});
+      }
+    }
+    return place(parent, config) && apply_below(parent, config, operation);
+  }
+
+  bool change(node_t *parent, const node_t &config, const std::string &operation)
+  {
+    if (operation == "none") {
+      return apply_below(parent, config, operation);
+    }
+    parent->children[position(*parent, config)].value = config.value;
+    return apply_below(parent, config, operation) && place(parent, config);
   }
 
   // A node that the document names again meets the defaults of the first time.
-  bool apply_below(node_t *node, const node_t &config, const std::string &operation)
+  bool apply_below(node_t *parent, const node_t &config, const std::string &operation)
   {
+    node_t *node = &parent->children[position(*parent, config)];
     bool is_done = apply_children(node, config, operation);
     fill(node, conditional::left_out);
     return is_done;
   }
 
-  bool apply_removal(node_t *parent, const node_t &config, const std::string &operation)
-  {
-    if (!agrees_below(config, operation)) {
-      return refuse("operation-failed");
-    }
-    node_t *found = find(parent, config);
-    if (found == nullptr) {
-      return operation == "remove" || refuse("data-missing");
-    }
-    parent->children.erase(parent->children.begin() + (found - parent->children.data()));
-    return true;
-  }
-
-  bool add(node_t *parent, const node_t &config, const std::string &operation)
-  {
-    node_t made = make_node(config.schema, config.value);
-    std::copy_if(config.children.begin(), config.children.end(), std::back_inserter(made.children),
-                 [](const node_t &child) { return is_key(child.schema); });
-    for (node_t &key : made.children) {
-      key = make_node(key.schema, key.value);
-    }
-    if (!config.reference.empty() && find_reference(parent, config) == nullptr) {
-      return refuse("bad-attribute");
-    }
-    parent->children.push_back(std::move(made));
-    return place(parent, config) && apply_below(find(parent, config), config, operation);
-  }
-
-  bool change(node_t *parent, const node_t &config, const std::string &operation)
-  {
-    if (operation == "create") {
-      return refuse("data-exists");
-    }
-    node_t *found = find(parent, config);
-    found->value = config.value;
-    return apply_below(found, config, operation) && place(parent, config);
-  }
-
   // --- Order: an entry stands where its insert says (RFC 7950, 7.8.6), else where it stood, a new one behind the
   // others.
 
-  static node_t *find_reference(node_t *parent, const node_t &config)
+  static const node_t *find_reference(const node_t &parent, const node_t &config)
   {
-    auto found = std::find_if(parent->children.begin(), parent->children.end(), [&](const node_t &child) {
-      return child.schema == config.schema && predicate(child) == config.reference;
-    });
-    return found == parent->children.end() ? nullptr : &*found;
+    for (const node_t *entry : instances(parent, config.schema)) {
+      if (predicate(*entry) == config.reference) {
+        return entry;
+      }
+    }
+    return nullptr;
   }
 
   static void move_to(node_t *parent, const node_t &config, size_t index)
   {
-    auto first = parent->children.begin();
-    auto from = first + (find(parent, config) - parent->children.data());
-    auto to = first + static_cast<ptrdiff_t>(index);
-    if (to > from) {
-      std::rotate(from, from + 1, to);
-    } else {
-      std::rotate(to, from, from + 1);
-    }
+    auto from = parent->children.begin() + static_cast<ptrdiff_t>(position(*parent, config));
+    auto to = parent->children.begin() + static_cast<ptrdiff_t>(index);
+    to > from ? std::rotate(from, from + 1, to) : std::rotate(to, from, from + 1);
   }
 
   bool place(node_t *parent, const node_t &config)
   {
-    auto first = std::find_if(parent->children.begin(), parent->children.end(),
-                              [&](const node_t &child) { return child.schema == config.schema; });
     if (config.insert == "first") {
-      move_to(parent, config, static_cast<size_t>(first - parent->children.begin()));
+      move_to(parent, config, position(*parent, *instances(*parent, config.schema).front()));
     } else if (config.insert == "last") {
       move_to(parent, config, parent->children.size());
     } else if (!config.insert.empty()) {
-      node_t *reference = find_reference(parent, config);
+      const node_t *reference = find_reference(*parent, config);
       if (reference == nullptr) {
         return refuse("bad-attribute");
       }
-      if (reference != find(parent, config)) {
-        size_t index = static_cast<size_t>(reference - parent->children.data());
-        move_to(parent, config, config.insert == "after" ? index + 1 : index);
+      if (reference != find(*parent, config)) {
+        move_to(parent, config, position(*parent, *reference) + (config.insert == "after" ? 1 : 0));
       }
     }
     return true;
@@ -302,91 +253,60 @@ private:
 
 // --- Constraints.
 
-class validation {
-public:
-  explicit validation(const node_t &root) : root_(root) { check_below(root); }
-  const std::set<std::string> &tags() const { return tags_; }
-
-private:
-  void check_below(const node_t &parent)
-  {
-    for (const node_t &child : parent.children) {
-      if (!condition_holds(parent, child.schema)) {
-        tags_.insert("unknown-element");
-      }
-      if (child.schema->nodetype == LYS_LEAF && as_leaf(child.schema)->type->basetype == LY_TYPE_LEAFREF) {
-        check_reference(child.value);
-      }
-      if (is_entry(child.schema)) {
-        check_entry(parent, child);
-      }
-      check_below(child);
-    }
-    for (const lysc_node *each = parent.schema == nullptr ? nullptr : lysc_node_child(parent.schema); each != nullptr;
-         each = each->next) {
-      if (each->nodetype == LYS_LEAF && (each->flags & LYS_MAND_TRUE) && find_schema(parent, each) == nullptr) {
-        tags_.insert("data-missing");
-      }
-    }
+bool has_twin(const node_t &entry, const std::vector<const node_t *> &all)
+{
+  if (entry.schema->nodetype != LYS_LIST ||
+      reinterpret_cast<const lysc_node_list *>(entry.schema)->uniques == nullptr) {
+    return false;
   }
+  const lysc_node_leaf *unique = reinterpret_cast<const lysc_node_list *>(entry.schema)->uniques[0][0]; // the only one
+  auto value_of = [unique](const node_t &each) {
+    std::vector<const node_t *> leafs = instances(each, reinterpret_cast<const lysc_node *>(unique));
+    return leafs.empty() ? "" : leafs.front()->value;
+  };
+  return std::any_of(all.begin(), all.end(), [&](const node_t *other) {
+    return other != &entry && !value_of(entry).empty() && value_of(*other) == value_of(entry);
+  });
+}
 
-  void check_reference(const std::string &name)
-  {
-    for (const node_t &top : root_.children) {
-      for (const node_t &child : top.children) {
-        if (std::string_view(child.schema->name) == "item" && child.children.front().value == name) {
-          return;
-        }
+void check_below(const node_t &parent, const std::set<std::string> &items, std::set<std::string> *tags)
+{
+  for (const node_t &child : parent.children) {
+    const lysc_node *schema = child.schema;
+    if (!condition_holds(parent, schema)) {
+      tags->insert("unknown-element");
+    }
+    if (schema->nodetype == LYS_LEAF && as_leaf(schema)->type->basetype == LY_TYPE_LEAFREF &&
+        !items.contains(child.value)) {
+      tags->insert("data-missing");
+    }
+    uint32_t most = schema->nodetype == LYS_LEAFLIST ? reinterpret_cast<const lysc_node_leaflist *>(schema)->max : 0;
+    const std::vector<const node_t *> all = instances(parent, schema);
+    if (has_twin(child, all) || (most != 0 && all.size() > most)) {
+      tags->insert("operation-failed");
+    }
+    for (const lysc_node *each = lysc_node_child(schema); each != nullptr; each = each->next) {
+      if (each->nodetype == LYS_LEAF && (each->flags & LYS_MAND_TRUE) && instances(child, each).empty()) {
+        tags->insert("data-missing");
       }
     }
-    tags_.insert("data-missing");
+    check_below(child, items, tags);
   }
-
-  void check_entry(const node_t &parent, const node_t &entry)
-  {
-    auto count = std::count_if(parent.children.begin(), parent.children.end(),
-                               [&](const node_t &child) { return child.schema == entry.schema; });
-    uint32_t most = entry.schema->nodetype == LYS_LIST
-                        ? as_list(entry.schema)->max
-                        : reinterpret_cast<const lysc_node_leaflist *>(entry.schema)->max;
-    bool is_twin = false;
-    for (const node_t &other : parent.children) {
-      is_twin = is_twin || (other.schema == entry.schema && &other != &entry && shares_unique(entry, other));
-    }
-    if (is_twin || (most != 0 && count > static_cast<ptrdiff_t>(most))) {
-      tags_.insert("operation-failed");
-    }
-  }
-
-  static bool shares_unique(const node_t &entry, const node_t &other)
-  {
-    lysc_node_leaf ***uniques = entry.schema->nodetype == LYS_LIST ? as_list(entry.schema)->uniques : nullptr;
-    if (uniques == nullptr) {
-      return false;
-    }
-    const auto *leaf = reinterpret_cast<const lysc_node *>(uniques[0][0]); // one unique of one leaf
-    const node_t *value = find_schema(entry, leaf);
-    const node_t *other_value = find_schema(other, leaf);
-    return value != nullptr && other_value != nullptr && value->value == other_value->value;
-  }
-
-  const node_t &root_;
-  std::set<std::string> tags_;
-};
+}
 
 } // namespace
 
 schema::schema(const std::string &dir)
 {
   ly_ctx *ctx = nullptr;
-  if (ly_ctx_new(dir.c_str(), LY_CTX_NO_YANGLIBRARY, &ctx) != LY_SUCCESS) {
-    throw std::runtime_error("no context for " + dir);
+  if (ly_ctx_new(dir.c_str(), LY_CTX_NO_YANGLIBRARY, &ctx) == LY_SUCCESS) {
+    ctx_.reset(ctx);
+    module_ = ly_ctx_load_module(ctx, MODULE, nullptr, nullptr);
   }
-  ctx_.reset(ctx);
-  module_ = ly_ctx_load_module(ctx, MODULE, nullptr, nullptr);
   if (module_ == nullptr || ly_ctx_load_module(ctx, AUGMENTING_MODULE, nullptr, nullptr) == nullptr) {
-    throw std::runtime_error("modules do not load");
+    throw std::runtime_error("modules of " + dir + " do not load");
   }
+  collect_ordered(nullptr);
 }
 
 std::vector<const lysc_node *> schema::children(const lysc_node *parent) const
@@ -399,23 +319,25 @@ std::vector<const lysc_node *> schema::children(const lysc_node *parent) const
   return nodes;
 }
 
-bool is_inner(const lysc_node *node)
+void schema::collect_ordered(const lysc_node *parent)
 {
-  return node->nodetype & (LYS_CONTAINER | LYS_LIST);
-}
-
-bool is_entry(const lysc_node *node)
-{
-  return node->nodetype & (LYS_LIST | LYS_LEAFLIST);
-}
-
-bool is_key(const lysc_node *node)
-{
-  return lysc_is_key(node);
+  for (const lysc_node *child : children(parent)) {
+    if (lysc_is_userordered(child)) {
+      ordered_.insert(child->name);
+    }
+    collect_ordered(child);
+  }
 }
 
 std::string predicate(const node_t &entry)
 {
+  auto quoted = [](const std::string &value) {
+    std::string text;
+    for (char c : value) {
+      text.append(c == '"' || c == '\\' ? "\\" : "").append(1, c);
+    }
+    return "\"" + text + "\"";
+  };
   if (entry.schema->nodetype == LYS_LEAFLIST) {
     return ".=" + quoted(entry.value);
   }
@@ -428,28 +350,42 @@ std::string predicate(const node_t &entry)
   return text;
 }
 
-bool is_same(const node_t &node, const node_t &other)
+const node_t *find(const node_t &parent, const node_t &like)
 {
-  bool is_unlike = node.schema != other.schema || (node.schema->nodetype == LYS_LEAFLIST && node.value != other.value);
-  for (size_t i = 0; !is_unlike && node.schema->nodetype == LYS_LIST && is_key(node.children[i].schema); i++) {
-    is_unlike = node.children[i].value != other.children[i].value;
-    if (i + 1 == node.children.size()) {
-      break;
+  for (const node_t &child : parent.children) {
+    bool is_it = child.schema == like.schema && (like.schema->nodetype != LYS_LEAFLIST || child.value == like.value);
+    for (size_t i = 0; is_it && i < like.children.size() && is_key(like.children[i].schema); i++) {
+      is_it = child.children[i].value == like.children[i].value;
+    }
+    if (is_it) {
+      return &child;
     }
   }
-  return !is_unlike;
+  return nullptr;
 }
 
-const node_t *find(const node_t *parent, const node_t &like)
+std::vector<const node_t *> instances(const node_t &parent, const lysc_node *schema)
 {
-  auto found = std::find_if(parent->children.begin(), parent->children.end(),
-                            [&](const node_t &child) { return is_same(child, like); });
-  return found == parent->children.end() ? nullptr : &*found;
+  std::vector<const node_t *> all;
+  for (const node_t &child : parent.children) {
+    if (child.schema == schema) {
+      all.push_back(&child);
+    }
+  }
+  return all;
 }
 
-node_t *find(node_t *parent, const node_t &like)
+std::set<std::string> item_names(const node_t &root)
 {
-  return const_cast<node_t *>(find(static_cast<const node_t *>(parent), like));
+  std::set<std::string> names;
+  for (const node_t &top : root.children) {
+    for (const node_t &child : top.children) {
+      if (std::string_view(child.schema->name) == "item") {
+        names.insert(child.children.front().value);
+      }
+    }
+  }
+  return names;
 }
 
 std::set<std::string> apply(node_t *data, const node_t &config, const std::string &default_operation)
@@ -461,7 +397,9 @@ std::set<std::string> apply(node_t *data, const node_t &config, const std::strin
   for (node_t &top : data->children) {
     fill(&top, conditional::filled);
   }
-  return validation(*data).tags();
+  std::set<std::string> tags;
+  check_below(*data, item_names(*data), &tags);
+  return tags;
 }
 
 } // namespace property

@@ -69,7 +69,18 @@ const char seed_tree[] = R"(
 <needs xmlns="urn:rich"><item><name>a</name><note>n</note></item><implied><level>4</level></implied><default-ref>4</default-ref></needs>
 <service xmlns="urn:more"><name>a</name><port>1</port></service>
 <service xmlns="urn:more"><name>b</name><watched/></service>)";
-constexpr size_t SMALLEST_TREE = 25; // a tree that was edited down to less says little
+// And one that leaves to the schema what it can.
+const char sparse_tree[] = R"(
+<top-limit xmlns="urn:rich">3</top-limit>
+<net xmlns="urn:rich">
+ <interface><name>a</name><kind>ethernet</kind><speed>1</speed><route><id>1</id></route><vlan>2</vlan></interface>
+ <interface><name>b</name><kind>serial</kind><serial><line>1</line></serial><ip>1</ip></interface>
+ <interface><name>c</name><port>1</port><kind>loop</kind><extra xmlns="urn:more">2</extra><vlan>1</vlan></interface>
+ <interface><name>d</name><kind>dial</kind><vlan>1</vlan></interface>
+ <labels>2</labels><mtus>3</mtus><all-mtus>3</all-mtus><few-reds>4</few-reds><reds>4</reds></net>
+<needs xmlns="urn:rich"><item><name>c</name></item><depth-seen/></needs>
+<service xmlns="urn:more"><name>b</name></service>)";
+constexpr size_t SMALLEST_TREE = 27; // a tree that was edited down to less says little
 
 std::string text_of(const lyd_node *tree)
 {
@@ -149,7 +160,7 @@ fuzz_counts_t constraint_fuzz::run(int rounds)
 void constraint_fuzz::plant()
 {
   lyd_node *tree = nullptr;
-  (void)lyd_parse_data_mem(ctx_, seed_tree, LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_STRICT, 0, &tree);
+  (void)lyd_parse_data_mem(ctx_, one_in(2) ? sparse_tree : seed_tree, LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_STRICT, 0, &tree);
   tree_.reset(tree);
   implied_.clear();
   std::string error = validate_all(&implied_);
