@@ -185,7 +185,7 @@ int ds_refuse(int sid, const lyxml_elem *rpc, int kind, const std::string &messa
 int ds_take_filter(int sid, const lyxml_elem *rpc, const char *oper, std::unique_ptr<nc_filter_t> *ret_filter);
 // Opens the datastore in `*ret_db` and locks for reading what the filter names (null: everything). 0 or -1 (logged).
 int ds_glock_transact_start(int ds, const nc_filter_t *filter, ds_session_db *ret_db);
-// Appends what the filter (null: none) selects of the datastore, open as `hdb`. 0 or -1.
+// What the filter (null: none) selects of the datastore, open as `hdb`. 0 or -1.
 int ds_get_query_result(int hdb, int ds, const nc_filter_t *filter, wiped_string *ret_text);
 // The <data> reply. 0 or -1.
 int ds_get_send_reply(int sid, const lyxml_elem *rpc, std::string_view text);

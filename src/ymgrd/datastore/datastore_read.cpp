@@ -1,4 +1,6 @@
 // get-config (RFC 6241, section 7.1), and what get shares with it.
+#include <utility>
+
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
@@ -97,11 +99,16 @@ int ds_get_query_result(int hdb, int ds, const nc_filter_t *filter, wiped_string
   if (filter == nullptr) {
     return source.read_text({}, ret_text);
   }
-  wiped_string data("<data>");
-  if (ds_filter_read(source, *filter, &data) != 0) {
+  wiped_string data;
+  bool is_answer = false;
+  if (ds_filter_read(source, *filter, &data, &is_answer) != 0) {
     return -1;
   }
-  data.append("</data>");
+  if (is_answer) {
+    *ret_text = std::move(data);
+    return 0;
+  }
+  data.insert(0, "<data>").append("</data>");
   lyxml_ptr read = lyxml_parse_mem(data);
   lyxml_ptr selected;
   if (read == nullptr || ds_xml_subtree_filter(std::move(read), *filter, &selected) != 0) {

@@ -74,49 +74,63 @@ std::vector<std::string> entry_keys(const lyxml_elem *elem, const lysc_node *lis
   return keys;
 }
 
-void plan_siblings(const lyxml_elem *parent, const ds_schema_nodes &schemas, plan_node_t *node);
+class planner {
+public:
+  // `schemas`: of the parent element; empty for <filter>.
+  void plan_siblings(const lyxml_elem *parent, const ds_schema_nodes &schemas, plan_node_t *node)
+  {
+    size_t named_keys = 0;
+    bool any = false; // but content match nodes
+    for (const lyxml_elem *elem = lyxml_first_child(parent); elem != nullptr; elem = lyxml_next(elem)) {
+      ds_schema_nodes nodes = ds_filter_schema(elem, schemas);
+      is_exact_ = is_exact_ && elem->properties == nullptr;
+      if (!is_content_match(elem)) {
+        any = true;
+        for (const lysc_node *schema : nodes) {
+          plan_element(elem, schema, nodes.size() == 1, node);
+        }
+      } else if (node->step.is_entry() && nodes.size() == 1 && lysc_is_key(nodes.front())) {
+        named_keys++;
+      } else {
+        take_whole(node); // what it is compared with may be any of the siblings
+        return;
+      }
+    }
+    is_exact_ = is_exact_ && named_keys == node->step.keys.size(); // else a key is wanted to have two values
+    node->whole = node->whole || !any;                             // nothing but its keys: all of the entry
+  }
 
-void plan_element(const lyxml_elem *elem, const lysc_node *schema, bool is_sure, plan_node_t *parent)
-{
-  if (parent->step.is_entry() && lysc_is_key(schema)) {
-    return; // an entry brings its keys
-  }
-  bool is_containment = lyxml_first_child(elem) != nullptr;
-  if (is_containment && is_sure && schema->nodetype == LYS_CONTAINER) {
-    plan_siblings(elem, {schema}, parent->child(schema, {}));
-    return;
-  }
-  std::vector<std::string> keys;
-  if (is_containment && is_sure && schema->nodetype == LYS_LIST) {
-    keys = entry_keys(elem, schema);
-  }
-  plan_node_t *node = parent->child(schema, std::move(keys));
-  if (node->step.is_entry()) {
-    plan_siblings(elem, {schema}, node);
-  } else {
+  // Whether the plan reads nothing but what the filter selects.
+  bool is_exact() const { return is_exact_; }
+
+private:
+  void take_whole(plan_node_t *node)
+  {
     node->whole = true;
+    is_exact_ = false;
   }
-}
 
-// `schemas`: of the parent element; empty for <filter>.
-void plan_siblings(const lyxml_elem *parent, const ds_schema_nodes &schemas, plan_node_t *node)
-{
-  bool any = false; // but content match nodes
-  for (const lyxml_elem *elem = lyxml_first_child(parent); elem != nullptr; elem = lyxml_next(elem)) {
-    ds_schema_nodes nodes = ds_filter_schema(elem, schemas);
-    bool is_match = is_content_match(elem);
-    bool is_named_key = node->step.is_entry() && nodes.size() == 1 && lysc_is_key(nodes.front());
-    if (is_match && !is_named_key) {
-      node->whole = true; // what it is compared with may be any of the siblings
+  void plan_element(const lyxml_elem *elem, const lysc_node *schema, bool is_sure, plan_node_t *parent)
+  {
+    if (parent->step.is_entry() && lysc_is_key(schema)) {
+      return; // an entry brings its keys
+    }
+    if (lyxml_first_child(elem) == nullptr) {
+      parent->child(schema, {})->whole = true;
       return;
     }
-    any = any || !is_match;
-    for (const lysc_node *schema : is_match ? ds_schema_nodes() : nodes) {
-      plan_element(elem, schema, nodes.size() == 1, node);
+    bool is_list = schema->nodetype == LYS_LIST;
+    std::vector<std::string> keys = is_sure && is_list ? entry_keys(elem, schema) : std::vector<std::string>();
+    plan_node_t *node = parent->child(schema, std::move(keys));
+    if (node->step.is_entry() || (is_sure && schema->nodetype == LYS_CONTAINER)) {
+      plan_siblings(elem, {schema}, node);
+    } else {
+      take_whole(node);
     }
   }
-  node->whole = node->whole || !any; // nothing but its keys: all of the entry
-}
+
+  bool is_exact_ = true;
+};
 
 // --- Fewer and larger reads
 
@@ -140,7 +154,8 @@ struct group_t {
   size_t reads = 0;
 };
 
-size_t simplify(plan_node_t *node, size_t limit)
+// The reads that are left. `*ret_is_changed` is set when more is read than was planned.
+size_t simplify(plan_node_t *node, size_t limit, bool *ret_is_changed)
 {
   if (node->whole) {
     return 1;
@@ -149,7 +164,7 @@ size_t simplify(plan_node_t *node, size_t limit)
   size_t total = node->step.is_entry() ? 1 : 0; // whether it is there
   std::unordered_map<const lysc_node *, group_t> groups;
   for (const auto &child : node->children) {
-    size_t reads = simplify(child.get(), limit);
+    size_t reads = simplify(child.get(), limit, ret_is_changed);
     total += reads;
     if (child->step.is_entry()) {
       groups[child->step.schema].entries++;
@@ -160,6 +175,7 @@ size_t simplify(plan_node_t *node, size_t limit)
     bool is_ordered = lysc_is_userordered(list);
     if (group.reads > limit || (is_ordered && group.entries > MAX_POSITIONS)) {
       node->child(list, {})->whole = true;
+      *ret_is_changed = true;
       total -= group.reads - 1;
     }
   }
@@ -168,6 +184,7 @@ size_t simplify(plan_node_t *node, size_t limit)
     return total;
   }
   node->whole = true;
+  *ret_is_changed = true;
   return 1;
 }
 
@@ -190,11 +207,21 @@ public:
     if (node->step.is_entry() && source_.has_entry(path_, &is_there) != 0) {
       return -1;
     }
+    if (!is_there) {
+      return 0;
+    }
     std::string name;
-    if (is_there && (ds_append_opening(path_, text_, &name) != 0 || read_children(node) != 0)) {
+    size_t begin = text_->size();
+    if (ds_append_opening(path_, text_, &name) != 0) {
       return -1;
     }
-    if (is_there) {
+    size_t content = text_->size();
+    if (read_children(node) != 0) {
+      return -1;
+    }
+    if (text_->size() == content && !node->step.is_entry()) {
+      text_->resize(begin); // nothing below is there: not selected
+    } else {
       db_add_etag(name, text_);
     }
     return 0;
@@ -265,10 +292,16 @@ private:
 
 } // namespace
 
-int ds_filter_read(const ds_source &source, const nc_filter_t &filter, wiped_string *text)
+int ds_filter_read(const ds_source &source, const nc_filter_t &filter, wiped_string *text, bool *ret_is_answer)
 {
   plan_node_t root;
-  plan_siblings(filter.subtree_filter.get(), {}, &root);
-  (void)simplify(&root, source.is_remote() ? MAX_REMOTE_READS : std::numeric_limits<size_t>::max());
-  return plan_reader(source, text).read(&root);
+  planner plan;
+  plan.plan_siblings(filter.subtree_filter.get(), {}, &root);
+  bool is_changed = false;
+  (void)simplify(&root, source.is_remote() ? MAX_REMOTE_READS : std::numeric_limits<size_t>::max(), &is_changed);
+  if (plan_reader(source, text).read(&root) != 0) {
+    return -1;
+  }
+  *ret_is_answer = plan.is_exact() && !is_changed;
+  return 0;
 }

@@ -85,30 +85,39 @@ bool names_modules(const lysc_type *type)
   return false;
 }
 
-// The value with the module's name in place of each prefix that is declared where the element stands.
+const lys_module *module_of_prefix(lyxml_elem *elem, std::string_view prefix)
+{
+  const std::string text(prefix);
+  const xmlNs *ns = xmlSearchNs(elem->doc, elem, reinterpret_cast<const xmlChar *>(text.c_str()));
+  return ns == nullptr ? nullptr : module_of_ns(reinterpret_cast<const char *>(ns->href));
+}
+
+// The value with modules' names in place of the prefixes that are declared where the element stands: in a path only
+// where the module changes, as libyang wants it.
 wiped_string with_module_names(lyxml_elem *elem, std::string_view value)
 {
   constexpr std::string_view name_end = "/[]=:'\" ";
+  bool is_path = value.starts_with('/');
+  const lys_module *last = nullptr;
   wiped_string result;
   result.reserve(value.size() + 1);
   char quote = '\0';
   size_t name = 0; // where in `result` the name at hand starts
   for (char c : value) {
     bool ends_name = quote == '\0' && name_end.find(c) != std::string_view::npos;
-    if (ends_name && c == ':') {
-      std::string prefix(result.substr(name));
-      const xmlNs *ns = xmlSearchNs(elem->doc, elem, reinterpret_cast<const xmlChar *>(prefix.c_str()));
-      const lys_module *module = ns == nullptr ? nullptr : module_of_ns(reinterpret_cast<const char *>(ns->href));
-      if (module != nullptr) {
-        result.replace(name, prefix.size(), module->name);
-      }
+    const lys_module *module = ends_name && c == ':' ? module_of_prefix(elem, result.substr(name)) : nullptr;
+    if (module != nullptr) {
+      result.resize(name);
     }
+    if (module == nullptr || !is_path || module != last) {
+      result.append(module == nullptr ? "" : module->name).push_back(c);
+    }
+    last = module == nullptr ? last : module;
     if (c == quote) {
       quote = '\0';
     } else if (quote == '\0' && (c == '\'' || c == '"')) {
       quote = c;
     }
-    result.push_back(c);
     name = ends_name ? result.size() : name;
   }
   return result;

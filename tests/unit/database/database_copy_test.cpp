@@ -142,4 +142,22 @@ TEST_F(database_copy_test, a_clean_within_a_transaction_is_undone_by_its_discard
   EXPECT_EQ(server_.command(master_of(RUNNING), {"DBSIZE"}).front(), "2");
 }
 
+TEST_F(database_copy_test, the_modules_that_differ_are_known_until_somebody_else_writes)
+{
+  std::set<std::string, std::less<>> modules;
+  fill(RUNNING);
+  EXPECT_FALSE(database_differing_modules(STATUS, RUNNING, &modules)); // after a start
+  EXPECT_EQ(database_copy(STATUS, RUNNING), 0);
+  EXPECT_TRUE(database_differing_modules(STATUS, RUNNING, &modules));
+  EXPECT_TRUE(modules.empty());
+  int hdb = database_open(STATUS);
+  set(hdb, "/ext:state/uptime", "1");
+  EXPECT_EQ(database_flush(hdb), 0);
+  database_close(hdb);
+  EXPECT_TRUE(database_differing_modules(STATUS, RUNNING, &modules));
+  EXPECT_EQ(modules, (std::set<std::string, std::less<>>{"ext"}));
+  server_.command(master_of(STATUS), {"HSET", "/m/top", "leaf", "x"});
+  EXPECT_FALSE(database_differing_modules(STATUS, RUNNING, &modules));
+}
+
 } // namespace
