@@ -66,6 +66,7 @@ int use_schema()
   schema_on_exit(dbkey_release);
   schema_on_exit(ds_drop_differ_nodes);
   schema_on_exit(ds_kept_drop);
+  schema_on_exit(ds_forget_validated);
   return 0;
 }
 

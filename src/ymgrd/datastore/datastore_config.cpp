@@ -1,4 +1,5 @@
 // From the XML of <config> to a data tree whose nodes know their operation and their place in the document.
+#include <utility>
 #include <vector>
 
 #include "ymgrd/core/log.h"
@@ -24,7 +25,8 @@ NC_EDIT_OP_TYPE own_operation(const lyxml_elem *elem)
 struct sibling_cursor_t {
   std::string_view name;
   std::string_view ns;
-  lyd_node *next; // the first node of that kind without record
+  lyd_node *next;       // the first node of that kind without record
+  lyd_node *next_empty; // the same of opaque nodes without value
 };
 
 std::string_view node_ns(const lyd_node *node)
@@ -39,6 +41,22 @@ std::string_view node_ns(const lyd_node *node)
 std::string_view node_name(const lyd_node *node)
 {
   return LYD_NAME(node);
+}
+
+bool has_text(const lyd_node_opaq *opaque)
+{
+  return opaque->value != nullptr && !lyxml_is_blank(opaque->value);
+}
+
+bool is_empty_opaque(const lyd_node *node)
+{
+  const auto *opaque = reinterpret_cast<const lyd_node_opaq *>(node);
+  return node->schema == nullptr && opaque->child == nullptr && !has_text(opaque);
+}
+
+bool is_empty(const lyxml_elem *elem)
+{
+  return lyxml_first_child(elem) == nullptr && lyxml_is_blank(lyxml_text(elem));
 }
 
 class record_writer {
@@ -76,6 +94,16 @@ private:
       *last = find_cursor(first_node, cursors, name, ns);
     }
     sibling_cursor_t &cursor = (*cursors)[*last];
+    // An empty element that its type refuses has become an opaque node, and these stand behind all other siblings.
+    bool has_opaque = first_node->prev->schema == nullptr;
+    if (has_opaque && is_empty(elem)) {
+      while (cursor.next_empty != nullptr && !is_empty_opaque(cursor.next_empty)) {
+        cursor.next_empty = next_of_kind(cursor.next_empty->next, name, ns);
+      }
+      if (cursor.next_empty != nullptr) {
+        return std::exchange(cursor.next_empty, next_of_kind(cursor.next_empty->next, name, ns));
+      }
+    }
     lyd_node *taken = cursor.next;
     if (taken != nullptr) {
       cursor.next = next_of_kind(taken->next, name, ns);
@@ -91,7 +119,8 @@ private:
         return i;
       }
     }
-    cursors->push_back({name, ns, next_of_kind(first_node, name, ns)});
+    lyd_node *first = next_of_kind(first_node, name, ns);
+    cursors->push_back({name, ns, first, first});
     return cursors->size() - 1;
   }
 
@@ -111,16 +140,19 @@ private:
 
 // --- Opaque nodes: what libyang could not parse as data.
 
-bool has_text(const lyd_node_opaq *opaque)
+bool is_marked_as_gone(const lyd_node *node)
 {
-  return opaque->value != nullptr && !lyxml_is_blank(opaque->value);
+  const lyd_attr *attr = reinterpret_cast<const lyd_node_opaq *>(node)->attr;
+  while (attr != nullptr && std::string_view(attr->name.name) != "operation") {
+    attr = attr->next;
+  }
+  return attr != nullptr && (std::string_view(attr->value) == "delete" || std::string_view(attr->value) == "remove");
 }
 
 // Clients delete a leaf by an element without value, which most types refuse.
-bool is_deletion_of_leaf(const lyd_node *node, NC_EDIT_OP_TYPE op)
+bool is_deletion_of_leaf(const lyd_node *node)
 {
-  const auto *opaque = reinterpret_cast<const lyd_node_opaq *>(node);
-  if ((op != NC_EDIT_OP_DELETE && op != NC_EDIT_OP_REMOVE) || opaque->child != nullptr || has_text(opaque)) {
+  if (!is_empty_opaque(node) || !is_marked_as_gone(node)) {
     return false;
   }
   const lysc_node *schema = dbkey_schema_of(node);
@@ -148,12 +180,36 @@ const char *missing_key(const lysc_node *list, const lyd_node_opaq *entry)
   return nullptr;
 }
 
+// Not by lyd_parse_opaq_error, which has no context for the members of a union.
+bool is_valid_value(const lysc_node *schema, const lyd_node_opaq *opaque)
+{
+  return lyd_value_validate(schema_ctx(), schema, opaque->value, std::char_traits<char>::length(opaque->value), nullptr,
+                            nullptr, nullptr) == LY_SUCCESS;
+}
+
+// The key that kept the entry from becoming one; null when there is none.
+const lyd_node *invalid_key(const lyd_node_opaq *entry)
+{
+  for (const lyd_node *child = entry->child; child != nullptr; child = child->next) {
+    const lysc_node *schema = dbkey_schema_of(child);
+    const auto *opaque = reinterpret_cast<const lyd_node_opaq *>(child);
+    if (child->schema == nullptr && schema != nullptr && lysc_is_key(schema) && !is_valid_value(schema, opaque)) {
+      return child;
+    }
+  }
+  return nullptr;
+}
+
 // libyang is asked to parse the node once more: it fails on purpose and leaves the reason behind.
 reply_error_ptr opaque_error(const lyd_node *node)
 {
   const lysc_node *schema = dbkey_schema_of(node);
   const auto *opaque = reinterpret_cast<const lyd_node_opaq *>(node);
-  const char *key = schema != nullptr && schema->nodetype == LYS_LIST ? missing_key(schema, opaque) : nullptr;
+  bool is_list = schema != nullptr && schema->nodetype == LYS_LIST;
+  const char *key = is_list ? missing_key(schema, opaque) : nullptr;
+  if (const lyd_node *invalid = is_list && key == nullptr ? invalid_key(opaque) : nullptr; invalid != nullptr) {
+    return opaque_error(invalid);
+  }
   std::string path = path_of(node);
   reply_error_ptr error;
   if (key != nullptr) {
@@ -163,9 +219,7 @@ reply_error_ptr opaque_error(const lyd_node *node)
   } else {
     ds_clear_yang_errors();
     if (schema != nullptr && (schema->nodetype & (LYS_LEAF | LYS_LEAFLIST))) {
-      // Not by the call below, which has no context for the members of a union.
-      (void)lyd_value_validate(schema_ctx(), schema, opaque->value, std::char_traits<char>::length(opaque->value),
-                               nullptr, nullptr, nullptr);
+      (void)is_valid_value(schema, opaque);
     } else {
       (void)lyd_parse_opaq_error(node);
     }
@@ -180,7 +234,8 @@ reply_error_ptr opaque_error(const lyd_node *node)
   return error;
 }
 
-int check_opaque_nodes(ds_config_t *config, reply_error_ptr *ret_error)
+// All that are left are deletions of leafs.
+int check_opaque_nodes(const ds_config_t *config, reply_error_ptr *ret_error)
 {
   lyd_node *top = nullptr;
   LY_LIST_FOR(config->tree.get(), top)
@@ -189,7 +244,7 @@ int check_opaque_nodes(ds_config_t *config, reply_error_ptr *ret_error)
     LYD_TREE_DFS_BEGIN(top, node)
     {
       if (node->schema == nullptr) {
-        if (!is_deletion_of_leaf(node, config->arena.record_of(node)->node_op)) {
+        if (!is_deletion_of_leaf(node)) {
           *ret_error = opaque_error(node);
           return -1;
         }
@@ -296,11 +351,11 @@ int ds_parse_rpc_config(lyxml_elem *rpc, NC_OP nc_op, ds_config_t *config, reply
   if (config->tree == nullptr) {
     return 0;
   }
-  record_writer(config).write(lyxml_first_child(elem), config->tree.get());
-  if (nc_op == NC_OP_COPYCONFIG && check_copied_nodes(config, ret_error) != 0) {
+  if (check_opaque_nodes(config, ret_error) != 0) {
     return -1;
   }
-  return check_opaque_nodes(config, ret_error);
+  record_writer(config).write(lyxml_first_child(elem), config->tree.get());
+  return nc_op == NC_OP_COPYCONFIG ? check_copied_nodes(config, ret_error) : 0;
 }
 
 void ds_set_nodelist_op(lyd_node *first, NC_EDIT_OP_TYPE op, ds_node_arena *arena)

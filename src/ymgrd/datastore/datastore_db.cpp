@@ -68,6 +68,20 @@ const lyd_node *find_deleted(const lyd_node *changes)
   return nullptr;
 }
 
+void add_created_schemas(const lyd_node *changes, std::unordered_set<const lysc_node *> *nodes)
+{
+  for (const lyd_node *root = changes; root != nullptr; root = root->next) {
+    const lyd_node *node = nullptr;
+    LYD_TREE_DFS_BEGIN(root, node)
+    {
+      if (operation_of(node) == "create") {
+        nodes->insert(node->schema);
+      }
+      LYD_TREE_DFS_END(root, node);
+    }
+  }
+}
+
 // A node whose condition held before and no longer does: libyang deletes it from a tree that it validated before, where
 // it refuses it in one that was just read. Both are refused here.
 reply_error_ptr when_error(const lyd_node *lost)
@@ -78,6 +92,18 @@ reply_error_ptr when_error(const lyd_node *lost)
     rpc_set_error_field(error.get(), REPLY_ERR_FIELD_PATH, path.get());
   }
   return error;
+}
+
+void mark_all_explicit(lyd_node *first)
+{
+  for (lyd_node *root = first; root != nullptr; root = root->next) {
+    lyd_node *node = nullptr;
+    LYD_TREE_DFS_BEGIN(root, node)
+    {
+      ds_mark_explicit(node);
+      LYD_TREE_DFS_END(root, node);
+    }
+  }
 }
 
 } // namespace
@@ -193,6 +219,7 @@ int ds_db_get_data_from_top(int hdb, int tflag, const char *path, lyd_tree_ptr *
     lyd_free_all(tree);
     return -1;
   }
+  mark_all_explicit(tree);
   ret_data->reset(tree);
   return 0;
 }
@@ -225,7 +252,8 @@ void ds_drop_implicit(lyd_tree_ptr *data, const lyd_node *created)
   }
 }
 
-int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *ret_error)
+int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *ret_error,
+                       std::unordered_set<const lysc_node *> *ret_implied)
 {
   if (*data == nullptr) {
     log_debug("no need to check mandatory for NULL config");
@@ -250,6 +278,10 @@ int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *re
     *ret_error = when_error(lost);
     return -1;
   }
+  if (ret_implied != nullptr) {
+    add_created_schemas(changes, ret_implied);
+  }
   ds_drop_implicit(data, changes);
+  mark_all_explicit(data->get()); // validation looks for empty containers too
   return 0;
 }

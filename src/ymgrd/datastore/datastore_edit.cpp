@@ -150,6 +150,8 @@ int apply_edit(edit_work_t *work, reply_error_ptr *ret_error, const char *edit_m
   request.default_operation = work->default_operation;
   request.config = work->config.tree.get();
   ds_change_t *change = &work->change;
+  edit_changes changes;
+  request.changes = &changes;
   differ_node_t *tree = nullptr;
   if (edit_operations(request, &change->data, &tree, &change->written, ret_error) != 0) {
     if (*ret_error == nullptr) {
@@ -165,7 +167,7 @@ int apply_edit(edit_work_t *work, reply_error_ptr *ret_error, const char *edit_m
     change->is_valid = ds_candidate_is_valid() && !change->written;
     return 0;
   }
-  return datastore_validate(&change->data, invalid_kind, ret_error);
+  return ds_validate_edit(&change->data, changes, invalid_kind, ret_error);
 }
 
 int edit_running(edit_work_t *work, reply_error_ptr *ret_error)

@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <unordered_set>
 
 #include <libyang/libyang.h>
 
@@ -12,6 +13,7 @@
 #include "ymgrd/datastore/dbkey.h"
 #include "ymgrd/datastore/ds_filter.h"
 #include "ymgrd/datastore/ds_lock.h"
+#include "ymgrd/datastore/edit_changes.h"
 #include "ymgrd/rpc/lyxml.h"
 #include "ymgrd/rpc/rpc_error.h"
 #include "ymgrd/ymgrd.h"
@@ -119,9 +121,9 @@ int ds_parse_rpc_config(lyxml_elem *rpc, NC_OP nc_op, ds_config_t *config, reply
 // Gives every node from `first` on, and all below, the operation `op`.
 void ds_set_nodelist_op(lyd_node *first, NC_EDIT_OP_TYPE op, ds_node_arena *arena);
 
-// Whether all elements of <config> are known, in their places, with attributes that belong there. 0, or -1 with the
-// error.
-int ds_check_config(const lyxml_elem *config, reply_error_ptr *ret_error);
+// Whether all elements of <config> are known, in their places, with attributes that belong there; also takes the
+// leading zeros of integers away, at which libyang stumbles. 0, or -1 with the error.
+int ds_check_config(lyxml_elem *config, reply_error_ptr *ret_error);
 // The value of an operation attribute; NC_EDIT_OP_ERROR when it is none of RFC 6241's.
 NC_EDIT_OP_TYPE ds_operation_of(const xmlAttr *attr);
 
@@ -133,11 +135,24 @@ int unlock_operation(int sid, int target, reply_error_ptr *ret_error);
 // --- Steps of the operations.
 
 // Checks the whole data tree against the schema (nothing is added to it). 0, also for an empty tree; -1 with the error,
-// whose kind is `invalid_kind` unless the violation has a kind of its own.
-int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *ret_error);
+// whose kind is `invalid_kind` unless the violation has a kind of its own. On 0 `ret_implied` (null: not asked for) has
+// gained the schema nodes of which libyang implied instances.
+int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *ret_error,
+                       std::unordered_set<const lysc_node *> *ret_implied = nullptr);
+// The same for the result of an edit: when the tree was valid before it, only what the changes concern is checked.
+int ds_validate_edit(lyd_tree_ptr *data, const edit_changes &changes, int invalid_kind, reply_error_ptr *ret_error);
+// Drops what is known of the tree that was validated last, and of the schema.
+void ds_forget_validated();
 // Takes implicit nodes out again: those that the diff `created` of a libyang call names and that are still marked as
 // default.
 void ds_drop_implicit(lyd_tree_ptr *data, const lyd_node *created);
+
+// Stored nodes are data, also a container that holds nothing. libyang marks such a one as implicit, and its validation
+// may remove it, so the mark goes before.
+inline void ds_mark_explicit(lyd_node *node)
+{
+  node->flags &= ~static_cast<uint32_t>(LYD_DEFAULT);
+}
 
 struct differ_tree_delete_t {
   void operator()(differ_node_t *tree) const { free_differ_tree(tree); }

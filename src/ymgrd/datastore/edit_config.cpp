@@ -174,7 +174,8 @@ int edit_below(edit_job_t *job, const lyd_node *config, lyd_node *db_node, std::
   if (edit_children(job, config, place, op, &below) != 0) {
     return -1;
   }
-  if (op != NC_EDIT_OP_NONE && edit_fill_default(job, place, &below) != 0) {
+  bool is_edited = op != NC_EDIT_OP_NONE || below.first() != nullptr; // and not just a level on the way
+  if (is_edited && edit_fill_default(job, place, &below) != 0) {
     return -1;
   }
   below.attach_to(node_diff);
@@ -491,6 +492,7 @@ int edit_operations(const edit_request_t &request, lyd_tree_ptr *ret_data, diffe
   if (ds_take_data(request.hdb, request.tflag, request.path, &job.data) != 0) {
     return -1;
   }
+  job.changes.begin(job.data.get());
   if (edit_top_nodes(&job, &diff) != 0) {
     *ret_error = std::move(job.error);
     return -1;
@@ -502,6 +504,9 @@ int edit_operations(const edit_request_t &request, lyd_tree_ptr *ret_data, diffe
   }
   *ret_data = std::move(job.data);
   *ret_tree = tree;
-  *ret_written = job.written;
+  *ret_written = !job.changes.all().empty();
+  if (request.changes != nullptr) {
+    *request.changes = std::move(job.changes);
+  }
   return 0;
 }

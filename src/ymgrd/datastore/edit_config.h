@@ -6,6 +6,7 @@
 
 #include "ymgrd/broker/differ_tree.h"
 #include "ymgrd/core/handles.h"
+#include "ymgrd/datastore/edit_changes.h"
 #include "ymgrd/rpc/rpc_error.h"
 #include "ymgrd/ymgrd.h"
 
@@ -16,6 +17,7 @@ typedef struct _edit_request {
   bool done = true;       // write the changes into the database too
   NC_EDIT_OP_TYPE default_operation = NC_EDIT_OP_MERGE;
   const lyd_node *config = nullptr; // first top node; every node has its record (dbkey.h)
+  edit_changes *changes = nullptr;  // takes the record of what was changed, on 0; may be null
 } edit_request_t;
 
 // On 0 `*ret_data` is the data after the edit (not validated), `*ret_tree` the diff tree (null when nothing differs);

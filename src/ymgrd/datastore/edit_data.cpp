@@ -21,6 +21,7 @@ bool is_any(const lysc_node *schema)
 int link_into_data(edit_job_t *job, const edit_place_t &place, lyd_node *node)
 {
   LY_ERR result = LY_SUCCESS;
+  ds_mark_explicit(node);
   if (place.parent != nullptr) {
     result = lyd_insert_child(place.parent, node);
   } else {
@@ -38,12 +39,17 @@ int link_into_data(edit_job_t *job, const edit_place_t &place, lyd_node *node)
 void take_out_of_data(edit_job_t *job, lyd_node *node)
 {
   job->chosen_cases.clear(); // it knows nodes by address
-  if (lyd_parent(node) == nullptr && job->data.get() == node) {
+  lyd_node *parent = lyd_parent(node);
+  if (parent == nullptr && job->data.get() == node) {
     lyd_node *next = node->next;
     (void)job->data.release(); // the first top node goes, its successor takes its place
     job->data.reset(next);
   }
-  lyd_free_tree(node);
+  lyd_unlink_tree(node);
+  for (lyd_node *up = parent; up != nullptr; up = lyd_parent(up)) {
+    ds_mark_explicit(up); // libyang takes a container that became empty for one that nobody named
+  }
+  job->changes.removed(parent, node);
 }
 
 // The diff of a removal names everything that goes: a subscriber below the removed node is told too.
@@ -186,7 +192,6 @@ bool edit_same_value(const lyd_node *db_node, const lyd_node *config)
 
 int edit_write(edit_job_t *job, const edit_place_t &place, const lyd_node *node, const char *coords, int offset)
 {
-  job->written = true;
   if (!job->request->done) {
     return 0;
   }
@@ -223,6 +228,7 @@ lyd_node *edit_insert(edit_job_t *job, const edit_place_t &place, const lyd_node
     return nullptr;
   }
   (void)owner.release(); // the data tree owns it
+  job->changes.created(copy);
   if (edit_write(job, place, copy, nullptr, 0) != 0) {
     return nullptr;
   }
@@ -238,6 +244,9 @@ lyd_node *edit_insert_default(edit_job_t *job, const edit_place_t &place, const 
   LY_ERR result = LY_SUCCESS;
   if (schema->nodetype == LYS_CONTAINER) {
     result = lyd_new_inner(place.parent, schema->module, schema->name, 0, &node);
+    if (result == LY_SUCCESS) {
+      ds_mark_explicit(node);
+    }
   } else {
     const auto *leaf = reinterpret_cast<const lysc_node_leaf *>(schema);
     const char *value = lyd_value_get_canonical(schema->module->ctx, leaf->dflt);
@@ -247,11 +256,13 @@ lyd_node *edit_insert_default(edit_job_t *job, const edit_place_t &place, const 
     log_error("create default node %.512s lyd fail.", schema->name);
     return nullptr;
   }
+  job->changes.created(node);
   return edit_write(job, place, node, nullptr, 0) == 0 ? node : nullptr;
 }
 
 int edit_change_value(edit_job_t *job, const edit_place_t &place, lyd_node *db_node, const lyd_node *config)
 {
+  job->changes.value_changes(db_node);
   if (is_any(config->schema)) {
     const auto *any = reinterpret_cast<const lyd_node_any *>(config);
     if (lyd_any_copy_value(db_node, &any->value, any->value_type) != LY_SUCCESS) {
@@ -275,7 +286,6 @@ int edit_erase(edit_job_t *job, const edit_place_t &place, lyd_node *db_node, di
     return -1;
   }
   diff->append(removed);
-  job->written = true;
   if (job->request->done && database_delete(job->request->hdb, place.key->c_str()) != 0) {
     log_error("edit clear choice case node %.512s fail.", place.key->c_str());
     return -1;

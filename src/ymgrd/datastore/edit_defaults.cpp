@@ -183,6 +183,9 @@ int store_implicit(edit_job_t *job, lyd_node *node, differ_node_t **tree)
     dbkey_append(&key, step);
     edit_place_t place{lyd_parent(step), &key};
     bool implicit = step->flags & LYD_DEFAULT;
+    if (implicit) {
+      job->changes.created(step);
+    }
     if (implicit && edit_write(job, place, step, nullptr, 0) != 0) {
       return -1;
     }

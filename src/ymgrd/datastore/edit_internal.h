@@ -41,11 +41,11 @@ using differ_ptr = std::unique_ptr<differ_node_t, differ_delete_t>;
 
 typedef struct _edit_job {
   const edit_request_t *request = nullptr;
-  lyd_tree_ptr data; // what the database holds once the edit is done
+  lyd_tree_ptr data;    // what the database holds once the edit is done
+  edit_changes changes; // declared after the data: what it removed from there goes first
   reply_error_ptr error;
   // The case that this edit chose below a data parent, so that the other cases are cleared once, not for each node.
   std::unordered_map<const lysc_node *, std::unordered_map<const lyd_node *, const lysc_node *>> chosen_cases;
-  bool written = false;              // something was changed, even if the diff cancelled itself
   bool conditional_defaults = false; // a default guarded by a when was met: libyang decides about it at the end
 } edit_job_t;
 
@@ -73,7 +73,7 @@ lyd_node *edit_insert_default(edit_job_t *job, const edit_place_t &place, const 
 int edit_change_value(edit_job_t *job, const edit_place_t &place, lyd_node *db_node, const lyd_node *config);
 // Removes the node with all below from the data and the database; appends what was removed to `diff`. 0 or -1.
 int edit_erase(edit_job_t *job, const edit_place_t &place, lyd_node *db_node, differ_list *diff);
-// Writes a node that is in the data tree already.
+// Writes a node that is in the data tree already, and recorded as changed.
 int edit_write(edit_job_t *job, const edit_place_t &place, const lyd_node *node, const char *coords, int offset);
 differ_ptr edit_diff(const edit_place_t &place, ENUM_ACTION action, const lysc_node *schema, const lyd_node *config,
                      const lyd_node *db_node);

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cstdint>
 
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
@@ -67,7 +68,7 @@ int move_next_to(edit_job_t *job, const edit_place_t &place, lyd_node *entry, ly
     log_error("edit operation database lyd node fail(merge tree).");
     return -1;
   }
-  job->written = true;
+  job->changes.moved(entry);
   if (place.parent == nullptr) { // the first top node may have changed
     lyd_node *first = job->data.release();
     job->data.reset(lyd_first_sibling(first));

@@ -5,6 +5,7 @@
 #include <set>
 #include <vector>
 
+#include "ymgrd/core/handles.h"
 #include "ymgrd/datastore/dbkey.h"
 
 namespace {
@@ -17,6 +18,17 @@ struct state_t {
   std::map<std::string, names> orders;
 };
 
+std::string value_of(const lyd_node *node)
+{
+  if (node->schema->nodetype & LYD_NODE_ANY) {
+    char *text = nullptr;
+    (void)lyd_any_value_str(node, &text); // leaves it null when it fails: no value is empty
+    c_string_ptr owner(text);
+    return text == nullptr ? "(none)" : text;
+  }
+  return node->schema->nodetype == LYS_LEAF ? lyd_get_value(node) : "";
+}
+
 void add_to_state(const lyd_node *first, const std::string &parent, state_t *state)
 {
   for (const lyd_node *node = first; node != nullptr; node = node->next) {
@@ -24,8 +36,7 @@ void add_to_state(const lyd_node *first, const std::string &parent, state_t *sta
       continue;
     }
     std::string path = dbkey_data_key(node);
-    const char *value = lyd_get_value(node);
-    state->values[path] = node->schema->nodetype == LYS_LEAF && value != nullptr ? value : "";
+    state->values[path] = value_of(node);
     if (lysc_is_userordered(node->schema)) {
       state->orders[parent + " " + node->schema->name].push_back(path);
     }

@@ -19,7 +19,7 @@ module sample {
   container top {
     leaf plain { type string; }
     leaf number { type uint8; }
-    leaf preset { type string; default "0"; }
+    leaf preset { type string; default "0"; } anyxml markup;
     container inner { leaf preset { type string; default "1"; } leaf plain { type string; }
       container deep { leaf-list value { type string; ordered-by user; } } }
     container there { presence "Says something by itself."; leaf preset { type string; default "2"; }

@@ -91,6 +91,8 @@ std::string random_edit_source::element(const lysc_node *schema, const lyd_node 
   }
   if (schema->nodetype == LYS_LEAF && !deletes) {
     body = std::to_string(below(3));
+  } else if ((schema->nodetype & LYD_NODE_ANY) && !deletes) {
+    body = "<m xmlns='urn:m'>" + std::to_string(below(3)) + "</m>";
   } else if ((schema->nodetype & (LYS_CONTAINER | LYS_LIST)) && !deletes) {
     body += children(schema, lyd_child(counterpart), op == NC_EDIT_OP_NONE ? inherited : op);
   }

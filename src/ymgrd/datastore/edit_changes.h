@@ -1,0 +1,51 @@
+// What one edit did to a data tree, node by node: what the check of its consequences starts from. Nodes that the edit
+// took out live on here, so no pointer of the record dangles while the record lives.
+//
+// The `priv` of the nodes of a datastore's tree belongs to this class: it marks the nodes that an edit made, and the
+// first node of a tree that passed validation.
+#pragma once
+
+#include <cstdint>
+#include <unordered_set>
+#include <vector>
+
+#include <libyang/libyang.h>
+
+#include "ymgrd/core/handles.h"
+
+typedef enum _edit_change_kind { EDIT_CREATED = 0, EDIT_VALUE, EDIT_MOVED, EDIT_REMOVED } edit_change_kind_t;
+
+typedef struct _edit_change {
+  edit_change_kind_t kind;
+  lyd_node *node;      // in the tree: the top of what was created, the leaf with its new value, the moved entry
+  lyd_node *parent;    // of a removed node, when it was removed; null at top level
+  lyd_tree_ptr before; // the leaf with its old value (without siblings), the removed subtree
+} edit_change_t;
+
+class edit_changes {
+public:
+  // Begins with a tree (null: an empty one), whose stamp it takes off: whoever changes it must validate it again.
+  void begin(lyd_node *first);
+  // The stamp that the tree had; 0 when it had none. An empty tree needs none.
+  uint64_t stamp() const { return stamp_; }
+  bool was_empty() const { return was_empty_; }
+
+  void created(lyd_node *node);                      // linked already; below a created node nothing more is recorded
+  void value_changes(lyd_node *node);                // still with its old value
+  void moved(lyd_node *node);                        // linked in its new place
+  void removed(lyd_node *parent, lyd_node *subtree); // unlinked; taken over
+
+  const std::vector<edit_change_t> &all() const { return all_; }
+  // Whether the node is still in the tree, not in something that was removed.
+  bool is_live(const lyd_node *node) const;
+
+private:
+  std::vector<edit_change_t> all_;
+  std::unordered_set<const lyd_node *> removed_; // the tops of what was removed
+  uint64_t mark_ = 0;                            // in the `priv` of created nodes
+  uint64_t stamp_ = 0;
+  bool was_empty_ = false;
+};
+
+// Stamps a tree that passed validation; the stamp is unique. 0 for an empty tree.
+uint64_t edit_stamp_tree(lyd_node *first);

@@ -1,0 +1,221 @@
+#include "property_compare.h"
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+
+namespace property {
+
+namespace {
+
+// The name of a child in keys and lines: with its module where that changes.
+std::string segment(const node_t &parent, const lysc_node *child)
+{
+  bool is_changed = parent.schema == nullptr || parent.schema->module != child->module;
+  return is_changed ? std::string(child->module->name) + ":" + child->name : child->name;
+}
+
+std::string printable(const std::string &bytes)
+{
+  constexpr char digits[] = "0123456789abcdef";
+  std::string text;
+  for (unsigned char byte : bytes) {
+    if (byte < 0x20 || byte == '\\') {
+      text.append("\\x").append(1, digits[byte >> 4]).append(1, digits[byte & 15]);
+    } else {
+      text += static_cast<char>(byte);
+    }
+  }
+  return text;
+}
+
+void add_lines(const node_t &parent, const std::string &path, lines_t *lines)
+{
+  std::map<std::string, std::string> orders;
+  for (const node_t &child : parent.children) {
+    std::string name = path + "/" + segment(parent, child.schema);
+    std::string entry = is_entry(child.schema) ? "[" + predicate(child) + "]" : "";
+    if (lysc_is_userordered(child.schema)) {
+      orders[name] += " " + entry;
+    }
+    std::string line = printable(name + entry + (is_inner(child.schema) ? "" : " = \"" + child.value + "\""));
+    lines->insert(lines->contains(line) ? "twice: " + line : line);
+    add_lines(child, name + entry, lines);
+  }
+  for (const auto &[name, order] : orders) {
+    lines->insert(printable(name + " in this order:" + order));
+  }
+}
+
+// --- Replies.
+
+std::string text_of(const xmlNode *node)
+{
+  std::unique_ptr<xmlChar, void (*)(void *)> content(xmlNodeGetContent(node), xmlFree);
+  return content == nullptr ? "" : reinterpret_cast<const char *>(content.get());
+}
+
+void read_children(const schema &yang, const xmlNode *parent_element, node_t *parent, lines_t *faults)
+{
+  for (const xmlNode *element = parent_element->children; element != nullptr; element = element->next) {
+    const auto *name = reinterpret_cast<const char *>(element->name);
+    const lys_module *module = element->type != XML_ELEMENT_NODE || element->ns == nullptr
+                                   ? nullptr
+                                   : yang.find_by_ns(reinterpret_cast<const char *>(element->ns->href));
+    node_t child;
+    child.schema = module == nullptr ? nullptr : lys_find_child(parent->schema, module, name, 0, 0, 0);
+    if (child.schema == nullptr) {
+      faults->insert(std::string("unknown: ") + name + text_of(element));
+      continue;
+    }
+    if (is_inner(child.schema)) {
+      read_children(yang, element, &child, faults);
+    } else {
+      child.value = text_of(element);
+    }
+    parent->children.push_back(std::move(child));
+  }
+}
+
+// --- The database.
+
+enum value_type_t : int32_t { VALUE_SINGLE = 1, VALUE_LIST = 2 };
+
+std::string field_line(const std::string &key, const std::string &field, const std::string &value)
+{
+  return printable("hash " + key + " " + field + " = " + value);
+}
+
+std::string field_line(const std::string &key, const std::string &field, value_type_t type, const std::string &text)
+{
+  std::string bytes(sizeof(type), '\0');
+  std::memcpy(bytes.data(), &type, sizeof(type));
+  return field_line(key, field, bytes + text + std::string(4, '\0'));
+}
+
+std::string list_line(const std::string &key, std::vector<std::string> entries, bool is_ordered)
+{
+  if (!is_ordered) {
+    std::sort(entries.begin(), entries.end());
+  }
+  std::string text = "list " + key + ":";
+  for (const std::string &entry : entries) {
+    text += " [" + entry + "]";
+  }
+  return printable(text);
+}
+
+// "/module:top/x" is the key "/module/top/x"; the module's own key is "/module".
+void add_stored(const node_t &parent, const std::string &parent_key, lines_t *lines)
+{
+  std::map<std::string, std::pair<std::vector<std::string>, bool>> lists;
+  for (const node_t &child : parent.children) {
+    if (is_key(child.schema)) {
+      continue;
+    }
+    bool is_top = parent.schema == nullptr;
+    const std::string key = is_top ? std::string("/") + child.schema->module->name : parent_key;
+    const std::string name = is_top ? child.schema->name : segment(parent, child.schema);
+    if (is_top) {
+      lines->insert(field_line("/", child.schema->module->name, VALUE_SINGLE, ""));
+    }
+    std::string entry;
+    if (is_entry(child.schema)) {
+      auto &[entries, is_ordered] = lists[key + "/" + name];
+      entries.push_back(predicate(child));
+      is_ordered = lysc_is_userordered(child.schema);
+      entry = "[" + predicate(child) + "]";
+    }
+    lines->insert(field_line(key, name, entry.empty() ? VALUE_SINGLE : VALUE_LIST, entry.empty() ? child.value : ""));
+    add_stored(child, key + "/" + name + entry, lines);
+  }
+  for (const auto &[key, list] : lists) {
+    lines->insert(list_line(key, list.first, list.second));
+  }
+}
+
+// All keys in one answer: key, type, number of texts, texts.
+constexpr char DUMP_SCRIPT[] = "local all = {} "
+                               "for _, key in ipairs(redis.call('KEYS', '*')) do "
+                               "  local type = redis.call('TYPE', key).ok "
+                               "  local texts = type == 'hash' and redis.call('HGETALL', key) "
+                               "                or redis.call('LRANGE', key, 0, -1) "
+                               "  for _, text in ipairs({key, type, tostring(#texts), unpack(texts)}) do "
+                               "    table.insert(all, text) "
+                               "  end "
+                               "end "
+                               "return all";
+
+} // namespace
+
+lines_t lines_of(const node_t &root)
+{
+  lines_t lines;
+  add_lines(root, "", &lines);
+  return lines;
+}
+
+lines_t lines_of_reply(const schema &yang, const std::string &reply)
+{
+  std::unique_ptr<xmlDoc, void (*)(xmlDoc *)> document(
+      xmlReadMemory(reply.data(), static_cast<int>(reply.size()), nullptr, nullptr, XML_PARSE_NOERROR), xmlFreeDoc);
+  const xmlNode *root = document == nullptr ? nullptr : xmlDocGetRootElement(document.get());
+  const xmlNode *data = root == nullptr ? nullptr : root->children;
+  if (data == nullptr || std::strcmp(reinterpret_cast<const char *>(data->name), "data") != 0) {
+    return {"no data: " + reply};
+  }
+  lines_t lines;
+  node_t tree;
+  read_children(yang, data, &tree, &lines);
+  add_lines(tree, "", &lines);
+  return lines;
+}
+
+lines_t stored_lines(const node_t &root)
+{
+  lines_t lines;
+  add_stored(root, "", &lines);
+  return lines;
+}
+
+lines_t stored_lines(const schema &yang, support::redis_server *redis, int db)
+{
+  lines_t lines;
+  std::set<std::string> keys;
+  std::vector<std::string> dump = redis->command(db, {"EVAL", DUMP_SCRIPT, "0"});
+  for (auto at = dump.begin(); at != dump.end();) {
+    const std::string key = *at++;
+    const std::string type = *at++;
+    std::vector<std::string> texts(at + 1, at + 1 + std::stol(*at));
+    at += 1 + static_cast<ptrdiff_t>(texts.size());
+    keys.insert(key);
+    if (type == "list") {
+      lines.insert(list_line(key, texts, yang.is_ordered(key.substr(key.rfind('/') + 1))));
+    }
+    for (size_t i = 0; type == "hash" && key != "ymgrd-info" && i + 1 < texts.size(); i += 2) {
+      lines.insert(field_line(key, texts[i], texts[i + 1]));
+    }
+  }
+  if (!keys.contains(std::string("/") + MODULE)) { // a module whose data is gone may keep its field
+    lines.erase(field_line("/", MODULE, VALUE_SINGLE, ""));
+  }
+  return lines;
+}
+
+std::string difference(const lines_t &expected, const lines_t &found)
+{
+  std::string text;
+  auto append_missing = [&text](const lines_t &lines, const lines_t &others, const char *mark) {
+    for (const std::string &line : lines) {
+      text += others.contains(line) ? "" : mark + line + "\n";
+    }
+  };
+  append_missing(expected, found, "- ");
+  append_missing(found, expected, "+ ");
+  return text;
+}
+
+} // namespace property

@@ -1,0 +1,434 @@
+#include "unit/constraint/constraint_fuzz.h"
+
+#include <cstdlib>
+#include <functional>
+
+namespace {
+
+bool is_data(const lysc_node *schema)
+{
+  return !(schema->nodetype & (LYS_CHOICE | LYS_CASE));
+}
+
+void add_data_children(const lysc_node *first, std::vector<const lysc_node *> *children)
+{
+  for (const lysc_node *node = first; node != nullptr; node = node->next) {
+    if (is_data(node)) {
+      children->push_back(node);
+    } else {
+      add_data_children(lysc_node_child(node), children);
+    }
+  }
+}
+
+std::string path_of(const lyd_node *node)
+{
+  c_string_ptr path(lyd_path(node, LYD_PATH_STD, nullptr, 0));
+  return path == nullptr ? "?" : path.get();
+}
+
+std::vector<lyd_node *> all_nodes(lyd_node *first)
+{
+  std::vector<lyd_node *> nodes;
+  for (lyd_node *root = first; root != nullptr; root = root->next) {
+    lyd_node *node = nullptr;
+    LYD_TREE_DFS_BEGIN(root, node)
+    {
+      nodes.push_back(node);
+      LYD_TREE_DFS_END(root, node);
+    }
+  }
+  return nodes;
+}
+
+bool is_created(const lyd_node *change)
+{
+  for (const lyd_node *node = change; node != nullptr; node = lyd_parent(node)) {
+    if (const lyd_meta *meta = lyd_find_meta(node->meta, nullptr, "yang:operation")) {
+      return std::string(lyd_get_meta_value(meta)) == "create";
+    }
+  }
+  return false;
+}
+
+// What edits start from: something of everything.
+const char seed_tree[] = R"(
+<top-limit xmlns="urn:rich">3</top-limit>
+<net xmlns="urn:rich"><primary>a</primary><mode>plain</mode>
+ <interface><name>a</name><enabled>true</enabled><address>a</address><port>1</port><kind>ethernet</kind><speed>1</speed>
+  <stats><slot>2</slot><tag>a</tag></stats><own-tag>a</own-tag><peer-address>b</peer-address><vlan>2</vlan><red>3</red></interface>
+ <interface><name>b</name><enabled>true</enabled><address>b</address><port>2</port><kind>serial</kind>
+  <serial><parity>odd</parity><line>1</line></serial><stats><tag>a</tag></stats><parent>a</parent><peer-port>1</peer-port><ip>1</ip><green>1</green></interface>
+ <interface><name>c</name><enabled>true</enabled><port>1</port><kind>loop</kind><extra xmlns="urn:more">2</extra>
+  <deep xmlns="urn:more"><base>2</base></deep><vlan>1</vlan><black><depth>3</depth></black></interface>
+ <limit>4</limit><reds>3</reds></net>
+<groups xmlns="urn:rich">
+ <group><id>1</id><sub>a</sub><member>a</member><member>b</member><first>a</first><any>b</any><any>2</any></group>
+ <group><id>2</id><sub>b</sub><member>b</member><any>all</any><text><a>a</a></text></group>
+ <chosen xmlns:r="urn:rich">/r:net/r:interface[r:name='b']/r:stats/r:tag[.='a']</chosen><odd>2</odd></groups>
+<needs xmlns="urn:rich"><item><name>a</name><note>n</note></item><implied><level>4</level></implied><default-ref>4</default-ref></needs>
+<service xmlns="urn:more"><name>a</name><port>1</port></service>
+<service xmlns="urn:more"><name>b</name><watched/></service>)";
+// And one that leaves to the schema what it can.
+const char sparse_tree[] = R"(
+<top-limit xmlns="urn:rich">3</top-limit>
+<net xmlns="urn:rich">
+ <interface><name>a</name><kind>ethernet</kind><speed>1</speed><route><id>1</id></route><vlan>2</vlan></interface>
+ <interface><name>b</name><kind>serial</kind><serial><line>1</line></serial><ip>1</ip></interface>
+ <interface><name>c</name><port>1</port><kind>loop</kind><extra xmlns="urn:more">2</extra><vlan>1</vlan></interface>
+ <interface><name>d</name><kind>dial</kind><vlan>1</vlan></interface>
+ <labels>2</labels><mtus>3</mtus><all-mtus>3</all-mtus><few-reds>4</few-reds><reds>4</reds></net>
+<needs xmlns="urn:rich"><item><name>c</name></item><depth-seen/></needs>
+<service xmlns="urn:more"><name>b</name></service>)";
+constexpr size_t SMALLEST_TREE = 27; // a tree that was edited down to less says little
+
+std::string text_of(const lyd_node *tree)
+{
+  char *text = nullptr;
+  if (lyd_print_mem(&text, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS | LYD_PRINT_KEEPEMPTYCONT) != LY_SUCCESS) {
+    return {};
+  }
+  c_string_ptr owner(text);
+  return text == nullptr ? "" : text;
+}
+
+} // namespace
+
+constraint_fuzz::constraint_fuzz(const ly_ctx *ctx, uint32_t seed, bool stores_defaults)
+    : ctx_(ctx), index_(ctx), random_(seed), stores_defaults_(stores_defaults)
+{
+}
+
+fuzz_counts_t constraint_fuzz::run(int rounds)
+{
+  quiet_libyang quiet;
+  fuzz_counts_t counts;
+  bool was_valid_before = false; // an empty tree is, without stamp
+  for (int round = 0; round < rounds; round++) {
+    lyd_node *copy = nullptr;
+    lyd_dup_siblings(tree_.get(), nullptr, LYD_DUP_RECURSIVE, &copy);
+    lyd_tree_ptr before(copy);
+    std::string text_before = text_of(tree_.get());
+    implied_nodes_t implied_before = implied_;
+    story_.clear();
+    if (all_nodes(tree_.get()).size() < SMALLEST_TREE && !one_in(10)) {
+      plant();
+      continue;
+    }
+
+    edit_changes changes;
+    changes.begin(tree_.get());
+    was_valid_before = changes.was_empty() || changes.stamp() != 0;
+    for (uint32_t steps = 1 + below(3); steps > 0; steps--) {
+      step(&changes);
+    }
+    if (stores_defaults_ && !one_in(4)) {
+      store_defaults(&changes);
+    }
+    bool is_accepted = was_valid_before && constraint_check(index_, tree_.get(), changes, &implied_);
+    implied_nodes_t implied;
+    std::string error = validate_all(&implied);
+    if (!error.empty() && is_accepted) {
+      counts.fault =
+          "before: " + text_before + "\nedit:" + story_ + "\nafter: " + text_of(tree_.get()) + "\nlibyang: " + error;
+      return counts;
+    }
+    if (!error.empty()) {
+      counts.refused++;
+      tree_ = std::move(before);
+      implied_ = std::move(implied_before);
+    } else {
+      counts.valid++;
+      counts.undecided += is_accepted ? 0 : 1;
+      for (const lysc_node *node : implied) {
+        if (is_accepted && !implied_.contains(node)) {
+          counts.fault = "not known to be implied: " + std::string(node->name) + "\nbefore: " + text_before +
+                         "\nedit:" + story_ + "\nafter: " + text_of(tree_.get());
+          return counts;
+        }
+      }
+      if (!is_accepted) {
+        implied_ = std::move(implied);
+      }
+    }
+    edit_stamp_tree(tree_.get());
+  }
+  return counts;
+}
+
+// Back to the tree to start from.
+void constraint_fuzz::plant()
+{
+  lyd_node *tree = nullptr;
+  (void)lyd_parse_data_mem(ctx_, one_in(2) ? sparse_tree : seed_tree, LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_STRICT, 0, &tree);
+  tree_.reset(tree);
+  implied_.clear();
+  std::string error = validate_all(&implied_);
+  if (tree == nullptr || !error.empty()) {
+    std::abort(); // nothing would be tested
+  }
+  edit_stamp_tree(tree_.get());
+}
+
+// The error of libyang; empty when the tree is valid.
+std::string constraint_fuzz::validate_all(implied_nodes_t *implied)
+{
+  lyd_node *copy = nullptr;
+  if (tree_ == nullptr) {
+    return {};
+  }
+  lyd_dup_siblings(tree_.get(), nullptr, LYD_DUP_RECURSIVE, &copy);
+  uint32_t options = ly_log_options(LY_LOSTORE_LAST);
+  lyd_node *changes = nullptr;
+  LY_ERR result = lyd_validate_all(&copy, ctx_, LYD_VALIDATE_NO_STATE | LYD_VALIDATE_PRESENT, &changes);
+  ly_log_options(options);
+  lyd_tree_ptr owner(copy);
+  lyd_tree_ptr changes_owner(changes);
+  if (result != LY_SUCCESS) {
+    const char *message = ly_errmsg(ctx_);
+    return message == nullptr ? "refused" : message;
+  }
+  for (const lyd_node *node : all_nodes(changes)) {
+    if (is_created(node)) {
+      implied->insert(node->schema);
+    }
+  }
+  return {};
+}
+
+void constraint_fuzz::step(edit_changes *changes)
+{
+  lyd_node *node = pick();
+  uint32_t what = below(10);
+  if (node == nullptr || what < 5) {
+    if (node != nullptr && (node->schema->nodetype & LYD_NODE_TERM)) {
+      node = lyd_parent(node);
+    }
+    const lysc_node *schema = pick_child(one_in(20) ? nullptr : node);
+    create(changes, lysc_data_parent(schema) == nullptr ? nullptr : node, schema, 0);
+  } else if (what < 7) {
+    bool is_small = node->schema->nodetype & LYD_NODE_TERM || one_in(6);
+    if (!lysc_is_key(node->schema) && is_small) {
+      remove(changes, node);
+    }
+  } else if (what < 9) {
+    if (node->schema->nodetype == LYS_LEAF && !lysc_is_key(node->schema)) {
+      std::string value = value_for(node->schema);
+      story_ += " value " + path_of(node) + "=" + value;
+      changes->value_changes(node);
+      (void)lyd_change_term(node, value.c_str()); // a value of no type is no change
+    } else {
+      fill(changes, node, 0);
+    }
+  } else if (lysc_is_userordered(node->schema)) {
+    move(changes, node);
+  }
+}
+
+lyd_node *constraint_fuzz::pick()
+{
+  std::vector<lyd_node *> nodes = all_nodes(tree_.get());
+  return nodes.empty() ? nullptr : nodes[below(static_cast<uint32_t>(nodes.size()))];
+}
+
+const lysc_node *constraint_fuzz::pick_child(const lyd_node *parent)
+{
+  std::vector<const lysc_node *> children;
+  if (parent != nullptr) {
+    add_data_children(lysc_node_child(parent->schema), &children);
+  } else {
+    for (const char *module : {"rich", "more"}) {
+      add_data_children(ly_ctx_get_module_implemented(ctx_, module)->compiled->data, &children);
+    }
+  }
+  return children[below(static_cast<uint32_t>(children.size()))];
+}
+
+std::string constraint_fuzz::value_for(const lysc_node *schema)
+{
+  static const std::vector<std::string> words = {"a", "b", "c", "d", "e", "n"};
+  static const std::vector<std::string> paths = {"/rich:net/limit", "/rich:net/interface[name='a']",
+                                                 "/rich:net/interface[name='b']/stats/tag[.='a']",
+                                                 "/rich:groups/group[id='1'][sub='a']"};
+  const lysc_type *type = reinterpret_cast<const lysc_node_leaf *>(schema)->type;
+  if (type->basetype == LY_TYPE_LEAFREF) {
+    type = reinterpret_cast<const lysc_type_leafref *>(type)->realtype;
+  }
+  switch (type->basetype) {
+  case LY_TYPE_UINT8:
+    return std::to_string(1 + below(5));
+  case LY_TYPE_BOOL:
+    return one_in(4) ? "false" : "true";
+  case LY_TYPE_EMPTY:
+    return "";
+  case LY_TYPE_ENUM: {
+    const lysc_type_bitenum_item *enums = reinterpret_cast<const lysc_type_enum *>(type)->enums;
+    return enums[below(static_cast<uint32_t>(LY_ARRAY_COUNT(enums)))].name;
+  }
+  case LY_TYPE_INST:
+    return paths[below(static_cast<uint32_t>(paths.size()))];
+  case LY_TYPE_UNION:
+    return one_in(3) ? "all" : one_in(2) ? std::to_string(1 + below(3)) : words[below(3)];
+  default:
+    return words[below(static_cast<uint32_t>(words.size()))];
+  }
+}
+
+std::string constraint_fuzz::list_keys(const lysc_node *list)
+{
+  std::string keys;
+  for (const lysc_node *key = lysc_node_child(list); key != nullptr && lysc_is_key(key); key = key->next) {
+    keys += "[" + std::string(key->name) + "='" + value_for(key) + "']";
+  }
+  return keys;
+}
+
+lyd_node *constraint_fuzz::link(lyd_node *parent, lyd_node *node)
+{
+  if (parent != nullptr) {
+    lyd_insert_child(parent, node);
+  } else {
+    lyd_node *first = tree_.release();
+    lyd_insert_sibling(first, node, &first);
+    tree_.reset(first);
+  }
+  return node;
+}
+
+void constraint_fuzz::create(edit_changes *changes, lyd_node *parent, const lysc_node *schema, int depth)
+{
+  lyd_node *siblings = parent == nullptr ? tree_.get() : lyd_child(parent);
+  lyd_node *made = nullptr;
+  std::string text;
+  if (lysc_is_key(schema)) {
+    return;
+  }
+  if (schema->nodetype == LYS_LIST) {
+    text = list_keys(schema);
+    if (lyd_new_list2(nullptr, schema->module, schema->name, text.c_str(), 0, &made) != LY_SUCCESS) {
+      return;
+    }
+  } else if (schema->nodetype == LYS_CONTAINER) {
+    lyd_new_inner(nullptr, schema->module, schema->name, 0, &made);
+  } else {
+    text = value_for(schema);
+    if (parent == nullptr) {
+      (void)lyd_new_term(nullptr, schema->module, schema->name, text.c_str(), 0, &made);
+    } else { // a term is made in its place only, and taken out of it again
+      lyd_node *home = nullptr;
+      lyd_dup_single(parent, nullptr, 0, &home);
+      lyd_tree_ptr owner(home);
+      (void)lyd_new_term(home, schema->module, schema->name, text.c_str(), 0, &made);
+      if (made != nullptr) {
+        lyd_unlink_tree(made);
+      }
+    }
+  }
+  if (made == nullptr) {
+    return;
+  }
+  lyd_node *there = nullptr;
+  bool is_many = schema->nodetype & (LYS_LIST | LYS_LEAFLIST);
+  if (siblings != nullptr && (is_many ? lyd_find_sibling_first(siblings, made, &there)
+                                      : lyd_find_sibling_val(siblings, schema, nullptr, 0, &there)) == LY_SUCCESS) {
+    lyd_free_tree(made);
+    return;
+  }
+  clear_other_cases(changes, parent, schema);
+  link(parent, made);
+  changes->created(made);
+  story_ += " create " + path_of(made) + (schema->nodetype == LYS_LEAF ? "=" + text : "");
+  if (!(schema->nodetype & LYD_NODE_TERM)) {
+    fill(changes, made, depth + 1);
+  }
+}
+
+// Some of the children of a node; the mandatory ones mostly.
+void constraint_fuzz::fill(edit_changes *changes, lyd_node *parent, int depth)
+{
+  if (depth > 4 || !(parent->schema->nodetype & LYD_NODE_INNER)) {
+    return;
+  }
+  std::vector<const lysc_node *> children;
+  add_data_children(lysc_node_child(parent->schema), &children);
+  for (const lysc_node *child : children) {
+    bool is_wanted = child->flags & LYS_MAND_TRUE || child->parent->nodetype == LYS_CASE;
+    if (is_wanted ? !one_in(3) : one_in(4)) {
+      create(changes, parent, child, depth);
+    }
+  }
+}
+
+void constraint_fuzz::remove(edit_changes *changes, lyd_node *node)
+{
+  story_ += " remove " + path_of(node);
+  lyd_node *parent = lyd_parent(node);
+  if (tree_.get() == node) {
+    (void)tree_.release();
+    tree_.reset(node->next);
+  }
+  lyd_unlink_tree(node);
+  changes->removed(parent, node);
+}
+
+void constraint_fuzz::clear(edit_changes *changes, lyd_node *parent, const lysc_node *schema)
+{
+  if (!is_data(schema)) {
+    for (const lysc_node *child = lysc_node_child(schema); child != nullptr; child = child->next) {
+      clear(changes, parent, child);
+    }
+    return;
+  }
+  for (lyd_node *next = nullptr, *node = lyd_child(parent); node != nullptr; node = next) {
+    next = node->next;
+    if (node->schema == schema) {
+      remove(changes, node);
+    }
+  }
+}
+
+void constraint_fuzz::clear_other_cases(edit_changes *changes, lyd_node *parent, const lysc_node *schema)
+{
+  for (const lysc_node *chosen = schema->parent; chosen != nullptr && chosen->nodetype == LYS_CASE;
+       chosen = chosen->parent->parent) {
+    for (const lysc_node *each = lysc_node_child(chosen->parent); each != nullptr; each = each->next) {
+      if (each != chosen) {
+        clear(changes, parent, each);
+      }
+    }
+  }
+}
+
+void constraint_fuzz::move(edit_changes *changes, lyd_node *entry)
+{
+  lyd_node *other = entry->prev;
+  if (other == entry || other->schema != entry->schema || other->next == nullptr) {
+    return;
+  }
+  story_ += " move " + path_of(entry);
+  lyd_insert_before(other, entry);
+  tree_.reset(lyd_first_sibling(tree_.release()));
+  changes->moved(entry);
+}
+
+void constraint_fuzz::store_defaults(edit_changes *changes)
+{
+  lyd_node *tree = tree_.release();
+  lyd_node *made = nullptr;
+  if (tree != nullptr) {
+    (void)lyd_new_implicit_all(&tree, ctx_, LYD_IMPLICIT_NO_STATE, &made);
+  }
+  tree_.reset(tree);
+  lyd_tree_ptr owner(made);
+  for (lyd_node *node : all_nodes(made)) {
+    std::string path = path_of(node);
+    lyd_node *stored = nullptr;
+    if (lyd_find_path(tree_.get(), path.c_str(), 0, &stored) == LY_SUCCESS && (stored->flags & LYD_DEFAULT)) {
+      if (stored->schema->nodetype & LYD_NODE_TERM) {
+        stored->flags &= ~static_cast<uint32_t>(LYD_DEFAULT);
+      }
+      changes->created(stored);
+      story_ += " default " + path;
+    }
+  }
+}

@@ -1,0 +1,46 @@
+#include <cstdio>
+#include <cstdlib>
+
+#include <gtest/gtest.h>
+
+#include "unit/constraint/constraint_fuzz.h"
+
+namespace {
+
+class constraint : public testing::Test {
+protected:
+  void SetUp() override
+  {
+    ly_ctx *made = nullptr;
+    ASSERT_EQ(ly_ctx_new(CONSTRAINT_MODULES, LY_CTX_NO_YANGLIBRARY, &made), LY_SUCCESS);
+    ctx.reset(made);
+    for (const char *module : {"rich", "more"}) {
+      ASSERT_NE(ly_ctx_load_module(made, module, nullptr, nullptr), nullptr) << ly_errmsg(made);
+    }
+  }
+
+  ly_ctx_ptr ctx;
+};
+
+// More rounds, and other seeds, by hand: CONSTRAINT_ROUNDS, CONSTRAINT_SEED.
+int from_environment(const char *name, int preset)
+{
+  const char *text = std::getenv(name);
+  return text == nullptr ? preset : std::atoi(text);
+}
+
+TEST_F(constraint, what_libyang_refuses_is_never_taken_for_valid)
+{
+  int rounds = from_environment("CONSTRAINT_ROUNDS", 400);
+  int seed = from_environment("CONSTRAINT_SEED", 1);
+  for (bool stores_defaults : {false, true}) {
+    constraint_fuzz fuzz(ctx.get(), static_cast<uint32_t>(seed), stores_defaults);
+    fuzz_counts_t counts = fuzz.run(rounds);
+    ASSERT_TRUE(counts.fault.empty()) << counts.fault;
+    std::printf("valid %d, undecided of these %d, refused %d\n", counts.valid, counts.undecided, counts.refused);
+    EXPECT_GT(counts.valid, rounds / 10);
+    EXPECT_GT(counts.refused, rounds / 10);
+  }
+}
+
+} // namespace
