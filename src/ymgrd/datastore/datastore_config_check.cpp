@@ -1,7 +1,6 @@
 // What may stand in <config>: known elements in known places, with the attributes that belong there. Checked on the XML
 // before libyang sees it: attributes that libyang does not know it drops without a word, and an element that no module
 // knows is beyond what its parser can take in every combination.
-#include <cctype>
 #include <map>
 #include <string>
 
@@ -77,36 +76,32 @@ int attribute_fault(const xmlAttr *attr, const lysc_node *schema)
 
 bool is_integer(const lysc_node *schema)
 {
-  const lysc_type *type = reinterpret_cast<const lysc_node_leaf *>(schema)->type; // a leaf-list has it in its place
+  if (!(schema->nodetype & (LYS_LEAF | LYS_LEAFLIST))) {
+    return false;
+  }
+  const lysc_type *type = reinterpret_cast<const lysc_node_leaf *>(schema)->type; // of a leaf-list at the same place
   if (type->basetype == LY_TYPE_LEAFREF) {
     type = reinterpret_cast<const lysc_type_leafref *>(type)->realtype;
   }
-  switch (type->basetype) {
-  case LY_TYPE_INT8:
-  case LY_TYPE_INT16:
-  case LY_TYPE_INT32:
-  case LY_TYPE_INT64:
-  case LY_TYPE_UINT8:
-  case LY_TYPE_UINT16:
-  case LY_TYPE_UINT32:
-  case LY_TYPE_UINT64:
-    return true;
-  default:
-    return false;
-  }
+  return type->basetype >= LY_TYPE_INT8 || (type->basetype >= LY_TYPE_UINT8 && type->basetype <= LY_TYPE_UINT64);
 }
 
-// libyang takes numbers like 08 for octal ones when it decides whether an element is data, and then refuses them.
+// Integers are decimal, whatever zeros lead (RFC 7950, section 9.2.1); libyang looks for an octal number and refuses
+// 08.
 void drop_leading_zeros(lyxml_elem *elem)
 {
   std::string text = lyxml_text(elem);
-  size_t first = text.find_first_not_of(" \t\r\n+-");
-  size_t last = first == std::string::npos ? first : text.find_first_not_of('0', first);
-  if (last == first || last == std::string::npos || std::isdigit(static_cast<unsigned char>(text[last])) == 0) {
+  size_t first = text.find_first_not_of(" \t\n\r+-");
+  size_t digit = first == std::string::npos ? first : text.find_first_not_of('0', first);
+  if (first == digit) {
     return;
   }
-  text.erase(first, last - first);
-  xmlNodeSetContent(elem, reinterpret_cast<const xmlChar *>(text.c_str()));
+  bool is_zero = digit == std::string::npos || lyxml_is_blank(std::string_view(text).substr(digit));
+  size_t end = is_zero ? text.find_last_of('0') : digit;
+  if (end > first && elem->children->next == nullptr) {
+    text.erase(first, end - first);
+    xmlNodeSetContent(elem->children, reinterpret_cast<const xmlChar *>(text.c_str())); // of a text node: as it stands
+  }
 }
 
 class config_checker {
@@ -247,7 +242,7 @@ NC_EDIT_OP_TYPE ds_operation_of(const xmlAttr *attr)
   return NC_EDIT_OP_ERROR;
 }
 
-int ds_check_config(const lyxml_elem *config, reply_error_ptr *ret_error)
+int ds_check_config(lyxml_elem *config, reply_error_ptr *ret_error)
 {
   return config_checker(config, ret_error).check_children(config, nullptr);
 }
