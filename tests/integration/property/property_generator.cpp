@@ -83,6 +83,24 @@ bool is_removal(const std::string &operation)
   return operation == "delete" || operation == "remove";
 }
 
+// Nodes of two cases exclude each other in one request, unless they are taken away.
+bool names_two_cases(const node_t &parent)
+{
+  std::map<const lysc_node *, const lysc_node *> chosen;
+  for (const node_t &child : parent.children) {
+    const lysc_node *up = is_removal(child.operation) ? nullptr : child.schema->parent;
+    for (; up != nullptr && up->nodetype == LYS_CASE; up = up->parent->parent) {
+      if (chosen.emplace(up->parent, up).first->second != up) {
+        return true;
+      }
+    }
+    if (names_two_cases(child)) {
+      return true;
+    }
+  }
+  return false;
+}
+
 // --- Ways to make a request invalid before the data is looked at.
 
 bool refuses_some_text(const node_t &node)
@@ -275,7 +293,10 @@ request_t generator::edit(const node_t &data)
           draw_node(chance(75) ? tops.back() : one_of(tops), {&data, request.default_operation, 0}));
     }
     bool is_spoilt = chance(5);
-    if (is_spoilt) {
+    if (names_two_cases(config)) {
+      is_spoilt = false;
+      request.tags = {"bad-element"};
+    } else if (is_spoilt) {
       request.tags = {spoil(&config)};
     } else {
       request.result = data;

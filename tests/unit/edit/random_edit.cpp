@@ -1,6 +1,7 @@
 #include "unit/edit/random_edit.h"
 
 #include <algorithm>
+#include <map>
 
 namespace {
 
@@ -26,6 +27,23 @@ const lyd_node *find(const lyd_node *siblings, const lysc_node *schema, const st
   return is_there ? match : nullptr;
 }
 
+bool takes_away(const std::string &element)
+{
+  std::string tag = element.substr(0, element.find('>'));
+  return tag.find("='delete'") != std::string::npos || tag.find("='remove'") != std::string::npos;
+}
+
+// Cases by choice. Nodes of two cases exclude each other in one edit. False when `node` does not fit those before it.
+bool choose(std::map<const lysc_node *, const lysc_node *> *chosen, const lysc_node *node)
+{
+  for (const lysc_node *up = node->parent; up != nullptr && up->nodetype == LYS_CASE; up = up->parent->parent) {
+    if (chosen->emplace(up->parent, up).first->second != up) {
+      return false;
+    }
+  }
+  return true;
+}
+
 } // namespace
 
 random_edit_t random_edit_source::next(const lyd_node *current)
@@ -42,6 +60,7 @@ random_edit_t random_edit_source::next(const lyd_node *current)
 std::string random_edit_source::children(const lysc_node *parent, const lyd_node *siblings, NC_EDIT_OP_TYPE inherited)
 {
   std::vector<std::string> elements;
+  std::map<const lysc_node *, const lysc_node *> chosen;
   const lysc_node *child = nullptr;
   while ((child = lys_getnext(child, parent, module_->compiled, 0)) != nullptr) {
     if (lysc_is_key(child)) {
@@ -50,7 +69,10 @@ std::string random_edit_source::children(const lysc_node *parent, const lyd_node
     bool has_entries = child->nodetype & (LYS_LIST | LYS_LEAFLIST);
     int instances = chance(has_entries ? 40 : 30) ? 1 + (has_entries ? below(4) : 0) : 0;
     for (int i = 0; i < instances; i++) {
-      elements.push_back(element(child, siblings, inherited));
+      std::string made = element(child, siblings, inherited);
+      if (takes_away(made) || choose(&chosen, child)) {
+        elements.push_back(std::move(made));
+      }
     }
   }
   std::shuffle(elements.begin(), elements.end(), random_);
