@@ -223,13 +223,7 @@ int cut_piece(std::string_view piece, std::string_view ns, const ds_prepared_fil
     return -1;
   }
   lyxml_ptr selected = ds_xml_subtree_filter(std::move(data), filter);
-  for (const lyxml_elem *elem = selected == nullptr ? nullptr : lyxml_first_child(selected.get()); elem != nullptr;
-       elem = lyxml_next(elem)) {
-    if (lyxml_append_mem(elem, text) != 0) {
-      return -1;
-    }
-  }
-  return 0;
+  return selected == nullptr ? 0 : lyxml_append_children(selected.get(), text);
 }
 
 // In pieces, which siblings of one name allow: none of them decides about another.
