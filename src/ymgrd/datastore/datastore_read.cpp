@@ -1,6 +1,4 @@
 // get-config (RFC 6241, section 7.1), and what get shares with it.
-#include <utility>
-
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
@@ -99,29 +97,11 @@ int ds_get_query_result(int hdb, int ds, const nc_filter_t *filter, wiped_string
   if (filter == nullptr) {
     return source.read_text({}, ret_text);
   }
-  wiped_string data;
-  bool is_answer = false;
-  if (ds_filter_read(source, *filter, &data, &is_answer) != 0) {
+  if (ds_filter_read(source, *filter, ret_text) != 0) {
     return -1;
   }
-  if (is_answer) {
-    *ret_text = std::move(data);
-    return 0;
-  }
-  data.insert(0, "<data>").append("</data>");
-  lyxml_ptr read = lyxml_parse_mem(data);
-  lyxml_ptr selected;
-  if (read == nullptr || ds_xml_subtree_filter(std::move(read), *filter, &selected) != 0) {
-    return -1;
-  }
-  if (selected == nullptr) {
+  if (ret_text->empty()) {
     log_debug("Filter get no data.");
-    return 0;
-  }
-  for (const lyxml_elem *elem = lyxml_first_child(selected.get()); elem != nullptr; elem = lyxml_next(elem)) {
-    if (lyxml_append_mem(elem, ret_text) != 0) {
-      return -1;
-    }
   }
   return 0;
 }

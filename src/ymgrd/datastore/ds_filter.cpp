@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "libconf/wiped_string.h"
-#include "ymgrd/core/log.h"
 
 namespace {
 
@@ -90,7 +89,7 @@ struct content_hash_t {
 template <class T>
 using content_map = std::unordered_multimap<wiped_string, T, content_hash_t>;
 
-struct filter_siblings_t;
+} // namespace
 
 // A containment or selection node.
 struct filter_node_t {
@@ -113,6 +112,8 @@ struct filter_siblings_t {
   std::unordered_map<std::string_view, filter_group_t> groups;
 };
 
+namespace {
+
 void add_name(std::vector<std::string_view> *names, std::string_view name)
 {
   if (std::find(names->begin(), names->end(), name) == names->end()) {
@@ -120,10 +121,19 @@ void add_name(std::vector<std::string_view> *names, std::string_view name)
   }
 }
 
-std::unique_ptr<filter_siblings_t> prepare(const lyxml_elem *first)
+ds_filter_elements elements_from(const lyxml_elem *first)
+{
+  ds_filter_elements elements;
+  for (const lyxml_elem *elem = first; elem != nullptr; elem = lyxml_next(elem)) {
+    elements.push_back(elem);
+  }
+  return elements;
+}
+
+std::unique_ptr<filter_siblings_t> prepare(const ds_filter_elements &elements)
 {
   auto siblings = std::make_unique<filter_siblings_t>();
-  for (const lyxml_elem *elem = first; elem != nullptr; elem = lyxml_next(elem)) {
+  for (const lyxml_elem *elem : elements) {
     const lyxml_elem *child = lyxml_first_child(elem);
     wiped_string buffer;
     if (child == nullptr && !nc_clrwspace(text_of(elem, &buffer)).empty()) {
@@ -134,7 +144,7 @@ std::unique_ptr<filter_siblings_t> prepare(const lyxml_elem *first)
     }
     auto node = std::make_unique<filter_node_t>();
     node->elem = elem;
-    node->below = child == nullptr ? nullptr : prepare(child);
+    node->below = child == nullptr ? nullptr : prepare(elements_from(child));
     filter_group_t &group = siblings->groups[lyxml_name(elem)];
     if (node->below == nullptr || node->below->matches.empty()) {
       group.always.push_back(node.get());
@@ -285,24 +295,18 @@ std::string_view nc_clrwspace(std::string_view in)
                                          : in.substr(first, in.find_last_not_of(blanks) - first + 1);
 }
 
-bool ncxml_subtree_filter(lyxml_elem *config, const lyxml_elem *filter)
+ds_prepared_filter::ds_prepared_filter(const ds_filter_elements &elements) : siblings_(prepare(elements)) {}
+
+ds_prepared_filter::~ds_prepared_filter() = default;
+
+bool ncxml_subtree_filter(lyxml_elem *config, const ds_prepared_filter &filter)
 {
-  (void)selector().select(config, *prepare(filter)); // the marks say what was selected
+  (void)selector().select(config, filter.siblings()); // the marks say what was selected
   return drop_unmarked(config);
 }
 
-int ds_xml_subtree_filter(lyxml_ptr old, const nc_filter_t &filter, lyxml_ptr *ret_new)
+lyxml_ptr ds_xml_subtree_filter(lyxml_ptr old, const ds_prepared_filter &filter)
 {
-  if (filter.type != NC_FILTER_SUBTREE) {
-    log_error("Unkown filter type(%d).", filter.type);
-    return -1;
-  }
-  if (filter.subtree_filter == nullptr) {
-    log_error("invalid filter.");
-    return -1;
-  }
-  bool any = old != nullptr &&
-             ncxml_subtree_filter(lyxml_first_child(old.get()), lyxml_first_child(filter.subtree_filter.get()));
-  *ret_new = any ? std::move(old) : nullptr;
-  return 0;
+  bool any = ncxml_subtree_filter(lyxml_first_child(old.get()), filter);
+  return any ? std::move(old) : nullptr;
 }

@@ -40,12 +40,23 @@ ds_schema_nodes ds_filter_schema(const lyxml_elem *elem, const ds_schema_nodes &
 // "/MODULE:NAME" of each top node that the filter names, each once.
 std::vector<std::string> ds_filter_top_paths(const nc_filter_t &filter);
 
-// Cuts the children of `old` down to what the filter selects: they are returned in `*ret_new` (null when nothing is
-// left). 0, or -1 for a filter that is no subtree filter.
-int ds_xml_subtree_filter(lyxml_ptr old, const nc_filter_t &filter, lyxml_ptr *ret_new);
-// The same for the sibling lists that start at `config` and `filter`: what is not selected is unlinked and freed.
+// Filter siblings, prepared to be applied many times. Borrows the elements.
+typedef std::vector<const lyxml_elem *> ds_filter_elements;
+class ds_prepared_filter {
+public:
+  explicit ds_prepared_filter(const ds_filter_elements &elements);
+  ~ds_prepared_filter();
+  const struct filter_siblings_t &siblings() const { return *siblings_; }
+
+private:
+  std::unique_ptr<struct filter_siblings_t> siblings_;
+};
+
+// Cuts the sibling list that starts at `config` down to what the filter selects: the rest is unlinked and freed.
 // Whether something was selected.
-bool ncxml_subtree_filter(lyxml_elem *config, const lyxml_elem *filter);
+bool ncxml_subtree_filter(lyxml_elem *config, const ds_prepared_filter &filter);
+// The same for the children of `old`, which is returned; null when nothing was selected.
+lyxml_ptr ds_xml_subtree_filter(lyxml_ptr old, const ds_prepared_filter &filter);
 
 // 0 when `node` fits the filter element `refer`: by namespace, by attributes.
 int nc_nscmp(const lyxml_elem *refer, const lyxml_elem *node);

@@ -6,19 +6,25 @@
 #include <memory>
 #include <unordered_map>
 
+#include "ymgrd/core/log.h"
 #include "ymgrd/database/database_element.h"
+#include "ymgrd/database/database_path.h"
 #include "ymgrd/datastore/dbkey.h"
 
 namespace {
 
 // Reads of the database for one request; beyond that, what they have in common is read as a whole.
 constexpr size_t MAX_REMOTE_READS = 64;
+// Text that is parsed at once to be cut down: large trees are slow to make and to free.
+constexpr size_t PIECE_BYTES = 65536;
 // Entries of a user-ordered list whose positions are looked up, each at the cost of a walk along the list.
 constexpr size_t MAX_POSITIONS = 64;
 
 struct plan_node_t {
-  ds_step_t step;     // of the root: none
-  bool whole = false; // read with all below; else only `children`
+  ds_step_t step;              // of the root: none
+  bool whole = false;          // read with all below; else only `children`
+  bool selected = false;       // all that is read is selected; else it is cut down by
+  ds_filter_elements elements; // that the node stands for
   std::vector<std::unique_ptr<plan_node_t>> children;
   std::unordered_map<std::string, plan_node_t *> index; // of `children`, by their key below this node
 
@@ -74,78 +80,72 @@ std::vector<std::string> entry_keys(const lyxml_elem *elem, const lysc_node *lis
   return keys;
 }
 
-class planner {
-public:
-  // `schemas`: of the parent element; empty for <filter>.
-  void plan_siblings(const lyxml_elem *parent, const ds_schema_nodes &schemas, plan_node_t *node)
-  {
-    size_t named_keys = 0;
-    bool any = false; // but content match nodes
-    for (const lyxml_elem *elem = lyxml_first_child(parent); elem != nullptr; elem = lyxml_next(elem)) {
-      ds_schema_nodes nodes = ds_filter_schema(elem, schemas);
-      is_exact_ = is_exact_ && elem->properties == nullptr;
-      if (!is_content_match(elem)) {
-        any = true;
-        for (const lysc_node *schema : nodes) {
-          plan_element(elem, schema, nodes.size() == 1, node);
-        }
-      } else if (node->step.is_entry() && nodes.size() == 1 && lysc_is_key(nodes.front())) {
-        named_keys++;
-      } else {
-        take_whole(node); // what it is compared with may be any of the siblings
-        return;
-      }
-    }
-    is_exact_ = is_exact_ && named_keys == node->step.keys.size(); // else a key is wanted to have two values
-    node->whole = node->whole || !any;                             // nothing but its keys: all of the entry
+void plan_siblings(const lyxml_elem *parent, const ds_schema_nodes &schemas, plan_node_t *node);
+
+void plan_element(const lyxml_elem *elem, const lysc_node *schema, bool is_sure, plan_node_t *parent)
+{
+  if (elem->properties != nullptr) {
+    return; // stored elements have no attributes
   }
-
-  // Whether the plan reads nothing but what the filter selects.
-  bool is_exact() const { return is_exact_; }
-
-private:
-  void take_whole(plan_node_t *node)
-  {
+  if (parent->step.is_entry() && lysc_is_key(schema)) {
+    return; // an entry brings its keys
+  }
+  bool is_selection = lyxml_first_child(elem) == nullptr;
+  bool may_be_entry = is_sure && !is_selection && schema->nodetype == LYS_LIST;
+  plan_node_t *node = parent->child(schema, may_be_entry ? entry_keys(elem, schema) : std::vector<std::string>());
+  node->elements.push_back(elem);
+  if (node->step.is_entry() || (is_sure && !is_selection && schema->nodetype == LYS_CONTAINER)) {
+    plan_siblings(elem, {schema}, node);
+  } else {
     node->whole = true;
-    is_exact_ = false;
+    node->selected = node->selected || is_selection;
   }
+}
 
-  void plan_element(const lyxml_elem *elem, const lysc_node *schema, bool is_sure, plan_node_t *parent)
-  {
-    if (parent->step.is_entry() && lysc_is_key(schema)) {
-      return; // an entry brings its keys
-    }
-    if (lyxml_first_child(elem) == nullptr) {
-      parent->child(schema, {})->whole = true;
+// `schemas`: of the parent element; empty for <filter>.
+void plan_siblings(const lyxml_elem *parent, const ds_schema_nodes &schemas, plan_node_t *node)
+{
+  size_t named_keys = 0;
+  bool any = false; // but content match nodes
+  for (const lyxml_elem *elem = lyxml_first_child(parent); elem != nullptr; elem = lyxml_next(elem)) {
+    ds_schema_nodes nodes = ds_filter_schema(elem, schemas);
+    if (!is_content_match(elem)) {
+      any = true;
+      for (const lysc_node *schema : nodes) {
+        plan_element(elem, schema, nodes.size() == 1, node);
+      }
+    } else if (node->step.is_entry() && nodes.size() == 1 && lysc_is_key(nodes.front()) &&
+               elem->properties == nullptr) {
+      named_keys++;
+    } else {
+      node->whole = true; // what it is compared with may be any of the siblings
       return;
     }
-    bool is_list = schema->nodetype == LYS_LIST;
-    std::vector<std::string> keys = is_sure && is_list ? entry_keys(elem, schema) : std::vector<std::string>();
-    plan_node_t *node = parent->child(schema, std::move(keys));
-    if (node->step.is_entry() || (is_sure && schema->nodetype == LYS_CONTAINER)) {
-      plan_siblings(elem, {schema}, node);
-    } else {
-      take_whole(node);
-    }
   }
-
-  bool is_exact_ = true;
-};
+  bool is_contradiction = named_keys > node->step.keys.size(); // a key is wanted to have two values
+  node->whole = node->whole || !any || is_contradiction;
+  node->selected = node->selected || (!any && !is_contradiction); // nothing but its keys: all of the entry
+}
 
 // --- Fewer and larger reads
 
-// Entries of a list that is read as a whole by itself.
+// Entries of a list that is read as a whole: what the filter wants of them is cut out of the list.
 void drop_covered(plan_node_t *node)
 {
-  std::vector<const lysc_node *> whole_lists;
+  std::unordered_map<const lysc_node *, plan_node_t *> whole_lists;
   for (const auto &child : node->children) {
     if (child->whole && !child->step.is_entry() && child->step.schema->nodetype == LYS_LIST) {
-      whole_lists.push_back(child->step.schema);
+      whole_lists.emplace(child->step.schema, child.get());
     }
   }
   std::erase_if(node->children, [&](const std::unique_ptr<plan_node_t> &child) {
-    return child->step.is_entry() &&
-           std::find(whole_lists.begin(), whole_lists.end(), child->step.schema) != whole_lists.end();
+    auto list = whole_lists.find(child->step.schema);
+    if (list == whole_lists.end() || list->second == child.get()) {
+      return false;
+    }
+    ds_filter_elements *elements = &list->second->elements;
+    elements->insert(elements->end(), child->elements.begin(), child->elements.end());
+    return true;
   });
 }
 
@@ -154,8 +154,8 @@ struct group_t {
   size_t reads = 0;
 };
 
-// The reads that are left. `*ret_is_changed` is set when more is read than was planned.
-size_t simplify(plan_node_t *node, size_t limit, bool *ret_is_changed)
+// The number of reads that the node comes to.
+size_t simplify(plan_node_t *node, size_t limit)
 {
   if (node->whole) {
     return 1;
@@ -164,7 +164,7 @@ size_t simplify(plan_node_t *node, size_t limit, bool *ret_is_changed)
   size_t total = node->step.is_entry() ? 1 : 0; // whether it is there
   std::unordered_map<const lysc_node *, group_t> groups;
   for (const auto &child : node->children) {
-    size_t reads = simplify(child.get(), limit, ret_is_changed);
+    size_t reads = simplify(child.get(), limit);
     total += reads;
     if (child->step.is_entry()) {
       groups[child->step.schema].entries++;
@@ -175,7 +175,6 @@ size_t simplify(plan_node_t *node, size_t limit, bool *ret_is_changed)
     bool is_ordered = lysc_is_userordered(list);
     if (group.reads > limit || (is_ordered && group.entries > MAX_POSITIONS)) {
       node->child(list, {})->whole = true;
-      *ret_is_changed = true;
       total -= group.reads - 1;
     }
   }
@@ -184,8 +183,68 @@ size_t simplify(plan_node_t *node, size_t limit, bool *ret_is_changed)
     return total;
   }
   node->whole = true;
-  *ret_is_changed = true;
   return 1;
+}
+
+// --- Cutting down
+
+// The end of the element that starts at `pos`, in text that the daemon made.
+size_t end_of_element(std::string_view text, size_t pos)
+{
+  int open = 0;
+  do {
+    bool is_closing = pos + 1 < text.size() && text[pos + 1] == '/';
+    char quote = '\0';
+    size_t end = pos + 1;
+    for (; end < text.size() && (quote != '\0' || text[end] != '>'); end++) {
+      char c = text[end];
+      if (quote != '\0') {
+        quote = c == quote ? '\0' : quote;
+      } else if (c == '"' || c == '\'') {
+        quote = c;
+      }
+    }
+    bool is_empty = end > 0 && end < text.size() && text[end - 1] == '/';
+    open += is_closing ? -1 : is_empty ? 0 : 1;
+    pos = open > 0 ? text.find('<', end) : std::min(end + 1, text.size());
+  } while (open > 0 && pos != std::string_view::npos);
+  return std::min(pos, text.size());
+}
+
+// Appends what the filter selects of the elements in `piece`, which inherit the namespace `ns`. 0 or -1.
+int cut_piece(std::string_view piece, std::string_view ns, const ds_prepared_filter &filter, wiped_string *text)
+{
+  wiped_string document("<data xmlns=\"");
+  handle_special_key(&document, ns, DB_XML_ESCAPE);
+  document.append("\">").append(piece).append("</data>");
+  lyxml_ptr data = lyxml_parse_mem(document);
+  if (data == nullptr) {
+    log_error("Stored data is no XML.");
+    return -1;
+  }
+  lyxml_ptr selected = ds_xml_subtree_filter(std::move(data), filter);
+  return selected == nullptr ? 0 : lyxml_append_children(selected.get(), text);
+}
+
+// In pieces, which siblings of one name allow: none of them decides about another.
+int cut_text(std::string_view read, const plan_node_t &node, wiped_string *text)
+{
+  ds_prepared_filter filter(node.elements);
+  const lysc_node *parent = node.step.schema == nullptr ? nullptr : lysc_data_parent(node.step.schema);
+  std::string_view ns = parent == nullptr ? "" : parent->module->ns;
+  bool is_root = node.step.schema == nullptr;
+  size_t begin = 0;
+  while (begin < read.size()) {
+    size_t end = is_root ? read.size() : begin;
+    while (end < read.size() && end - begin < PIECE_BYTES) {
+      end = end_of_element(read, end);
+    }
+    if (cut_piece(read.substr(begin, end - begin), ns, filter, text) != 0) {
+      return -1;
+    }
+    begin = end;
+  }
+  return 0;
 }
 
 // --- From plan to text
@@ -197,8 +256,12 @@ public:
   // The node at the end of the path.
   int read(plan_node_t *node)
   {
-    if (node->whole) {
+    if (node->whole && node->selected) {
       return source_.read_text(path_, text_);
+    }
+    if (node->whole) {
+      wiped_string read;
+      return source_.read_text(path_, &read) != 0 ? -1 : cut_text(read, *node, text_);
     }
     if (path_.empty()) {
       return read_children(node);
@@ -292,16 +355,22 @@ private:
 
 } // namespace
 
-int ds_filter_read(const ds_source &source, const nc_filter_t &filter, wiped_string *text, bool *ret_is_answer)
+int ds_filter_read(const ds_source &source, const nc_filter_t &filter, wiped_string *text)
 {
-  plan_node_t root;
-  planner plan;
-  plan.plan_siblings(filter.subtree_filter.get(), {}, &root);
-  bool is_changed = false;
-  (void)simplify(&root, source.is_remote() ? MAX_REMOTE_READS : std::numeric_limits<size_t>::max(), &is_changed);
-  if (plan_reader(source, text).read(&root) != 0) {
+  if (filter.type != NC_FILTER_SUBTREE) {
+    log_error("Unkown filter type(%d).", filter.type);
     return -1;
   }
-  *ret_is_answer = plan.is_exact() && !is_changed;
-  return 0;
+  if (filter.subtree_filter == nullptr) {
+    log_error("invalid filter.");
+    return -1;
+  }
+  plan_node_t root;
+  for (const lyxml_elem *elem = lyxml_first_child(filter.subtree_filter.get()); elem != nullptr;
+       elem = lyxml_next(elem)) {
+    root.elements.push_back(elem);
+  }
+  plan_siblings(filter.subtree_filter.get(), {}, &root);
+  (void)simplify(&root, source.is_remote() ? MAX_REMOTE_READS : std::numeric_limits<size_t>::max());
+  return plan_reader(source, text).read(&root);
 }

@@ -174,15 +174,18 @@ int append_output(void *context, const char *bytes, int length)
   }
 }
 
+// The siblings from `first` up to `end`. 0 or -1.
 template <class T>
-int append_markup(const lyxml_elem *elem, T *text)
+int append_markup(const lyxml_elem *first, const lyxml_elem *end, T *text)
 {
   xmlOutputBuffer *output = xmlOutputBufferCreateIO(append_output<T>, nullptr, text, nullptr);
   if (output == nullptr) {
     return -1;
   }
-  // Printing only reads the tree, whatever the parameter type says.
-  xmlNodeDumpOutput(output, elem->doc, const_cast<lyxml_elem *>(elem), 0, 0, nullptr);
+  for (const lyxml_elem *elem = first; elem != end; elem = lyxml_next(elem)) {
+    // Printing only reads the tree, whatever the parameter type says.
+    xmlNodeDumpOutput(output, elem->doc, const_cast<lyxml_elem *>(elem), 0, 0, nullptr);
+  }
   return xmlOutputBufferClose(output) < 0 ? -1 : 0;
 }
 
@@ -309,12 +312,12 @@ void lyxml_free_elem(lyxml_elem *elem)
 std::string lyxml_print_mem(const lyxml_elem *elem)
 {
   std::string text;
-  return append_markup(elem, &text) == 0 ? text : std::string();
+  return append_markup(elem, lyxml_next(elem), &text) == 0 ? text : std::string();
 }
 
-int lyxml_append_mem(const lyxml_elem *elem, wiped_string *text)
+int lyxml_append_children(const lyxml_elem *elem, wiped_string *text)
 {
-  return append_markup(elem, text);
+  return append_markup<wiped_string>(lyxml_first_child(elem), nullptr, text);
 }
 
 std::string lyxml_print_self_contained(lyxml_elem *elem)

@@ -45,8 +45,8 @@ void lyxml_free_elem(lyxml_elem *elem);
 
 // The element's markup, without declaration, as UTF-8.
 std::string lyxml_print_mem(const lyxml_elem *elem);
-// Appends it. 0 or -1.
-int lyxml_append_mem(const lyxml_elem *elem, wiped_string *text);
+// Appends the markup of the element's child elements. 0 or -1.
+int lyxml_append_children(const lyxml_elem *elem, wiped_string *text);
 // The same as the first, with every namespace declared that is in scope: the text can be parsed on its own, prefixes in
 // values included.
 std::string lyxml_print_self_contained(lyxml_elem *elem);
