@@ -164,7 +164,7 @@ bool constraint_run::is_ruled_out(lyd_node *parent, const lysc_node *schema)
     return false;
   }
   for (const constraint_t *constraint : index_.rules(schema).own) {
-    if (constraint->kind != CONSTRAINT_WHEN) {
+    if (constraint->kind != CONSTRAINT_WHEN || constraint->needs_libyang) {
       continue;
     }
     evaluated_.insert(constraint);
