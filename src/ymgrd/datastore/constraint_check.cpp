@@ -393,6 +393,9 @@ bool constraint_run::check_implied()
 
 bool constraint_run::holds(const constraint_t *constraint, const lyd_node *context)
 {
+  if (constraint->needs_libyang) {
+    return false;
+  }
   evaluated_.insert(constraint);
   return constraint_evaluate(constraint, context) == std::optional<bool>(true);
 }

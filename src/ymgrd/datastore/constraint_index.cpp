@@ -243,6 +243,22 @@ analysis_t analyse(const expression_t &expression)
   return analysis;
 }
 
+const lys_module *owner_of_tree(const lysc_node *schema)
+{
+  while (schema->parent != nullptr) {
+    schema = schema->parent;
+  }
+  return schema->module;
+}
+
+bool is_conditional(const lysc_node *schema)
+{
+  while (schema != nullptr && lysc_node_when(schema) == nullptr) {
+    schema = schema->parent;
+  }
+  return schema != nullptr;
+}
+
 // The ancestor `levels` above `schema`; null when it is the root.
 const lysc_node *ancestor(const lysc_node *schema, int levels)
 {
@@ -377,7 +393,7 @@ private:
     LY_ARRAY_FOR(musts, i)
     {
       constraint_t *constraint = make(CONSTRAINT_MUST, schema);
-      constraint->expression = lyxp_get_expr(musts[i].cond);
+      constraint->condition = musts[i].cond;
       constraint->prefixes = musts[i].prefixes;
       rules(schema)->own.push_back(constraint);
       add_condition(constraint, {musts[i].cond, musts[i].prefixes, schema, schema->module}, schema);
@@ -391,7 +407,7 @@ private:
     LY_ARRAY_FOR(whens, i)
     {
       constraint_t *constraint = make(CONSTRAINT_WHEN, schema);
-      constraint->expression = lyxp_get_expr(whens[i]->cond);
+      constraint->condition = whens[i]->cond;
       constraint->prefixes = whens[i]->prefixes;
       constraint->on_parent = whens[i]->context != schema;
       own_when(schema, constraint);
@@ -422,6 +438,9 @@ private:
     }
     constraint->implied = std::move(analysis.implied);
     for (const sight_t &sight : analysis.sights) {
+      if (is_conditional(sight.node) && owner_of_tree(sight.node) != owner_of_tree(constraint->node)) {
+        constraint->needs_libyang = true;
+      }
       const lysc_node *region = region_of(sight, expression.context);
       bool is_below = region != nullptr && lowest != region && lysc_data_parent(region) == lowest;
       add_look(sight.node, constraint, is_below ? lowest : region, false);

@@ -18,11 +18,14 @@ typedef struct _constraint {
   constraint_kind_t kind;
   const lysc_node *node; // carries it; for a when also a choice or case
   // MUST, WHEN
-  const char *expression = nullptr;
+  const lyxp_expr *condition = nullptr;
   const lysc_prefix *prefixes = nullptr;
   bool on_parent = false; // WHEN: evaluated on the data parent, not on the node itself
   // Nodes that count for the result even where they are only implied by the schema (defaults, empty containers).
   std::vector<const lysc_node *> implied;
+  // It looks at conditional nodes of a tree that another module owns. libyang validates module by module, and may not
+  // know yet whether those nodes stand: what comes out depends on its order, so the decision is its own.
+  bool needs_libyang = false;
   bool looks_anywhere = false; // what it looks at is not known: every change concerns it
   // VALUE: a plain reference to one leaf that is no key, without conditions: its targets can be looked up in a set.
   const lysc_node *target = nullptr;

@@ -60,7 +60,7 @@ const char seed_tree[] = R"(
  <interface><name>b</name><enabled>true</enabled><address>b</address><port>2</port><kind>serial</kind>
   <serial><parity>odd</parity><line>1</line></serial><stats><tag>a</tag></stats><parent>a</parent><peer-port>1</peer-port><ip>1</ip><green>1</green></interface>
  <interface><name>c</name><enabled>true</enabled><port>1</port><kind>loop</kind><extra xmlns="urn:more">2</extra>
-  <deep xmlns="urn:more"><base>2</base></deep><vlan>1</vlan><black><depth>3</depth></black></interface>
+  <deep xmlns="urn:more"><weight>2</weight><base>2</base></deep><vlan>1</vlan><black><depth>3</depth></black></interface>
  <limit>4</limit><reds>3</reds></net>
 <groups xmlns="urn:rich">
  <group><id>1</id><sub>a</sub><member>a</member><member>b</member><first>a</first><any>b</any><any>2</any></group>
