@@ -96,8 +96,9 @@ std::optional<bool> constraint_evaluate(const constraint_t *constraint, const ly
 {
   ly_bool result = 0;
   // The prefixes are only read.
-  LY_ERR error = lyd_eval_xpath3(context, constraint->node->module, constraint->expression, LY_VALUE_SCHEMA_RESOLVED,
-                                 const_cast<lysc_prefix *>(constraint->prefixes), nullptr, &result);
+  LY_ERR error =
+      lyd_eval_xpath3(context, constraint->node->module, lyxp_get_expr(constraint->condition), LY_VALUE_SCHEMA_RESOLVED,
+                      const_cast<lysc_prefix *>(constraint->prefixes), nullptr, &result);
   if (error != LY_SUCCESS) {
     return std::nullopt;
   }

@@ -377,7 +377,7 @@ private:
     LY_ARRAY_FOR(musts, i)
     {
       constraint_t *constraint = make(CONSTRAINT_MUST, schema);
-      constraint->expression = lyxp_get_expr(musts[i].cond);
+      constraint->condition = musts[i].cond;
       constraint->prefixes = musts[i].prefixes;
       rules(schema)->own.push_back(constraint);
       add_condition(constraint, {musts[i].cond, musts[i].prefixes, schema, schema->module}, schema);
@@ -391,7 +391,7 @@ private:
     LY_ARRAY_FOR(whens, i)
     {
       constraint_t *constraint = make(CONSTRAINT_WHEN, schema);
-      constraint->expression = lyxp_get_expr(whens[i]->cond);
+      constraint->condition = whens[i]->cond;
       constraint->prefixes = whens[i]->prefixes;
       constraint->on_parent = whens[i]->context != schema;
       own_when(schema, constraint);

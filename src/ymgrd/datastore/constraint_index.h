@@ -18,7 +18,7 @@ typedef struct _constraint {
   constraint_kind_t kind;
   const lysc_node *node; // carries it; for a when also a choice or case
   // MUST, WHEN
-  const char *expression = nullptr;
+  const lyxp_expr *condition = nullptr;
   const lysc_prefix *prefixes = nullptr;
   bool on_parent = false; // WHEN: evaluated on the data parent, not on the node itself
   // Nodes that count for the result even where they are only implied by the schema (defaults, empty containers).

@@ -1,5 +1,6 @@
 // What must, and what may not, be among the children of a node: mandatory nodes, numbers of entries, cases of a choice,
 // and what the schema implies where nothing is stored.
+#include "ymgrd/datastore/absent_node.h"
 #include "ymgrd/datastore/constraint_run.h"
 
 namespace {
@@ -46,34 +47,6 @@ bool is_hollow_case(lyd_node *data, lyd_node *parent, const lysc_node *schema)
   const lyd_node *node = schema->nodetype == LYS_CONTAINER ? constraint_find(data, parent, schema) : nullptr;
   return node != nullptr && constraint_is_hollow(node);
 }
-
-// A node without schema to hang a condition on, as libyang has it for absent nodes; gone with the object.
-class stand_in {
-public:
-  stand_in(lyd_node *parent, const lysc_node *schema)
-  {
-    for (lyd_node *up = parent; up != nullptr; up = lyd_parent(up)) {
-      flags_.emplace_back(up, up->flags); // a child makes a default container one that is no default
-    }
-    if (lyd_new_opaq(parent, nullptr, schema->name, nullptr, nullptr, schema->module->name, &node_) != LY_SUCCESS) {
-      node_ = nullptr;
-    }
-  }
-  stand_in(const stand_in &) = delete;
-  stand_in &operator=(const stand_in &) = delete;
-  ~stand_in()
-  {
-    lyd_free_tree(node_);
-    for (const auto &[node, flags] : flags_) {
-      node->flags = flags;
-    }
-  }
-  const lyd_node *node() const { return node_; }
-
-private:
-  lyd_node *node_ = nullptr;
-  std::vector<std::pair<lyd_node *, uint32_t>> flags_;
-};
 
 } // namespace
 
@@ -195,13 +168,8 @@ bool constraint_run::is_ruled_out(lyd_node *parent, const lysc_node *schema)
       continue;
     }
     evaluated_.insert(constraint);
-    std::optional<bool> result;
-    if (constraint->on_parent) {
-      result = constraint_evaluate(constraint, parent);
-    } else {
-      stand_in absent(parent, schema);
-      result = absent.node() == nullptr ? std::nullopt : constraint_evaluate(constraint, absent.node());
-    }
+    std::optional<bool> result = absent_node_condition(parent, constraint->node, constraint->condition,
+                                                       constraint->prefixes, constraint->on_parent);
     if (result == std::optional<bool>(false)) {
       return true;
     }

@@ -11,10 +11,6 @@
 
 namespace {
 
-// How long a validation may take before the watchdog warns and kills.
-constexpr int VALIDATION_WARN_SECONDS = 90;
-constexpr int VALIDATION_KILL_SECONDS = 180;
-
 struct datastore_database_t {
   int datastore;
   int database;

@@ -133,6 +133,10 @@ int unlock_operation(int sid, int target, reply_error_ptr *ret_error);
 
 // --- Steps of the operations.
 
+// How long a validation may take before the watchdog warns and kills.
+constexpr int VALIDATION_WARN_SECONDS = 90;
+constexpr int VALIDATION_KILL_SECONDS = 180;
+
 // Checks the whole data tree against the schema (nothing is added to it). 0, also for an empty tree; -1 with the error,
 // whose kind is `invalid_kind` unless the violation has a kind of its own. On 0 `ret_implied` (null: not asked for) has
 // gained the schema nodes of which libyang implied instances.

@@ -1,4 +1,5 @@
 // Validation of what an edit made: by its changes where that suffices, else of the whole tree.
+#include "ymgrd/core/keepalive.h"
 #include "ymgrd/datastore/constraint_check.h"
 #include "ymgrd/datastore/datastore_internal.h"
 #include "ymgrd/schema/schema.h"
@@ -21,7 +22,10 @@ bool is_valid_by_changes(lyd_node *data, const edit_changes &changes)
   if (validated.index == nullptr) {
     validated.index = std::make_unique<constraint_index>(schema_ctx());
   }
-  return constraint_check(*validated.index, data, changes, &validated.implied);
+  ymgrd_send_keepalive_msg(VALIDATION_WARN_SECONDS, VALIDATION_KILL_SECONDS);
+  bool is_valid = constraint_check(*validated.index, data, changes, &validated.implied);
+  ymgrd_send_keepalive_msg(0, 0);
+  return is_valid;
 }
 
 } // namespace

@@ -498,7 +498,7 @@ int edit_operations(const edit_request_t &request, lyd_tree_ptr *ret_data, diffe
     return -1;
   }
   differ_node_t *tree = diff.release();
-  if (job.conditional_defaults && edit_fill_conditional_defaults(&job, &tree) != 0) {
+  if (!job.conditional_defaults.empty() && edit_fill_conditional_defaults(&job, &tree) != 0) {
     free_differ_tree(tree);
     return -1;
   }

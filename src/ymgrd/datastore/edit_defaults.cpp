@@ -1,8 +1,10 @@
 // Schema defaults become data: below a node that was edited, every leaf that has a default and no value is created with
 // it, also in non-presence containers and in the chosen or default cases of choices.
 #include <unordered_map>
+#include <unordered_set>
 
 #include "ymgrd/core/log.h"
+#include "ymgrd/datastore/absent_node.h"
 #include "ymgrd/datastore/datastore_internal.h"
 #include "ymgrd/datastore/edit_internal.h"
 
@@ -121,18 +123,24 @@ int fill_container(edit_job_t *job, const edit_place_t &place, const lysc_node *
   return 0;
 }
 
+int fill_later(edit_job_t *job, const edit_place_t &place, const lysc_node *node)
+{
+  job->conditional_defaults.emplace_back(place.parent, node);
+  return 0;
+}
+
 int fill_choice(edit_job_t *job, const edit_place_t &place, const lysc_node *choice, differ_list *diff)
 {
   for (const lysc_node *each = lysc_node_child(choice); each != nullptr; each = each->next) {
     if (case_has_data(job, place.parent, each)) {
-      return has_when(each) ? (job->conditional_defaults = true, 0) : fill_level(job, place, each, diff);
+      return has_when(each) ? fill_later(job, place, each) : fill_level(job, place, each, diff);
     }
   }
   const lysc_node *preset = default_case(choice);
   if (preset == nullptr) {
     return 0;
   }
-  return has_when(preset) ? (job->conditional_defaults = true, 0) : fill_level(job, place, preset, diff);
+  return has_when(preset) ? fill_later(job, place, preset) : fill_level(job, place, preset, diff);
 }
 
 int fill_node(edit_job_t *job, const edit_place_t &place, const lysc_node *node, differ_list *diff)
@@ -156,11 +164,7 @@ int fill_level(edit_job_t *job, const edit_place_t &place, const lysc_node *leve
     if (!is_or_has_default(node)) {
       continue;
     }
-    if (has_when(node)) {
-      job->conditional_defaults = true; // only libyang can evaluate it, on the finished data
-      continue;
-    }
-    if (fill_node(job, place, node, diff) != 0) {
+    if ((has_when(node) ? fill_later(job, place, node) : fill_node(job, place, node, diff)) != 0) {
       return -1;
     }
   }
@@ -234,6 +238,59 @@ int store_implicit_leafs(edit_job_t *job, const lyd_node *top, const lyd_node *c
   return 0;
 }
 
+bool is_any_missing(const edit_job_t *job, lyd_node *parent, const lysc_node *level);
+
+// Whether a default at or below `node` is missing that no when rules out.
+bool is_missing(const edit_job_t *job, lyd_node *parent, const lysc_node *node)
+{
+  lyd_node *instance = node->nodetype & (LYS_LEAF | LYS_CONTAINER) ? edit_find_schema(job, parent, node) : nullptr;
+  if (instance != nullptr) {
+    return node->nodetype == LYS_CONTAINER && is_any_missing(job, instance, node);
+  }
+  if (has_when(node) && absent_node_is_ruled_out(parent, node)) {
+    return false;
+  }
+  if (node->nodetype == LYS_CASE) {
+    return is_any_missing(job, parent, node);
+  }
+  if (node->nodetype != LYS_CHOICE) {
+    return true;
+  }
+  for (const lysc_node *each = lysc_node_child(node); each != nullptr; each = each->next) {
+    if (case_has_data(job, parent, each)) {
+      return is_missing(job, parent, each);
+    }
+  }
+  const lysc_node *preset = default_case(node);
+  return preset != nullptr && is_missing(job, parent, preset);
+}
+
+bool is_any_missing(const edit_job_t *job, lyd_node *parent, const lysc_node *level)
+{
+  for (const lysc_node *node = lysc_node_child(level); node != nullptr; node = node->next) {
+    if (is_or_has_default(node) && is_missing(job, parent, node)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// The top nodes below which libyang is to create defaults: it walks all that is there.
+std::unordered_set<lyd_node *> incomplete_tops(const edit_job_t *job)
+{
+  std::unordered_set<lyd_node *> tops;
+  for (const auto &[parent, node] : job->conditional_defaults) {
+    lyd_node *top = parent;
+    while (lyd_parent(top) != nullptr) {
+      top = lyd_parent(top);
+    }
+    if (!tops.contains(top) && job->changes.is_live(parent) && is_missing(job, parent, node)) {
+      tops.insert(top);
+    }
+  }
+  return tops;
+}
+
 int fill_conditional_below(edit_job_t *job, lyd_node *top, differ_node_t **tree)
 {
   lyd_node *created = nullptr;
@@ -258,8 +315,12 @@ int edit_fill_default(edit_job_t *job, const edit_place_t &place, differ_list *d
 
 int edit_fill_conditional_defaults(edit_job_t *job, differ_node_t **tree)
 {
+  std::unordered_set<lyd_node *> tops = incomplete_tops(job);
+  if (tops.empty()) {
+    return 0;
+  }
   for (lyd_node *top = job->data.get(); top != nullptr; top = top->next) {
-    if (is_or_has_default(top->schema) && fill_conditional_below(job, top, tree) != 0) {
+    if (tops.contains(top) && fill_conditional_below(job, top, tree) != 0) {
       return -1;
     }
   }

@@ -3,6 +3,7 @@
 
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "ymgrd/datastore/dbkey.h"
@@ -46,7 +47,8 @@ typedef struct _edit_job {
   reply_error_ptr error;
   // The case that this edit chose below a data parent, so that the other cases are cleared once, not for each node.
   std::unordered_map<const lysc_node *, std::unordered_map<const lyd_node *, const lysc_node *>> chosen_cases;
-  bool conditional_defaults = false; // a default guarded by a when was met: libyang decides about it at the end
+  // Parents and children whose defaults are guarded by a when: decided about at the end, on the finished data.
+  std::vector<std::pair<lyd_node *, const lysc_node *>> conditional_defaults;
 } edit_job_t;
 
 // The place where a node is edited: its parent in the data (null at top level) and its data key.
@@ -87,7 +89,7 @@ int edit_clear_choice_case(edit_job_t *job, lyd_node *parent, std::string *paren
 // --- edit_defaults.cpp
 // Creates the schema defaults that are missing below `place.parent`, whose key is in the place.
 int edit_fill_default(edit_job_t *job, const edit_place_t &place, differ_list *diff);
-// The defaults that depend on a when, for all top nodes; what was created is merged into `*tree`.
+// The defaults that depend on a when; what was created is merged into `*tree`.
 int edit_fill_conditional_defaults(edit_job_t *job, differ_node_t **tree);
 
 // --- edit_order.cpp: user-ordered lists and leaf-lists (RFC 7950, section 7.8.6).
