@@ -170,6 +170,9 @@ std::string conformance::read(const std::string &datastore)
 void conformance::compare_error(const xmlNode *expected, const xmlNode *found, std::string *differences)
 {
   std::map<std::string, std::string> fields = error_fields(found);
+  for (const char *always : {"error-type", "error-tag", "error-severity"}) {
+    *differences += fields.count(always) == 0 ? "no <" + std::string(always) + ">\n" : "";
+  }
   for (const auto &[name, text] : error_fields(expected)) {
     if (fields[name] != with_session_ids(text)) {
       *differences += "<" + name + ">\n";

@@ -1,4 +1,4 @@
-// Operations on whole datastores, locks that outlive their session, and edits that are tested or set without a test.
+// Operations on whole datastores, and edits that are tested or set without a test.
 #include "datastore_fixture.h"
 
 using support::COMMIT;
@@ -110,51 +110,6 @@ TEST_F(whole_datastore, a_copy_that_is_not_valid_changes_nothing)
   EXPECT_EQ(dump(RUNNING_DB), running);
   EXPECT_EQ(sorted("candidate"), candidate);
   EXPECT_TRUE(session->ok(edit("<hostname>next</hostname>"))); // locks and transactions were given back
-}
-
-TEST_F(whole_datastore, a_lock_ends_with_its_session_however_that_ends)
-{
-  support::netconf_session *holder = &connect("holder");
-  auto holds_all_locks = [&] {
-    for (const char *target : {"running", "startup", "candidate"}) {
-      EXPECT_TRUE(holder->ok(on("lock", target)));
-      EXPECT_EQ(session->error(on("lock", target)).tag, "lock-denied");
-    }
-  };
-  auto all_are_free = [&] {
-    return support::wait_until([&] { return support::is_ok(session->rpc(on("lock", "candidate"))); }) &&
-           session->ok(on("lock", "running")) && session->ok(on("lock", "startup"));
-  };
-  holds_all_locks();
-  holder->close();
-  ASSERT_TRUE(all_are_free());
-  for (const char *target : {"running", "startup", "candidate"}) {
-    ASSERT_TRUE(session->ok(on("unlock", target)));
-  }
-  holder = &connect("holder");
-  holds_all_locks();
-  ASSERT_TRUE(
-      session->ok("<kill-session><session-id>" + std::to_string(holder->id()) + "</session-id></kill-session>"));
-  EXPECT_TRUE(all_are_free());
-}
-
-TEST_F(whole_datastore, candidate_cannot_be_locked_while_unlocked_changes_are_pending)
-{
-  support::netconf_session &other = connect("other");
-  const std::string refused = "Candidate datastore not locked but already modified.";
-  auto refuses = [&] { return other.error(on("lock", "candidate")).message == refused; };
-  ASSERT_TRUE(session->ok(edit("<hostname>box</hostname>")));
-  EXPECT_TRUE(refuses());
-  EXPECT_EQ(session->error(on("lock", "candidate")).message, refused);
-  ASSERT_TRUE(session->ok(edit("<hostname nc:operation=\"delete\"/>")));
-  ASSERT_TRUE(session->ok(DISCARD_CHANGES)); // defaults may be left of the edits
-  ASSERT_TRUE(other.ok(on("lock", "candidate")));
-  ASSERT_TRUE(other.ok(on("unlock", "candidate")));
-  ASSERT_TRUE(session->ok(copy(config(BASE), "candidate")));
-  EXPECT_TRUE(refuses());
-  ASSERT_TRUE(session->ok(COMMIT));
-  ASSERT_TRUE(other.ok(on("lock", "candidate")));
-  EXPECT_EQ(session->error(edit("<hostname>mine</hostname>")).message, "Target datastore has been locked.");
 }
 
 TEST_F(whole_datastore, test_only_leaves_no_trace)
