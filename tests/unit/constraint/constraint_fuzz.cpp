@@ -160,7 +160,8 @@ fuzz_counts_t constraint_fuzz::run(int rounds)
 void constraint_fuzz::plant()
 {
   lyd_node *tree = nullptr;
-  (void)lyd_parse_data_mem(ctx_, one_in(2) ? sparse_tree : seed_tree, LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_STRICT, 0, &tree);
+  (void)lyd_parse_data_mem(ctx_, one_in(2) ? sparse_tree : seed_tree, LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_STRICT, 0,
+                           &tree);
   tree_.reset(tree);
   implied_.clear();
   std::string error = validate_all(&implied_);
