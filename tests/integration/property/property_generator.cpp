@@ -246,7 +246,7 @@ void generator::draw_children(node_t *config, const place_t &here)
       candidates.push_back(child);
     }
   }
-  for (size_t count = is_gone ? pick(10) / 9 : is_whole ? pick(8) : 1 + pick(4); count > 0; count--) {
+  for (size_t count = is_gone ? chance(10) : is_whole ? pick(8) : 1 + pick(4); count > 0; count--) {
     if (candidates.empty()) {
       return;
     }

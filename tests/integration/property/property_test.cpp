@@ -1,8 +1,10 @@
 // Random edits of a real daemon with a real Redis, compared with the model: what get-config answers, what Redis holds,
 // what is refused and with which error. YMGR_SEED and YMGR_EDITS choose the run.
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
 
 #include "property_compare.h"
 #include "property_generator.h"
