@@ -16,6 +16,12 @@ namespace support {
 // The daemon is not started: a test or a derived SetUp adjusts daemon.options() first.
 class daemon_test : public testing::Test {
 protected:
+  static constexpr int SCHEMA_DB = 0;
+  static constexpr int STARTUP_DB = 2;
+  static constexpr int RUNNING_DB = 4;
+  static constexpr int CANDIDATE_DB = 6;
+  static constexpr int STATUS_DB = 8;
+
   // A daemon that still runs must end in an orderly way, and under sanitizers without a report.
   void TearDown() override
   {
@@ -38,6 +44,18 @@ protected:
   netconf_session &connect(const std::string &username = "tester")
   {
     return sessions_.emplace_back(daemon.run_dir(), username);
+  }
+
+  static bool contains(const std::string &text, const std::string &part)
+  {
+    return text.find(part) != std::string::npos;
+  }
+
+  // What a database holds but for the persistent transaction state, which every edit changes.
+  std::string tree(int db)
+  {
+    std::string text = redis.dump(db);
+    return text.substr(0, text.find("hash ymgrd-info"));
   }
 
   temp_dir dir;

@@ -208,6 +208,16 @@ std::string get_config(const std::string &source)
   return "<get-config><source><" + source + "/></source></get-config>";
 }
 
+std::string copy_config(const std::string &target, const std::string &source)
+{
+  return "<copy-config><target><" + target + "/></target><source>" + source + "</source></copy-config>";
+}
+
+bool is_closed_by_daemon(ymgr_client_t *client)
+{
+  return !ymgr_receive(client) && ymgr_last_error(client).find("closed") != std::string::npos;
+}
+
 netconf_session::netconf_session(const std::string &run_dir, const std::string &username)
 {
   std::string reason;
@@ -244,6 +254,18 @@ rpc_error_t netconf_session::error(const std::string &operation)
     ADD_FAILURE() << "an error was expected, request: " << cut(operation) << "\nreply: " << cut(reply);
   }
   return error.value_or(rpc_error_t());
+}
+
+bool netconf_session::send(const std::string &operation)
+{
+  return ymgr_send(client(),
+                   "<rpc message-id=\"1\" xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\">" + operation + "</rpc>")
+      .has_value();
+}
+
+std::string netconf_session::receive()
+{
+  return ymgr_receive(client(), DEADLINE).value_or(ymgr_frame_t()).payload;
 }
 
 std::string netconf_session::conversation() const

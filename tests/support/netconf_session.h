@@ -45,10 +45,14 @@ std::string reply_data(const std::string &reply, siblings order = siblings::in_o
 // `options` stands between target and config: <default-operation>, <test-option>, <error-option>.
 std::string edit_config(const std::string &target, const std::string &config, const std::string &options = "");
 std::string get_config(const std::string &source);
+// The source as an element: "<running/>".
+std::string copy_config(const std::string &target, const std::string &source);
 constexpr char COMMIT[] = "<commit/>";
 constexpr char DISCARD_CHANGES[] = "<discard-changes/>";
 
 // --- Sessions.
+
+bool is_closed_by_daemon(ymgr_client_t *client); // waits for it
 
 class netconf_session {
 public:
@@ -65,6 +69,10 @@ public:
   testing::AssertionResult ok(const std::string &operation);
   // The reply's error. When the reply is none, the test fails and all is empty.
   rpc_error_t error(const std::string &operation);
+
+  // A request without waiting for its reply, and the payload of the next frame; empty when none comes.
+  bool send(const std::string &operation);
+  std::string receive();
 
   // Requests and replies so far, for a failing test.
   std::string conversation() const;

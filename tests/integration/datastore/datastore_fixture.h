@@ -3,10 +3,6 @@
 
 #include "support/daemon_test.h"
 
-constexpr int RUNNING_DB = 4;
-constexpr int CANDIDATE_DB = 6;
-constexpr int STARTUP_DB = 2;
-
 class datastore_fixture : public support::daemon_test {
 protected:
   void SetUp() override
@@ -34,18 +30,7 @@ protected:
     size_t end = reply.rfind("</data>");
     return begin == std::string::npos || end == std::string::npos ? "" : reply.substr(begin + 6, end - begin - 6);
   }
-  // A database without the persisted transaction state, which every edit changes.
-  std::string dump(int db)
-  {
-    std::string text = redis.dump(db);
-    size_t begin = text.find("hash ymgrd-info");
-    return text.substr(0, begin);
-  }
   bool holds(const std::string &datastore, const std::string &part) { return contains(data(datastore), part); }
-  static bool contains(const std::string &text, const std::string &part)
-  {
-    return text.find(part) != std::string::npos;
-  }
 
   support::netconf_session *session = nullptr;
 };

@@ -1,26 +1,35 @@
 // A daemon that is killed before a chosen write to Redis, and what the next one must find.
 #pragma once
 
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <optional>
 #include <set>
 
-#include "support/daemon_test.h"
-#include "support/redis_gate.h"
+#include <sys/wait.h>
 
-constexpr int SCHEMA_DB = 0;
-constexpr int STARTUP_DB = 2;
-constexpr int RUNNING_DB = 4;
-constexpr int CANDIDATE_DB = 6;
-constexpr int STATUS_DB = 8;
-constexpr int SPARE_DB = 14; // the startup configuration that every round begins with
+#include "support/daemon_test.h"
+
+// A command that changed data, and the transaction state when it set that.
+typedef struct _redis_write {
+  int db;
+  std::string command;
+  std::string state;
+} redis_write_t;
 
 class kill_fixture : public support::daemon_test {
 protected:
+  static constexpr int SPARE_DB = 14; // the startup configuration that every round begins with
+  static constexpr size_t NEVER = 1000000;
+
   void SetUp() override
   {
+    setenv("YMGR_CUT_DIR", dir.path().c_str(), 1);
+    daemon.options().binary = CUT_YMGRD;
     daemon.options().modules.push_back({"ex-ext"});
-    daemon.use_redis(gate.socket_path());
     ASSERT_TRUE(daemon.start());
     ASSERT_TRUE(connect_anew().ok(support::edit_config("running", BEGINNING)));
     copy_tree(RUNNING_DB, SPARE_DB);
@@ -42,22 +51,40 @@ protected:
     }
   }
 
-  // Kills the daemon when it is about to do the write after `writes` ones.
-  void kill_in(const std::string &operation, size_t writes)
+  // From now on the daemon's writes are counted; that after `limit` ones kills it.
+  void watch(size_t limit = NEVER)
   {
-    gate.watch(writes);
-    ASSERT_TRUE(ymgr_send(session->client(), "<rpc message-id=\"1\" "
-                                             "xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\">" +
-                                                 operation + "</rpc>"));
-    ASSERT_TRUE(support::wait_until([this] { return gate.held(); }));
+    std::filesystem::remove(dir / "writes");
+    support::write_file(dir / "limit", std::to_string(limit));
+  }
+  std::vector<redis_write_t> writes()
+  {
+    std::ifstream lines(dir / "writes");
+    std::vector<redis_write_t> all;
+    for (redis_write_t write; lines >> write.db >> write.command >> write.state;) {
+      all.push_back(write);
+    }
+    return all;
+  }
+  // Waits until the watched daemon has died of its write.
+  void expect_cut()
+  {
+    std::optional<int> status = daemon.wait();
+    ASSERT_TRUE(status && WIFSIGNALED(*status) && WTERMSIG(*status) == SIGKILL);
     end_round();
+  }
+  void kill_in(const std::string &operation, size_t limit)
+  {
+    watch(limit);
+    ASSERT_TRUE(session->send(operation));
+    expect_cut();
   }
 
   void end_round()
   {
     session.reset();
     daemon.kill_now();
-    gate.open();
+    std::filesystem::remove(dir / "limit");
   }
 
   // Starts the daemon so that what runs stays: its running configuration is one of those that were committed.
@@ -109,12 +136,6 @@ protected:
     session.reset();
     return session.emplace(daemon.run_dir());
   }
-  // All but the transaction state.
-  std::string tree(int db)
-  {
-    std::string text = redis.dump(db);
-    return text.substr(0, text.find("hash ymgrd-info"));
-  }
   void copy_tree(int from, int to)
   {
     for (const std::string &key : redis.command(from, {"KEYS", "/*"})) {
@@ -125,10 +146,8 @@ protected:
   std::string states_of(int db)
   {
     std::string states;
-    for (const support::redis_write_t &write : gate.writes()) {
-      if (write.db == db && write.words.size() == 4 && write.words[2] == "transact-state") {
-        states += write.words[3].substr(0, 1);
-      }
+    for (const redis_write_t &write : writes()) {
+      states += write.db == db && write.state != "-" ? write.state : "";
     }
     return states;
   }
@@ -157,7 +176,6 @@ protected:
   static constexpr char DELETE_ALL[] =
       "<system xmlns=\"urn:ex-sys\" xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\" nc:operation=\"delete\"/>";
 
-  support::redis_gate gate{dir.path(), redis.socket_path()};
   std::optional<support::netconf_session> session;
   std::string schema;
   std::map<std::string, std::string> expected; // by what startup held: databases after check_work()

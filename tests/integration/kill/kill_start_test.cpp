@@ -10,17 +10,16 @@ protected:
   void kill_before_each_write(PREPARE prepare)
   {
     ASSERT_NO_FATAL_FAILURE(prepare());
-    gate.watch();
+    watch();
     ASSERT_TRUE(daemon.start());
-    const size_t writes = gate.writes().size();
-    ASSERT_GT(writes, 0U);
-    for (size_t cut = 0; cut < writes && !HasFailure(); cut++) {
+    const size_t count = writes().size();
+    ASSERT_GT(count, 0U);
+    for (size_t cut = 0; cut < count && !HasFailure(); cut++) {
       SCOPED_TRACE(cut);
       ASSERT_NO_FATAL_FAILURE(prepare());
-      gate.watch(cut);
+      watch(cut);
       ASSERT_TRUE(daemon.launch());
-      ASSERT_TRUE(support::wait_until([this] { return gate.held(); }));
-      end_round();
+      ASSERT_NO_FATAL_FAILURE(expect_cut());
       ASSERT_NO_FATAL_FAILURE(check_start());
       ASSERT_NO_FATAL_FAILURE(check_work());
     }
@@ -42,15 +41,11 @@ TEST_F(kill_in_start, on_an_empty_server_is_made_good_by_the_next_start)
 TEST_F(kill_in_start, while_a_cut_off_change_is_undone_leaves_nothing_of_it)
 {
   ASSERT_NO_FATAL_FAILURE(begin_round({}));
-  gate.watch();
+  watch();
   ASSERT_TRUE(session->ok(support::edit_config("running", EDIT)));
-  size_t flushed = 0; // the change stands, its commit is still to come
-  for (const support::redis_write_t &write : gate.writes()) {
-    flushed++;
-    if (write.words.front() == "EXEC") {
-      break;
-    }
-  }
+  const std::vector<redis_write_t> all = writes();
+  auto exec = std::find_if(all.begin(), all.end(), [](const auto &write) { return write.command == "EXEC"; });
+  const auto flushed = static_cast<size_t>(exec - all.begin()) + 1; // the change stands, its commit is still to come
   kill_before_each_write([this, flushed] {
     begin_round({});
     kill_in(support::edit_config("running", EDIT), flushed);

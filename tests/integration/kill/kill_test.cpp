@@ -5,6 +5,8 @@
 
 #include "kill_fixture.h"
 
+using support::copy_config;
+
 namespace {
 
 typedef struct _kill_case {
@@ -23,10 +25,6 @@ void PrintTo(const kill_case_t &row, std::ostream *stream)
 
 class kill_in_operation : public kill_fixture, public testing::WithParamInterface<kill_case_t> {
 public:
-  static std::string copy(const std::string &target, const std::string &source)
-  {
-    return "<copy-config><target><" + target + "/></target><source>" + source + "</source></copy-config>";
-  }
   static std::vector<kill_case_t> cases()
   {
     const std::string config = std::string("<config>") + FURTHER_EDIT + "</config>";
@@ -37,12 +35,12 @@ public:
         {"edit_of_running", {}, support::edit_config("running", EDIT), RUNNING_DB, "12345678"},
         {"discard_changes", {edit}, support::DISCARD_CHANGES, CANDIDATE_DB, "148"},
         {"commit", {LOCK, edit}, support::COMMIT, CANDIDATE_DB, "55678"},
-        {"copy_of_a_config_to_running", {}, copy("running", config), RUNNING_DB, "12345678"},
-        {"copy_of_a_config_to_candidate", {}, copy("candidate", config), CANDIDATE_DB, "12345"},
-        {"copy_of_running_to_candidate", {edit}, copy("candidate", "<running/>"), CANDIDATE_DB, "123478"},
+        {"copy_of_a_config_to_running", {}, copy_config("running", config), RUNNING_DB, "12345678"},
+        {"copy_of_a_config_to_candidate", {}, copy_config("candidate", config), CANDIDATE_DB, "12345"},
+        {"copy_of_running_to_candidate", {edit}, copy_config("candidate", "<running/>"), CANDIDATE_DB, "123478"},
         {"copy_to_startup",
          {support::edit_config("running", EDIT)},
-         copy("startup", "<running/>"),
+         copy_config("startup", "<running/>"),
          STARTUP_DB,
          "123478"},
         {"get", {}, "<get/>", STATUS_DB, ""},
@@ -93,12 +91,12 @@ TEST_P(kill_in_operation, before_any_write_is_forgotten_by_the_next_start)
   ASSERT_NO_FATAL_FAILURE(begin_round(row.before));
   const std::string startup = tree(STARTUP_DB);
   const std::string running = tree(RUNNING_DB);
-  gate.watch();
+  watch();
   const std::string reply = session->rpc(row.operation);
   ASSERT_FALSE(reply.empty() || support::find_error(reply)) << reply;
-  const std::vector<support::redis_write_t> writes = gate.writes();
+  const std::vector<redis_write_t> all = writes();
   ASSERT_EQ(states_of(row.db), row.states);
-  ASSERT_GT(writes.size(), row.states.size()); // the data itself was written, too
+  ASSERT_GT(all.size(), row.states.size()); // the data itself was written, too
   const std::string new_startup = tree(STARTUP_DB);
   const std::string new_running = tree(RUNNING_DB);
   end_round();
@@ -106,8 +104,8 @@ TEST_P(kill_in_operation, before_any_write_is_forgotten_by_the_next_start)
   ASSERT_NO_FATAL_FAILURE(check_start());
   ASSERT_NO_FATAL_FAILURE(check_work());
 
-  for (size_t cut = 0; cut < writes.size() && !HasFailure(); cut++) {
-    SCOPED_TRACE("before write " + std::to_string(cut) + ", " + writes[cut].words.front());
+  for (size_t cut = 0; cut < all.size() && !HasFailure(); cut++) {
+    SCOPED_TRACE("before write " + std::to_string(cut) + ", " + all[cut].command);
     ASSERT_NO_FATAL_FAILURE(begin_round(row.before));
     ASSERT_NO_FATAL_FAILURE(kill_in(row.operation, cut));
     ASSERT_NO_FATAL_FAILURE(check_smooth_start({running, new_running}));

@@ -30,18 +30,17 @@ protected:
   bool run_while_redis_dies(const std::vector<std::string> &operations, std::chrono::microseconds delay)
   {
     for (const std::string &operation : operations) {
-      EXPECT_TRUE(ymgr_send(session->client(), "<rpc message-id=\"1\" "
-                                               "xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\">" +
-                                                   operation + "</rpc>"));
+      EXPECT_TRUE(session->send(operation));
     }
     std::this_thread::sleep_for(delay);
     kept_redis.kill_now();
     bool all_ok = true;
     for (const std::string &operation : operations) {
-      std::string reply = ymgr_receive(session->client()).value_or(ymgr_frame_t()).payload;
+      std::string reply = session->receive();
       EXPECT_TRUE(support::is_ok(reply) || support::find_error(reply)) << operation << "\n" << reply;
       all_ok = all_ok && support::is_ok(reply);
     }
+    EXPECT_FALSE(session->error(support::get_config("running")).tag.empty());
     return all_ok;
   }
 

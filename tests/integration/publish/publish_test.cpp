@@ -39,18 +39,6 @@ protected:
     return offers;
   }
 
-  // A request without waiting for its reply.
-  static bool send(const support::netconf_session &to, const std::string &operation)
-  {
-    return ymgr_send(to.client(),
-                     "<rpc xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\" message-id=\"w\">" + operation + "</rpc>")
-        .has_value();
-  }
-  static std::string receive(const support::netconf_session &from)
-  {
-    return ymgr_receive(from.client(), support::DEADLINE).value_or(ymgr_frame_t{}).payload;
-  }
-
   static constexpr char CHANGE[] =
       "<user nc:operation=\"delete\"><name>old</name></user><user><name>new</name></user><hostname>box</hostname>"
       "<rule yang:insert=\"first\"><id>b</id><action>permit</action></rule>";
@@ -82,7 +70,7 @@ TEST_F(publish, entries_put_elsewhere_are_offered_as_placed_or_moved)
 
 TEST_F(publish, a_refused_commit_is_taken_back_in_reverse_order_and_leaves_running_as_it_was)
 {
-  std::string before = dump(RUNNING_DB);
+  std::string before = tree(RUNNING_DB);
   answer("30 8 refuse /ex-sys:system\n");
   ASSERT_TRUE(session->ok(edit(CHANGE)));
   support::rpc_error_t error = session->error(COMMIT);
@@ -94,7 +82,7 @@ TEST_F(publish, a_refused_commit_is_taken_back_in_reverse_order_and_leaves_runni
   EXPECT_EQ((texts{"20 32769 0 /ex-sys:system/hostname", "20 32792 0 /ex-sys:system/rule[id=\"b\"]",
                    "10 32769 0 /ex-sys:system/user[name=\"new\"]", "10 32770 0 /ex-sys:system/user[name=\"old\"]"}),
             texts(offers.begin() + 5, offers.end()));
-  EXPECT_EQ(before, dump(RUNNING_DB));
+  EXPECT_EQ(before, tree(RUNNING_DB));
   EXPECT_EQ(data("running"), data("candidate")); // the refused change is dropped
   answer("");
   ASSERT_TRUE(session->ok(edit(CHANGE)));
@@ -133,14 +121,14 @@ TEST_F(publish, the_reply_and_conflicting_requests_wait_for_a_subscriber_others_
   support::netconf_session &other = connect("other");
   answer("30 8 wait /ex-sys:system\n");
   ASSERT_TRUE(session->ok(edit(CHANGE)));
-  ASSERT_TRUE(send(*session, COMMIT));
+  ASSERT_TRUE(session->send(COMMIT));
   ASSERT_TRUE(support::wait_until([this] { return contains(support::read_file(dir / "offers"), "30 8"); }));
   EXPECT_TRUE(
       contains(other.rpc("<get-capability xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\"/>"), "<capability"));
-  ASSERT_TRUE(send(other, support::get_config("running")));
+  ASSERT_TRUE(other.send(support::get_config("running")));
   support::write_file(dir / "go", "");
-  EXPECT_TRUE(support::is_ok(receive(*session)));
-  EXPECT_TRUE(contains(receive(other), "<hostname>box</hostname>")); // it ran after the publication
+  EXPECT_TRUE(support::is_ok(session->receive()));
+  EXPECT_TRUE(contains(other.receive(), "<hostname>box</hostname>")); // it ran after the publication
 }
 
 TEST_F(publish, a_change_whose_session_has_gone_stands_all_the_same)
@@ -148,38 +136,38 @@ TEST_F(publish, a_change_whose_session_has_gone_stands_all_the_same)
   support::netconf_session &other = connect("other");
   answer("30 8 wait /ex-sys:system\n");
   ASSERT_TRUE(other.ok(edit(CHANGE)));
-  ASSERT_TRUE(send(other, COMMIT));
+  ASSERT_TRUE(other.send(COMMIT));
   ASSERT_TRUE(support::wait_until([this] { return contains(support::read_file(dir / "offers"), "30 8"); }));
   other.close();
   support::write_file(dir / "go", "");
   EXPECT_TRUE(support::wait_until([this] { return holds("running", "<hostname>box</hostname>"); }));
-  EXPECT_EQ(dump(RUNNING_DB), dump(CANDIDATE_DB));
+  EXPECT_EQ(tree(RUNNING_DB), tree(CANDIDATE_DB));
 }
 
 TEST_F(publish, a_copy_to_running_offers_what_differs_and_is_answered_when_it_was_taken)
 {
-  const std::string save = "<copy-config><target><startup/></target><source><running/></source></copy-config>";
-  const std::string load = "<copy-config><target><running/></target><source><startup/></source></copy-config>";
+  const std::string save = support::copy_config("startup", "<running/>");
+  const std::string load = support::copy_config("running", "<startup/>");
   ASSERT_TRUE(session->ok(save));
   ASSERT_TRUE(session->ok(load));
   EXPECT_EQ(texts(), take_offers());
   ASSERT_TRUE(session->ok(edit(CHANGE)));
   ASSERT_TRUE(session->ok(COMMIT));
   (void)take_offers();
-  std::string before = dump(RUNNING_DB);
+  std::string before = tree(RUNNING_DB);
   answer("30 8 refuse /ex-sys:system\n");
   EXPECT_EQ("refused by 30", session->error(load).message);
-  EXPECT_EQ(before, dump(RUNNING_DB));
+  EXPECT_EQ(before, tree(RUNNING_DB));
   (void)take_offers();
   answer("30 8 wait /ex-sys:system\n");
-  ASSERT_TRUE(send(*session, load));
+  ASSERT_TRUE(session->send(load));
   ASSERT_TRUE(support::wait_until([this] { return contains(support::read_file(dir / "offers"), "30 8"); }));
   EXPECT_EQ((texts{"10 2 1 /ex-sys:system/user[name=\"new\"]", "10 1 0 /ex-sys:system/user[name=\"old\"]",
                    "20 8 1 /ex-sys:system/rule[id=\"b\"]", "20 16 0 /ex-sys:system/rule[id=\"a\"]",
                    "20 2 0 /ex-sys:system/hostname", "30 8 0 /ex-sys:system"}),
             take_offers());
   support::write_file(dir / "go", "");
-  EXPECT_TRUE(support::is_ok(receive(*session)));
+  EXPECT_TRUE(support::is_ok(session->receive()));
   EXPECT_TRUE(holds("running", "old"));
-  EXPECT_EQ(dump(RUNNING_DB), dump(STARTUP_DB));
+  EXPECT_EQ(tree(RUNNING_DB), tree(STARTUP_DB));
 }
