@@ -19,6 +19,7 @@ bool wait_until(const std::function<bool()> &is_reached, std::chrono::millisecon
 
 // From byte `offset` on; empty when it cannot be read.
 std::string read_file(const std::string &path, size_t offset = 0);
+std::vector<std::string> read_lines(const std::string &path);
 void write_file(const std::string &path, const std::string &text);
 
 // A directory below /tmp, removed with all it holds. Its path is short enough for sockets inside.

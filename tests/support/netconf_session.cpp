@@ -213,6 +213,12 @@ std::string copy_config(const std::string &target, const std::string &source)
   return "<copy-config><target><" + target + "/></target><source>" + source + "</source></copy-config>";
 }
 
+std::string rpc_of(const std::string &operation, const std::string &message_id)
+{
+  return "<rpc message-id=\"" + message_id + "\" xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\">" + operation +
+         "</rpc>";
+}
+
 bool is_closed_by_daemon(ymgr_client_t *client)
 {
   return !ymgr_receive(client) && ymgr_last_error(client).find("closed") != std::string::npos;
@@ -258,9 +264,7 @@ rpc_error_t netconf_session::error(const std::string &operation)
 
 bool netconf_session::send(const std::string &operation)
 {
-  return ymgr_send(client(),
-                   "<rpc message-id=\"1\" xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\">" + operation + "</rpc>")
-      .has_value();
+  return ymgr_send(client(), rpc_of(operation)).has_value();
 }
 
 std::string netconf_session::receive()

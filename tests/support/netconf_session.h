@@ -47,6 +47,8 @@ std::string edit_config(const std::string &target, const std::string &config, co
 std::string get_config(const std::string &source);
 // The source as an element: "<running/>".
 std::string copy_config(const std::string &target, const std::string &source);
+// The whole request.
+std::string rpc_of(const std::string &operation, const std::string &message_id = "1");
 constexpr char COMMIT[] = "<commit/>";
 constexpr char DISCARD_CHANGES[] = "<discard-changes/>";
 

@@ -1,7 +1,6 @@
 // What subscribers of configuration are offered, and what becomes of a change that one of them refuses.
 #include <cstdlib>
 #include <filesystem>
-#include <sstream>
 
 #include "integration/datastore/datastore_fixture.h"
 
@@ -30,12 +29,8 @@ protected:
 
   texts take_offers()
   {
-    std::istringstream lines(support::read_file(dir / "offers"));
+    texts offers = support::read_lines(dir / "offers");
     std::filesystem::remove(dir / "offers");
-    texts offers;
-    for (std::string line; std::getline(lines, line);) {
-      offers.push_back(line);
-    }
     return offers;
   }
 

@@ -5,11 +5,11 @@
 #include "support/daemon_test.h"
 
 using support::is_closed_by_daemon;
+using support::rpc_of;
 
 namespace {
 
 constexpr uint16_t PIPELINED_REQUESTS = 1000;
-constexpr char BASE_NS[] = "urn:ietf:params:xml:ns:netconf:base:1.0";
 constexpr char GET_CAPABILITY[] = "<get-capability xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\"/>";
 constexpr char CREATE_SESSION[] = "<create-session xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\"/>";
 constexpr char SHUTDOWN[] = "<shutdown xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\"/>";
@@ -37,10 +37,6 @@ protected:
     return reply_to(agent, seq);
   }
 
-  static std::string rpc(const std::string &message_id, const std::string &operation)
-  {
-    return "<rpc message-id=\"" + message_id + "\" xmlns=\"" + BASE_NS + "\">" + operation + "</rpc>";
-  }
   // A connection without create-session.
   ymgr_client_ptr connect_raw()
   {
@@ -70,7 +66,7 @@ protected:
 
 TEST_F(daemon_session, a_request_may_be_split_at_any_byte)
 {
-  std::string frame = ymgr_frame(rpc("split", GET_CAPABILITY), 77);
+  std::string frame = ymgr_frame(rpc_of(GET_CAPABILITY, "split"), 77);
   for (size_t split = 1; split < frame.size(); split++) {
     send(frame.substr(0, split));
     pass_barrier();
@@ -82,9 +78,9 @@ TEST_F(daemon_session, a_request_may_be_split_at_any_byte)
 
 TEST_F(daemon_session, frames_are_found_behind_garbage_back_to_back_and_in_turns_with_other_sessions)
 {
-  std::string first = ymgr_frame(rpc("first", support::get_config("running")), 65535);
-  std::string second = ymgr_frame(rpc("second", GET_CAPABILITY), 1);
-  std::string theirs = ymgr_frame(rpc("theirs", GET_CAPABILITY), 4);
+  std::string first = ymgr_frame(rpc_of(support::get_config("running"), "first"), 65535);
+  std::string second = ymgr_frame(rpc_of(GET_CAPABILITY, "second"), 1);
+  std::string theirs = ymgr_frame(rpc_of(GET_CAPABILITY, "theirs"), 4);
   send("ten bytes!" + first + second + std::string("\xff\xba\xdc\xff\xba\xdc", 6) + first.substr(0, 40));
   ASSERT_TRUE(ymgr_send_raw(other->client(), theirs.substr(0, 7)));
   EXPECT_TRUE(contains(reply_to(agent, 65535), "message-id=\"first\""));
@@ -97,7 +93,7 @@ TEST_F(daemon_session, frames_are_found_behind_garbage_back_to_back_and_in_turns
 
 TEST_F(daemon_session, an_agent_that_dies_in_a_frame_costs_only_its_session)
 {
-  std::string frame = ymgr_frame(rpc("1", GET_CAPABILITY), 1);
+  std::string frame = ymgr_frame(rpc_of(GET_CAPABILITY), 1);
   int id = 0;
   for (size_t length : {size_t{5}, size_t{12}, frame.size() - 1}) {
     support::netconf_session dying(daemon.run_dir());
@@ -114,7 +110,7 @@ TEST_F(daemon_session, an_oversized_frame_ends_its_session_only)
   daemon.options().profile["max-message-size"] = "1000";
   ASSERT_TRUE(daemon.restart());
   open_sessions();
-  std::string longest = rpc("1", GET_CAPABILITY);
+  std::string longest = rpc_of(GET_CAPABILITY);
   longest.insert(longest.size() - 6, 1000 - longest.size(), ' ');
   send(ymgr_frame(longest, 1));
   EXPECT_TRUE(contains(reply_to(agent, 1), "<capability>"));
@@ -127,7 +123,7 @@ TEST_F(daemon_session, an_oversized_frame_ends_its_session_only)
 
 TEST_F(daemon_session, a_half_closed_agent_gets_its_reply)
 {
-  send(ymgr_frame(rpc("last", support::get_config("running")), 9));
+  send(ymgr_frame(rpc_of(support::get_config("running"), "last"), 9));
   ASSERT_EQ(shutdown(ymgr_descriptor(agent), SHUT_WR), 0);
   EXPECT_TRUE(contains(reply_to(agent, 9), "message-id=\"last\""));
   EXPECT_TRUE(is_closed_by_daemon(agent));
@@ -143,7 +139,7 @@ TEST_F(daemon_session, pipelined_requests_of_many_sessions_each_get_their_own_re
   for (uint16_t seq = 1; seq <= PIPELINED_REQUESTS; seq++) {
     std::string operation = seq % 10 == 0 ? support::get_config("running") : GET_CAPABILITY;
     for (size_t index = 0; index < agents.size(); index++) {
-      ASSERT_TRUE(ymgr_send_raw(agents[index], ymgr_frame(rpc(message_id(index, seq), operation), seq)));
+      ASSERT_TRUE(ymgr_send_raw(agents[index], ymgr_frame(rpc_of(operation, message_id(index, seq)), seq)));
     }
   }
   for (size_t index = 0; index < agents.size(); index++) {
@@ -157,7 +153,7 @@ TEST_F(daemon_session, pipelined_requests_of_many_sessions_each_get_their_own_re
 
 TEST_F(daemon_session, what_is_no_acceptable_xml_is_an_invalid_value_with_the_frames_number)
 {
-  const std::string get = rpc("1", support::get_config("running"));
+  const std::string get = rpc_of(support::get_config("running"));
   std::string bomb = "<!DOCTYPE rpc [<!ENTITY a0 \"aaaaaaaaaa\">";
   for (int i = 1; i < 20; i++) {
     std::string inner = "&a" + std::to_string(i - 1) + ";";
@@ -173,11 +169,11 @@ TEST_F(daemon_session, what_is_no_acceptable_xml_is_an_invalid_value_with_the_fr
     std::string payload;
   } requests[] = {
       {"nothing", ""},
-      {"not utf-8", rpc("1", "<get-config>\xff\xfe</get-config>")},
+      {"not utf-8", rpc_of("<get-config>\xff\xfe</get-config>")},
       {"text behind a zero byte", get + std::string(1, '\0') + get},
-      {"entity bomb", bomb + "]>" + rpc("1", "<x>&a19;</x>")},
-      {"external entity", "<!DOCTYPE rpc [<!ENTITY f SYSTEM \"file:///etc/hostname\">]>" + rpc("1", "<x>&f;</x>")},
-      {"deep nesting", rpc("1", opened + closed)},
+      {"entity bomb", bomb + "]>" + rpc_of("<x>&a19;</x>")},
+      {"external entity", "<!DOCTYPE rpc [<!ENTITY f SYSTEM \"file:///etc/hostname\">]>" + rpc_of("<x>&f;</x>")},
+      {"deep nesting", rpc_of(opened + closed)},
   };
   uint16_t seq = 1000;
   for (const auto &request : requests) {

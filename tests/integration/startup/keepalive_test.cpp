@@ -1,7 +1,6 @@
 // What the product's keep-alive library is told by a daemon at rest and by one at work.
 #include <algorithm>
 #include <cstdlib>
-#include <sstream>
 #include <thread>
 
 #include "support/daemon_test.h"
@@ -21,15 +20,7 @@ protected:
   }
 
   // The calls so far, each as "WARN KILL".
-  std::vector<std::string> calls() const
-  {
-    std::istringstream record(support::read_file(record_path));
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(record, line);) {
-      lines.push_back(line);
-    }
-    return lines;
-  }
+  std::vector<std::string> calls() const { return support::read_lines(record_path); }
 
   std::string record_path = dir / "keepalive";
 };
@@ -59,9 +50,7 @@ TEST_F(keepalive, a_long_edit_announces_its_time_by_its_size)
   for (const auto &request : requests) {
     SCOPED_TRACE(request.bytes);
     auto before = static_cast<std::ptrdiff_t>(calls().size());
-    std::string rpc = "<rpc message-id=\"1\" xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\">" +
-                      support::edit_config("candidate", "<system xmlns=\"urn:ex-sys\"><port>1</port></system>") +
-                      "</rpc>";
+    std::string rpc = support::rpc_of(support::edit_config("candidate", "<system xmlns=\"urn:ex-sys\"/>"));
     rpc.append(request.bytes - rpc.size(), ' ');
     ASSERT_TRUE(support::is_ok(ymgr_request(session.client(), rpc).value_or("")));
     std::vector<std::string> made = calls();

@@ -13,7 +13,7 @@ namespace {
 
 class startup : public support::daemon_test {
 protected:
-  bool logged(const std::string &text) const { return daemon.log_text().find(text) != std::string::npos; }
+  bool logged(const std::string &text) const { return contains(daemon.log_text(), text); }
 
   // Starts a daemon that ends by itself: its exit status, or -1.
   int exit_status()
@@ -76,6 +76,43 @@ TEST_F(startup, invalid_entries_of_the_profile_only_warn)
   EXPECT_TRUE(first.ok(
       support::edit_config("candidate", "<bench xmlns=\"urn:ex-bench\"><entry><name>a</name></entry></bench>")));
   EXPECT_TRUE(second.ok(support::DISCARD_CHANGES));
+}
+
+TEST_F(startup, capabilities_are_announced_as_configured_and_again_after_a_restart)
+{
+  daemon.options().modules = {{"ex-types"}, {"ex-sys", {"*"}, {"ex-sys-dev"}}, {"ex-sys-dev"}, {"ex-bench"}};
+  daemon.options().profile["capabilities"] =
+      R"([{"capid": "urn:extra", "enable": true}, {"capid": "urn:hidden", "enable": false}, {"capid": 7}, "x"])";
+  ASSERT_TRUE(daemon.start());
+  const std::string get = "<get-capability xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\"/>";
+  std::string announced = connect().rpc(get);
+  // The deviation is younger than the module, which is announced with its revision.
+  size_t begin = announced.find(">urn:ex-sys?revision=2026-03-01&amp;module=ex-sys&amp;feature=");
+  ASSERT_NE(begin, std::string::npos) << announced;
+  std::string system = announced.substr(begin, announced.find('<', begin) - begin);
+  for (const char *feature : {"ftp", "ftp-tls", "multipath"}) {
+    EXPECT_TRUE(contains(system, feature)) << system;
+  }
+  EXPECT_TRUE(system.ends_with("&amp;deviations=ex-sys-dev")) << system;
+  EXPECT_TRUE(contains(announced, ">urn:ex-bench?revision=2026-01-01&amp;module=ex-bench<")) << announced;
+  EXPECT_TRUE(contains(announced, "<capability>urn:extra</capability>"));
+  EXPECT_FALSE(contains(announced, "urn:hidden"));
+  ASSERT_TRUE(daemon.restart()); // the schema database holds the modules already
+  EXPECT_EQ(support::normalize(connect().rpc(get)), support::normalize(announced));
+}
+
+TEST_F(startup, a_second_daemon_of_a_run_directory_is_refused_and_the_first_stays_untouched)
+{
+  ASSERT_TRUE(daemon.start());
+  support::temp_dir other_dir;
+  support::daemon_process other(other_dir.path(), redis.socket_path());
+  other.options().arguments = {"--run-dir", daemon.run_dir()};
+  ASSERT_TRUE(other.launch());
+  std::optional<int> status = other.wait();
+  ASSERT_TRUE(status && WIFEXITED(*status)) << other.log_text();
+  EXPECT_EQ(WEXITSTATUS(*status), 255);
+  EXPECT_TRUE(contains(other.log_text(), "[DEBUG] There is another instance in running.\n"));
+  EXPECT_TRUE(connect().ok(support::edit_config("running", "<system xmlns=\"urn:ex-sys\"><port>2</port></system>")));
 }
 
 TEST_F(startup, schema_database_in_a_file_is_refused)
