@@ -5,20 +5,13 @@
 
 namespace {
 
-bool is_data(const lysc_node *schema)
+// Whether the choice or case `above` stands over the node.
+bool is_below(const lysc_node *node, const lysc_node *above)
 {
-  return !(schema->nodetype & (LYS_CHOICE | LYS_CASE));
-}
-
-void add_data_children(const lysc_node *first, std::vector<const lysc_node *> *children)
-{
-  for (const lysc_node *node = first; node != nullptr; node = node->next) {
-    if (is_data(node)) {
-      children->push_back(node);
-    } else {
-      add_data_children(lysc_node_child(node), children);
-    }
+  while (node != nullptr && node != above) {
+    node = node->parent;
   }
+  return node != nullptr;
 }
 
 std::string path_of(const lyd_node *node)
@@ -82,6 +75,13 @@ const char sparse_tree[] = R"(
 <service xmlns="urn:more"><name>b</name></service>)";
 constexpr size_t SMALLEST_TREE = 27; // a tree that was edited down to less says little
 
+lyd_tree_ptr copy_of(const lyd_node *tree)
+{
+  lyd_node *copy = nullptr;
+  (void)lyd_dup_siblings(tree, nullptr, LYD_DUP_RECURSIVE, &copy);
+  return lyd_tree_ptr(copy);
+}
+
 std::string text_of(const lyd_node *tree)
 {
   char *text = nullptr;
@@ -103,22 +103,17 @@ fuzz_counts_t constraint_fuzz::run(int rounds)
 {
   quiet_libyang quiet;
   fuzz_counts_t counts;
-  bool was_valid_before = false; // an empty tree is, without stamp
-  for (int round = 0; round < rounds; round++) {
-    lyd_node *copy = nullptr;
-    lyd_dup_siblings(tree_.get(), nullptr, LYD_DUP_RECURSIVE, &copy);
-    lyd_tree_ptr before(copy);
-    std::string text_before = text_of(tree_.get());
-    implied_nodes_t implied_before = implied_;
-    story_.clear();
+  for (int round = 0; round < rounds && counts.fault.empty(); round++) {
     if (all_nodes(tree_.get()).size() < SMALLEST_TREE && !one_in(10)) {
       plant();
       continue;
     }
-
+    lyd_tree_ptr before = copy_of(tree_.get());
+    implied_nodes_t implied_before = implied_;
+    story_.clear();
     edit_changes changes;
     changes.begin(tree_.get());
-    was_valid_before = changes.was_empty() || changes.stamp() != 0;
+    bool was_valid_before = changes.was_empty() || changes.stamp() != 0; // an empty tree is, without stamp
     for (uint32_t steps = 1 + below(3); steps > 0; steps--) {
       step(&changes);
     }
@@ -128,28 +123,22 @@ fuzz_counts_t constraint_fuzz::run(int rounds)
     bool is_accepted = was_valid_before && constraint_check(index_, tree_.get(), changes, &implied_);
     implied_nodes_t implied;
     std::string error = validate_all(&implied);
-    if (!error.empty() && is_accepted) {
-      counts.fault =
-          "before: " + text_before + "\nedit:" + story_ + "\nafter: " + text_of(tree_.get()) + "\nlibyang: " + error;
-      return counts;
+    std::string fault = error.empty() ? "" : "libyang: " + error;
+    for (const lysc_node *node : implied) {
+      fault += implied_.contains(node) ? "" : "not known to be implied: " + std::string(node->name);
     }
+    if (is_accepted && !fault.empty()) {
+      counts.fault =
+          "before: " + text_of(before.get()) + "\nedit:" + story_ + "\nafter: " + text_of(tree_.get()) + "\n" + fault;
+    }
+    counts.valid += error.empty() ? 1 : 0;
+    counts.refused += error.empty() ? 0 : 1;
+    counts.undecided += error.empty() && !is_accepted ? 1 : 0;
     if (!error.empty()) {
-      counts.refused++;
       tree_ = std::move(before);
       implied_ = std::move(implied_before);
-    } else {
-      counts.valid++;
-      counts.undecided += is_accepted ? 0 : 1;
-      for (const lysc_node *node : implied) {
-        if (is_accepted && !implied_.contains(node)) {
-          counts.fault = "not known to be implied: " + std::string(node->name) + "\nbefore: " + text_before +
-                         "\nedit:" + story_ + "\nafter: " + text_of(tree_.get());
-          return counts;
-        }
-      }
-      if (!is_accepted) {
-        implied_ = std::move(implied);
-      }
+    } else if (!is_accepted) {
+      implied_ = std::move(implied);
     }
     edit_stamp_tree(tree_.get());
   }
@@ -174,11 +163,10 @@ void constraint_fuzz::plant()
 // The error of libyang; empty when the tree is valid.
 std::string constraint_fuzz::validate_all(implied_nodes_t *implied)
 {
-  lyd_node *copy = nullptr;
   if (tree_ == nullptr) {
     return {};
   }
-  lyd_dup_siblings(tree_.get(), nullptr, LYD_DUP_RECURSIVE, &copy);
+  lyd_node *copy = copy_of(tree_.get()).release();
   uint32_t options = ly_log_options(LY_LOSTORE_LAST);
   lyd_node *changes = nullptr;
   LY_ERR result = lyd_validate_all(&copy, ctx_, LYD_VALIDATE_NO_STATE | LYD_VALIDATE_PRESENT, &changes);
@@ -205,7 +193,8 @@ void constraint_fuzz::step(edit_changes *changes)
     if (node != nullptr && (node->schema->nodetype & LYD_NODE_TERM)) {
       node = lyd_parent(node);
     }
-    const lysc_node *schema = pick_child(one_in(20) ? nullptr : node);
+    const std::vector<const lysc_node *> all = children(node == nullptr || one_in(20) ? nullptr : node->schema);
+    const lysc_node *schema = all[below(static_cast<uint32_t>(all.size()))];
     create(changes, lysc_data_parent(schema) == nullptr ? nullptr : node, schema, 0);
   } else if (what < 7) {
     bool is_small = node->schema->nodetype & LYD_NODE_TERM || one_in(6);
@@ -232,17 +221,19 @@ lyd_node *constraint_fuzz::pick()
   return nodes.empty() ? nullptr : nodes[below(static_cast<uint32_t>(nodes.size()))];
 }
 
-const lysc_node *constraint_fuzz::pick_child(const lyd_node *parent)
+std::vector<const lysc_node *> constraint_fuzz::children(const lysc_node *parent) const
 {
-  std::vector<const lysc_node *> children;
-  if (parent != nullptr) {
-    add_data_children(lysc_node_child(parent->schema), &children);
-  } else {
-    for (const char *module : {"rich", "more"}) {
-      add_data_children(ly_ctx_get_module_implemented(ctx_, module)->compiled->data, &children);
+  std::vector<const lysc_node *> all;
+  for (const char *module : {"rich", "more"}) {
+    const lysc_module *top = ly_ctx_get_module_implemented(ctx_, module)->compiled;
+    for (const lysc_node *node = nullptr; (node = lys_getnext(node, parent, parent == nullptr ? top : nullptr, 0));) {
+      all.push_back(node);
+    }
+    if (parent != nullptr) {
+      break;
     }
   }
-  return children[below(static_cast<uint32_t>(children.size()))];
+  return all;
 }
 
 std::string constraint_fuzz::value_for(const lysc_node *schema)
@@ -350,9 +341,7 @@ void constraint_fuzz::fill(edit_changes *changes, lyd_node *parent, int depth)
   if (depth > 4 || !(parent->schema->nodetype & LYD_NODE_INNER)) {
     return;
   }
-  std::vector<const lysc_node *> children;
-  add_data_children(lysc_node_child(parent->schema), &children);
-  for (const lysc_node *child : children) {
+  for (const lysc_node *child : children(parent->schema)) {
     bool is_wanted = child->flags & LYS_MAND_TRUE || child->parent->nodetype == LYS_CASE;
     if (is_wanted ? !one_in(3) : one_in(4)) {
       create(changes, parent, child, depth);
@@ -372,29 +361,14 @@ void constraint_fuzz::remove(edit_changes *changes, lyd_node *node)
   changes->removed(parent, node);
 }
 
-void constraint_fuzz::clear(edit_changes *changes, lyd_node *parent, const lysc_node *schema)
-{
-  if (!is_data(schema)) {
-    for (const lysc_node *child = lysc_node_child(schema); child != nullptr; child = child->next) {
-      clear(changes, parent, child);
-    }
-    return;
-  }
-  for (lyd_node *next = nullptr, *node = lyd_child(parent); node != nullptr; node = next) {
-    next = node->next;
-    if (node->schema == schema) {
-      remove(changes, node);
-    }
-  }
-}
-
 void constraint_fuzz::clear_other_cases(edit_changes *changes, lyd_node *parent, const lysc_node *schema)
 {
   for (const lysc_node *chosen = schema->parent; chosen != nullptr && chosen->nodetype == LYS_CASE;
        chosen = chosen->parent->parent) {
-    for (const lysc_node *each = lysc_node_child(chosen->parent); each != nullptr; each = each->next) {
-      if (each != chosen) {
-        clear(changes, parent, each);
+    for (lyd_node *next = nullptr, *node = lyd_child(parent); node != nullptr; node = next) {
+      next = node->next;
+      if (is_below(node->schema, chosen->parent) && !is_below(node->schema, chosen)) {
+        remove(changes, node);
       }
     }
   }

@@ -31,14 +31,13 @@ private:
   void fill(edit_changes *changes, lyd_node *parent, int depth);
   void remove(edit_changes *changes, lyd_node *node);
   void clear_other_cases(edit_changes *changes, lyd_node *parent, const lysc_node *schema);
-  void clear(edit_changes *changes, lyd_node *parent, const lysc_node *schema);
   void move(edit_changes *changes, lyd_node *entry);
   void store_defaults(edit_changes *changes);
   std::string value_for(const lysc_node *schema);
   std::string list_keys(const lysc_node *list);
   lyd_node *link(lyd_node *parent, lyd_node *node);
   lyd_node *pick();
-  const lysc_node *pick_child(const lyd_node *parent);
+  std::vector<const lysc_node *> children(const lysc_node *parent) const;
   std::string validate_all(implied_nodes_t *implied);
 
   const ly_ctx *ctx_;
