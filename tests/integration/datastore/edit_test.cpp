@@ -83,6 +83,8 @@ TEST_F(edit_config, empty_element_deletes_a_leaf_whose_type_refuses_the_empty_va
   EXPECT_EQ(session->error(edit("<contact/>")).tag, "invalid-value");
   ASSERT_TRUE(session->ok(edit("<contact nc:operation=\"remove\"/><contact>10.0.0.2</contact>"))); // in this order
   EXPECT_TRUE(holds("candidate", "<contact>10.0.0.2</contact>"));
+  ASSERT_TRUE(session->ok(edit("<rule><id>a</id><action nc:operation=\"remove\"/><action>permit</action><port>1</port>"
+                               "<port>2</port><port>3</port></rule>")));
 }
 
 TEST_F(edit_config, delete_of_a_leaf_with_default_brings_the_default_back)
