@@ -46,6 +46,7 @@ constexpr const char DNS_FIRST[] = R"(
   </system>)";
 
 typedef struct _demo {
+  std::string run_dir;
   ymgr_client_ptr client;
   redis_connection_ptr redis;
   int step = 0;
@@ -64,16 +65,21 @@ void expect(demo_t *demo, bool right, const std::string &what)
 }
 
 // Sends one operation and prints both sides. The reply, empty when none came.
-std::string ask(demo_t *demo, const std::string &operation)
+std::string ask_in(demo_t *demo, ymgr_client_t *client, const std::string &operation)
 {
   std::printf("   asked:\n%s", demo_pretty(operation, "      ").c_str());
-  std::optional<std::string> reply = ymgr_rpc(demo->client.get(), operation);
+  std::optional<std::string> reply = ymgr_rpc(client, operation);
   if (!reply.has_value()) {
-    expect(demo, false, "a reply comes: " + ymgr_last_error(demo->client.get()));
+    expect(demo, false, "a reply comes: " + ymgr_last_error(client));
     return {};
   }
   std::printf("   came back:\n%s", demo_pretty(*reply, "      ").c_str());
   return *reply;
+}
+
+std::string ask(demo_t *demo, const std::string &operation)
+{
+  return ask_in(demo, demo->client.get(), operation);
 }
 
 bool is_ok(const std::string &reply)
@@ -171,6 +177,63 @@ void commit(demo_t *demo)
          "candidate and running hold the same keys");
 }
 
+void read_parts(demo_t *demo)
+{
+  begin_step(demo, "get-config with a filter: one user, named by the key, and the rules");
+  std::string part = ask(demo, R"(<get-config><source><running/></source><filter type="subtree">)"
+                               R"(<system xmlns="urn:ex-sys"><user><name>ada</name><uid/></user><rule/></system>)"
+                               "</filter></get-config>");
+  expect(demo, demo_text(part, {"data", "system", "user", "uid"}) == "1001", "the leaf that was asked for is there");
+  expect(demo, demo_texts(part, {"data", "system", "user", "name"}).size() == 1, "the other user is not");
+  expect(demo, demo_texts(part, {"data", "system", "rule", "port"}).size() == 2, "the rules are whole");
+  expect(demo, demo_text(part, {"data", "system", "hostname"}).empty(), "nothing else is there");
+
+  begin_step(demo, "get: the daemon's own state");
+  std::string state = ask(demo, R"(<get><filter type="subtree">)"
+                                R"(<daemon xmlns="com:zentra:netconf:private:opal:device:ymgrd"/></filter></get>)");
+  expect(demo, demo_text(state, {"data", "daemon", "session", "username"}) == "demo", "this session is in it");
+}
+
+void lock(demo_t *demo)
+{
+  const std::string target = "<target><candidate/></target>";
+  const std::string change = "<edit-config>" + target +
+                             R"(<config><system xmlns="urn:ex-sys"><location>Rack 8</location></system></config>)"
+                             "</edit-config>";
+  begin_step(demo, "lock: another session takes candidate for itself");
+  ymgr_client_ptr other = ymgr_connect(demo->run_dir, nullptr);
+  if (other == nullptr || !ymgr_create_session(other.get(), "other").has_value()) {
+    expect(demo, false, "a second session opens");
+    return;
+  }
+  expect(demo, is_ok(ask_in(demo, other.get(), "<lock>" + target + "</lock>")), "it gets the lock");
+  std::string refused = ask(demo, change);
+  expect(demo, demo_text(refused, {"rpc-error", "error-message"}) == "Target datastore has been locked.",
+         "this session's edit is refused");
+
+  begin_step(demo, "the other session ends without unlock");
+  (void)ask_in(demo, other.get(), "<close-session/>");
+  expect(demo, is_ok(ask(demo, "<lock>" + target + "</lock>")), "the lock is free again");
+  expect(demo, is_ok(ask(demo, "<unlock>" + target + "</unlock>")), "and given back");
+}
+
+void save(demo_t *demo)
+{
+  begin_step(demo, "edit-config with test-option test-only: checked, not done");
+  const demo_keys_t before = read_keys(demo, DEMO_CANDIDATE_DB);
+  expect(demo,
+         is_ok(ask(demo, "<edit-config><target><candidate/></target><test-option>test-only</test-option><config>"
+                         R"(<system xmlns="urn:ex-sys"><port>22</port></system></config></edit-config>)")),
+         "the change would be accepted");
+  expect(demo, read_keys(demo, DEMO_CANDIDATE_DB) == before, "no key of candidate has changed");
+
+  begin_step(demo, "copy-config of running to startup: what the next start begins with");
+  expect(demo, is_ok(ask(demo, "<copy-config><target><startup/></target><source><running/></source></copy-config>")),
+         "the copy is made");
+  expect(demo, read_keys(demo, DEMO_STARTUP_DB) == read_keys(demo, DEMO_RUNNING_DB),
+         "startup and running hold the same keys");
+}
+
 void refuse(demo_t *demo, const char *what, const std::string &config, const std::string &tag)
 {
   begin_step(demo, what);
@@ -226,6 +289,7 @@ int main(int argc, char **argv)
   redis_set_logger([](const char *text) { std::fprintf(stderr, "ymgr-demo: %s\n", text); });
 
   demo_t demo;
+  demo.run_dir = argv[1];
   std::string reason;
   demo.client = ymgr_connect(argv[1], &reason);
   if (demo.client == nullptr) {
@@ -248,6 +312,9 @@ int main(int argc, char **argv)
          R"(<system xmlns="urn:ex-sys"><hostname>changed</hostname><primary-user>nobody</primary-user></system>)",
          "data-missing");
   discard(&demo);
+  read_parts(&demo);
+  lock(&demo);
+  save(&demo);
   close_session(&demo);
 
   std::printf("\n%s\n", demo.wrong == 0 ? "All steps were right." : "Some steps were WRONG.");

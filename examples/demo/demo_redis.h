@@ -6,7 +6,7 @@
 
 #include "libredisapi/redisapi.h"
 
-enum { DEMO_RUNNING_DB = 4, DEMO_CANDIDATE_DB = 6 }; // Redis database numbers
+enum { DEMO_STARTUP_DB = 2, DEMO_RUNNING_DB = 4, DEMO_CANDIDATE_DB = 6 }; // Redis database numbers
 
 // Key of each stored record, with its content as text: fields of hashes sorted by name, lists in their order. The
 // daemon's own notes ("ymgrd-info") are left out.

@@ -25,7 +25,7 @@ NC_EDIT_OP_TYPE own_operation(const lyxml_elem *elem)
 struct sibling_cursor_t {
   std::string_view name;
   std::string_view ns;
-  lyd_node *next;       // the first node of that kind without record
+  lyd_node *next;       // where to look for the next node of that kind without record
   lyd_node *next_empty; // the same of opaque nodes without value
 };
 
@@ -94,20 +94,16 @@ private:
       *last = find_cursor(first_node, cursors, name, ns);
     }
     sibling_cursor_t &cursor = (*cursors)[*last];
-    // An empty element that its type refuses has become an opaque node, and these stand behind all other siblings.
-    bool has_opaque = first_node->prev->schema == nullptr;
-    if (has_opaque && is_empty(elem)) {
-      while (cursor.next_empty != nullptr && !is_empty_opaque(cursor.next_empty)) {
-        cursor.next_empty = next_of_kind(cursor.next_empty->next, name, ns);
-      }
-      if (cursor.next_empty != nullptr) {
-        return std::exchange(cursor.next_empty, next_of_kind(cursor.next_empty->next, name, ns));
+    // An empty element that its type refuses has become an opaque node, which may stand anywhere among its namesakes.
+    if (is_empty(elem)) {
+      lyd_node *empty = find_from(cursor.next_empty, name, ns, OPAQUE_WITHOUT_VALUE);
+      cursor.next_empty = empty == nullptr ? nullptr : empty->next;
+      if (empty != nullptr) {
+        return empty;
       }
     }
-    lyd_node *taken = cursor.next;
-    if (taken != nullptr) {
-      cursor.next = next_of_kind(taken->next, name, ns);
-    }
+    lyd_node *taken = find_from(cursor.next, name, ns, ALL_OTHERS);
+    cursor.next = taken == nullptr ? nullptr : taken->next;
     return taken;
   }
 
@@ -119,15 +115,16 @@ private:
         return i;
       }
     }
-    lyd_node *first = next_of_kind(first_node, name, ns);
-    cursors->push_back({name, ns, first, first});
+    cursors->push_back({name, ns, first_node, first_node});
     return cursors->size() - 1;
   }
 
-  static lyd_node *next_of_kind(lyd_node *from, std::string_view name, std::string_view ns)
+  enum which_t { OPAQUE_WITHOUT_VALUE, ALL_OTHERS };
+
+  static lyd_node *find_from(lyd_node *from, std::string_view name, std::string_view ns, which_t wanted)
   {
     for (lyd_node *node = from; node != nullptr; node = node->next) {
-      if (node_name(node) == name && node_ns(node) == ns) {
+      if (node_name(node) == name && node_ns(node) == ns && is_empty_opaque(node) == (wanted == OPAQUE_WITHOUT_VALUE)) {
         return node;
       }
     }

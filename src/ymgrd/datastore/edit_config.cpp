@@ -353,6 +353,9 @@ int edit_node(edit_job_t *job, const lyd_node *config, const edit_place_t &place
     return 0; // keys are written with their entry
   }
   bool deletes = op == NC_EDIT_OP_DELETE || op == NC_EDIT_OP_REMOVE;
+  if (config->schema == nullptr && !deletes) { // without a value nothing can be made of it
+    return edit_fail(job, REPLY_ERR_INVALID_VALUE, config);
+  }
   if (!deletes && op != NC_EDIT_OP_NONE && edit_clear_choice_case(job, place.parent, place.key, schema, diff) != 0) {
     log_error("delete the other choice case node fail.");
     return -1;
