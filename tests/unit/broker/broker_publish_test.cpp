@@ -26,23 +26,31 @@ protected:
 
 } // namespace
 
-TEST_F(broker_publish, offers_by_priority_then_registration_each_entry_once)
+TEST_F(broker_publish, offers_by_priority_then_registration_and_takes_back_in_reverse_order)
 {
   subscribe(&third_plugin, "/m:c/l", 20);
   subscribe(&first_plugin, "m:c/l[]/", 10);
   subscribe(&third_plugin, "/m:c", 5);
   subscribe(&second_plugin, "/m:c", 10);
   broker_unreg_config_subscriber(&second_plugin, "m:c/", 10); // the first of that path, whoever asks
-  publish(ERROR_OPTION_STOP, three_entries());
+  on_offer = [](const offered_t &offer) {
+    bool is_refused = offer.path == "/m:c/l[k=\"2\"]" || (offer.oper_type & DBDIFF_ROLLBACK) != 0;
+    return offer.plugin_id == 3 && is_refused ? SUBPUB_ERROR : SUBPUB_CONTINUE;
+  };
+  publish(ERROR_OPTION_ROLLBACK, three_entries());
   EXPECT_EQ((texts{"1:/m:c/l[k=\"1\"]", "1:/m:c/l[k=\"2\"]", "1:/m:c/l[k=\"3\"]", "2:/m:c", "3:/m:c/l[k=\"1\"]",
-                   "3:/m:c/l[k=\"2\"]", "3:/m:c/l[k=\"3\"]"}),
+                   "3:/m:c/l[k=\"2\"]", "~3:/m:c/l[k=\"1\"]", "~2:/m:c", "~1:/m:c/l[k=\"3\"]", "~1:/m:c/l[k=\"2\"]",
+                   "~1:/m:c/l[k=\"1\"]"}),
             offers());
   EXPECT_EQ(1, offered[1].more_flag);
   EXPECT_EQ(0, offered[2].more_flag);
-  EXPECT_EQ(DBDIFF_REM, offered[2].oper_type);
   EXPECT_EQ(10, offered[2].priority);
+  EXPECT_EQ(DBDIFF_REM, offered[2].oper_type);
+  EXPECT_EQ(DBDIFF_REM | DBDIFF_ROLLBACK, offered[8].oper_type);
   EXPECT_EQ(1, ended);
-  EXPECT_EQ(nullptr, errors);
+  EXPECT_EQ(1, was_rollback);
+  ASSERT_NE(nullptr, errors); // although the subscriber gave none
+  EXPECT_STREQ("Error on node /m:c/l[k=\"2\"]", errors->info);
 }
 
 TEST_F(broker_publish, paths_match_whole_names_and_reach_below_entries_and_to_the_root)
@@ -62,19 +70,16 @@ TEST_F(broker_publish, paths_match_whole_names_and_reach_below_entries_and_to_th
 TEST_F(broker_publish, entries_of_nested_lists_are_offered_across_their_parents)
 {
   subscribe(&first_plugin, "/m:o/i", 1);
-  auto outer = [](const std::string &key, bool has_inner) {
-    std::string path = "/m:o[k=\"" + key + "\"]";
-    return has_inner ? node(path, DBDIFF_CHAIN,
-                            {node(path + "/i[k=\"1\"]", DBDIFF_ADD), node(path + "/i[k=\"2\"]", DBDIFF_ADD)})
-                     : node(path, DBDIFF_CHAIN, {node(path + "/x", DBDIFF_ADD)});
-  };
   on_offer = [](const offered_t &offer) {
-    return offered.size() == 4 && offer.oper_type == DBDIFF_ADD ? SUBPUB_ERROR : SUBPUB_CONTINUE;
+    return offered.size() == 3 && offer.oper_type == DBDIFF_ADD ? SUBPUB_ERROR : SUBPUB_CONTINUE;
   };
-  publish(ERROR_OPTION_ROLLBACK, list({outer("a", true), outer("b", false), outer("c", true)}));
+  publish(ERROR_OPTION_ROLLBACK,
+          list({node("/m:o[k=\"a\"]", DBDIFF_CHAIN,
+                     {node("/m:o[k=\"a\"]/i[k=\"1\"]", DBDIFF_ADD), node("/m:o[k=\"a\"]/i[k=\"2\"]", DBDIFF_ADD)}),
+                node("/m:o[k=\"b\"]", DBDIFF_CHAIN, {node("/m:o[k=\"b\"]/x", DBDIFF_ADD)}),
+                node("/m:o[k=\"c\"]", DBDIFF_CHAIN, {node("/m:o[k=\"c\"]/i[k=\"1\"]", DBDIFF_ADD)})}));
   EXPECT_EQ((texts{"1:/m:o[k=\"a\"]/i[k=\"1\"]", "1:/m:o[k=\"a\"]/i[k=\"2\"]", "1:/m:o[k=\"c\"]/i[k=\"1\"]",
-                   "1:/m:o[k=\"c\"]/i[k=\"2\"]", "~1:/m:o[k=\"c\"]/i[k=\"1\"]", "~1:/m:o[k=\"a\"]/i[k=\"2\"]",
-                   "~1:/m:o[k=\"a\"]/i[k=\"1\"]"}),
+                   "~1:/m:o[k=\"a\"]/i[k=\"2\"]", "~1:/m:o[k=\"a\"]/i[k=\"1\"]"}),
             offers());
 }
 
@@ -90,26 +95,6 @@ TEST_F(broker_publish, a_hundred_thousand_entries_of_which_one_matches_take_no_q
   publish(ERROR_OPTION_ROLLBACK, node("/m:c", DBDIFF_CHAIN, entries));
   EXPECT_EQ(1U, offered.size());
   EXPECT_EQ(1, ended);
-}
-
-TEST_F(broker_publish, failure_with_rollback_takes_back_in_reverse_order_what_was_offered_before)
-{
-  subscribe(&first_plugin, "/m:c", 1);
-  subscribe(&second_plugin, "/m:c/l", 2);
-  subscribe(&third_plugin, "/m:c/l", 3);
-  on_offer = [](const offered_t &offer) {
-    return offer.plugin_id == 2 && (offer.path == "/m:c/l[k=\"3\"]" || (offer.oper_type & DBDIFF_ROLLBACK) != 0)
-               ? SUBPUB_ERROR
-               : SUBPUB_CONTINUE;
-  };
-  publish(ERROR_OPTION_ROLLBACK, three_entries());
-  EXPECT_EQ((texts{"1:/m:c", "2:/m:c/l[k=\"1\"]", "2:/m:c/l[k=\"2\"]", "2:/m:c/l[k=\"3\"]", "~2:/m:c/l[k=\"2\"]",
-                   "~2:/m:c/l[k=\"1\"]", "~1:/m:c"}),
-            offers());
-  EXPECT_EQ(DBDIFF_ADD | DBDIFF_ROLLBACK, offered[5].oper_type);
-  EXPECT_EQ(1, was_rollback);
-  ASSERT_NE(nullptr, errors); // although the subscriber gave none
-  EXPECT_STREQ("Error on node /m:c/l[k=\"3\"]", errors->info);
 }
 
 TEST_F(broker_publish, waits_for_replies_in_both_directions_and_admits_no_second_publication)

@@ -30,9 +30,7 @@ protected:
   void TearDown() override
   {
     client_.reset();
-    if (thread_.joinable()) {
-      thread_.join();
-    }
+    end();
     close(listener_);
   }
 
@@ -47,33 +45,30 @@ protected:
     client_ = ymgr_connect(dir_.path(), &error);
     ASSERT_NE(client_, nullptr) << error;
   }
+  void end()
+  {
+    if (thread_.joinable()) {
+      thread_.join();
+    }
+  }
 
-  static std::string read_bytes(int sock, size_t size)
+  // The next request.
+  static ymgr_frame_t read(int sock)
   {
-    std::string bytes(size, '\0');
-    return recv(sock, bytes.data(), size, MSG_WAITALL) == static_cast<ssize_t>(size) ? bytes : "";
-  }
-  // The payload of the next frame; its number goes to `ret_seq`.
-  static std::string read_request(int sock, uint16_t *ret_seq)
-  {
-    std::string head = read_bytes(sock, 12);
+    char head[12] = {};
     uint32_t length = 0;
-    if (head.empty()) {
-      return "";
+    ymgr_frame_t frame;
+    if (recv(sock, head, sizeof(head), MSG_WAITALL) == sizeof(head)) {
+      std::memcpy(&length, head + 4, sizeof(length));
+      std::memcpy(&frame.seq, head + 8, sizeof(frame.seq));
     }
-    std::memcpy(&length, head.data() + 4, sizeof(length));
-    std::memcpy(ret_seq, head.data() + 8, sizeof(*ret_seq));
-    return read_bytes(sock, length);
+    frame.payload.resize(length);
+    EXPECT_EQ(recv(sock, frame.payload.data(), length, MSG_WAITALL), static_cast<ssize_t>(length));
+    return frame;
   }
-  static void write_bytes(int sock, std::string_view bytes)
+  static void write(int sock, const std::string &bytes)
   {
-    while (!bytes.empty()) {
-      ssize_t count = send(sock, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      if (count <= 0) {
-        return;
-      }
-      bytes.remove_prefix(static_cast<size_t>(count));
-    }
+    EXPECT_EQ(send(sock, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
   }
 
   support::temp_dir dir_;
@@ -85,12 +80,10 @@ protected:
 TEST_F(ymgr_client, notifications_between_request_and_reply_are_kept_in_order)
 {
   start([](int sock) {
-    uint16_t seq = 0;
-    read_request(sock, &seq);
-    for (char byte : ymgr_frame("<n1/>", 0) + ymgr_frame("", 0) + ymgr_frame("<reply/>", seq)) {
-      write_bytes(sock, std::string_view(&byte, 1));
+    for (char byte : ymgr_frame("<n1/>", 0) + ymgr_frame("", 0) + ymgr_frame("<reply/>", read(sock).seq)) {
+      write(sock, std::string(1, byte));
     }
-    write_bytes(sock, ymgr_frame("<n3/>", 0));
+    write(sock, ymgr_frame("<n3/>", 0));
   });
   EXPECT_EQ(ymgr_request(client_.get(), "<rpc/>"), "<reply/>");
   for (const char *expected : {"<n1/>", "", "<n3/>"}) {
@@ -107,27 +100,20 @@ TEST_F(ymgr_client, both_sides_may_send_much_at_the_same_time)
 {
   const std::string large(24U << 20, 'x');
   start([&large](int sock) {
-    write_bytes(sock, ymgr_frame(large, 0)); // nothing is read before all of this is taken
-    uint16_t seq = 0;
-    std::string request = read_request(sock, &seq);
-    write_bytes(sock, ymgr_frame(request, seq));
+    write(sock, ymgr_frame(large, 0)); // nothing is read before all of this is taken
+    ymgr_frame_t request = read(sock);
+    write(sock, ymgr_frame(request.payload, request.seq));
   });
-  auto reply = ymgr_request(client_.get(), large);
-  ASSERT_TRUE(reply) << ymgr_last_error(client_.get());
-  EXPECT_TRUE(*reply == large);
+  EXPECT_TRUE(ymgr_request(client_.get(), large) == large) << ymgr_last_error(client_.get());
   auto frame = ymgr_receive(client_.get());
-  ASSERT_TRUE(frame);
-  EXPECT_TRUE(frame->payload == large);
+  EXPECT_TRUE(frame && frame->payload == large);
 }
 
 TEST_F(ymgr_client, a_late_reply_is_not_taken_for_the_next_one)
 {
   start([](int sock) {
-    uint16_t first = 0;
-    uint16_t second = 0;
-    read_request(sock, &first);
-    read_request(sock, &second);
-    write_bytes(sock, ymgr_frame("<first/>", first) + ymgr_frame("<second/>", second));
+    ymgr_frame_t first = read(sock);
+    write(sock, ymgr_frame("<second/>", read(sock).seq).insert(0, ymgr_frame("<first/>", first.seq)));
   });
   auto begin = std::chrono::steady_clock::now();
   EXPECT_FALSE(ymgr_rpc(client_.get(), "<op/>", 50ms));
@@ -139,18 +125,15 @@ TEST_F(ymgr_client, a_late_reply_is_not_taken_for_the_next_one)
 
 TEST_F(ymgr_client, broken_framing_and_cut_frames_end_the_connection)
 {
-  start([](int sock) {
-    write_bytes(sock, ymgr_frame("<whole/>", 0));
-    write_bytes(sock, std::string(12, '\0')); // an empty frame but for its magic
-  });
+  start([](int sock) { write(sock, ymgr_frame("<whole/>", 0) + std::string(12, '\0')); }); // a head without its magic
   EXPECT_EQ(ymgr_receive(client_.get())->payload, "<whole/>");
   EXPECT_FALSE(ymgr_receive(client_.get()));
   EXPECT_EQ(ymgr_last_error(client_.get()), "the daemon sent something that is no frame");
-  thread_.join();
+  end();
 
-  start([](int sock) { write_bytes(sock, ymgr_frame(std::string(100, 'x'), 0).substr(0, 60)); });
+  start([](int sock) { write(sock, ymgr_frame(std::string(100, 'x'), 0).substr(0, 60)); });
   EXPECT_FALSE(ymgr_receive(client_.get()));
-  thread_.join();
+  end();
   EXPECT_FALSE(ymgr_request(client_.get(), "<rpc/>")); // and no SIGPIPE
 }
 

@@ -1,4 +1,4 @@
-// Copying and emptying whole datastores.
+// Copying and emptying whole datastores: what it costs, and what it means within a transaction.
 #include "database_fixture.h"
 
 namespace {
@@ -7,6 +7,13 @@ class database_copy_test : public database_test {
 protected:
   static int master_of(int target) { return target * 2; }
   std::string dump(int target) { return server_.dump(master_of(target)); }
+  // Commands that a copy needs; both are equal after it.
+  long long cost_of_copy(int target, int source)
+  {
+    long long commands = commands_of([&] { EXPECT_EQ(database_copy(target, source), 0); });
+    EXPECT_EQ(dump(target), dump(source));
+    return commands;
+  }
 
   void fill_large(int target)
   {
@@ -20,24 +27,13 @@ protected:
   }
 };
 
-TEST_F(database_copy_test, the_target_equals_the_source_and_keeps_its_other_keys)
-{
-  fill(RUNNING);
-  fill_large(CANDIDATE);
-  EXPECT_EQ(database_set_transaction_state(ENUM_DATASTORE_CANDIDATE, E_TRANS_PUB), 0);
-  EXPECT_EQ(database_copy(CANDIDATE, RUNNING), 0);
-  EXPECT_EQ(database_get_transaction_state(ENUM_DATASTORE_CANDIDATE), E_TRANS_PUB);
-  server_.command(master_of(CANDIDATE), {"DEL", "ymgrd-info"});
-  EXPECT_EQ(dump(CANDIDATE), dump(RUNNING));
-  EXPECT_NE(dump(RUNNING), "");
-}
-
-TEST_F(database_copy_test, between_candidate_and_running_only_differing_keys_move)
+TEST_F(database_copy_test, only_keys_that_differ_move)
 {
   fill_large(RUNNING);
-  EXPECT_EQ(database_copy(CANDIDATE, RUNNING), 0);
-  // Known to be equal: it only asks whether others wrote.
-  EXPECT_LE(commands_of([&] { EXPECT_EQ(database_copy(CANDIDATE, RUNNING), 0); }), 1);
+  cost_of_copy(CANDIDATE, RUNNING);
+  EXPECT_LE(cost_of_copy(CANDIDATE, RUNNING), 1); // it only asks whether others wrote
+  cost_of_copy(STARTUP, RUNNING);
+  EXPECT_NE(support::read_file(dir_ / "dump.rdb").find("REDIS"), std::string::npos) << "startup is on disk";
 
   int hdb = begin(CANDIDATE);
   set(hdb, "/m:top/l[k=\"7\"]/v", "changed");
@@ -46,34 +42,20 @@ TEST_F(database_copy_test, between_candidate_and_running_only_differing_keys_mov
   EXPECT_EQ(database_flush(hdb), 0);
   set(hdb, "/ext:new/leaf", "1");
   commit_and_close(hdb);
-  EXPECT_LT(commands_of([&] { EXPECT_EQ(database_copy(RUNNING, CANDIDATE), 0); }), 30);
-  EXPECT_EQ(dump(CANDIDATE), dump(RUNNING));
-  EXPECT_EQ(get_from(RUNNING, "/m:top/l[k=\"7\"]/v"), "<v>changed</v>");
-  EXPECT_EQ(get_from(RUNNING, "/ext:new/leaf"), "<leaf>1</leaf>");
+  EXPECT_LT(cost_of_copy(RUNNING, CANDIDATE), 30);
+  EXPECT_LT(cost_of_copy(STARTUP, RUNNING), 30);
+  EXPECT_EQ(get_from(STARTUP, "/m:top/l[k=\"7\"]/v") + get_from(STARTUP, "/ext:new/leaf"),
+            "<v>changed</v><leaf>1</leaf>");
 
   hdb = begin(RUNNING); // what a discard touched is looked at again
   remove(hdb, "/m:top/l[k=\"7\"]");
   EXPECT_EQ(database_flush(hdb), 0);
-  EXPECT_EQ(database_copy(CANDIDATE, RUNNING), 0); // the flushed, uncommitted content
+  cost_of_copy(CANDIDATE, RUNNING); // of the flushed, uncommitted content
   EXPECT_EQ(database_trans_discard(hdb), 0);
   database_close(hdb);
-  EXPECT_EQ(database_copy(CANDIDATE, RUNNING), 0);
-  EXPECT_EQ(dump(CANDIDATE), dump(RUNNING));
-}
-
-TEST_F(database_copy_test, saving_running_moves_only_what_changed_since_it_was_saved)
-{
-  fill_large(RUNNING);
-  EXPECT_EQ(database_copy(STARTUP, RUNNING), 0);
-  int hdb = begin(RUNNING);
-  set(hdb, "/m:top/l[k=\"7\"]/v", "changed");
-  remove(hdb, "/m:top/l[k=\"9\"]");
-  commit_and_close(hdb);
-  EXPECT_LT(commands_of([&] { EXPECT_EQ(database_copy(STARTUP, RUNNING), 0); }), 30);
-  EXPECT_EQ(dump(STARTUP), dump(RUNNING));
+  cost_of_copy(CANDIDATE, RUNNING);
   EXPECT_EQ(database_clean(STARTUP), 0);
-  EXPECT_EQ(database_copy(STARTUP, RUNNING), 0);
-  EXPECT_EQ(dump(STARTUP), dump(RUNNING));
+  cost_of_copy(STARTUP, RUNNING);
 }
 
 TEST_F(database_copy_test, nothing_is_taken_for_known_after_the_server_was_restarted)
@@ -88,58 +70,38 @@ TEST_F(database_copy_test, nothing_is_taken_for_known_after_the_server_was_resta
   EXPECT_EQ(dump(CANDIDATE), dump(RUNNING));
 }
 
-TEST_F(database_copy_test, a_copy_onto_startup_is_on_disk)
+TEST_F(database_copy_test, copies_and_cleans_within_a_transaction_are_part_of_it)
 {
   fill(RUNNING);
-  EXPECT_EQ(database_copy(STARTUP, RUNNING), 0);
-  EXPECT_EQ(dump(STARTUP), dump(RUNNING));
-  EXPECT_NE(support::read_file(dir_ / "dump.rdb").find("REDIS"), std::string::npos);
-}
+  for (bool is_copy : {true, false}) {
+    auto work = [is_copy] { return is_copy ? database_copy(STARTUP, RUNNING) : database_clean(STARTUP); };
+    EXPECT_EQ(database_clean(STARTUP), 0);
+    fill_large(STARTUP);
+    // Registered without data.
+    server_.command(master_of(STARTUP), {"HSET", "/", "odd", std::string("\1\0\0\0\0\0\0\0", 8)});
+    const std::string before = dump(STARTUP);
+    const std::string old_data = get_from(STARTUP, "/");
+    int hdb = begin(STARTUP);
+    set(hdb, "/m:top/overwritten", "1");
+    EXPECT_EQ(work(), 0);
+    EXPECT_EQ(dump(STARTUP), before);
+    set(hdb, "/ext:top");
+    if (is_copy) {
+      remove(hdb, "/m:top/leaf"); // of the copied content
+    }
+    EXPECT_EQ(database_flush(hdb), 0);
+    EXPECT_TRUE(get(hdb, "/", DB_DEPTH_ALL, 0) == old_data);
+    EXPECT_EQ(database_trans_discard(hdb), 0);
+    EXPECT_EQ(dump(STARTUP), before);
+    EXPECT_EQ(server_.dump(master_of(STARTUP) + 1), "");
 
-TEST_F(database_copy_test, a_copy_within_a_transaction_is_part_of_it)
-{
-  fill(RUNNING);
-  fill_large(STARTUP);
-  const std::string before = dump(STARTUP);
-  const std::string old_data = get_from(STARTUP, "/");
-  int hdb = begin(STARTUP);
-  set(hdb, "/m:top/overwritten", "1");
-  EXPECT_EQ(database_copy(STARTUP, RUNNING), 0);
-  EXPECT_EQ(dump(STARTUP), before);
-  remove(hdb, "/m:top/leaf"); // of the copied content
-  EXPECT_EQ(database_flush(hdb), 0);
-  EXPECT_TRUE(get(hdb, "/", DB_DEPTH_ALL, 0) == old_data);
-  EXPECT_EQ(database_trans_discard(hdb), 0);
-  EXPECT_EQ(dump(STARTUP), before);
-
-  EXPECT_EQ(database_trans_start(hdb), 0);
-  EXPECT_EQ(database_copy(STARTUP, RUNNING), 0);
-  commit_and_close(hdb);
-  EXPECT_EQ(dump(STARTUP), dump(RUNNING));
-}
-
-TEST_F(database_copy_test, a_clean_within_a_transaction_is_undone_by_its_discard)
-{
-  fill(RUNNING);
-  server_.command(master_of(RUNNING),
-                  {"HSET", "/", "odd", std::string("\1\0\0\0\0\0\0\0", 8)}); // registered without data
-  const std::string before = dump(RUNNING);
-  int hdb = begin(RUNNING);
-  EXPECT_EQ(database_clean(RUNNING), 0);
-  set(hdb, "/ext:top");
-  add(hdb, "/m:top/user[name=\"n\"]");
-  EXPECT_EQ(database_flush(hdb), 0);
-  EXPECT_EQ(server_.command(master_of(RUNNING), {"EXISTS", "/m/top/ext:ntp"}).front(), "0");
-  EXPECT_EQ(database_trans_discard(hdb), 0);
-  EXPECT_EQ(dump(RUNNING), before);
-  EXPECT_EQ(server_.dump(REDIS_RUNNING_DB_CLUSTER), "");
-
-  EXPECT_EQ(database_trans_start(hdb), 0);
-  EXPECT_EQ(database_clean(RUNNING), 0);
-  set(hdb, "/ext:top");
-  commit_and_close(hdb);
-  EXPECT_EQ(get_from(RUNNING, "/"), "<top xmlns=\"urn:ext\"></top>");
-  EXPECT_EQ(server_.command(master_of(RUNNING), {"DBSIZE"}).front(), "2");
+    EXPECT_EQ(database_trans_start(hdb), 0);
+    EXPECT_EQ(work(), 0);
+    set(hdb, "/ext:top");
+    commit_and_close(hdb);
+    const std::string kept = is_copy ? get_from(RUNNING, "/") : "";
+    EXPECT_EQ(get_from(STARTUP, "/"), kept + "<top xmlns=\"urn:ext\"></top>");
+  }
 }
 
 TEST_F(database_copy_test, the_modules_that_differ_are_known_until_somebody_else_writes)

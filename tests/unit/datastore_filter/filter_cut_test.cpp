@@ -27,80 +27,51 @@ std::string cut(const std::string &data, const std::string &filter)
   return text;
 }
 
-typedef struct _cut_case {
-  const char *what;
-  const char *filter;
-  const char *left;
-} cut_case_t;
-
 const char USERS[] = "<top><users>"
                      "<user><name>root</name><type>super</type><info><dept>1</dept><id>1</id></info></user>"
                      "<user><name>fred</name><type>admin</type><info><dept>2</dept><id>2</id></info></user>"
-                     "<user><name>barney</name><type>admin</type><info><dept>2</dept><id>3</id></info></user>"
                      "</users><version>7</version></top>";
-
-const cut_case_t user_cases[] = {
-    {"nothing", "", ""},
-    {"selection", "<top><version/></top>", "<top><version>7</version></top>"},
-    {"white space makes no content", "<top><version> \n </version></top>", "<top><version>7</version></top>"},
-    {"containment without anything below", "<top><users><user><shell/></user></users></top>", ""},
-    {"content alone keeps the whole entry", "<top><users><user><name>\n fred </name></user></users></top>",
-     "<top><users><user><name>fred</name><type>admin</type><info><dept>2</dept><id>2</id></info></user></users></top>"},
-    {"content and selection", "<top><users><user><name>fred</name><type/></user></users></top>",
-     "<top><users><user><name>fred</name><type>admin</type></user></users></top>"},
-    {"content alone in a container", "<top><users><user><info><id>3</id></info></user></users></top>",
-     "<top><users><user><info><dept>2</dept><id>3</id></info></user></users></top>"},
-    {"all of several contents must hold", "<top><users><user><type>admin</type><name>root</name></user></users></top>",
-     ""},
-    {"content that holds is selected though the rest is not",
-     "<top><users><user><name>fred</name><info><id>9</id></info></user></users></top>",
-     "<top><users><user><name>fred</name></user></users></top>"},
-    {"content that does not hold keeps its siblings out", "<top><version>8</version><users/></top>", ""},
-    {"different parts of different entries",
-     "<top><users><user><name>root</name><info/></user><user><name>fred</name><info><id/></info></user>"
-     "<user><name>barney</name><type>admin</type><info><dept/></info></user></users></top>",
-     "<top><users><user><name>root</name><info><dept>1</dept><id>1</id></info></user>"
-     "<user><name>fred</name><info><id>2</id></info></user>"
-     "<user><name>barney</name><type>admin</type><info><dept>2</dept></info></user></users></top>"},
-    {"one entry selected by several siblings",
-     "<top><users><user><type/></user><user><name>root</name><info><id/></info></user></users></top>",
-     "<top><users><user><name>root</name><type>super</type><info><id>1</id></info></user>"
-     "<user><type>admin</type></user><user><type>admin</type></user></users></top>"},
-    {"the same top twice", "<top><version/></top><top><users><user><name>root</name><type/></user></users></top>",
-     "<top><users><user><name>root</name><type>super</type></user></users><version>7</version></top>"},
-    {"whole and part, whatever the order", "<top><version/></top><top><version>7</version></top><top/>", USERS},
-    {"a filter that fails does not keep another from selecting", "<top><version>8</version></top><top><version/></top>",
-     "<top><version>7</version></top>"},
-};
+const char TAGS[] = "<s><tag>1</tag><tag>2</tag><tag>3</tag><name>n</name></s>";
+const char MARKED[] = "<a xmlns=\"urn:1\"><x>1</x></a><a xmlns=\"urn:2\"><x>2</x></a>"
+                      "<if name=\"e0\" n:s=\"up\" xmlns:n=\"urn:n\"/><if name=\"e1\"/>";
 
 } // namespace
 
-TEST(filter_cut, siblings_select_by_name_and_content)
+TEST(filter_cut, siblings_select_by_name_content_and_attributes)
 {
-  for (const cut_case_t &row : user_cases) {
-    EXPECT_EQ(cut(USERS, row.filter), row.left) << row.what;
+  const struct {
+    const char *what;
+    const char *data;
+    const char *filter;
+    const char *left;
+  } cases[] = {
+      {"white space makes no content", USERS, "<top><version> \n </version></top>", "<top><version>7</version></top>"},
+      {"content alone in a container", USERS, "<top><users><user><info><id>2</id></info></user></users></top>",
+       "<top><users><user><info><dept>2</dept><id>2</id></info></user></users></top>"},
+      {"content that holds is selected though the rest is not", USERS,
+       "<top><users><user><name>fred</name><info><id>9</id></info></user></users></top>",
+       "<top><users><user><name>fred</name></user></users></top>"},
+      {"one entry selected by several siblings", USERS,
+       "<top><users><user><type/></user><user><name>root</name><info><id/></info></user></users></top>",
+       "<top><users><user><name>root</name><type>super</type><info><id>1</id></info></user>"
+       "<user><type>admin</type></user></users></top>"},
+      {"whole and part, whatever the order", USERS, "<top><version/></top><top><version>7</version></top><top/>",
+       USERS},
+      {"a filter that fails does not keep another from selecting", USERS,
+       "<top><version>8</version></top><top><version/></top>", "<top><version>7</version></top>"},
+      {"all values of a leaf-list must be there", TAGS, "<s><tag>2</tag><tag>4</tag><name/></s>", ""},
+      {"only the values that match", TAGS, "<s><tag>2</tag><tag>3</tag><name/></s>",
+       "<s><tag>2</tag><tag>3</tag><name>n</name></s>"},
+      {"values alone keep all", TAGS, "<s><tag>2</tag></s>", TAGS},
+      {"namespace", MARKED, "<a xmlns=\"urn:2\"/>", "<a xmlns=\"urn:2\"><x>2</x></a>"},
+      {"any namespace", MARKED, "<a><x>1</x></a>", "<a xmlns=\"urn:1\"><x>1</x></a>"},
+      {"no such namespace", MARKED, "<a xmlns=\"urn:3\"/>", ""},
+      {"attribute", MARKED, "<if name=\"e1\"/>", "<if name=\"e1\"/>"},
+      {"attributes, of which one has a namespace", MARKED, "<if name=\"e0\" p:s=\"up\" xmlns:p=\"urn:n\"/>",
+       "<if xmlns:n=\"urn:n\" name=\"e0\" n:s=\"up\"/>"},
+      {"attributes that are not there", MARKED, "<if name=\"e1\" s=\"up\"/><if other=\"e1\"/>", ""},
+  };
+  for (const auto &row : cases) {
+    EXPECT_EQ(cut(row.data, row.filter), row.left) << row.what;
   }
-}
-
-TEST(filter_cut, namespaces_and_attributes_narrow)
-{
-  const std::string data = "<a xmlns=\"urn:1\"><x>1</x></a><a xmlns=\"urn:2\"><x>2</x></a><if name=\"e0\" n:s=\"up\" "
-                           "xmlns:n=\"urn:n\"/><if name=\"e1\"/>";
-  EXPECT_EQ(cut(data, "<a xmlns=\"urn:2\"/>"), "<a xmlns=\"urn:2\"><x>2</x></a>");
-  EXPECT_EQ(cut(data, "<a><x>1</x></a>"), "<a xmlns=\"urn:1\"><x>1</x></a>");
-  EXPECT_EQ(cut(data, "<a xmlns=\"urn:3\"/>"), "");
-  EXPECT_EQ(cut(data, "<if name=\"e1\"/>"), "<if name=\"e1\"/>");
-  EXPECT_EQ(cut(data, "<if name=\"e0\" p:s=\"up\" xmlns:p=\"urn:n\"/>"),
-            "<if xmlns:n=\"urn:n\" name=\"e0\" n:s=\"up\"/>");
-  EXPECT_EQ(cut(data, "<if name=\"e1\" s=\"up\"/><if other=\"e1\"/>"), "");
-}
-
-TEST(filter_cut, leaf_list_entries_are_matched_one_by_one)
-{
-  const std::string data = "<s><dns>1</dns><dns>2</dns><dns>3</dns><name>n</name></s>";
-  EXPECT_EQ(cut(data, "<s><dns>2</dns><name/></s>"), "<s><dns>2</dns><name>n</name></s>");
-  EXPECT_EQ(cut(data, "<s><dns>2</dns><dns>3</dns><name/></s>"), "<s><dns>2</dns><dns>3</dns><name>n</name></s>");
-  EXPECT_EQ(cut(data, "<s><dns>2</dns><dns>4</dns><name/></s>"), "");
-  EXPECT_EQ(cut(data, "<s><dns>2</dns></s>"), data);
-  EXPECT_EQ(cut(data, "<s><dns/></s>"), "<s><dns>1</dns><dns>2</dns><dns>3</dns></s>");
 }

@@ -23,6 +23,7 @@ protected:
   void TearDown() override { redis_set_logger(nullptr); }
 
   rContext *connection() { return connection_.get(); }
+  static std::string text_of(const redisReply *reply) { return {reply->str, reply->len}; }
 
   support::temp_dir dir_;
   support::redis_server server_{dir_.path(), support::redis_data::kept};
@@ -44,13 +45,48 @@ TEST_F(redisapi, batch_larger_than_a_window_is_answered_in_order_and_binary_safe
                             [&](size_t index, const redisReply *reply) {
                               EXPECT_EQ(index, answered++);
                               EXPECT_TRUE(index == COMMANDS || reply->integer == static_cast<long long>(answered));
-                              last =
-                                  index < COMMANDS ? "" : std::string(reply->element[0]->str, reply->element[0]->len);
+                              last = index < COMMANDS ? "" : text_of(reply->element[0]);
                             }),
             0);
   EXPECT_EQ(answered, COMMANDS + 1);
   EXPECT_EQ(last, value);
   EXPECT_EQ(redis_batch_size(batch.get()), 0U);
+}
+
+TEST_F(redisapi, nested_and_large_replies_are_whole_and_single_commands_still_own_theirs)
+{
+  const std::string large(300000, 'x');
+  redis_batch_ptr batch(redis_batch_create());
+  redis_batch_add(batch.get(), {"EVAL", "return {1, {'a', false, {}}, redis.status_reply('fine')}", "0"});
+  redis_batch_add(batch.get(), {"SET", "large", large});
+  redis_batch_begin(batch.get(), 4);
+  for (const char *word : {"MGET", "large", "missing", "large"}) {
+    redis_batch_word(batch.get(), word);
+  }
+  auto look_at = [&](size_t index, const redisReply *reply) {
+    if (index == 1) {
+      return;
+    }
+    ASSERT_EQ(reply->elements, 3U);
+    if (index == 0) {
+      const redisReply *inner = reply->element[1];
+      ASSERT_EQ(inner->elements, 3U);
+      EXPECT_EQ(reply->element[0]->integer, 1);
+      EXPECT_EQ(text_of(inner->element[0]), "a");
+      EXPECT_EQ(inner->element[1]->type, REDIS_REPLY_NIL);
+      EXPECT_EQ(inner->element[2]->elements, 0U);
+      EXPECT_EQ(text_of(reply->element[2]), "fine");
+    } else {
+      EXPECT_EQ(text_of(reply->element[0]), large);
+      EXPECT_EQ(reply->element[1]->type, REDIS_REPLY_NIL);
+      EXPECT_EQ(text_of(reply->element[2]), large);
+    }
+  };
+  ASSERT_EQ(redis_batch_run(connection(), batch.get(), look_at), 0);
+  redis_reply_ptr own = redis_command(connection(), {"GET", "large"});
+  redis_batch_add(batch.get(), {"SET", "large", "small"});
+  ASSERT_EQ(redis_batch_run_atomic(connection(), batch.get()), 0);
+  EXPECT_EQ(text_of(own.get()), large); // not touched by the batch
 }
 
 TEST_F(redisapi, atomic_batch_with_a_refused_command_changes_nothing)
@@ -89,19 +125,33 @@ TEST_F(redisapi, keys_of_glob_characters_are_matched_literally)
   EXPECT_EQ(server_.command(4, {"DBSIZE"}).front(), "2");
 }
 
-TEST_F(redisapi, lost_server_fails_commands_and_the_connection_works_again_after_its_return)
+TEST_F(redisapi, lost_server_fails_commands_and_batches_and_the_connection_works_again_after_its_return)
 {
   ASSERT_EQ(redis_hash_set_bin_safe(connection(), "h", "f", "v"), 0);
-  server_.kill_now();
-  EXPECT_EQ(redis_command(connection(), {"PING"}), nullptr);
   redis_batch_ptr batch(redis_batch_create());
+  for (int i = 0; i < 3000; i++) {
+    redis_batch_add(batch.get(), {"LRANGE", "none", "0", "-1"});
+  }
+  size_t answered = 0;
+  auto kill_in_the_middle = [&](size_t, const redisReply *) {
+    if (answered++ == 700) {
+      server_.kill_now();
+    }
+  };
+  EXPECT_EQ(redis_batch_run(connection(), batch.get(), kill_in_the_middle), -1);
+  EXPECT_LT(answered, 3000U);
+  EXPECT_EQ(redis_command(connection(), {"PING"}), nullptr);
   redis_batch_add(batch.get(), {"SET", "a", "1"});
   EXPECT_EQ(redis_batch_run_atomic(connection(), batch.get()), -1);
   EXPECT_EQ(redis_connect(server_.socket_path().c_str()), nullptr);
   server_.start();
+  redis_batch_add(batch.get(), {"PING"});
+  EXPECT_EQ(redis_batch_run(connection(), batch.get(), [](size_t, const redisReply *) {}), 0);
+  server_.kill_now();
+  server_.start();
   redis_reply_ptr reply = redis_hash_get_bin_safe(connection(), "h", "f"); // in the database selected before
   ASSERT_NE(reply, nullptr);
-  EXPECT_EQ(std::string(reply->str, reply->len), "v");
+  EXPECT_EQ(text_of(reply.get()), "v");
 }
 
 TEST_F(redisapi, save_waits_for_a_background_save)

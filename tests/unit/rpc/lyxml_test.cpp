@@ -10,7 +10,6 @@ const bool memory_is_wiped = (lyxml_init_wiping_memory(), true);
 std::string repeat(const std::string &text, int count)
 {
   std::string result;
-  result.reserve(text.size() * static_cast<size_t>(count));
   for (int i = 0; i < count; i++) {
     result += text;
   }

@@ -13,7 +13,6 @@
 std::function<int(int, const msg_head_t &, std::string_view)> session_fixture::on_request;
 std::function<int(int)> session_fixture::on_publish;
 bool session_fixture::is_broker_busy = false;
-int session_fixture::shut_downs = 0;
 std::vector<int> session_fixture::closed;
 
 std::string frame_bytes(uint16_t seq, const std::string &payload)
@@ -69,7 +68,6 @@ void session_fixture::SetUp()
   on_request = [](int, const msg_head_t &, std::string_view) { return 0; };
   on_publish = [](int) { return 0; };
   is_broker_busy = false;
-  shut_downs = 0;
   closed.clear();
   session_hooks_t hooks = {};
   hooks.receive = [](int session_id, const msg_head_t *head, std::string_view payload) {
@@ -78,7 +76,6 @@ void session_fixture::SetUp()
   hooks.is_busy = [](const char *) { return is_broker_busy; };
   hooks.publish = [](int session_id) { return on_publish(session_id); };
   hooks.closing = [](int session_id) { closed.push_back(session_id); };
-  hooks.shut_down = [] { shut_downs++; };
   session_set_hooks(hooks);
 }
 
@@ -111,6 +108,12 @@ test_agent_t session_fixture::connect()
     }
   }
   return agent;
+}
+
+void session_fixture::send_message(int session_id, int type, const std::string &text)
+{
+  EXPECT_EQ(0, session_cache_send(session_id, type, text.data(), static_cast<int>(text.size())));
+  EXPECT_EQ(0, session_schedule(session_id));
 }
 
 void session_fixture::run()

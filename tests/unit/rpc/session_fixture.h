@@ -38,11 +38,13 @@ protected:
   // Runs the event loop until it has nothing to do. A session that wakes the loop for ever fails the test.
   void run();
 
+  // Queues a message to the agent and has the loop write it.
+  static void send_message(int session_id, int type, const std::string &text);
+
   // What the layers above do; set by the tests.
   static std::function<int(int, const msg_head_t &, std::string_view)> on_request;
   static std::function<int(int)> on_publish;
   static bool is_broker_busy;
-  static int shut_downs;
   static std::vector<int> closed;
 
 private:

@@ -17,17 +17,7 @@ protected:
                  "if-feature f2; type string; } leaf three { if-feature f3; type string; } container box;");
     write_file("part.yang", "submodule part { yang-version 1.1; belongs-to feat { prefix f; } feature f3; }");
   }
-  void write_deviated_module(const std::string &deviation)
-  {
-    write_module("target", "2026-01-01", "",
-                 "feature extra; container c { leaf size { type uint8; default 1; } leaf more { if-feature extra; type "
-                 "uint8; default 1; } }");
-    write_module("dev", "2026-03-01", "import target { prefix t; }", deviation);
-  }
 };
-
-constexpr const char DEVIATION[] = "deviation /t:c/t:size { deviate replace { default 2; } } "
-                                   "deviation /t:c/t:more { deviate replace { default 3; } }";
 
 } // namespace
 
@@ -64,7 +54,12 @@ TEST_F(schema_load, bad_feature_costs_neither_the_others_nor_later_modules)
 
 TEST_F(schema_load, deviation_applies_and_raises_the_revision_wherever_its_entry_stands)
 {
-  write_deviated_module(DEVIATION);
+  write_module("target", "2026-01-01", "",
+               "feature extra; container c { leaf size { type uint8; default 1; } leaf more { if-feature extra; type "
+               "uint8; default 1; } }");
+  write_module("dev", "2026-03-01", "import target { prefix t; }",
+               "deviation /t:c/t:size { deviate replace { default 2; } } "
+               "deviation /t:c/t:more { deviate replace { default 3; } }");
   const model_config_t target = {"target", "2026-01-01", {"extra"}, {"dev"}};
   const model_config_t dev = {"dev", "2026-03-01", {}, {}};
   for (const std::vector<model_config_t> &profile : {std::vector{target, dev}, std::vector{dev, target}}) {

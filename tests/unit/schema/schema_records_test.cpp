@@ -114,12 +114,6 @@ protected:
     return content;
   }
 
-  std::set<std::string> stored_modules()
-  {
-    std::vector<std::string> names = redis.command(0, {"HKEYS", "/"});
-    return {names.begin(), names.end()};
-  }
-
   // What is on one side only, both when they differ.
   testing::AssertionResult holds(const content_t &wanted)
   {
@@ -157,24 +151,17 @@ protected:
 
 } // namespace
 
-TEST(schema_record, texts_have_their_places_in_the_data)
+TEST(schema_record, all_flags_have_their_bits_and_the_data_has_its_longest)
 {
-  const std::string zeros(10, '\0');
-  std::string record = "as before";
+  std::string record;
   conf_mnode_schema_t node;
   node.node_type = CONF_NODE_LEAF;
   node.type_name = "uint8";
-  node.default_text = "5";
-  ASSERT_EQ(0, schema_encode_record(node, &record));
-  EXPECT_EQ("\x80\x40\0\0"s + zeros + "\0\x01\0\x07\0\x09\0uint8\0"s + "5\0"s, record);
-
-  node.default_text.clear();
   node.config = false;
   node.status = node.rpc = node.notification = node.mandatory = node.precense = true;
   ASSERT_EQ(0, schema_encode_record(node, &record));
-  EXPECT_EQ("\x7c\x40\0\0"s + zeros + "\0\x01\0\x07\0\x08\0uint8\0\0"s, record);
+  EXPECT_EQ("\x7c\x40\0\0"s + std::string(10, '\0') + "\0\x01\0\x07\0\x08\0uint8\0\0"s, record);
 
-  // The longest data has 32767 bytes.
   node.default_text.assign(32767 - 8, 'x');
   ASSERT_EQ(0, schema_encode_record(node, &record));
   EXPECT_EQ("\x7f\xff"s, record.substr(18, 2));
@@ -187,28 +174,28 @@ TEST(schema_record, texts_have_their_places_in_the_data)
 TEST_F(schema_records, database_follows_the_profile)
 {
   const content_t samples = expected({"required", "samples"});
-  const std::set<std::string> always = {"ietf-netconf", "zentra-ymgrd"};
   const struct {
     std::vector<model_config_t> profile;
     content_t content;
-    std::set<std::string> modules;
   } steps[] = {
-      {{types, sys, ext}, samples, {"ex-types", "ex-sys", "ex-ext"}},
-      {{types, deviated_sys, ext},
-       expected({"required", "samples", "samples-changed"}),
-       {"ex-types", "ex-sys", "ex-sys-dev", "ex-ext"}},
-      {{types, sys}, without_ext(), {"ex-types", "ex-sys"}},
-      {{sys, ext}, samples, {"ex-types", "ex-sys", "ex-ext"}},
-      {{kinds, kinds_more, kinds_last}, expected({"required", "kinds"}), {"kinds", "kinds-more", "kinds-last"}},
-      {{sys}, without_ext(), {"ex-types", "ex-sys"}},
+      {{types, sys, ext}, samples},
+      {{types, deviated_sys, ext}, expected({"required", "samples", "samples-changed"})},
+      {{types, sys}, without_ext()},
+      {{sys, ext}, samples},
+      {{kinds, kinds_more, kinds_last}, expected({"required", "kinds"})},
+      {{sys}, without_ext()},
   };
   for (const auto &step : steps) {
     SCOPED_TRACE(&step - steps);
     ASSERT_EQ(0, load(step.profile));
     EXPECT_TRUE(holds(step.content));
-    std::set<std::string> modules = step.modules;
-    modules.insert(always.begin(), always.end());
-    EXPECT_EQ(modules, stored_modules());
+    std::set<std::string> modules = {"ietf-netconf", "zentra-ymgrd"};
+    for (const model_config_t &module : step.profile) {
+      modules.insert({module.name, module.name == sys.name ? types.name : module.name}); // what it imports, too
+      modules.insert(module.deviation.begin(), module.deviation.end());
+    }
+    std::vector<std::string> stored = redis.command(0, {"HKEYS", "/"});
+    EXPECT_EQ(modules, std::set(stored.begin(), stored.end()));
     int writes = write_commands();
     ASSERT_EQ(0, load(step.profile));
     EXPECT_EQ(writes, write_commands()) << "an unchanged profile writes nothing";
@@ -239,20 +226,10 @@ TEST_F(schema_records, damage_is_repaired_and_what_is_not_the_schemas_stays)
   const std::vector<std::string> modules = redis.command(0, {"HGETALL", "/"});
   content_t content = expected({"required", "samples"});
   // Modules that are gone, with names that are parts of others or patterns; records that are wrong, lost, left over.
-  const std::pair<std::string, std::string> planted[] = {{"/", "ex"},
-                                                         {"/", "ex-sys-more"},
-                                                         {"/", "*"},
-                                                         {"/", "ex-sys"},
-                                                         {"/ex", "a"},
-                                                         {"/ex/a[]", "ex-sys:b"},
-                                                         {"/ex-sys-more", "a"},
-                                                         {"/ex-sys/system", "ex:a"},
-                                                         {"/ex-sys/system/ex:a", "b"},
-                                                         {"/ex-sys/system", "hostname"},
-                                                         {"/ex-sys/system", "left"},
-                                                         {"/ex-sys/system/ex-ext:ntp", "unknown:left"},
-                                                         {"/ex-sys/left/unknown:over", "x"}};
-  for (const auto &[key, field] : planted) {
+  std::istringstream planted("/ ex  / ex-sys-more  / *  / ex-sys  /ex a  /ex/a[] ex-sys:b  /ex-sys-more a "
+                             "/ex-sys/system ex:a  /ex-sys/system/ex:a b  /ex-sys/system hostname  /ex-sys/system left "
+                             "/ex-sys/system/ex-ext:ntp unknown:left  /ex-sys/left/unknown:over x");
+  for (std::string key, field; planted >> key >> field;) {
     redis.command(0, {"HSET", key, field, "rubbish"});
   }
   redis.command(0, {"HDEL", "/ex-sys/system/user[]", "uid", "ex-ext:quota"});
