@@ -166,3 +166,22 @@ TEST_F(publish, a_copy_to_running_offers_what_differs_and_is_answered_when_it_wa
   EXPECT_TRUE(holds("running", "old"));
   EXPECT_EQ(tree(RUNNING_DB), tree(STARTUP_DB));
 }
+
+TEST_F(publish, a_get_waits_for_its_publishers_and_survives_its_session)
+{
+  support::netconf_session &gone = connect("gone");
+  support::netconf_session &other = connect("other");
+  auto begun = [this] { return contains(support::read_file(dir / "offers"), "state /zentra-ymgrd:daemon"); };
+  answer("0 0 wait /zentra-ymgrd:daemon\n");
+  ASSERT_TRUE(gone.send("<get/>"));
+  ASSERT_TRUE(support::wait_until(begun));
+  gone.close();
+  ASSERT_TRUE(other.send("<get/>")); // its turn comes when the first is over
+  support::write_file(dir / "go", "");
+  std::filesystem::remove(dir / "offers");
+  ASSERT_TRUE(support::wait_until(begun));
+  support::write_file(dir / "go", "");
+  EXPECT_TRUE(contains(other.receive(), "<id>a</id>"));
+  answer("");
+  EXPECT_TRUE(contains(session->rpc("<get/>"), "<uptime>"));
+}

@@ -1,7 +1,7 @@
 // Subscribers of configuration inside the daemon, driven by files of the directory YMGR_SCRIPT_DIR. They are named by
 // "subscribers" (lines "PRIORITY PATH"); every offer is appended to "offers" ("PRIORITY CODE MORE PATH") and answered
-// by the first line of "answers" that fits ("PRIORITY CODE ANSWER PATH": refuse or wait). A wait ends in the first idle
-// second after the file "go" appeared.
+// by the first line of "answers" that fits ("PRIORITY CODE ANSWER PATH": refuse or wait). Who publishes state is asked
+// by the same file, with 0 for priority and code. A wait ends in the first idle second after the file "go" appeared.
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -38,6 +38,10 @@ extern "C" {
 int __real__Z11broker_initi(int stage);
 int __wrap__Z11broker_initi(int stage);
 int __wrap__Z21plugin_publish_configiPK20_plugin_publish_infoPi(int, const plugin_publish_info_t *info, int *status);
+int __real__Z23plugin_subscribe_statusiPK21_plugin_subscibe_infoPi(int, const plugin_subscibe_info_t *info,
+                                                                   int *status);
+int __wrap__Z23plugin_subscribe_statusiPK21_plugin_subscibe_infoPi(int, const plugin_subscibe_info_t *info,
+                                                                   int *status);
 void __wrap__Z14plugin_timeoutv(void);
 
 int __wrap__Z11broker_initi(int stage)
@@ -65,10 +69,26 @@ int __wrap__Z21plugin_publish_configiPK20_plugin_publish_infoPi(int, const plugi
   return 0;
 }
 
+int __wrap__Z23plugin_subscribe_statusiPK21_plugin_subscibe_infoPi(int id, const plugin_subscibe_info_t *info,
+                                                                   int *status)
+{
+  if (answer_to(0, 0, info->path) != "wait") {
+    return __real__Z23plugin_subscribe_statusiPK21_plugin_subscibe_infoPi(id, info, status);
+  }
+  std::ofstream(file("offers"), std::ios::app) << "state " << info->path << std::endl;
+  *status = SUBPUB_WAIT;
+  return 0;
+}
+
 void __wrap__Z14plugin_timeoutv(void)
 {
-  if (std::filesystem::remove(file("go"))) {
+  if (!std::filesystem::remove(file("go"))) {
+    return;
+  }
+  if (broker_is_publish_over() == -1) {
     broker_publish_continue();
+  } else {
+    broker_subscribe_continue();
   }
 }
 }
