@@ -21,16 +21,15 @@ protected:
     std::map<char, int> handles = {
         {'a', database_open(RUNNING)}, {'b', database_open(RUNNING)}, {'c', database_open(RUNNING)}};
     std::map<std::pair<char, std::string>, int> locks;
-    for (size_t i = 0; i < steps.size(); i++) {
-      const lock_step_t &step = steps[i];
+    for (const lock_step_t &step : steps) {
       int &lock = locks[{step.handle, step.path}];
       if (step.type == UNLOCK) {
         database_unlock(handles[step.handle], lock);
-      } else {
-        int id = database_lock(handles[step.handle], step.type, step.path.c_str());
-        EXPECT_EQ(id > 0, step.is_granted) << "step " << i;
-        lock = id > 0 ? id : lock;
+        continue;
       }
+      int id = database_lock(handles[step.handle], step.type, step.path.c_str());
+      EXPECT_EQ(id > 0, step.is_granted) << "step " << &step - steps.data();
+      lock = id > 0 ? id : lock;
     }
   }
 };

@@ -1,6 +1,8 @@
 // Transactions: what others see meanwhile, what is refused, what deleting costs.
 #include "database_fixture.h"
 
+#include <random>
+
 namespace {
 
 constexpr int RUNNING_MASTER = REDIS_RUNNING_DB_MASTER;
@@ -98,6 +100,53 @@ TEST_F(database_transaction, writes_outside_of_a_transaction_are_for_status_only
   EXPECT_EQ(database_delete(status, "/m:top/none"), -1);
   set(status, "/m:top/b", "2"); // the refused one is not tried again
   EXPECT_EQ(get_from(STATUS, "/m:top/a"), "<a>1</a>");
+}
+
+// Random edits: sent one by one they must leave what they leave when many are sent together, which goes another way.
+TEST_F(database_transaction, the_time_of_flushes_does_not_change_the_result)
+{
+  auto path = [](char name) { return std::string("/m:top/user[name=\"") + name + "\"]"; };
+  for (unsigned seed = 1; seed <= 20; seed++) {
+    std::string results[2];
+    for (bool flushes_each : {false, true}) {
+      EXPECT_EQ(database_clean(RUNNING), 0);
+      fill(RUNNING);
+      const std::string before = master();
+      std::mt19937 random(seed);
+      std::string entries = "ab";
+      int hdb = begin(RUNNING);
+      for (int step = 0; step < 120; step++) {
+        char name = static_cast<char>('a' + random() % 8);
+        char other = entries.empty() ? name : entries[random() % entries.size()];
+        int offset = random() % 2 == 0 ? 1 : -1;
+        unsigned kind = random() % 8;
+        size_t at = entries.find(name);
+        if (kind == 0 && step % 10 == 0 && !entries.empty()) {
+          remove(hdb, "/m:top/user");
+          entries.clear();
+        } else if (at == std::string::npos) {
+          bool is_placed = kind < 4 && other != name;
+          add(hdb, path(name), is_placed ? path(other).c_str() : nullptr, offset);
+          entries += name;
+        } else if (kind == 0) {
+          remove(hdb, path(name));
+          entries.erase(at, 1);
+        } else if (kind < 4 && other != name) {
+          EXPECT_EQ(database_move(hdb, path(name).c_str(), path(other).c_str(), offset), 0);
+        } else {
+          set(hdb, path(name) + "/c");
+          set(hdb, path(name) + "/c/v" + std::to_string(kind), std::to_string(step));
+        }
+        EXPECT_TRUE(!flushes_each || database_flush(hdb) == 0);
+      }
+      EXPECT_EQ(database_flush(hdb), 0);
+      results[flushes_each ? 1 : 0] = master();
+      database_close(hdb); // discards what was not committed
+      EXPECT_EQ(master(), before);
+      EXPECT_EQ(server_.dump(REDIS_RUNNING_DB_CLUSTER), "");
+    }
+    EXPECT_EQ(results[0], results[1]) << "seed " << seed;
+  }
 }
 
 TEST_F(database_transaction, refused_writes_are_not_reported_as_stored)
