@@ -62,8 +62,8 @@ int write_from_outside(const bench_device &device)
     return -1;
   }
   redis_batch_ptr batch(redis_batch_create());
-  redis_batch_add(batch.get(), {"HSET", "bench-foreign", "field", "value"});
-  redis_batch_add(batch.get(), {"DEL", "bench-foreign"});
+  redis_batch_add(batch.get(), {"HSET", "/bench-foreign", "field", "value"});
+  redis_batch_add(batch.get(), {"DEL", "/bench-foreign"});
   return redis_batch_run_atomic(redis.get(), batch.get());
 }
 

@@ -89,27 +89,32 @@ pending_list_t *list_with_order(hdb_t *handle, const std::string &list_key)
   return list->order != nullptr || db_load_order(handle, list_key, list) == 0 ? list : nullptr;
 }
 
-// Puts the entry, which is not in the list, `offset` places behind the entry at `reference` (0: in its place).
-int place(hdb_t *handle, const db_address_t &entry, size_t reference, int offset, const char *who)
+// Where an entry comes to stand `offset` places behind the entry at `reference`, in a list of `size` entries that does
+// not have it. 0, or -1 when the list has no such place.
+int find_place(size_t reference, int offset, size_t size, const char *who, size_t *ret_position)
 {
-  list_order *order = handle->pending.list_at(entry.key)->order.get();
   long long position = static_cast<long long>(reference) + offset + (offset < 0 ? 1 : 0);
-  auto size = static_cast<long long>(order->size());
   if (position < 0) {
     log_error("%s: This can not insert.", who);
     return -1;
   }
-  if (position > size) {
+  if (position > static_cast<long long>(size)) {
     log_error("%s: destpos is reach the max bound, error.", who);
     return -1;
   }
+  *ret_position = static_cast<size_t>(position);
+  return 0;
+}
+
+void place(hdb_t *handle, const db_address_t &entry, size_t position)
+{
+  list_order *order = handle->pending.list_at(entry.key)->order.get();
   pending_op_t op = {LIST_PUSH_TAIL, entry.item, {}};
-  if (position < size) {
+  if (position < order->size()) {
     op.op = position == 0 ? LIST_PUSH_HEAD : LIST_INSERT_BEFORE;
-    op.pivot = position == 0 ? std::string_view() : order->at(static_cast<size_t>(position));
+    op.pivot = position == 0 ? std::string_view() : order->at(position);
   }
   handle->pending.add_list_op(entry.key, std::move(op));
-  return 0;
 }
 
 // The position of the entry that `coords` names, in the list of `entry`.
@@ -140,7 +145,12 @@ int insert_data(hdb_t *handle, const db_address_t &entry, const char *coords, in
   if (list == nullptr || find_reference(list->order.get(), entry, coords, &reference) != 0) {
     return -1;
   }
-  return place(handle, entry, reference, offset, "insert-data");
+  size_t position = 0;
+  if (find_place(reference, offset, list->order->size(), "insert-data", &position) != 0) {
+    return -1;
+  }
+  place(handle, entry, position);
+  return 0;
 }
 
 int insert_without_data(hdb_t *handle, const db_address_t &entry, const char *coords, int offset)
@@ -176,17 +186,15 @@ int insert_without_data(hdb_t *handle, const db_address_t &entry, const char *co
     log_debug("the pos is not changed, do not need to move.");
     return 0;
   }
-  if (target < -1) {
-    log_error("insert-item: This can not insert.");
-    return -1;
-  }
-  if (target > static_cast<long long>(list->order->size())) {
-    log_error("insert-item: destpos is reach the max bound, error.");
+  // Without the moved entry those behind it stand one place further ahead.
+  reference -= *current < reference ? 1 : 0;
+  size_t position = 0;
+  if (find_place(reference, offset, list->order->size() - 1, "insert-item", &position) != 0) {
     return -1;
   }
   handle->pending.add_list_op(entry.key, {LIST_REMOVE, entry.item, {}});
-  // Without the moved entry those behind it stand one place further ahead.
-  return place(handle, entry, reference - (*current < reference ? 1 : 0), offset, "insert-item");
+  place(handle, entry, position);
+  return 0;
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // Transactions: what others see meanwhile, what is refused, what deleting costs.
 #include "database_fixture.h"
 
+#include <array>
 #include <random>
 
 namespace {
@@ -118,7 +119,7 @@ TEST_F(database_transaction, the_time_of_flushes_does_not_change_the_result)
       for (int step = 0; step < 120; step++) {
         char name = static_cast<char>('a' + random() % 8);
         char other = entries.empty() ? name : entries[random() % entries.size()];
-        int offset = random() % 2 == 0 ? 1 : -1;
+        int offset = std::array{-2, -1, 1, 2}[random() % 4];
         unsigned kind = random() % 8;
         size_t at = entries.find(name);
         if (kind == 0 && step % 10 == 0 && !entries.empty()) {
@@ -126,13 +127,13 @@ TEST_F(database_transaction, the_time_of_flushes_does_not_change_the_result)
           entries.clear();
         } else if (at == std::string::npos) {
           bool is_placed = kind < 4 && other != name;
-          add(hdb, path(name), is_placed ? path(other).c_str() : nullptr, offset);
+          add(hdb, path(name), is_placed ? path(other).c_str() : nullptr, offset < 0 ? -1 : 1);
           entries += name;
         } else if (kind == 0) {
           remove(hdb, path(name));
           entries.erase(at, 1);
         } else if (kind < 4 && other != name) {
-          EXPECT_EQ(database_move(hdb, path(name).c_str(), path(other).c_str(), offset), 0);
+          (void)database_move(hdb, path(name).c_str(), path(other).c_str(), offset); // there may be no such place
         } else {
           set(hdb, path(name) + "/c");
           set(hdb, path(name) + "/c/v" + std::to_string(kind), std::to_string(step));
