@@ -105,11 +105,7 @@ fuzz_counts_t constraint_fuzz::run(int rounds)
   fuzz_counts_t counts;
   bool was_valid_before = false; // an empty tree is, without stamp
   for (int round = 0; round < rounds; round++) {
-    lyd_node *copy = nullptr;
-    lyd_dup_siblings(tree_.get(), nullptr, LYD_DUP_RECURSIVE, &copy);
-    lyd_tree_ptr before(copy);
     std::string text_before = text_of(tree_.get());
-    implied_nodes_t implied_before = implied_;
     story_.clear();
     if (all_nodes(tree_.get()).size() < SMALLEST_TREE && !one_in(10)) {
       plant();
@@ -135,8 +131,10 @@ fuzz_counts_t constraint_fuzz::run(int rounds)
     }
     if (!error.empty()) {
       counts.refused++;
-      tree_ = std::move(before);
-      implied_ = std::move(implied_before);
+      if (!changes.undo(&tree_) || text_of(tree_.get()) != text_before) {
+        counts.fault = "before: " + text_before + "\nundone:" + story_ + "\nafter: " + text_of(tree_.get());
+        return counts;
+      }
     } else {
       counts.valid++;
       counts.undecided += is_accepted ? 0 : 1;
@@ -363,13 +361,11 @@ void constraint_fuzz::fill(edit_changes *changes, lyd_node *parent, int depth)
 void constraint_fuzz::remove(edit_changes *changes, lyd_node *node)
 {
   story_ += " remove " + path_of(node);
-  lyd_node *parent = lyd_parent(node);
   if (tree_.get() == node) {
     (void)tree_.release();
     tree_.reset(node->next);
   }
-  lyd_unlink_tree(node);
-  changes->removed(parent, node);
+  changes->remove(node);
 }
 
 void constraint_fuzz::clear(edit_changes *changes, lyd_node *parent, const lysc_node *schema)
@@ -407,9 +403,9 @@ void constraint_fuzz::move(edit_changes *changes, lyd_node *entry)
     return;
   }
   story_ += " move " + path_of(entry);
+  changes->moves(entry);
   lyd_insert_before(other, entry);
   tree_.reset(lyd_first_sibling(tree_.release()));
-  changes->moved(entry);
 }
 
 void constraint_fuzz::store_defaults(edit_changes *changes)
