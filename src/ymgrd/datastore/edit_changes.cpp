@@ -113,62 +113,11 @@ void swap_values(lyd_node *node, lyd_node *other)
   std::swap(node->flags, other->flags);
 }
 
-} // namespace
-
-void edit_changes::begin(lyd_node *first)
-{
-  mark_ = ++last_mark;
-  was_empty_ = first == nullptr;
-  stamp_ = 0;
-  first_ = first;
-  if (first != nullptr) {
-    stamp_ = mark_of(first);
-    first->priv = nullptr;
-  }
-}
-
-void edit_changes::created(lyd_node *node)
-{
-  put_mark(node, mark_);
-  const lyd_node *parent = lyd_parent(node);
-  if (parent == nullptr || mark_of(parent) != mark_) {
-    all_.push_back({EDIT_CREATED, node, nullptr, nullptr, nullptr});
-  }
-}
-
-void edit_changes::value_changes(lyd_node *node)
-{
-  const lyd_node *parent = lyd_parent(node);
-  if (mark_of(node) == mark_ || (parent != nullptr && mark_of(parent) == mark_)) {
-    return; // it is looked at as a created one
-  }
-  lyd_node *before = nullptr;
-  if (lyd_dup_single(node, nullptr, LYD_DUP_NO_META | LYD_DUP_WITH_FLAGS, &before) != LY_SUCCESS) {
-    before = nullptr; // the check then does not know the old value, and leaves the decision to a full validation
-  }
-  all_.push_back({EDIT_VALUE, node, nullptr, nullptr, lyd_tree_ptr(before)});
-}
-
-void edit_changes::moves(lyd_node *node)
-{
-  all_.push_back({EDIT_MOVED, node, lyd_parent(node), sibling_before(node), nullptr});
-}
-
-void edit_changes::remove(lyd_node *subtree)
-{
-  lyd_node *parent = lyd_parent(subtree);
-  lyd_node *previous = sibling_before(subtree);
-  lyd_unlink_tree(subtree);
-  mark_way_explicit(parent);
-  removed_.insert(subtree);
-  all_.push_back({EDIT_REMOVED, nullptr, parent, previous, lyd_tree_ptr(subtree)});
-}
-
-bool edit_changes::undo_step(edit_change_t *change, lyd_node **first) const
+bool undo_step(lyd_node **first, edit_change_t *change)
 {
   lyd_node *node = change->node;
-  if (change->parent != nullptr && mark_of(change->parent) == mark_) {
-    return true; // goes with what was created, of which not every step is known
+  if (change->is_in_created) {
+    return true;
   }
   switch (change->kind) {
   case EDIT_CREATED:
@@ -190,6 +139,62 @@ bool edit_changes::undo_step(edit_change_t *change, lyd_node **first) const
   return false;
 }
 
+} // namespace
+
+void edit_changes::begin(lyd_node *first)
+{
+  mark_ = ++last_mark;
+  was_empty_ = first == nullptr;
+  stamp_ = 0;
+  first_ = first;
+  if (first != nullptr) {
+    stamp_ = mark_of(first);
+    first->priv = nullptr;
+  }
+}
+
+bool edit_changes::is_in_created(const lyd_node *node) const
+{
+  const lyd_node *parent = lyd_parent(node);
+  return parent != nullptr && mark_of(parent) == mark_;
+}
+
+void edit_changes::created(lyd_node *node)
+{
+  put_mark(node, mark_);
+  if (!is_in_created(node)) {
+    all_.push_back({EDIT_CREATED, node, nullptr, nullptr, nullptr, false});
+  }
+}
+
+void edit_changes::value_changes(lyd_node *node)
+{
+  if (mark_of(node) == mark_ || is_in_created(node)) {
+    return; // it is looked at as a created one
+  }
+  lyd_node *before = nullptr;
+  if (lyd_dup_single(node, nullptr, LYD_DUP_NO_META | LYD_DUP_WITH_FLAGS, &before) != LY_SUCCESS) {
+    before = nullptr; // the check then does not know the old value, and leaves the decision to a full validation
+  }
+  all_.push_back({EDIT_VALUE, node, nullptr, nullptr, lyd_tree_ptr(before), false});
+}
+
+void edit_changes::moves(lyd_node *node)
+{
+  all_.push_back({EDIT_MOVED, node, lyd_parent(node), sibling_before(node), nullptr, is_in_created(node)});
+}
+
+void edit_changes::remove(lyd_node *subtree)
+{
+  lyd_node *parent = lyd_parent(subtree);
+  lyd_node *previous = sibling_before(subtree);
+  bool goes_anyway = is_in_created(subtree);
+  lyd_unlink_tree(subtree);
+  mark_way_explicit(parent);
+  removed_.insert(subtree);
+  all_.push_back({EDIT_REMOVED, nullptr, parent, previous, lyd_tree_ptr(subtree), goes_anyway});
+}
+
 bool edit_changes::undo(lyd_tree_ptr *data)
 {
   if (mark_ == 0) {
@@ -198,7 +203,7 @@ bool edit_changes::undo(lyd_tree_ptr *data)
   lyd_node *first = data->release();
   bool is_undone = true;
   for (auto change = all_.rbegin(); is_undone && change != all_.rend(); ++change) {
-    is_undone = undo_step(&*change, &first);
+    is_undone = undo_step(&first, &*change);
   }
   data->reset(first);
   if (!is_undone || first != first_) {

@@ -21,6 +21,8 @@ typedef struct _edit_change {
   lyd_node *parent;    // of a removed or moved node, at that time; null at top level
   lyd_node *previous;  // the sibling behind which a removed or moved node stood; null: it was the first
   lyd_tree_ptr before; // the leaf with its old value (without siblings), the removed subtree
+  // A move or removal in something that the edit made: it goes with that, and not every step in there is recorded.
+  bool is_in_created = false;
 } edit_change_t;
 
 class edit_changes {
@@ -46,7 +48,7 @@ public:
   bool is_live(const lyd_node *node) const;
 
 private:
-  bool undo_step(edit_change_t *change, lyd_node **first) const;
+  bool is_in_created(const lyd_node *node) const;
 
   std::vector<edit_change_t> all_;
   std::unordered_set<const lyd_node *> removed_; // the tops of what was removed
