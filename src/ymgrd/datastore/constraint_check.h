@@ -15,7 +15,7 @@
 using implied_nodes_t = std::unordered_set<const lysc_node *>;
 
 // Whether `data` (first top node, null for an empty tree; it was valid before `changes`, and `implied` described it)
-// is surely valid. When it is, `implied` describes it as it is now; when not, `implied` is of no use any more. `data`
-// is left as it was.
+// is surely valid. When it is, `implied` describes it as it is now. What `implied` held stays in it, so that it goes on
+// describing the tree before the changes. `data` is left as it was.
 bool constraint_check(const constraint_index &index, lyd_node *data, const edit_changes &changes,
                       implied_nodes_t *implied);

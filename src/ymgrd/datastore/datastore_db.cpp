@@ -102,6 +102,33 @@ void mark_all_explicit(lyd_node *first)
   }
 }
 
+size_t count_nodes(const lyd_node *first)
+{
+  size_t count = 0;
+  for (const lyd_node *root = first; root != nullptr; root = root->next) {
+    const lyd_node *node = nullptr;
+    LYD_TREE_DFS_BEGIN(root, node)
+    {
+      count++;
+      LYD_TREE_DFS_END(root, node);
+    }
+  }
+  return count;
+}
+
+// After a validation that changed the tree: what it added goes. Null when that is not all that it did.
+void restore_validated(lyd_tree_ptr *data, const lyd_node *changes, size_t count_before)
+{
+  if (find_deleted(changes) == nullptr) {
+    ds_drop_implicit(data, changes);
+    mark_all_explicit(data->get()); // validation looks for empty containers too
+  }
+  if (count_nodes(data->get()) != count_before) {
+    log_debug("Validation changed the configuration, it is read anew.");
+    data->reset();
+  }
+}
+
 } // namespace
 
 int ds_to_db(int datastore)
@@ -258,6 +285,7 @@ int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *re
   ymgrd_send_keepalive_msg(0, 0);
   ymgrd_send_keepalive_msg(VALIDATION_WARN_SECONDS, VALIDATION_KILL_SECONDS);
   ds_clear_yang_errors();
+  size_t count = count_nodes(data->get());
   lyd_node *tree = data->release(); // validation may replace the first node
   lyd_node *changes = nullptr;
   LY_ERR result = lyd_validate_all(&tree, schema_ctx(), LYD_VALIDATE_NO_STATE | LYD_VALIDATE_PRESENT, &changes);
@@ -267,11 +295,13 @@ int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *re
   if (result != LY_SUCCESS) {
     *ret_error = rpc_make_error(ds_error_kind(invalid_kind, invalid_kind), "validation failed");
     ds_add_path_and_msg(ret_error->get());
+    restore_validated(data, changes, count);
     return -1;
   }
   const lyd_node *lost = find_deleted(changes);
   if (lost != nullptr) {
     *ret_error = when_error(lost);
+    data->reset();
     return -1;
   }
   if (ret_implied != nullptr) {

@@ -22,6 +22,7 @@ struct edit_work_t {
   ds_config_t config;
   ds_session_db db;
   ds_change_t change;
+  edit_changes changes; // of the data in `change`
 };
 
 // A test leaves no trace, not even in the persisted state. A state that could not be written is logged: one that is
@@ -149,8 +150,7 @@ int apply_edit(edit_work_t *work, reply_error_ptr *ret_error, const char *edit_m
   request.done = work->test_option != NC_TEST_ONLY;
   request.default_operation = work->default_operation;
   request.config = work->config.tree.get();
-  edit_changes changes;
-  request.changes = &changes;
+  request.changes = &work->changes;
   ds_change_t *change = &work->change;
   differ_node_t *tree = nullptr;
   if (edit_operations(request, &change->data, &tree, &change->written, ret_error) != 0) {
@@ -167,7 +167,7 @@ int apply_edit(edit_work_t *work, reply_error_ptr *ret_error, const char *edit_m
     change->is_valid = ds_candidate_is_valid() && !change->written;
     return 0;
   }
-  return ds_validate_edit(&change->data, changes, invalid_kind, ret_error);
+  return ds_validate_edit(&change->data, &work->changes, invalid_kind, ret_error);
 }
 
 int edit_running(edit_work_t *work, reply_error_ptr *ret_error)
@@ -202,6 +202,7 @@ int ds_edit_check(edit_work_t *work, reply_error_ptr *ret_error)
 int accept_edit(edit_work_t *work, bool *ret_deferred, reply_error_ptr *ret_error)
 {
   if (work->test_option == NC_TEST_ONLY) {
+    ds_undo_edit(&work->change.data, &work->changes);
     return 0; // nothing was written; the transaction is discarded with its database
   }
   ds_accepted_t accepted = work->target == ENUM_DATASTORE_CANDIDATE

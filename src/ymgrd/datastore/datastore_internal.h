@@ -140,11 +140,16 @@ constexpr int VALIDATION_KILL_SECONDS = 180;
 
 // Checks the whole data tree against the schema (nothing is added to it). 0, also for an empty tree; -1 with the error,
 // whose kind is `invalid_kind` unless the violation has a kind of its own. On 0 `ret_implied` (null: not asked for) has
-// gained the schema nodes of which libyang implied instances.
+// gained the schema nodes of which libyang implied instances. On -1 `*data` is as it was, or null when libyang changed
+// what cannot be put back.
 int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *ret_error,
                        std::unordered_set<const lysc_node *> *ret_implied = nullptr);
-// The same for the result of an edit: when the tree was valid before it, only what the changes concern is checked.
-int ds_validate_edit(lyd_tree_ptr *data, const edit_changes &changes, int invalid_kind, reply_error_ptr *ret_error);
+// The same for the result of an edit: when the tree was valid before it, only what the changes concern is checked. On
+// -1 the edit was undone.
+int ds_validate_edit(lyd_tree_ptr *data, edit_changes *changes, int invalid_kind, reply_error_ptr *ret_error);
+// Undoes an edit that is not to stand, and keeps the tree for the next request; drops it when that is not surely what
+// it was. `*data` is null afterwards.
+void ds_undo_edit(lyd_tree_ptr *data, edit_changes *changes);
 // Drops what is known of the tree that was validated last, and of the schema.
 void ds_forget_validated();
 // Takes implicit nodes out again: those that the diff `created` of a libyang call names and that are still marked as

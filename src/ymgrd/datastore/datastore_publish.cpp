@@ -150,7 +150,10 @@ int check_candidate(const ds_session_db &candidate, reply_error_ptr *ret_error)
   }
   if (datastore_validate(&data, REPLY_ERR_OP_FAILED, ret_error) != 0) {
     log_error("Candidate is not valid, it can not be committed.");
-    return -1; // the tree is not kept: implicit nodes may be left in it
+    if (data != nullptr) {
+      ds_kept_store(std::move(data));
+    }
+    return -1;
   }
   ds_note_candidate_valid();
   ds_kept_store(std::move(data));

@@ -4,6 +4,7 @@
 
 #include "ymgrd/core/log.h"
 #include "ymgrd/datastore/datastore_internal.h"
+#include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/datastore/edit_internal.h"
 
 namespace {
@@ -401,6 +402,15 @@ int edit_top_nodes(edit_job_t *job, differ_list *diff)
   return order.arrange(job, place, diff);
 }
 
+// A refused edit gives back what it took: reading it anew costs as much as the datastore is large.
+void give_data_back(edit_job_t *job)
+{
+  bool is_refused = job->error != nullptr; // else something failed, perhaps in the midst of a step
+  if (is_refused && std::string_view(job->request->path) == "/" && job->changes.undo(&job->data)) {
+    ds_kept_store(std::move(job->data));
+  }
+}
+
 } // namespace
 
 lyd_node *edit_siblings(const edit_job_t *job, const lyd_node *parent)
@@ -497,6 +507,7 @@ int edit_operations(const edit_request_t &request, lyd_tree_ptr *ret_data, diffe
   }
   job.changes.begin(job.data.get());
   if (edit_top_nodes(&job, &diff) != 0) {
+    give_data_back(&job);
     *ret_error = std::move(job.error);
     return -1;
   }
@@ -505,9 +516,12 @@ int edit_operations(const edit_request_t &request, lyd_tree_ptr *ret_data, diffe
     free_differ_tree(tree);
     return -1;
   }
+  *ret_written = !job.changes.all().empty();
+  if (!*ret_written) {
+    (void)job.changes.undo(&job.data); // it is as valid as before; without steps nothing can fail
+  }
   *ret_data = std::move(job.data);
   *ret_tree = tree;
-  *ret_written = !job.changes.all().empty();
   if (request.changes != nullptr) {
     *request.changes = std::move(job.changes);
   }

@@ -23,7 +23,8 @@ typedef struct _edit_request {
 // On 0 `*ret_data` is the data after the edit (not validated), `*ret_tree` the diff tree (null when nothing differs);
 // the caller owns both. `*ret_written` tells whether data and transaction were touched: an edit whose steps cancel each
 // other has no diff, and may still leave entries in another order. On -1 `*ret_error` holds the NETCONF error if the
-// engine knows one; what was written into the transaction must be discarded.
+// engine knows one; what was written into the transaction must be discarded. A refused edit leaves the data kept
+// (ds_kept.h) that it started from.
 int edit_operations(const edit_request_t &request, lyd_tree_ptr *ret_data, differ_node_t **ret_tree, bool *ret_written,
                     reply_error_ptr *ret_error);
 

@@ -39,17 +39,12 @@ int link_into_data(edit_job_t *job, const edit_place_t &place, lyd_node *node)
 void take_out_of_data(edit_job_t *job, lyd_node *node)
 {
   job->chosen_cases.clear(); // it knows nodes by address
-  lyd_node *parent = lyd_parent(node);
-  if (parent == nullptr && job->data.get() == node) {
+  if (job->data.get() == node) {
     lyd_node *next = node->next;
     (void)job->data.release(); // the first top node goes, its successor takes its place
     job->data.reset(next);
   }
-  lyd_unlink_tree(node);
-  job->changes.removed(parent, node);
-  for (; parent != nullptr; parent = lyd_parent(parent)) {
-    ds_mark_explicit(parent); // libyang takes a container that became empty for one that nobody named
-  }
+  job->changes.remove(node);
 }
 
 // The diff of a removal names everything that goes: a subscriber below the removed node is told too.

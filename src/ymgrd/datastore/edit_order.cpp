@@ -63,12 +63,12 @@ constexpr int DIRECTLY_AFTER = 1;
 int move_next_to(edit_job_t *job, const edit_place_t &place, lyd_node *entry, lyd_node *reference, bool after)
 {
   std::string coords = sibling_key(place, entry, reference);
+  job->changes.moves(entry);
   LY_ERR result = after ? lyd_insert_after(reference, entry) : lyd_insert_before(reference, entry);
   if (result != LY_SUCCESS) {
     log_error("edit operation database lyd node fail(merge tree).");
     return -1;
   }
-  job->changes.moved(entry);
   if (place.parent == nullptr) { // the first top node may have changed
     lyd_node *first = job->data.release();
     job->data.reset(lyd_first_sibling(first));

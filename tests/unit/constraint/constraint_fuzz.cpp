@@ -108,8 +108,7 @@ fuzz_counts_t constraint_fuzz::run(int rounds)
       plant();
       continue;
     }
-    lyd_tree_ptr before = copy_of(tree_.get());
-    implied_nodes_t implied_before = implied_;
+    std::string before = text_of(tree_.get());
     story_.clear();
     edit_changes changes;
     changes.begin(tree_.get());
@@ -128,17 +127,16 @@ fuzz_counts_t constraint_fuzz::run(int rounds)
       fault += implied_.contains(node) ? "" : "not known to be implied: " + std::string(node->name);
     }
     if (is_accepted && !fault.empty()) {
-      counts.fault =
-          "before: " + text_of(before.get()) + "\nedit:" + story_ + "\nafter: " + text_of(tree_.get()) + "\n" + fault;
+      counts.fault = "before: " + before + "\nedit:" + story_ + "\nafter: " + text_of(tree_.get()) + "\n" + fault;
     }
     counts.valid += error.empty() ? 1 : 0;
     counts.refused += error.empty() ? 0 : 1;
     counts.undecided += error.empty() && !is_accepted ? 1 : 0;
-    if (!error.empty()) {
-      tree_ = std::move(before);
-      implied_ = std::move(implied_before);
-    } else if (!is_accepted) {
+    if (error.empty() && !is_accepted) {
       implied_ = std::move(implied);
+    }
+    if (!error.empty() && (!changes.undo(&tree_) || text_of(tree_.get()) != before)) {
+      counts.fault += "before: " + before + "\nundone:" + story_ + "\nafter: " + text_of(tree_.get());
     }
     edit_stamp_tree(tree_.get());
   }
@@ -352,13 +350,11 @@ void constraint_fuzz::fill(edit_changes *changes, lyd_node *parent, int depth)
 void constraint_fuzz::remove(edit_changes *changes, lyd_node *node)
 {
   story_ += " remove " + path_of(node);
-  lyd_node *parent = lyd_parent(node);
   if (tree_.get() == node) {
     (void)tree_.release();
     tree_.reset(node->next);
   }
-  lyd_unlink_tree(node);
-  changes->removed(parent, node);
+  changes->remove(node);
 }
 
 void constraint_fuzz::clear_other_cases(edit_changes *changes, lyd_node *parent, const lysc_node *schema)
@@ -381,9 +377,9 @@ void constraint_fuzz::move(edit_changes *changes, lyd_node *entry)
     return;
   }
   story_ += " move " + path_of(entry);
+  changes->moves(entry);
   lyd_insert_before(other, entry);
   tree_.reset(lyd_first_sibling(tree_.release()));
-  changes->moved(entry);
 }
 
 void constraint_fuzz::store_defaults(edit_changes *changes)

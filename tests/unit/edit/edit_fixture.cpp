@@ -18,7 +18,8 @@ module sample {
   yang-version 1.1; namespace "urn:sample"; prefix s; revision 2026-01-01;
   container top {
     leaf plain { type string; }
-    leaf number { type uint8; }
+    leaf number { type uint8; must ". < 2 or ../plain = '0'"; }
+    leaf bound { when "../number > 0"; type string; } leaf-list hint { type string; default "h"; }
     leaf preset { type string; default "0"; } anyxml markup;
     container inner { leaf preset { type string; default "1"; } leaf plain { type string; }
       container deep { leaf-list value { type string; ordered-by user; } } }
@@ -106,6 +107,7 @@ edit_outcome_t edit_fixture::apply(int datastore, const random_edit_t &edit, edi
   task.tflag = 1;
   task.default_operation = edit.default_operation;
   task.config = config.tree.get();
+  task.changes = &outcome.changes;
   bool is_written = false;
   outcome.is_accepted = edit_operations(task, &outcome.data, &outcome.tree, &is_written, &error) == 0;
   if (outcome.is_accepted && end == edit_end::committed) {

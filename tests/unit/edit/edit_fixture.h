@@ -1,5 +1,5 @@
 // The edit engine inside the test program, with a Redis server of its own and one sample module: lists in lists,
-// user-ordered lists and leaf-lists at every level, choices in choices, defaults, presence containers.
+// user-ordered lists and leaf-lists at every level, choices in choices, defaults, presence containers, conditions.
 #pragma once
 
 #include <string>
@@ -15,6 +15,7 @@ struct edit_outcome_t {
   bool is_accepted = false;
   lyd_tree_ptr data;
   differ_node_t *tree = nullptr; // the test's to free or to merge
+  edit_changes changes;
 };
 
 enum class edit_end { committed, discarded };

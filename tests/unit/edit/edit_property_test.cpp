@@ -37,6 +37,9 @@ protected:
     bool can_be_combined = true;
     for (int left = 1 + source.below(4); left > 0 && !HasFailure(); left--) {
       random_edit_t edit = source.next(stored(CANDIDATE).get());
+      if (source.chance(50)) {
+        edit_and_undo(source.chance(50) ? edit : source.next(stored(CANDIDATE).get()), source.chance(50));
+      }
       if (one_edit(edit, source.chance(50), &pending)) {
         all.content += edit.content;
         can_be_combined = can_be_combined && edit.default_operation == NC_EDIT_OP_MERGE;
@@ -56,6 +59,58 @@ protected:
 
 private:
   void tell(const std::string &what, const std::string &text) { story_ += "--- " + what + "\n" + text + "\n"; }
+
+  // Refused, tested or otherwise given up: the tree that is kept is the one from before, and the next edit starts from
+  // it.
+  void edit_and_undo(const random_edit_t &edit, bool validates)
+  {
+    tell("edit to be undone", edit.content);
+    std::string before = text_of(stored(CANDIDATE));
+    edit_outcome_t outcome = apply(CANDIDATE, edit, edit_end::discarded);
+    free_differ_tree(outcome.tree);
+    reply_error_ptr error;
+    bool is_valid = validates && outcome.is_accepted &&
+                    ds_validate_edit(&outcome.data, &outcome.changes, REPLY_ERR_OP_FAILED, &error) == 0;
+    if (outcome.is_accepted && (is_valid || !validates)) {
+      ds_undo_edit(&outcome.data, &outcome.changes);
+    }
+    lyd_tree_ptr kept;
+    if (!ds_kept_take(&kept)) {
+      EXPECT_TRUE(error != nullptr) << "the tree was dropped";
+      dropped_++;
+      return;
+    }
+    kept_++;
+    refused_by_validation_ += error == nullptr ? 0 : 1;
+    EXPECT_EQ(before, text_of(kept));
+    EXPECT_EQ("", fault_of(kept.get(), nullptr));
+    ds_kept_store(std::move(kept));
+  }
+
+  // What does not show in the text: links, flags, and whether look-ups find each node and the first entry of each list.
+  static std::string fault_of(const lyd_node *first, const lyd_node *parent)
+  {
+    const lyd_node *before = nullptr;
+    for (const lyd_node *node = first; node != nullptr; before = node, node = node->next) {
+      lyd_node *match = nullptr;
+      bool is_linked =
+          lyd_parent(node) == parent && (before == nullptr ? node->prev->next == nullptr : node->prev == before);
+      bool is_first = before == nullptr || before->schema != node->schema;
+      (void)lyd_find_sibling_first(first, node, &match);
+      if (!is_linked || (node->flags & LYD_DEFAULT) || match != node) {
+        return node->schema->name;
+      }
+      if (is_first && node->schema->nodetype != LYS_LEAFLIST &&
+          (lyd_find_sibling_val(first, node->schema, nullptr, 0, &match) != LY_SUCCESS || match != node)) {
+        return std::string("first ") + node->schema->name;
+      }
+      std::string below = fault_of(lyd_child(node), node);
+      if (!below.empty()) {
+        return below;
+      }
+    }
+    return first == nullptr || first->prev == before ? "" : "last";
+  }
 
   void make_start(random_edit_source *source)
   {
@@ -110,6 +165,7 @@ private:
       EXPECT_EQ("", judge_diff(alone.data.get(), after.get(), nullptr)) << text_of(after);
     }
     free_differ_tree(alone.tree);
+    ds_kept_drop(); // a refused edit leaves the empty tree
   }
 
   void all_at_once(const random_edit_t &all, const lyd_tree_ptr &start, const lyd_tree_ptr &end)
@@ -133,6 +189,11 @@ private:
   }
 
   std::string story_;
+
+protected:
+  int kept_ = 0;
+  int refused_by_validation_ = 0; // and kept
+  int dropped_ = 0;
 };
 
 } // namespace
@@ -144,6 +205,8 @@ TEST_F(edit_property, diffs_say_exactly_what_edits_did)
   for (uint64_t round = 0; round < rounds && !HasFailure(); round++) {
     run_round(seed + round);
   }
+  EXPECT_LE(dropped_ * 10, kept_); // by validations that took nodes out
+  EXPECT_TRUE(rounds < 300 || refused_by_validation_ > 0);
 }
 
 TEST_F(edit_property, replace_moves_as_few_entries_as_it_takes)
