@@ -1,59 +1,18 @@
-// Cutting data down to what a subtree filter selects: one walk marks what is selected by any of the filter's elements,
-// a second one frees what is not marked. Data elements are looked at once for each filter element that may select them,
-// which are found by name and, for the usual many entries of one list, by content.
+// Preparing a filter, and cutting parsed data down to what it selects: one walk marks, a second one frees what is not
+// marked.
 #include "ymgrd/datastore/ds_filter.h"
 
 #include <algorithm>
-#include <unordered_map>
 #include <utility>
 
-#include "libconf/wiped_string.h"
+#include "ymgrd/datastore/ds_filter_select.h"
 
 namespace {
 
-// --- Marks, in the elements' private field.
+// --- Parsed data. The marks are in the elements' private field.
 
-char mark_path;  // something below is selected
-char mark_whole; // all of it is selected
-
-void mark_on_path(lyxml_elem *elem)
-{
-  if (elem->_private == nullptr) {
-    elem->_private = &mark_path;
-  }
-}
-
-void mark_as_whole(lyxml_elem *elem)
-{
-  elem->_private = &mark_whole;
-}
-
-bool is_whole(const lyxml_elem *elem)
-{
-  return elem->_private == &mark_whole;
-}
-
-// Frees the siblings, and what is below them, that are not marked; takes the marks off. Whether any is left.
-bool drop_unmarked(lyxml_elem *first)
-{
-  bool any = false;
-  lyxml_elem *next = nullptr;
-  for (lyxml_elem *elem = first; elem != nullptr; elem = next) {
-    next = lyxml_next(elem);
-    void *mark = std::exchange(elem->_private, nullptr);
-    if (mark == nullptr) {
-      lyxml_free_elem(elem);
-      continue;
-    }
-    any = true;
-    if (mark == &mark_path) {
-      (void)drop_unmarked(lyxml_first_child(elem)); // something is left, or it would not be marked
-    }
-  }
-  return any;
-}
-
-// --- A filter's sibling list, prepared for look-ups.
+char mark_path;
+char mark_whole;
 
 // The text directly below: in place when it is one piece, as it is in leafs.
 std::string_view text_of(const lyxml_elem *elem, wiped_string *buffer)
@@ -69,50 +28,52 @@ std::string_view text_of(const lyxml_elem *elem, wiped_string *buffer)
   return *buffer;
 }
 
-// A name and a text, by which content match nodes and the data that fits them find each other.
-wiped_string content_key(const lyxml_elem *elem)
+struct parsed_data {
+  using elem_t = lyxml_elem;
+
+  static lyxml_elem *first_child(const lyxml_elem *elem) { return lyxml_first_child(elem); }
+  static lyxml_elem *next(const lyxml_elem *elem) { return lyxml_next(elem); }
+  static std::string_view name(const lyxml_elem *elem) { return lyxml_name(elem); }
+  static content_key_t content_key(const lyxml_elem *elem, wiped_string *buffer)
+  {
+    return {lyxml_name(elem), nc_clrwspace(text_of(elem, buffer))};
+  }
+  static bool fits(const lyxml_elem *refer, const lyxml_elem *node)
+  {
+    return lyxml_name(refer) == lyxml_name(node) && nc_nscmp(refer, node) == 0 && attrcmp(refer, node) == 0;
+  }
+  static filter_mark_t mark(const lyxml_elem *elem)
+  {
+    return elem->_private == &mark_whole ? MARK_WHOLE : elem->_private == &mark_path ? MARK_PATH : MARK_NONE;
+  }
+  static void set_mark(lyxml_elem *elem, filter_mark_t mark)
+  {
+    elem->_private = mark == MARK_WHOLE ? &mark_whole : mark == MARK_PATH ? &mark_path : nullptr;
+  }
+};
+
+// Frees the siblings, and what is below them, that are not marked; takes the marks off. Whether any is left.
+bool drop_unmarked(lyxml_elem *first)
 {
-  wiped_string buffer;
-  wiped_string key(lyxml_name(elem));
-  key.append(1, '\0').append(nc_clrwspace(text_of(elem, &buffer)));
-  return key;
+  bool any = false;
+  lyxml_elem *next = nullptr;
+  for (lyxml_elem *elem = first; elem != nullptr; elem = next) {
+    next = lyxml_next(elem);
+    filter_mark_t mark = parsed_data::mark(elem);
+    parsed_data::set_mark(elem, MARK_NONE);
+    if (mark == MARK_NONE) {
+      lyxml_free_elem(elem);
+      continue;
+    }
+    any = true;
+    if (mark == MARK_PATH) {
+      (void)drop_unmarked(lyxml_first_child(elem)); // something is left, or it would not be marked
+    }
+  }
+  return any;
 }
 
-bool fits(const lyxml_elem *refer, const lyxml_elem *node)
-{
-  return lyxml_name(refer) == lyxml_name(node) && nc_nscmp(refer, node) == 0 && attrcmp(refer, node) == 0;
-}
-
-struct content_hash_t {
-  size_t operator()(const wiped_string &key) const { return std::hash<std::string_view>()(key); }
-};
-template <class T>
-using content_map = std::unordered_multimap<wiped_string, T, content_hash_t>;
-
-} // namespace
-
-// A containment or selection node.
-struct filter_node_t {
-  const lyxml_elem *elem = nullptr;
-  std::unique_ptr<filter_siblings_t> below; // null for a selection node
-};
-
-// Filter siblings of one name.
-struct filter_group_t {
-  std::vector<const filter_node_t *> always;     // must be tried on each data element of the name
-  content_map<const filter_node_t *> by_content; // only on those with that child
-  std::vector<std::string_view> names;           // of these children
-};
-
-struct filter_siblings_t {
-  std::vector<const lyxml_elem *> matches; // content match nodes
-  content_map<size_t> match_index;         // the same by content; the positions in `matches`
-  std::vector<std::string_view> match_names;
-  std::vector<std::unique_ptr<filter_node_t>> nodes; // the others
-  std::unordered_map<std::string_view, filter_group_t> groups;
-};
-
-namespace {
+// --- A filter's sibling list, prepared for look-ups.
 
 void add_name(std::vector<std::string_view> *names, std::string_view name)
 {
@@ -130,6 +91,15 @@ ds_filter_elements elements_from(const lyxml_elem *first)
   return elements;
 }
 
+// The key of a content match node; its text lives as long as `siblings`.
+content_key_t kept_key(const lyxml_elem *elem, filter_siblings_t *siblings)
+{
+  wiped_string buffer;
+  content_key_t key = parsed_data::content_key(elem, &buffer);
+  key.text = siblings->texts.emplace_back(key.text);
+  return key;
+}
+
 std::unique_ptr<filter_siblings_t> prepare(const ds_filter_elements &elements)
 {
   auto siblings = std::make_unique<filter_siblings_t>();
@@ -137,7 +107,7 @@ std::unique_ptr<filter_siblings_t> prepare(const ds_filter_elements &elements)
     const lyxml_elem *child = lyxml_first_child(elem);
     wiped_string buffer;
     if (child == nullptr && !nc_clrwspace(text_of(elem, &buffer)).empty()) {
-      siblings->match_index.emplace(content_key(elem), siblings->matches.size());
+      siblings->match_index.emplace(kept_key(elem, siblings.get()), siblings->matches.size());
       siblings->matches.push_back(elem);
       add_name(&siblings->match_names, lyxml_name(elem));
       continue;
@@ -150,116 +120,12 @@ std::unique_ptr<filter_siblings_t> prepare(const ds_filter_elements &elements)
       group.always.push_back(node.get());
     } else {
       const lyxml_elem *match = node->below->matches.front();
-      group.by_content.emplace(content_key(match), node.get());
+      group.by_content.emplace(kept_key(match, siblings.get()), node.get());
       add_name(&group.names, lyxml_name(match));
     }
     siblings->nodes.push_back(std::move(node));
   }
   return siblings;
-}
-
-// --- Selection.
-
-class selector {
-public:
-  // Marks what the filter siblings select of the data siblings. Whether it is anything.
-  bool select(lyxml_elem *first, const filter_siblings_t &filter)
-  {
-    return filter.matches.empty() ? ds_filter_containment(first, filter) : ds_filter_leaf(first, filter);
-  }
-
-private:
-  bool ds_filter_containment(lyxml_elem *first, const filter_siblings_t &filter);
-  bool ds_filter_leaf(lyxml_elem *first, const filter_siblings_t &filter);
-  bool select_by(const filter_node_t &node, lyxml_elem *elem);
-  bool select_by_content(const filter_group_t &group, lyxml_elem *elem);
-};
-
-bool selector::select_by(const filter_node_t &node, lyxml_elem *elem)
-{
-  if (!fits(node.elem, elem)) {
-    return false;
-  }
-  if (node.below == nullptr) {
-    mark_as_whole(elem);
-    return true;
-  }
-  if (!select(lyxml_first_child(elem), *node.below)) {
-    return false;
-  }
-  mark_on_path(elem);
-  return true;
-}
-
-// By the filter siblings that want a child of a certain content.
-bool selector::select_by_content(const filter_group_t &group, lyxml_elem *elem)
-{
-  bool any = false;
-  if (group.names.empty()) {
-    return false;
-  }
-  for (const lyxml_elem *child = lyxml_first_child(elem); child != nullptr; child = lyxml_next(child)) {
-    if (std::find(group.names.begin(), group.names.end(), lyxml_name(child)) == group.names.end()) {
-      continue;
-    }
-    auto [begin, end] = group.by_content.equal_range(content_key(child));
-    for (auto found = begin; found != end; ++found) {
-      any |= select_by(*found->second, elem);
-    }
-  }
-  return any;
-}
-
-// Without content match nodes among the filter siblings: each selects by itself.
-bool selector::ds_filter_containment(lyxml_elem *first, const filter_siblings_t &filter)
-{
-  bool any = false;
-  for (lyxml_elem *elem = first; elem != nullptr; elem = lyxml_next(elem)) {
-    auto group = filter.groups.find(lyxml_name(elem));
-    if (group == filter.groups.end()) {
-      continue;
-    }
-    for (const filter_node_t *node : group->second.always) {
-      any |= !is_whole(elem) && select_by(*node, elem);
-    }
-    any |= !is_whole(elem) && select_by_content(group->second, elem);
-    any |= is_whole(elem);
-  }
-  return any;
-}
-
-// With content match nodes: all of them must hold, then they are selected, with what their siblings select; all data
-// siblings are when there are no filter siblings but content match nodes.
-bool selector::ds_filter_leaf(lyxml_elem *first, const filter_siblings_t &filter)
-{
-  std::vector<lyxml_elem *> matching;
-  std::vector<bool> holds(filter.matches.size());
-  size_t missing = holds.size();
-  for (lyxml_elem *elem = first; elem != nullptr; elem = lyxml_next(elem)) {
-    const auto &names = filter.match_names;
-    if (std::find(names.begin(), names.end(), lyxml_name(elem)) == names.end()) {
-      continue;
-    }
-    auto [begin, end] = filter.match_index.equal_range(content_key(elem));
-    for (auto found = begin; found != end; ++found) {
-      if (fits(filter.matches[found->second], elem)) {
-        matching.push_back(elem);
-        missing -= holds[found->second] ? 0 : 1;
-        holds[found->second] = true;
-      }
-    }
-  }
-  if (missing > 0) {
-    return false;
-  }
-  for (lyxml_elem *elem : matching) {
-    mark_as_whole(elem);
-  }
-  for (lyxml_elem *elem = filter.nodes.empty() ? first : nullptr; elem != nullptr; elem = lyxml_next(elem)) {
-    mark_as_whole(elem);
-  }
-  (void)ds_filter_containment(first, filter); // what holds is selected in any case
-  return true;
 }
 
 } // namespace
@@ -301,7 +167,7 @@ ds_prepared_filter::~ds_prepared_filter() = default;
 
 bool ncxml_subtree_filter(lyxml_elem *config, const ds_prepared_filter &filter)
 {
-  (void)selector().select(config, filter.siblings()); // the marks say what was selected
+  (void)selector<parsed_data>().select(config, filter.siblings()); // the marks say what was selected
   return drop_unmarked(config);
 }
 

@@ -10,12 +10,13 @@
 #include "ymgrd/database/database_element.h"
 #include "ymgrd/database/database_path.h"
 #include "ymgrd/datastore/dbkey.h"
+#include "ymgrd/datastore/ds_filter_text.h"
 
 namespace {
 
 // Reads of the database for one request; beyond that, what they have in common is read as a whole.
 constexpr size_t MAX_REMOTE_READS = 64;
-// Text that is parsed at once to be cut down: large trees are slow to make and to free.
+// Text that is cut down at once: what is known of its elements takes more memory than the text.
 constexpr size_t PIECE_BYTES = 65536;
 // Entries of a user-ordered list whose positions are looked up, each at the cost of a walk along the list.
 constexpr size_t MAX_POSITIONS = 64;
@@ -211,6 +212,16 @@ size_t end_of_element(std::string_view text, size_t pos)
   return std::min(pos, text.size());
 }
 
+// The end of the first elements that come to `enough` bytes.
+size_t end_of_elements(std::string_view text, size_t enough)
+{
+  size_t end = 0;
+  while (end < std::min(text.size(), enough)) {
+    end = end_of_element(text, end);
+  }
+  return end;
+}
+
 // Appends what the filter selects of the elements in `piece`, which inherit the namespace `ns`. 0 or -1.
 int cut_piece(std::string_view piece, std::string_view ns, const ds_prepared_filter &filter, wiped_string *text)
 {
@@ -232,17 +243,17 @@ int cut_text(std::string_view read, const plan_node_t &node, wiped_string *text)
   ds_prepared_filter filter(node.elements);
   const lysc_node *parent = node.step.schema == nullptr ? nullptr : lysc_data_parent(node.step.schema);
   std::string_view ns = parent == nullptr ? "" : parent->module->ns;
-  bool is_root = node.step.schema == nullptr;
-  size_t begin = 0;
-  while (begin < read.size()) {
-    size_t end = is_root ? read.size() : begin;
-    while (end < read.size() && end - begin < PIECE_BYTES) {
-      end = end_of_element(read, end);
+  ds_text_cutter cutter(filter, ns);
+  size_t enough = node.step.schema == nullptr ? read.size() : PIECE_BYTES;
+  while (!read.empty()) {
+    size_t taken = cutter.cut(read, enough, text);
+    if (taken == 0) { // markup of an anyxml, which may be anything: left to the parser
+      taken = end_of_elements(read, enough);
+      if (cut_piece(read.substr(0, taken), ns, filter, text) != 0) {
+        return -1;
+      }
     }
-    if (cut_piece(read.substr(begin, end - begin), ns, filter, text) != 0) {
-      return -1;
-    }
-    begin = end;
+    read.remove_prefix(taken);
   }
   return 0;
 }
