@@ -4,8 +4,9 @@
 #include <cstring>
 #include <map>
 
-#include <libxml/parser.h>
 #include <libxml/tree.h>
+
+#include "support/netconf_session.h"
 
 namespace property {
 
@@ -136,8 +137,7 @@ lines_t lines_of(const node_t &root)
 
 lines_t lines_of_reply(const schema &yang, const std::string &reply)
 {
-  std::unique_ptr<xmlDoc, void (*)(xmlDoc *)> document(
-      xmlReadMemory(reply.data(), static_cast<int>(reply.size()), nullptr, nullptr, XML_PARSE_NOERROR), xmlFreeDoc);
+  support::xml_document_ptr document = support::parse_xml(reply, support::xml_blanks::kept);
   const xmlNode *root = document == nullptr ? nullptr : xmlDocGetRootElement(document.get());
   const xmlNode *data = root == nullptr ? nullptr : root->children;
   if (data == nullptr || std::strcmp(reinterpret_cast<const char *>(data->name), "data") != 0) {
