@@ -12,20 +12,35 @@
 
 namespace support {
 
+void xml_document_delete::operator()(xmlDoc *document) const
+{
+  xmlFreeDoc(document);
+}
+
+xml_document_ptr parse_xml(const std::string &xml, xml_blanks blanks)
+{
+  int options = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_HUGE |
+                (blanks == xml_blanks::dropped ? XML_PARSE_NOBLANKS : 0);
+  int size = xml.size() > INT_MAX ? 0 : static_cast<int>(xml.size());
+  return xml_document_ptr(xmlReadMemory(xml.data(), size, nullptr, nullptr, options));
+}
+
+std::vector<const xmlNode *> child_elements(const xmlNode *node)
+{
+  std::vector<const xmlNode *> elements;
+  for (const xmlNode *child = node->children; child != nullptr; child = child->next) {
+    if (child->type == XML_ELEMENT_NODE) {
+      elements.push_back(child);
+    }
+  }
+  return elements;
+}
+
 namespace {
 
 constexpr size_t LONGEST_LINE = 4000; // of a frame that is printed
 
-typedef std::unique_ptr<xmlDoc, void (*)(xmlDoc *)> document_ptr;
-
-document_ptr parse(const std::string &xml)
-{
-  int options = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NOBLANKS | XML_PARSE_HUGE;
-  int size = xml.size() > INT_MAX ? 0 : static_cast<int>(xml.size());
-  return {xmlReadMemory(xml.data(), size, nullptr, nullptr, options), xmlFreeDoc};
-}
-
-const xmlNode *root_of(const document_ptr &document)
+const xmlNode *root_of(const xml_document_ptr &document)
 {
   return document == nullptr ? nullptr : xmlDocGetRootElement(document.get());
 }
@@ -46,24 +61,13 @@ std::string text_of(const xmlNode *node)
   return std::string(view(content.get()));
 }
 
-std::vector<const xmlNode *> elements_below(const xmlNode *parent)
-{
-  std::vector<const xmlNode *> elements;
-  for (const xmlNode *child = parent->children; child != nullptr; child = child->next) {
-    if (child->type == XML_ELEMENT_NODE) {
-      elements.push_back(child);
-    }
-  }
-  return elements;
-}
-
 // The node itself or the first one below it of that name.
 const xmlNode *find(const xmlNode *node, std::string_view name)
 {
   if (node == nullptr || view(node->name) == name) {
     return node;
   }
-  for (const xmlNode *child : elements_below(node)) {
+  for (const xmlNode *child : child_elements(node)) {
     if (const xmlNode *found = find(child, name); found != nullptr) {
       return found;
     }
@@ -124,7 +128,7 @@ std::string print(const xmlNode *node, std::string_view outer_namespace, sibling
 std::string print_children(const xmlNode *node, std::string_view outer_namespace, siblings order)
 {
   std::vector<std::string> parts;
-  for (const xmlNode *child : elements_below(node)) {
+  for (const xmlNode *child : child_elements(node)) {
     parts.push_back(print(child, outer_namespace, order));
   }
   return parts.empty() ? without_prefixes(text_of(node), node) : join(parts, order);
@@ -140,7 +144,7 @@ std::string cut(const std::string &line)
 
 std::optional<rpc_error_t> find_error(const std::string &reply)
 {
-  document_ptr document = parse(reply);
+  xml_document_ptr document = parse_xml(reply);
   const xmlNode *element = find(root_of(document), "rpc-error");
   if (element == nullptr) {
     return std::nullopt;
@@ -150,7 +154,7 @@ std::optional<rpc_error_t> find_error(const std::string &reply)
                                                                {"error-app-tag", &error.app_tag},
                                                                {"error-path", &error.path},
                                                                {"error-message", &error.message}};
-  for (const xmlNode *child : elements_below(element)) {
+  for (const xmlNode *child : child_elements(element)) {
     for (const auto &[name, field] : fields) {
       if (view(child->name) == name) {
         *field = text_of(child);
@@ -162,25 +166,25 @@ std::optional<rpc_error_t> find_error(const std::string &reply)
 
 bool is_ok(const std::string &reply)
 {
-  document_ptr document = parse(reply);
+  xml_document_ptr document = parse_xml(reply);
   const xmlNode *root = root_of(document);
   if (root == nullptr || view(root->name) != "rpc-reply") {
     return false;
   }
-  std::vector<const xmlNode *> children = elements_below(root);
+  std::vector<const xmlNode *> children = child_elements(root);
   return children.size() == 1 && view(children.front()->name) == "ok";
 }
 
 std::optional<std::string> find_text(const std::string &xml, std::string_view name)
 {
-  document_ptr document = parse(xml);
+  xml_document_ptr document = parse_xml(xml);
   const xmlNode *found = find(root_of(document), name);
   return found == nullptr ? std::nullopt : std::optional(text_of(found));
 }
 
 std::string normalize(const std::string &xml, siblings order)
 {
-  document_ptr document = parse(xml);
+  xml_document_ptr document = parse_xml(xml);
   const xmlNode *root = root_of(document);
   return root == nullptr ? xml : print(root, "", order);
 }
@@ -192,7 +196,7 @@ std::string normalize(const xmlNode *element, std::string_view outer_namespace, 
 
 std::string reply_data(const std::string &reply, siblings order)
 {
-  document_ptr document = parse(reply);
+  xml_document_ptr document = parse_xml(reply);
   const xmlNode *data = find(root_of(document), "data");
   return data == nullptr ? normalize(reply, order) : print_children(data, "", order);
 }

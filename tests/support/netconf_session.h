@@ -1,6 +1,7 @@
 // NETCONF sessions of a test, and what it asks of replies.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -11,6 +12,7 @@
 #include "client/client.h"
 #include "support/environment.h"
 
+struct _xmlDoc;
 struct _xmlNode;
 
 namespace support {
@@ -24,6 +26,15 @@ typedef struct _reply_error {
   std::string path;
   std::string message;
 } rpc_error_t;
+
+struct xml_document_delete {
+  void operator()(_xmlDoc *document) const;
+};
+typedef std::unique_ptr<_xmlDoc, xml_document_delete> xml_document_ptr;
+
+enum class xml_blanks { kept, dropped };                                                     // between elements
+xml_document_ptr parse_xml(const std::string &xml, xml_blanks blanks = xml_blanks::dropped); // null when it is none
+std::vector<const _xmlNode *> child_elements(const _xmlNode *node);
 
 std::optional<rpc_error_t> find_error(const std::string &reply); // nothing when the reply is no error
 bool is_ok(const std::string &reply);

@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <csignal>
-#include <map>
 #include <numeric>
-#include <set>
 #include <stdexcept>
 
 #include <hiredis/hiredis.h>
@@ -33,6 +31,20 @@ void collect(const redisReply *reply, std::vector<std::string> *texts)
   }
 }
 
+// All keys in one answer: key, type, number of texts, texts.
+constexpr char CONTENT_SCRIPT[] = R"(
+  local all = {}
+  for _, key in ipairs(redis.call('KEYS', '*')) do
+    local type = redis.call('TYPE', key).ok
+    local texts = type == 'hash' and redis.call('HGETALL', key)
+                  or type == 'list' and redis.call('LRANGE', key, 0, -1) or {redis.call('GET', key)}
+    for _, text in ipairs({key, type, tostring(#texts)}) do table.insert(all, text) end
+    for _, text in ipairs(texts) do table.insert(all, text) end
+  end
+  return all)";
+
+} // namespace
+
 std::string escaped(const std::string &bytes)
 {
   const char digits[] = "0123456789abcdef";
@@ -48,25 +60,6 @@ std::string escaped(const std::string &bytes)
   }
   return text;
 }
-
-// The content of one key as lines.
-std::string describe(const std::string &type, const std::vector<std::string> &content)
-{
-  if (type != "hash") {
-    std::string text;
-    for (const std::string &value : content) {
-      text += "  " + escaped(value) + "\n";
-    }
-    return text;
-  }
-  std::set<std::string> lines; // the server keeps no order
-  for (size_t i = 0; i + 1 < content.size(); i += 2) {
-    lines.insert("  " + escaped(content[i]) + " = " + escaped(content[i + 1]) + "\n");
-  }
-  return std::accumulate(lines.begin(), lines.end(), std::string());
-}
-
-} // namespace
 
 void redis_server::context_delete::operator()(redisContext *context) const
 {
@@ -148,18 +141,32 @@ std::vector<std::string> redis_server::command(int db, const std::vector<std::st
   return run(words);
 }
 
+std::map<std::string, redis_value_t> redis_server::content(int db)
+{
+  std::map<std::string, redis_value_t> values;
+  std::vector<std::string> all = command(db, {"EVAL", CONTENT_SCRIPT, "0"});
+  for (auto at = all.begin(); at != all.end();) {
+    auto begin = at + 3;
+    auto end = begin + std::stol(at[2]);
+    values[at[0]] = {at[1], {begin, end}};
+    at = end;
+  }
+  return values;
+}
+
 std::string redis_server::dump(int db)
 {
-  const std::map<std::string, std::vector<std::string>> readers = {
-      {"hash", {"HGETALL"}}, {"list", {"LRANGE", "0", "-1"}}, {"string", {"GET"}}};
-  std::vector<std::string> keys = command(db, {"KEYS", "*"});
-  std::sort(keys.begin(), keys.end());
   std::string text;
-  for (const std::string &key : keys) {
-    std::string type = run({"TYPE", key}).front();
-    std::vector<std::string> words = readers.at(type); // other types are not written by anybody: throws
-    words.insert(words.begin() + 1, key);
-    text += type + " " + escaped(key) + "\n" + describe(type, run(words));
+  for (const auto &[key, value] : content(db)) {
+    std::vector<std::string> lines;
+    size_t step = value.type == "hash" ? 2 : 1;
+    for (size_t i = 0; i < value.texts.size(); i += step) {
+      lines.push_back("  " + escaped(value.texts[i]) + (step == 2 ? " = " + escaped(value.texts[i + 1]) : "") + "\n");
+    }
+    if (step == 2) {
+      std::sort(lines.begin(), lines.end()); // the server keeps no order
+    }
+    text += std::accumulate(lines.begin(), lines.end(), value.type + " " + escaped(key) + "\n");
   }
   return text;
 }

@@ -1,6 +1,7 @@
 // A private Redis server, and an independent look into its databases.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,6 +14,14 @@ namespace support {
 
 // Whether the data outlives the server process (needed for tests that end Redis and start it again).
 enum class redis_data { lost_at_exit, kept };
+
+typedef struct _redis_value {
+  std::string type;               // hash, list, string
+  std::vector<std::string> texts; // of a hash: each field and its value, in no order
+} redis_value_t;
+
+// Bytes that do not print, and backslashes, give way to escapes.
+std::string escaped(const std::string &bytes);
 
 class redis_server {
 public:
@@ -28,7 +37,8 @@ public:
   // One command on its own in a database. The reply as texts: arrays are flattened, nil is nothing. Throws on an error
   // reply.
   std::vector<std::string> command(int db, const std::vector<std::string> &words);
-  // All keys of a database with type and content, sorted; bytes that do not print are escaped. For comparing databases.
+  std::map<std::string, redis_value_t> content(int db); // of all keys
+  // The same as text, sorted and escaped. For comparing databases.
   std::string dump(int db);
 
 private:

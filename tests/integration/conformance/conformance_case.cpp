@@ -4,9 +4,9 @@
 #include <map>
 #include <stdexcept>
 
-#include <libxml/parser.h>
-
 #include "support/environment.h"
+
+using support::child_elements;
 
 namespace {
 
@@ -119,12 +119,6 @@ void read_case(conformance_case_t *result)
 
 } // namespace
 
-xml_document_ptr parse_document(const std::string &xml)
-{
-  int options = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
-  return xml_document_ptr(xmlReadMemory(xml.data(), static_cast<int>(xml.size()), nullptr, nullptr, options));
-}
-
 std::string node_name(const xmlNode *node)
 {
   return reinterpret_cast<const char *>(node->name);
@@ -137,21 +131,10 @@ std::string attribute(const xmlNode *node, const char *name, const std::string &
   return value == nullptr ? fallback : reinterpret_cast<const char *>(value.get());
 }
 
-std::vector<const xmlNode *> child_elements(const xmlNode *node)
-{
-  std::vector<const xmlNode *> children;
-  for (const xmlNode *child = node->children; child != nullptr; child = child->next) {
-    if (child->type == XML_ELEMENT_NODE) {
-      children.push_back(child);
-    }
-  }
-  return children;
-}
-
 testing::AssertionResult load_case(const std::string &path, conformance_case_t *ret_case)
 {
   conformance_case_t result;
-  result.document = parse_document(support::read_file(path));
+  result.document = support::parse_xml(support::read_file(path), support::xml_blanks::kept);
   if (result.document == nullptr) {
     return testing::AssertionFailure() << path << " is no well-formed XML";
   }

@@ -1,12 +1,13 @@
 // A case file: what is sent in which session, and what is to come back. README.md describes the format.
 #pragma once
 
-#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <libxml/tree.h>
+
+#include "support/netconf_session.h"
 
 enum class step_kind {
   request,   // send, and compare the reply
@@ -25,21 +26,14 @@ typedef struct _conformance_step {
   int line = 0;
 } conformance_step_t;
 
-struct xml_document_delete {
-  void operator()(xmlDoc *document) const { xmlFreeDoc(document); }
-};
-using xml_document_ptr = std::unique_ptr<xmlDoc, xml_document_delete>;
-
 typedef struct _conformance_case {
-  xml_document_ptr document;
+  support::xml_document_ptr document;
   std::string start; // content of running before the first step; may be empty
   std::vector<conformance_step_t> steps;
 } conformance_case_t;
 
-xml_document_ptr parse_document(const std::string &xml);
 std::string node_name(const xmlNode *node);
 std::string attribute(const xmlNode *node, const char *name, const std::string &fallback = "");
-std::vector<const xmlNode *> child_elements(const xmlNode *node);
 
 // A failure says where the file is not of the format.
 testing::AssertionResult load_case(const std::string &path, conformance_case_t *ret_case);

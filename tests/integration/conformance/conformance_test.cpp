@@ -13,6 +13,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using support::child_elements;
 using support::netconf_session;
 using support::siblings;
 
@@ -183,7 +184,7 @@ void conformance::compare_error(const xmlNode *expected, const xmlNode *found, s
 // Elements that the protocol defines are written without namespace in cases.
 void conformance::compare(const conformance_step_t &step, const std::string &reply)
 {
-  xml_document_ptr document = parse_document(reply);
+  support::xml_document_ptr document = support::parse_xml(reply, support::xml_blanks::kept);
   const xmlNode *root = document == nullptr ? nullptr : xmlDocGetRootElement(document.get());
   std::string differences;
   if (step.kind == step_kind::datastore) {
@@ -256,9 +257,7 @@ void conformance::close(const std::string &name)
 
 void conformance::expect_ended(const conformance_step_t &step)
 {
-  ymgr_client_t *client = session(step.session).client();
-  bool is_ended = !ymgr_receive(client) && ymgr_last_error(client).find("closed") != std::string::npos;
-  if (!is_ended) {
+  if (!support::is_closed_by_daemon(session(step.session).client())) {
     ADD_FAILURE_AT(path_.c_str(), step.line) << "session " << step.session << " was not ended";
   }
   sessions_.erase(step.session);

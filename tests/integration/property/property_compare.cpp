@@ -4,32 +4,21 @@
 #include <cstring>
 #include <map>
 
-#include <libxml/parser.h>
 #include <libxml/tree.h>
+
+#include "support/netconf_session.h"
 
 namespace property {
 
 namespace {
+
+using support::escaped;
 
 // The name of a child in keys and lines: with its module where that changes.
 std::string segment(const node_t &parent, const lysc_node *child)
 {
   bool is_changed = parent.schema == nullptr || parent.schema->module != child->module;
   return is_changed ? std::string(child->module->name) + ":" + child->name : child->name;
-}
-
-std::string printable(const std::string &bytes)
-{
-  constexpr char digits[] = "0123456789abcdef";
-  std::string text;
-  for (unsigned char byte : bytes) {
-    if (byte < 0x20 || byte == '\\') {
-      text.append("\\x").append(1, digits[byte >> 4]).append(1, digits[byte & 15]);
-    } else {
-      text += static_cast<char>(byte);
-    }
-  }
-  return text;
 }
 
 void add_lines(const node_t &parent, const std::string &path, lines_t *lines)
@@ -41,12 +30,12 @@ void add_lines(const node_t &parent, const std::string &path, lines_t *lines)
     if (lysc_is_userordered(child.schema)) {
       orders[name] += " " + entry;
     }
-    std::string line = printable(name + entry + (is_inner(child.schema) ? "" : " = \"" + child.value + "\""));
+    std::string line = escaped(name + entry + (is_inner(child.schema) ? "" : " = \"" + child.value + "\""));
     lines->insert(lines->contains(line) ? "twice: " + line : line);
     add_lines(child, name + entry, lines);
   }
   for (const auto &[name, order] : orders) {
-    lines->insert(printable(name + " in this order:" + order));
+    lines->insert(escaped(name + " in this order:" + order));
   }
 }
 
@@ -86,7 +75,7 @@ enum value_type_t : int32_t { VALUE_SINGLE = 1, VALUE_LIST = 2 };
 
 std::string field_line(const std::string &key, const std::string &field, const std::string &value)
 {
-  return printable("hash " + key + " " + field + " = " + value);
+  return escaped("hash " + key + " " + field + " = " + value);
 }
 
 std::string field_line(const std::string &key, const std::string &field, value_type_t type, const std::string &text)
@@ -105,7 +94,7 @@ std::string list_line(const std::string &key, std::vector<std::string> entries, 
   for (const std::string &entry : entries) {
     text += " [" + entry + "]";
   }
-  return printable(text);
+  return escaped(text);
 }
 
 // "/module:top/x" is the key "/module/top/x"; the module's own key is "/module".
@@ -137,18 +126,6 @@ void add_stored(const node_t &parent, const std::string &parent_key, lines_t *li
   }
 }
 
-// All keys in one answer: key, type, number of texts, texts.
-constexpr char DUMP_SCRIPT[] = "local all = {} "
-                               "for _, key in ipairs(redis.call('KEYS', '*')) do "
-                               "  local type = redis.call('TYPE', key).ok "
-                               "  local texts = type == 'hash' and redis.call('HGETALL', key) "
-                               "                or redis.call('LRANGE', key, 0, -1) "
-                               "  for _, text in ipairs({key, type, tostring(#texts), unpack(texts)}) do "
-                               "    table.insert(all, text) "
-                               "  end "
-                               "end "
-                               "return all";
-
 } // namespace
 
 lines_t lines_of(const node_t &root)
@@ -160,8 +137,7 @@ lines_t lines_of(const node_t &root)
 
 lines_t lines_of_reply(const schema &yang, const std::string &reply)
 {
-  std::unique_ptr<xmlDoc, void (*)(xmlDoc *)> document(
-      xmlReadMemory(reply.data(), static_cast<int>(reply.size()), nullptr, nullptr, XML_PARSE_NOERROR), xmlFreeDoc);
+  support::xml_document_ptr document = support::parse_xml(reply, support::xml_blanks::kept);
   const xmlNode *root = document == nullptr ? nullptr : xmlDocGetRootElement(document.get());
   const xmlNode *data = root == nullptr ? nullptr : root->children;
   if (data == nullptr || std::strcmp(reinterpret_cast<const char *>(data->name), "data") != 0) {
@@ -184,22 +160,16 @@ lines_t stored_lines(const node_t &root)
 lines_t stored_lines(const schema &yang, support::redis_server *redis, int db)
 {
   lines_t lines;
-  std::set<std::string> keys;
-  std::vector<std::string> dump = redis->command(db, {"EVAL", DUMP_SCRIPT, "0"});
-  for (auto at = dump.begin(); at != dump.end();) {
-    const std::string key = *at++;
-    const std::string type = *at++;
-    std::vector<std::string> texts(at + 1, at + 1 + std::stol(*at));
-    at += 1 + static_cast<ptrdiff_t>(texts.size());
-    keys.insert(key);
-    if (type == "list") {
-      lines.insert(list_line(key, texts, yang.is_ordered(key.substr(key.rfind('/') + 1))));
+  const std::map<std::string, support::redis_value_t> content = redis->content(db);
+  for (const auto &[key, value] : content) {
+    if (value.type == "list") {
+      lines.insert(list_line(key, value.texts, yang.is_ordered(key.substr(key.rfind('/') + 1))));
     }
-    for (size_t i = 0; type == "hash" && key != "ymgrd-info" && i + 1 < texts.size(); i += 2) {
-      lines.insert(field_line(key, texts[i], texts[i + 1]));
+    for (size_t i = 0; value.type == "hash" && key != "ymgrd-info" && i < value.texts.size(); i += 2) {
+      lines.insert(field_line(key, value.texts[i], value.texts[i + 1]));
     }
   }
-  if (!keys.contains(std::string("/") + MODULE)) { // a module whose data is gone may keep its field
+  if (!content.contains(std::string("/") + MODULE)) { // a module whose data is gone may keep its field
     lines.erase(field_line("/", MODULE, VALUE_SINGLE, ""));
   }
   return lines;

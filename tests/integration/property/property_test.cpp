@@ -18,9 +18,6 @@ using property::lines_t;
 using property::node_t;
 using property::stored_lines;
 
-constexpr int STARTUP_DB = 2;
-constexpr int RUNNING_DB = 4;
-constexpr int CANDIDATE_DB = 6;
 constexpr uint64_t DEFAULT_SEED = 20260101;
 
 uint64_t number_from(const char *variable, uint64_t otherwise)
@@ -138,13 +135,12 @@ protected:
       const char *target;
       node_t *from;
       node_t *to;
-    } const copies[] = {{"running", "startup", &running, &startup},
-                        {"startup", "candidate", &startup, &candidate},
-                        {"running", "candidate", &running, &candidate},
-                        {"startup", "running", &startup, &running}};
+    } const copies[] = {{"<running/>", "startup", &running, &startup},
+                        {"<startup/>", "candidate", &startup, &candidate},
+                        {"<running/>", "candidate", &running, &candidate},
+                        {"<startup/>", "running", &startup, &running}};
     const auto &chosen = copies[random.pick(is_clean ? 4 : 3)]; // the last is refused while candidate has changes
-    ASSERT_TRUE(session->ok(std::string("<copy-config><target><") + chosen.target + "/></target><source><" +
-                            chosen.source + "/></source></copy-config>"));
+    ASSERT_TRUE(session->ok(support::copy_config(chosen.target, chosen.source)));
     *chosen.to = *chosen.from;
     if (chosen.to == &running) {
       candidate = running;

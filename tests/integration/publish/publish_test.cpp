@@ -52,17 +52,6 @@ TEST_F(publish, each_changed_entry_is_offered_once_by_priority_with_what_happene
   EXPECT_TRUE(holds("running", "<hostname>box</hostname>"));
 }
 
-TEST_F(publish, entries_put_elsewhere_are_offered_as_placed_or_moved)
-{
-  ASSERT_TRUE(session->ok(edit("<rule yang:insert=\"first\"><id>n</id></rule>")));
-  ASSERT_TRUE(session->ok(edit("<rule nc:operation=\"delete\"><id>a</id></rule>")));
-  ASSERT_TRUE(session->ok(edit("<rule><id>a</id></rule><rule><id>z</id></rule>")));
-  ASSERT_TRUE(session->ok(COMMIT));
-  EXPECT_EQ((texts{"20 17 1 /ex-sys:system/rule[id=\"n\"]", "20 16 1 /ex-sys:system/rule[id=\"a\"]",
-                   "20 1 0 /ex-sys:system/rule[id=\"z\"]", "30 8 0 /ex-sys:system"}),
-            take_offers());
-}
-
 TEST_F(publish, a_refused_commit_is_taken_back_in_reverse_order_and_leaves_running_as_it_was)
 {
   std::string before = tree(RUNNING_DB);

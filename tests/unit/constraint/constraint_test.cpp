@@ -31,7 +31,7 @@ int from_environment(const char *name, int preset)
 
 TEST_F(constraint, what_libyang_refuses_is_never_taken_for_valid)
 {
-  int rounds = from_environment("CONSTRAINT_ROUNDS", 400);
+  int rounds = from_environment("CONSTRAINT_ROUNDS", 2000);
   int seed = from_environment("CONSTRAINT_SEED", 1);
   for (bool stores_defaults : {false, true}) {
     constraint_fuzz fuzz(ctx.get(), static_cast<uint32_t>(seed), stores_defaults);
