@@ -9,12 +9,6 @@
 
 namespace {
 
-int refuse_with(reply_error_ptr *ret_error, int kind, const char *message)
-{
-  *ret_error = rpc_make_error(kind, message);
-  return -1;
-}
-
 // --- copy-config
 
 // How the target comes to its new content.
@@ -51,16 +45,16 @@ int read_parameters(copy_work_t *work, reply_error_ptr *ret_error)
   if (ds_get_src_and_dst(lyxml_first_child(work->rpc), &work->source, &work->target) != 0 ||
       work->source == ENUM_DATASTORE_ERROR || work->target == ENUM_DATASTORE_ERROR) {
     log_error("copy-config get source and target failed.");
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "invalid source or target.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "invalid source or target.");
   }
   if (work->target == ENUM_DATASTORE_CONFIG || work->target == ENUM_DATASTORE_URL || work->source == work->target ||
       work->source == ENUM_DATASTORE_URL) {
     log_error("edit-config get source and target failed.");
-    return refuse_with(ret_error, REPLY_ERR_INVALID_VALUE, "invalid source or target.");
+    return ds_fail(ret_error, REPLY_ERR_INVALID_VALUE, "invalid source or target.");
   }
   if (work->target == ENUM_DATASTORE_STARTUP && work->source != ENUM_DATASTORE_RUNNING) {
     log_error("target is startup and source is not running.");
-    return refuse_with(ret_error, REPLY_ERR_OP_NOT_SUPPORTED, "target is startup and source is not running.");
+    return ds_fail(ret_error, REPLY_ERR_OP_NOT_SUPPORTED, "target is startup and source is not running.");
   }
   return 0;
 }
@@ -69,11 +63,11 @@ int check_access(const copy_work_t &work, reply_error_ptr *ret_error)
 {
   if (ds_is_access(work.target, work.sid) == DS_ACCESS_DENIED) {
     log_error("Target datastore %d has been locked.", work.target);
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Target datastore has been locked.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Target datastore has been locked.");
   }
   if (ds_is_configured(work.target) != 0) {
     log_error("Target datastore cannot be configured.");
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Target datastore cannot be configured.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Target datastore cannot be configured.");
   }
   return 0;
 }
@@ -83,15 +77,15 @@ int open_target(copy_work_t *work, reply_error_ptr *ret_error)
   if (differ_nodes == nullptr && work->target == ENUM_DATASTORE_CANDIDATE && work->source != ENUM_DATASTORE_RUNNING &&
       database_copy(YMGRM_CANDIDATE_DB, YMGRM_RUNNING_DB) != 0) {
     log_error("copy running to candidate fail.");
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "copy running to candidate fail.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "copy running to candidate fail.");
   }
   if (work->target_db.open(work->target) != 0) {
     log_error("target ds %d not support.", work->target);
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Target datastore does not exist.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Target datastore does not exist.");
   }
   if (ds_lock_all_data(work->target_db.hdb(), DB_LOCK_WRITE, work->target_db.locks()) != 0) {
     log_error("get database lock fail. hdb(%d)", work->target_db.hdb());
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Get target database lock fail.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Get target database lock fail.");
   }
   return 0;
 }
@@ -100,11 +94,11 @@ int open_source(copy_work_t *work, reply_error_ptr *ret_error)
 {
   if (work->source_db.open(work->source) != 0) {
     log_error("source ds %d not support.", work->source);
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Source datastore does not exist.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Source datastore does not exist.");
   }
   if (ds_lock_all_data(work->source_db.hdb(), DB_LOCK_READ, work->source_db.locks()) != 0) {
     log_error("get database lock fail. hdb(%d)", work->source_db.hdb());
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Get source database lock fail.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Get source database lock fail.");
   }
   return 0;
 }
@@ -114,7 +108,7 @@ int start_transaction(copy_work_t *work, reply_error_ptr *ret_error)
   enter_state(*work, E_TRANS_PREPARE);
   if (work->target_db.start() != 0) {
     log_error("database trans start fail. hdb(%d)", work->target_db.hdb());
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "database trans start fail.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "database trans start fail.");
   }
   enter_state(*work, E_TRANS_PREPARE_END);
   return 0;
@@ -141,7 +135,7 @@ int ds_copy_all(copy_work_t *work, const char *failure, reply_error_ptr *ret_err
   request.config = work->config.tree.get();
   differ_node_t *tree = nullptr;
   if (edit_operations(request, &work->change.data, &tree, &work->change.written, ret_error) != 0) {
-    return *ret_error == nullptr ? refuse_with(ret_error, REPLY_ERR_OP_FAILED, failure) : -1;
+    return *ret_error == nullptr ? ds_fail(ret_error, REPLY_ERR_OP_FAILED, failure) : -1;
   }
   work->change.tree.reset(tree);
   return 0;
@@ -153,7 +147,7 @@ int copy_inside_database(copy_work_t *work, const char *failure, reply_error_ptr
 {
   work->way = COPY_DATABASE;
   if (database_copy(ds_to_db(work->target), ds_to_db(work->source)) != 0) {
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, failure);
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, failure);
   }
   return 0;
 }
@@ -161,7 +155,7 @@ int copy_inside_database(copy_work_t *work, const char *failure, reply_error_ptr
 int copy_stored_content(copy_work_t *work, const char *failure, reply_error_ptr *ret_error)
 {
   if (ds_db_get_data_from_top(work->source_db.hdb(), 0, "/", &work->config.tree) != 0) {
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, failure);
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, failure);
   }
   // What was stored long ago need not fit the schema of today.
   return validate_content(work, ret_error) != 0 ? -1 : ds_copy_all(work, failure, ret_error);
@@ -172,7 +166,7 @@ int copy_to_running(copy_work_t *work, reply_error_ptr *ret_error)
   if (differ_nodes != nullptr) {
     const char *message = "Some changes have not been committed. Copy-config can not be completed";
     log_error("%s", message);
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, message);
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, message);
   }
   if (work->source == ENUM_DATASTORE_CANDIDATE) {
     log_debug("copy candiate to running but candidate no change.");
@@ -201,7 +195,7 @@ int ds_copy_from_ds(copy_work_t *work, reply_error_ptr *ret_error)
     return copy_to_candidate(work, ret_error);
   default:
     log_error("copy-config target %d not support", work->target);
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "copy-config target not support");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "copy-config target not support");
   }
 }
 
@@ -213,7 +207,7 @@ int copy_datastore(copy_work_t *work, reply_error_ptr *ret_error)
   enter_state(*work, E_TRANS_DATA_EDIT);
   if (ds_copy_from_ds(work, ret_error) != 0) {
     log_error("copy from config to datastore %d failed.", work->target);
-    return *ret_error == nullptr ? refuse_with(ret_error, REPLY_ERR_OP_FAILED, "copy config fail.") : -1;
+    return *ret_error == nullptr ? ds_fail(ret_error, REPLY_ERR_OP_FAILED, "copy config fail.") : -1;
   }
   return 0;
 }
@@ -224,16 +218,16 @@ int ds_copy_from_config(copy_work_t *work, reply_error_ptr *ret_error)
 {
   if (work->target != ENUM_DATASTORE_RUNNING && work->target != ENUM_DATASTORE_CANDIDATE) {
     log_error("Copy-config target %d not support", work->target);
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "copy-config target not support");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "copy-config target not support");
   }
   if (work->target == ENUM_DATASTORE_RUNNING) {
     if (broker_is_publish_over() == -1) {
       log_error("The last publish configuration is not finished yet.");
-      return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "The last publish configuration is not finished yet.");
+      return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "The last publish configuration is not finished yet.");
     }
     if (differ_nodes != nullptr) {
       log_error("differ tree is not empty, must be published first");
-      return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "differ tree is not empty, must be published first");
+      return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "differ tree is not empty, must be published first");
     }
   }
   return ds_copy_all(work, "edit operation failed", ret_error);
@@ -259,7 +253,7 @@ int copy_config(copy_work_t *work, reply_error_ptr *ret_error)
   enter_state(*work, E_TRANS_DATA_EDIT);
   if (ds_copy_from_config(work, ret_error) != 0) {
     log_error("copy from config to datastore %d failed.", work->target);
-    return *ret_error == nullptr ? refuse_with(ret_error, REPLY_ERR_OP_FAILED, "copy from config fail.") : -1;
+    return *ret_error == nullptr ? ds_fail(ret_error, REPLY_ERR_OP_FAILED, "copy from config fail.") : -1;
   }
   log_debug("Copy from config finished.");
   return 0;
@@ -297,9 +291,9 @@ int finish(copy_work_t *work, bool *ret_deferred, reply_error_ptr *ret_error)
   switch (accept(work)) {
   case DS_COMMIT_FAILED:
     log_error("Commit %d fail.", work->target_db.hdb());
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Commit fail.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Commit fail.");
   case DS_PUBLISH_FAILED:
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Broker publish failed");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Broker publish failed");
   case DS_DEFERRED:
     log_debug("Publish for copy-config finished.");
     *ret_deferred = true;
@@ -313,7 +307,7 @@ int run_copy(copy_work_t *work, bool *ret_deferred, reply_error_ptr *ret_error)
 {
   work->erropt = datastore_get_erropt(work->rpc, error_option_copy);
   if (work->erropt == -1) {
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "error-option invalid.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "error-option invalid.");
   }
   if (open_target(work, ret_error) != 0) {
     return -1;

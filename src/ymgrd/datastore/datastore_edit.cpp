@@ -34,29 +34,23 @@ void enter_state(const edit_work_t &work, transact_state_e state)
   }
 }
 
-int refuse_with(reply_error_ptr *ret_error, int kind, const char *message)
-{
-  *ret_error = rpc_make_error(kind, message);
-  return -1;
-}
-
 int read_parameters(edit_work_t *work, reply_error_ptr *ret_error)
 {
   if (ds_get_src_and_dst(lyxml_first_child(work->rpc), nullptr, &work->target) != 0) {
     log_error("edit-config get source and target failed.");
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "invalid source or target.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "invalid source or target.");
   }
   if (work->target == ENUM_DATASTORE_CONFIG || work->target == ENUM_DATASTORE_URL) {
     log_error("edit-config get source and target failed.");
-    return refuse_with(ret_error, REPLY_ERR_INVALID_VALUE, "invalid source or target.");
+    return ds_fail(ret_error, REPLY_ERR_INVALID_VALUE, "invalid source or target.");
   }
   if (work->target == ENUM_DATASTORE_ERROR) {
     log_error("edit-config get source and target failed.");
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "invalid source or target.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "invalid source or target.");
   }
   work->test_option = datastore_get_test_option(work->rpc);
   if (work->test_option == NC_TEST_OPTION_ERROR) {
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "test-option invalid.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "test-option invalid.");
   }
   return 0;
 }
@@ -65,11 +59,11 @@ int check_access(const edit_work_t &work, reply_error_ptr *ret_error)
 {
   if (ds_is_access(work.target, work.sid) == DS_ACCESS_DENIED) {
     log_error("Target datastore has been locked.");
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Target datastore has been locked.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Target datastore has been locked.");
   }
   if (ds_is_configured(work.target) != 0) {
     log_error("Target datastore cannot be configured.");
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Target datastore cannot be configured.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Target datastore cannot be configured.");
   }
   return 0;
 }
@@ -78,11 +72,11 @@ int read_options(edit_work_t *work, reply_error_ptr *ret_error)
 {
   work->erropt = datastore_get_erropt(work->rpc, error_option);
   if (work->erropt == -1) {
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "error-option invalid.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "error-option invalid.");
   }
   work->default_operation = datastore_get_default_operation(work->rpc);
   if (work->default_operation == NC_EDIT_OP_ERROR) {
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "default-operation invalid.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "default-operation invalid.");
   }
   return 0;
 }
@@ -92,11 +86,11 @@ int open_target(edit_work_t *work, reply_error_ptr *ret_error)
   if (differ_nodes == nullptr && work->target == ENUM_DATASTORE_CANDIDATE &&
       database_copy(YMGRM_CANDIDATE_DB, YMGRM_RUNNING_DB) != 0) {
     log_error("copy running to candidate fail.");
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "copy running to candidate fail.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "copy running to candidate fail.");
   }
   if (work->db.open(work->target) != 0) {
     log_error("target ds %d not support.", work->target);
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Target datastore does not exist.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Target datastore does not exist.");
   }
   return 0;
 }
@@ -120,12 +114,12 @@ int lock_and_start(edit_work_t *work, reply_error_ptr *ret_error)
                      : ds_lock_data(work->config.tree.get(), hdb, DB_LOCK_WRITE, work->db.locks());
   if (locked != 0) {
     log_error("get database lock fail. hdb(%d)", hdb);
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "get database lock fail.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "get database lock fail.");
   }
   enter_state(*work, E_TRANS_PREPARE);
   if (work->db.start() != 0) {
     log_error("database trans start fail. hdb(%d)", hdb);
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "get database lock fail.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "get database lock fail.");
   }
   enter_state(*work, E_TRANS_PREPARE_END);
   return 0;
@@ -174,11 +168,11 @@ int edit_running(edit_work_t *work, reply_error_ptr *ret_error)
 {
   if (broker_is_publish_over() == -1) {
     log_error("The last publish configuration is not finished yet.");
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "The last publish configuration is not finished yet.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "The last publish configuration is not finished yet.");
   }
   if (differ_nodes != nullptr) {
     log_error("differ tree is not empty, must be published first");
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Candidate database is different from running database.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Candidate database is different from running database.");
   }
   return apply_edit(work, ret_error, "edit operation failed.", REPLY_ERR_INVALID_VALUE);
 }
@@ -188,14 +182,14 @@ int ds_edit_check(edit_work_t *work, reply_error_ptr *ret_error)
   switch (work->target) {
   case ENUM_DATASTORE_STARTUP:
     log_error("startup can not be edit by edit-config");
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "startup can not be edit by edit-config");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "startup can not be edit by edit-config");
   case ENUM_DATASTORE_CANDIDATE:
     return apply_edit(work, ret_error, nullptr, REPLY_ERR_OP_FAILED);
   case ENUM_DATASTORE_RUNNING:
     return edit_running(work, ret_error);
   default:
     log_error("copy-config target %d not support", work->target);
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "copy-config target not support");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "copy-config target not support");
   }
 }
 
@@ -211,7 +205,7 @@ int accept_edit(edit_work_t *work, bool *ret_deferred, reply_error_ptr *ret_erro
   switch (accepted) {
   case DS_COMMIT_FAILED:
     log_error("commit %d fail.", work->db.hdb());
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Commit fail.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Commit fail.");
   case DS_PUBLISH_FAILED:
     ret_error->reset(rpc_create_error(REPLY_ERR_OP_FAILED));
     return -1;

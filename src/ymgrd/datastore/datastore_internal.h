@@ -199,6 +199,8 @@ public:
   ~ds_long_parse();
 };
 
+// Gives the caller an error with a message, if it wants one (`ret_error` may be null). Always -1.
+int ds_fail(reply_error_ptr *ret_error, int kind, const std::string &message);
 // An error reply with a message; logs the failure of building or sending. Always -1.
 int ds_refuse(int sid, const lyxml_elem *rpc, int kind, const std::string &message);
 

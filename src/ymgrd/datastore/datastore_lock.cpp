@@ -35,18 +35,10 @@ const char *title_of(int target)
   return row == nullptr ? "unknown" : row->title;
 }
 
-int refuse_with(reply_error_ptr *ret_error, int kind, const std::string &message)
-{
-  if (ret_error != nullptr) {
-    *ret_error = rpc_make_error(kind, message);
-  }
-  return -1;
-}
-
 // lock-denied names the holder, 0 for none (RFC 6241, appendix A).
 int deny_lock(reply_error_ptr *ret_error, int holder, const std::string &message)
 {
-  (void)refuse_with(ret_error, REPLY_ERR_LOCK_DENIED, message);
+  (void)ds_fail(ret_error, REPLY_ERR_LOCK_DENIED, message);
   if (ret_error != nullptr && *ret_error != nullptr) {
     std::string info = "<session-id>" + std::to_string(holder) + "</session-id>";
     rpc_set_error_field(ret_error->get(), REPLY_ERR_FIELD_INFO, info.c_str());
@@ -94,12 +86,12 @@ int read_target(const lyxml_elem *rpc, const lock_words_t &words, int *ret_targe
   if (ds_get_src_and_dst(lyxml_first_child(rpc), nullptr, &target) != 0 || target == ENUM_DATASTORE_ERROR) {
     std::string message = std::string(words.name) + " get target failed.";
     log_error("%s", message.c_str());
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, message);
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, message);
   }
   const lockable_t *row = find_lockable(target);
   if (row == nullptr) {
     log_error("edit-config get source and target failed.");
-    return refuse_with(ret_error, REPLY_ERR_INVALID_VALUE, "invalid source or target.");
+    return ds_fail(ret_error, REPLY_ERR_INVALID_VALUE, "invalid source or target.");
   }
   log_info("%s %s.", row->name, words.name);
   *ret_target = target;
@@ -149,7 +141,7 @@ int lock_operation(int sid, int target, reply_error_ptr *ret_error)
   if (ds_set_lock_time(target, now.c_str()) != 0) {
     log_error("datastore locktime synchronisation failed.");
     (void)ds_set_lock_state(target, 0); // what is refused is not held
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Datastore locktime synchronisation failed.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Datastore locktime synchronisation failed.");
   }
   return 0;
 }
@@ -160,24 +152,24 @@ int unlock_operation(int sid, int target, reply_error_ptr *ret_error)
   switch (ds_is_access(target, sid)) {
   case DS_ACCESS_DENIED:
     log_error("Target datastore is locked by another session.");
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Target datastore is locked by another session.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Target datastore is locked by another session.");
   case DS_ACCESS_FREE:
     log_warn("Target datastore is not locked.");
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Target datastore is not locked.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Target datastore is not locked.");
   default:
     break;
   }
   if (target == ENUM_DATASTORE_CANDIDATE && ds_set_modify_status(target, 0) != 0) {
     log_error("failed to mark candidate as not modified.");
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Failed to mark candidate as not modified.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Failed to mark candidate as not modified.");
   }
   if (ds_set_lock_state(target, 0) != 0) {
     log_error("datastore lock synchronisation failed when unlock.");
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Datastore lock synchronisation failed when unlock.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Datastore lock synchronisation failed when unlock.");
   }
   if (ds_set_lock_time(target, "") != 0) {
     log_error("datastore locktime synchronisation failed when unlock.");
-    return refuse_with(ret_error, REPLY_ERR_OP_FAILED, "Datastore locktime synchronisation failed when unlock.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Datastore locktime synchronisation failed when unlock.");
   }
   return 0;
 }

@@ -105,34 +105,30 @@ struct commit_databases_t {
 
 int open_for_commit(int sid, commit_databases_t *databases, reply_error_ptr *ret_error)
 {
-  auto refuse = [ret_error](int kind, const char *message) {
-    *ret_error = rpc_make_error(kind, message);
-    return -1;
-  };
   if (databases->candidate.open(ENUM_DATASTORE_CANDIDATE) != 0) {
     log_error("Target datastore candidate can't open.");
-    return refuse(REPLY_ERR_OP_FAILED, "Target datastore candidate can't open.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Target datastore candidate can't open.");
   }
   if (ds_lock_all_data(databases->candidate.hdb(), DB_LOCK_READ, databases->candidate.locks()) != 0) {
     log_error("Get database candidate lock fail.");
-    return refuse(REPLY_ERR_OP_FAILED, "Get target database candidate lock fail.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Get target database candidate lock fail.");
   }
   if (ds_is_access(ENUM_DATASTORE_RUNNING, sid) == DS_ACCESS_DENIED) {
     log_error("Target datastore running has been locked.");
-    return refuse(REPLY_ERR_IN_USE, "Target datastore running has been locked.");
+    return ds_fail(ret_error, REPLY_ERR_IN_USE, "Target datastore running has been locked.");
   }
   (void)database_set_transaction_state(ENUM_DATASTORE_CANDIDATE, E_TRANS_PUB);
   if (databases->running.open(ENUM_DATASTORE_RUNNING) != 0) {
     log_error("target ds running can't open.");
-    return refuse(REPLY_ERR_OP_FAILED, "Target datastore running can't open.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Target datastore running can't open.");
   }
   if (ds_lock_all_data(databases->running.hdb(), DB_LOCK_WRITE, databases->running.locks()) != 0) {
     log_error("get database running lock fail.");
-    return refuse(REPLY_ERR_OP_FAILED, "Get target database running lock fail.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "Get target database running lock fail.");
   }
   if (databases->running.start() != 0) {
     log_error("database running trans start fail.");
-    return refuse(REPLY_ERR_OP_FAILED, "database running trans start fail.");
+    return ds_fail(ret_error, REPLY_ERR_OP_FAILED, "database running trans start fail.");
   }
   return 0;
 }

@@ -183,6 +183,14 @@ ds_long_parse::~ds_long_parse()
   ymgrd_send_keepalive_msg(0, 0);
 }
 
+int ds_fail(reply_error_ptr *ret_error, int kind, const std::string &message)
+{
+  if (ret_error != nullptr) {
+    *ret_error = rpc_make_error(kind, message);
+  }
+  return -1;
+}
+
 int ds_refuse(int sid, const lyxml_elem *rpc, int kind, const std::string &message)
 {
   return rpc_answer_error(sid, rpc, rpc_make_error(kind, message));
