@@ -18,16 +18,21 @@ const lyd_value *real_value(const lyd_node *node)
 
 std::string any_text(const lyd_node *node)
 {
-  char *text = nullptr;
-  if (lyd_any_value_str(node, &text) != LY_SUCCESS || text == nullptr) {
+  const auto *any = reinterpret_cast<const lyd_node_any *>(node);
+  char *printed = nullptr;
+  // Elements are printed as they were sent: indentation would become part of mixed content.
+  LY_ERR result = any->value_type == LYD_ANYDATA_DATATREE
+                      ? lyd_print_mem(&printed, any->value.tree, LYD_XML, LYD_PRINT_SHRINK | LYD_PRINT_WITHSIBLINGS)
+                      : lyd_any_value_str(node, &printed);
+  c_string_ptr text(printed);
+  if (result != LY_SUCCESS || text == nullptr) {
     return {};
   }
-  c_string_ptr owner(text);
-  if (reinterpret_cast<const lyd_node_any *>(node)->value_type != LYD_ANYDATA_STRING) {
-    return text; // printed as markup
+  if (any->value_type != LYD_ANYDATA_STRING) {
+    return text.get(); // markup already
   }
   wiped_string markup;
-  handle_special_key(&markup, text, DB_XML_ESCAPE);
+  handle_special_key(&markup, text.get(), DB_XML_ESCAPE);
   return std::string(markup);
 }
 

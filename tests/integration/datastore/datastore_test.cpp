@@ -89,3 +89,10 @@ TEST_F(datastore, entries_that_fill_several_pieces_are_read_whole)
     }
   }
 }
+
+TEST_F(datastore, mixed_content_of_an_anyxml_gains_no_blanks)
+{
+  const std::string content = "<x xmlns=\"urn:v\">1 &lt; 2<y/></x>";
+  ASSERT_TRUE(session->ok(edit("<vendor-data>" + content + "</vendor-data>")));
+  EXPECT_TRUE(holds("candidate", content));
+}
