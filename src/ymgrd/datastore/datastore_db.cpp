@@ -1,5 +1,6 @@
 // Access of the datastore operations to their databases: opening, locking, transactions, and the one way to read.
 #include <utility>
+#include <vector>
 
 #include "ymgrd/core/keepalive.h"
 #include "ymgrd/core/log.h"
@@ -102,13 +103,18 @@ void mark_all_explicit(lyd_node *first)
   }
 }
 
-size_t count_nodes(const lyd_node *first)
+// In the `priv` of the nodes that stood in a tree before its validation; what libyang adds has none.
+char stood_before;
+
+// How many nodes there are.
+size_t mark_nodes(lyd_node *first)
 {
   size_t count = 0;
-  for (const lyd_node *root = first; root != nullptr; root = root->next) {
-    const lyd_node *node = nullptr;
+  for (lyd_node *root = first; root != nullptr; root = root->next) {
+    lyd_node *node = nullptr;
     LYD_TREE_DFS_BEGIN(root, node)
     {
+      node->priv = node->priv == nullptr ? &stood_before : node->priv;
       count++;
       LYD_TREE_DFS_END(root, node);
     }
@@ -116,17 +122,63 @@ size_t count_nodes(const lyd_node *first)
   return count;
 }
 
-// After a validation that changed the tree: what it added goes. Null when that is not all that it did.
-void restore_validated(lyd_tree_ptr *data, const lyd_node *changes, size_t count_before)
+void unmark_nodes(lyd_node *first)
 {
-  if (find_deleted(changes) == nullptr) {
-    ds_drop_implicit(data, changes);
-    mark_all_explicit(data->get()); // validation looks for empty containers too
+  for (lyd_node *root = first; root != nullptr; root = root->next) {
+    lyd_node *node = nullptr;
+    LYD_TREE_DFS_BEGIN(root, node)
+    {
+      node->priv = node->priv == &stood_before ? nullptr : node->priv;
+      LYD_TREE_DFS_END(root, node);
+    }
   }
-  if (count_nodes(data->get()) != count_before) {
+}
+
+// The nodes without mark, not those below them; counts the marked ones.
+std::vector<lyd_node *> find_added(lyd_node *first, size_t *ret_marked)
+{
+  std::vector<lyd_node *> added;
+  size_t marked = 0;
+  for (lyd_node *root = first; root != nullptr; root = root->next) {
+    lyd_node *node = nullptr;
+    LYD_TREE_DFS_BEGIN(root, node)
+    {
+      if (node->priv == nullptr) {
+        added.push_back(node);
+        LYD_TREE_DFS_continue = 1;
+      } else {
+        marked++;
+      }
+      LYD_TREE_DFS_END(root, node);
+    }
+  }
+  *ret_marked = marked;
+  return added;
+}
+
+void free_in_tree(lyd_tree_ptr *data, lyd_node *node)
+{
+  if (node == data->get()) {
+    (void)data->release(); // freed below; its successor becomes the first node
+    data->reset(node->next);
+  }
+  lyd_free_tree(node);
+}
+
+// After a validation that failed: what it added goes. Null when it also took something away, which it need not report.
+void restore_validated(lyd_tree_ptr *data, size_t count_before)
+{
+  size_t count = 0;
+  for (lyd_node *node : find_added(data->get(), &count)) {
+    free_in_tree(data, node);
+  }
+  if (count != count_before) {
     log_debug("Validation changed the configuration, it is read anew.");
     data->reset();
+    return;
   }
+  unmark_nodes(data->get());
+  mark_all_explicit(data->get()); // validation looks for empty containers too
 }
 
 } // namespace
@@ -264,11 +316,7 @@ void ds_drop_implicit(lyd_tree_ptr *data, const lyd_node *created)
       lyd_node *implicit = find_implicit(data->get(), node);
       if (implicit != nullptr) {
         LYD_TREE_DFS_continue = 1; // all below goes with it
-        if (implicit == data->get()) {
-          (void)data->release(); // freed below; its successor becomes the first node
-          data->reset(implicit->next);
-        }
-        lyd_free_tree(implicit);
+        free_in_tree(data, implicit);
       }
       LYD_TREE_DFS_END(root, node);
     }
@@ -285,7 +333,7 @@ int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *re
   ymgrd_send_keepalive_msg(0, 0);
   ymgrd_send_keepalive_msg(VALIDATION_WARN_SECONDS, VALIDATION_KILL_SECONDS);
   ds_clear_yang_errors();
-  size_t count = count_nodes(data->get());
+  size_t count = mark_nodes(data->get());
   lyd_node *tree = data->release(); // validation may replace the first node
   lyd_node *changes = nullptr;
   LY_ERR result = lyd_validate_all(&tree, schema_ctx(), LYD_VALIDATE_NO_STATE | LYD_VALIDATE_PRESENT, &changes);
@@ -295,9 +343,10 @@ int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *re
   if (result != LY_SUCCESS) {
     *ret_error = rpc_make_error(ds_error_kind(invalid_kind, invalid_kind), "validation failed");
     ds_add_path_and_msg(ret_error->get());
-    restore_validated(data, changes, count);
+    restore_validated(data, count);
     return -1;
   }
+  unmark_nodes(data->get());
   const lyd_node *lost = find_deleted(changes);
   if (lost != nullptr) {
     *ret_error = when_error(lost);
