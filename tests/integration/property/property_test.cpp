@@ -222,3 +222,17 @@ TEST_F(random_edits, leave_the_data_that_the_model_says)
   }
   EXPECT_GT(largest, 50U) << "the data stayed too small to say anything";
 }
+
+// libyang takes the node out while it finds another one to refuse, and puts in as many that it implies.
+TEST_F(random_edits, refused_edit_gives_a_node_back_whose_condition_it_made_false)
+{
+  auto edit = [](const std::string &content) {
+    return support::edit_config("candidate", "<top xmlns=\"urn:prop\">" + content + "</top>");
+  };
+  ASSERT_TRUE(session->ok(edit("<banner>true</banner><settings><deep/></settings><pool/>")));
+  ASSERT_TRUE(session->ok(edit("<number>1</number>"))); // validated again: the condition is known to have held
+  std::string before = session->rpc(support::get_config("candidate"));
+  ASSERT_NE(before.find("<banner-size>"), std::string::npos);
+  EXPECT_FALSE(session->error(edit("<banner>false</banner><banner-text>x</banner-text>")).tag.empty());
+  EXPECT_EQ(support::reply_data(session->rpc(support::get_config("candidate"))), support::reply_data(before));
+}
