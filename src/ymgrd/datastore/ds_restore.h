@@ -1,0 +1,15 @@
+// What plugins are told beside the changes of an edit: the whole configuration (restore), and what an interrupted
+// publication may have left half-done in them (smooth start).
+#pragma once
+
+#include "ymgrd/broker/differ_tree.h"
+
+// Running as a diff tree of new nodes; null for an empty datastore. Borrowed until ds_free_cfgr_differ. 0 or -1.
+int ds_get_cfgr_differ(differ_node_t **ret_tree);
+void ds_free_cfgr_differ();
+
+// The changes that a publication was handing out when the daemon was killed, said so that a plugin comes to what
+// running holds now: a node that stands is ADD, MOD or MOVE, one that does not REM. Null when there are none.
+differ_node_t *ds_smooth_differ();
+// Ends the smooth start, if one is on: plugins that come now are restored. Every operation of a client ends it.
+void ds_end_smooth_start();
