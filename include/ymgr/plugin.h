@@ -51,7 +51,7 @@ typedef enum _ECONF_CONFIG_OPER_TYPE {
   CONFIG_OP_CHAIN = 8,        /* itself as it was, something below it changed */
   CONFIG_OP_MOVE = 16,        /* an entry of a user-ordered list stands elsewhere: ymgr_plugin_locate() tells where */
   CONFIG_OP_CFGR = 16384,     /* restore: running is handed over whole, after the plugin has started */
-  CONFIG_OP_ROLLBACK = 32768, /* the change with the other bits is to be taken back: old and new data are swapped */
+  CONFIG_OP_ROLLBACK = 32768, /* the change that the other bits name is to be taken back, to YMGR_OLD */
   CONFIG_OP_SMOOTH = 65536    /* after the daemon was cut off: bring this node to what running holds now */
 } ECONF_CONFIG_OPER_TYPE;
 
