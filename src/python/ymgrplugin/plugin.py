@@ -2,10 +2,12 @@
 
 from __future__ import annotations
 
+import argparse
 import enum
 import logging
 import os
 import select
+import signal
 import socket
 import threading
 import time
@@ -234,6 +236,22 @@ class Plugin:
                 self.process()
         finally:
             self._disconnect()
+
+    def main(self) -> int:
+        """For a program that does nothing else: reads "--run-dir DIR", logs to standard error, runs until SIGTERM or
+        SIGINT. Gives the exit status."""
+        parser = argparse.ArgumentParser(description=f"The plugin {self.name}.")
+        parser.add_argument("--run-dir", default=self.run_dir, help="the daemon's run directory (%(default)s)")
+        self.run_dir = parser.parse_args().run_dir
+        logging.basicConfig(level=logging.INFO, format="%(name)s: %(levelname)s: %(message)s")
+        for number in (signal.SIGTERM, signal.SIGINT):
+            signal.signal(number, lambda *_: self.stop())
+        try:
+            self.run()
+        except PluginError as error:
+            log.error("%s", error)
+            return 1
+        return 0
 
     def stop(self) -> None:
         """Ends run(). May be called from a signal handler or another thread."""
