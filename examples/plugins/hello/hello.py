@@ -1,19 +1,27 @@
 #!/usr/bin/env python3
-"""Greets the hostname, and refuses one."""
+"""Greets whom the configuration names: what hello.c does, in Python."""
 
 import sys
 
-from ymgrplugin import Change, Plugin, Reject
+from ymgrplugin import Change, Element, Namespace, Op, Plugin, Query, Reject
 
-plugin = Plugin("hello-python")
+HELLO = Namespace("urn:ex-hello")
+plugin = Plugin("hello")
+greeting = "Hello"
 
 
-@plugin.config("/ex-sys:system/hostname", priority=10)
-def hostname_changed(change: Change) -> None:
-    name = plugin.value(change.path)
+@plugin.config("/ex-hello:hello/name", priority=10)
+def name_changed(change: Change) -> None:
+    global greeting
+    name = plugin.value("/ex-hello:hello/name", old=Op.ROLLBACK in change.oper_type)
     if name == "nobody":
-        raise Reject("nobody is not a name", code=7)
-    print(f"{change.path}: {change.oper_type!r}: hello, {name or 'you without a name'}", flush=True)
+        raise Reject("nobody is not greeted", code=2)
+    greeting = f"Hello, {name}" if name else "Hello"
+
+
+@plugin.status("/ex-hello:hello/greeting")
+def tell_greeting(_: Query) -> Element:
+    return HELLO("hello", HELLO("greeting", greeting))
 
 
 if __name__ == "__main__":
