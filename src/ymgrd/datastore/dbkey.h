@@ -66,6 +66,13 @@ std::string dbkey_data_key(const lyd_node *node);
 // The schema key, computed once for each schema node and interned in the context's dictionary; valid until
 // dbkey_release. Null on failure (logged).
 const char *dbkey_schema_key(const lysc_node *schema);
+// The schema node of a data or schema path: "/MODULE:TOP/child/OTHERMODULE:child". Predicates and "[]" are ignored;
+// names of choices and cases may stand or be left out, each by itself; the first step may name an RPC. Where the module
+// changes its name may be left out as long as only one child has that name. A data node is preferred to a choice or
+// case of the same name. Null with `*ret_error` naming the step that is unknown: "/m:a/b: m:a has no child b".
+const lysc_node *dbkey_find_path(std::string_view path, std::string *ret_error); // in the daemon's schema
+const lysc_node *dbkey_find_path(const ly_ctx *ctx, std::string_view path, std::string *ret_error);
+
 // Forgets all schema keys and shorthand cases: to be called before the libyang context is destroyed.
 void dbkey_release();
 
