@@ -48,9 +48,11 @@ static void notify(link_state_t *state, const char *name, uint8_t oper_status)
                  "<link-change xmlns=\"" INTERFACES_NAMESPACE
                  "\"><name>%s</name><oper-status>%s</oper-status></link-change>",
                  name, link_oper_status_name(oper_status));
-  if (ymgr_plugin_notify(state->plugin, event) != 0) {
-    log_failure("an event was not sent", ymgr_plugin_error(state->plugin));
+  int is_unheard = ymgr_plugin_notify(state->plugin, event) != 0;
+  if (is_unheard && !state->is_unheard) { /* once, however many follow */
+    log_failure("events do not reach the daemon", ymgr_plugin_error(state->plugin));
   }
+  state->is_unheard = is_unheard;
 }
 
 static void forget_link(link_state_t *state, int index)

@@ -20,6 +20,7 @@ typedef struct link_state {
   size_t known_count;
   size_t known_capacity;
   int is_incomplete; /* events were lost: all is to be read anew */
+  int is_unheard;    /* the last event did not reach the daemon */
   int was_ready;
   int is_all_unsaid; /* what the daemon was told last is not what it is to hold, beyond single interfaces */
 } link_state_t;

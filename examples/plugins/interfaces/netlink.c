@@ -47,6 +47,7 @@ void nl_close(nl_t *nl)
 
 struct nlmsghdr *nl_request(char *buffer, uint16_t type, uint16_t flags, size_t header_length, void **ret_header)
 {
+  memset(buffer, 0, NL_REQUEST_MAX); /* attributes are padded with what is there */
   struct nlmsghdr *request = mnl_nlmsg_put_header(buffer);
   request->nlmsg_type = type;
   request->nlmsg_flags = NLM_F_REQUEST | flags;
