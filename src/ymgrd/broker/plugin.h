@@ -21,4 +21,4 @@ int plugin_subscribe_status(int plugin_id, const plugin_subscibe_info_t *info, i
 int plugin_service_sock(); // -1 before the plugin service is open
 int plugin_service_wakeup(uint32_t event);
 int plugin_inst_wakeup(int plugin_id, uint32_t event);
-void plugin_timeout(); // once per idle second
+void plugin_timeout(); // about once per second, busy ones included
