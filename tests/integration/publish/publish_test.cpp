@@ -85,6 +85,8 @@ TEST_F(publish, error_options_of_an_edit_of_running_decide_what_a_refusal_leaves
   std::string reply = change("continue-on-error", "a");
   EXPECT_TRUE(contains(reply, "refused by 10")) << reply;
   EXPECT_TRUE(contains(reply, "refused by 20")) << reply;
+  EXPECT_TRUE(contains(reply, ">/ex-sys:system/ex-sys:user[ex-sys:name='a']</error-path>")) << reply;
+  EXPECT_TRUE(contains(reply, "<error-info>Error on node /ex-sys:system/hostname</error-info>")) << reply;
   EXPECT_EQ(3U, take_offers().size());
   EXPECT_TRUE(holds("running", "<hostname>a</hostname>")); // what the others applied stays
 
