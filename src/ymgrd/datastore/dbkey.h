@@ -25,6 +25,9 @@ std::string datastore_value_rm_quotes(std::string_view text);
 // Quotes the values inside the predicates of a whole path (values may be bare, or in single or double quotes).
 std::string datastore_path_add_quotes(std::string_view path);
 
+// A data key as an XPath location path: each key in a predicate of its own, the values as XPath literals.
+std::string dbkey_to_xpath(std::string_view data_key);
+
 // 1 when `cur` lies inside a quoted value of the key that starts at `begin`, else 0 (also for null or cur < begin).
 int32_t datastore_is_in_quotes(const char *begin, const char *cur);
 // First occurrence of `key` at or after `cur` outside quotes; null if none.
