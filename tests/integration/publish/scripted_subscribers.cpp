@@ -1,7 +1,7 @@
 // Subscribers of configuration inside the daemon, driven by files of the directory YMGR_SCRIPT_DIR. They are named by
 // "subscribers" (lines "PRIORITY PATH"); every offer is appended to "offers" ("PRIORITY CODE MORE PATH") and answered
 // by the first line of "answers" that fits ("PRIORITY CODE ANSWER PATH": refuse or wait). Who publishes state is asked
-// by the same file, with 0 for priority and code. A wait ends in the first idle second after the file "go" appeared.
+// by the same file, with 0 for priority and code. A wait ends within about a second after the file "go" appeared.
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -86,9 +86,9 @@ void __wrap__Z14plugin_timeoutv(void)
     return;
   }
   if (broker_is_publish_over() == -1) {
-    broker_publish_continue();
+    broker_publish_continue(0);
   } else {
-    broker_subscribe_continue();
+    broker_subscribe_continue(0);
   }
 }
 }
