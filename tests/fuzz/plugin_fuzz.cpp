@@ -2,6 +2,7 @@
 // plugin, and answer the client exactly once. The first byte of an input says when the rest is sent, and as what.
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,23 +20,6 @@ using support::plugin_peer;
 
 class daemon_in_a_thread {
 public:
-  daemon_in_a_thread()
-  {
-    profile_.write_profile();
-    std::vector<std::string> words = {"ymgrd", "--profile", profile_.profile_path(), "--run-dir", profile_.run_dir()};
-    if (std::getenv("YMGR_FUZZ_LOG") != nullptr) {
-      words.insert(words.end(), {"--log-stderr", "--log-level", "debug"});
-    }
-    thread_ = std::thread([words]() mutable {
-      std::vector<char *> argv;
-      for (std::string &word : words) {
-        argv.push_back(word.data());
-      }
-      argv.push_back(nullptr);
-      (void)ymgrd_main(static_cast<int>(words.size()), argv.data()); // an early end is seen by who connects
-    });
-    EXPECT_TRUE(support::wait_until([this] { return access((run_dir() + "/plugin.sock").c_str(), F_OK) == 0; }));
-  }
   // In an orderly way, so that what it did not free is reported.
   ~daemon_in_a_thread()
   {
@@ -45,10 +29,29 @@ public:
   std::string run_dir() const { return profile_.run_dir(); }
 
 private:
+  std::thread start()
+  {
+    profile_.write_profile();
+    std::vector<std::string> words = {"ymgrd", "--profile", profile_.profile_path(), "--run-dir", run_dir()};
+    if (std::getenv("YMGR_FUZZ_LOG") != nullptr) {
+      words.insert(words.end(), {"--log-stderr", "--log-level", "debug"});
+    }
+    std::thread thread([words]() mutable {
+      std::vector<char *> argv;
+      for (std::string &word : words) {
+        argv.push_back(word.data());
+      }
+      argv.push_back(nullptr);
+      (void)ymgrd_main(static_cast<int>(words.size()), argv.data()); // an early end is seen by who connects
+    });
+    EXPECT_TRUE(support::wait_until([this] { return std::filesystem::exists(run_dir() + "/notify.sock"); }));
+    return thread;
+  }
+
   support::temp_dir dir_;
   support::redis_server redis_{dir_.path()};
   support::daemon_process profile_{dir_.path(), redis_.socket_path()};
-  std::thread thread_;
+  std::thread thread_ = start();
 
 public:
   support::netconf_session session{run_dir()};
