@@ -1,5 +1,5 @@
 // What a plugin sends is arbitrary here. The daemon, its own main in a thread, must survive it, go on serving a good
-// plugin, and answer the client exactly once. The first byte of an input says when the rest is sent, and as what.
+// plugin, and answer the client once. The first byte of an input says when the rest is sent, and as what.
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -17,6 +17,11 @@ int ymgrd_main(int argc, char **argv);
 namespace {
 
 using support::plugin_peer;
+
+std::string system_with(const std::string &content)
+{
+  return support::edit_config("running", "<system xmlns=\"urn:ex-sys\">" + content + "</system>");
+}
 
 class daemon_in_a_thread {
 public:
@@ -42,7 +47,7 @@ private:
         argv.push_back(word.data());
       }
       argv.push_back(nullptr);
-      (void)ymgrd_main(static_cast<int>(words.size()), argv.data()); // an early end is seen by who connects
+      (void)ymgrd_main(static_cast<int>(words.size()), argv.data()); // who connects sees an early end
     });
     EXPECT_TRUE(support::wait_until([this] { return std::filesystem::exists(run_dir() + "/notify.sock"); }));
     return thread;
@@ -65,35 +70,32 @@ enum moment_t {
   FRAME_WHEN_READY,
   ON_GET,
   ON_OPERATION,
-  ON_COMMIT
+  ON_CHANGE
 };
-constexpr int MOMENTS = ON_COMMIT + 1;
 
-std::string request_for(moment_t moment)
+void send_unasked(moment_t moment, plugin_peer *peer, const std::string &text)
 {
-  static int commits = 0;
-  switch (moment) {
-  case ON_GET:
-    return "<get><filter type=\"subtree\"><state xmlns=\"urn:ex-sys\"/></filter></get>";
-  case ON_OPERATION:
-    return "<restart-service xmlns=\"urn:ex-sys\"><name>ftp</name></restart-service>";
-  default:
-    return support::edit_config("running", "<system xmlns=\"urn:ex-sys\"><hostname>h" + std::to_string(commits++) +
-                                               "</hostname></system>");
-  }
-}
-
-void send_at(moment_t moment, plugin_peer *peer, const std::string &text)
-{
-  constexpr int ID = 7;
   if (moment == AT_ONCE || moment == WHEN_READY) {
     peer->send_raw(text);
   } else if (moment == AS_REGISTRATION) {
-    peer->send_text("<rpc><method>register</method><params>" + text + "</params><id>7</id></rpc>", ID);
-    peer->send_text("<rpc><method>activate</method><params><with-cfgr/></params><id>8</id></rpc>", ID + 1);
+    peer->send_text("<rpc><method>register</method><params>" + text + "</params><id>7</id></rpc>", 7);
+    peer->send_text("<rpc><method>activate</method><params><with-cfgr/></params><id>8</id></rpc>", 8);
   } else {
-    peer->send_text(text, ID);
+    peer->send_text(text, 7);
   }
+}
+
+// As the answer to what the daemon asks on behalf of the session.
+void answer(moment_t moment, int number, plugin_peer *peer, support::netconf_session *session, const std::string &text)
+{
+  const std::string change = system_with("<hostname>h" + std::to_string(number) + "</hostname>");
+  EXPECT_TRUE(
+      session->send(moment == ON_GET ? "<get><filter type=\"subtree\"><state xmlns=\"urn:ex-sys\"/></filter></get>"
+                    : moment == ON_OPERATION ? "<restart-service xmlns=\"urn:ex-sys\"><name>a</name></restart-service>"
+                                             : change));
+  support::plugin_call_t call = peer->next();
+  EXPECT_NE(call.method, "");
+  peer->send_text("<reply>" + text + "<id>" + std::to_string(call.id) + "</id></reply>", call.id);
 }
 
 } // namespace
@@ -102,25 +104,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
   static daemon_in_a_thread daemon;
   static plugin_peer good(daemon.run_dir(), "good");
-  static const bool is_started = (good.start(), true);
   static int tries = 0;
-  if (size == 0 || !is_started) {
+  if (size == 0) {
     return -1;
   }
-  auto moment = static_cast<moment_t>(data[0] % MOMENTS);
+  if (tries++ == 0) {
+    (void)good.start();
+    EXPECT_TRUE(daemon.session.ok(system_with("<user><name>a</name></user><dns>10.0.0.1</dns><dns>10.0.0.2</dns>"
+                                              "<rule><id>a</id></rule><rule><id>b</id></rule>")));
+  }
+  auto moment = static_cast<moment_t>(data[0] % (ON_CHANGE + 1));
   std::string text(reinterpret_cast<const char *>(data) + 1, size - 1);
-  plugin_peer bad(daemon.run_dir(), "bad" + std::to_string(tries++));
+  plugin_peer bad(daemon.run_dir(), "bad" + std::to_string(tries));
   if (moment >= WHEN_READY) {
-    bad.config("/ex-sys:system", 1).status("/ex-sys:state").operation("/ex-sys:restart-service");
-    (void)bad.start();
+    (void)bad.config("/ex-sys:system", 1).status("/ex-sys:state").operation("/ex-sys:restart-service").start();
   }
   if (moment >= ON_GET) {
-    EXPECT_TRUE(daemon.session.send(request_for(moment)));
-    support::plugin_call_t call = bad.next();
-    EXPECT_NE(call.method, "");
-    bad.send_text("<reply>" + text + "<id>" + std::to_string(call.id) + "</id></reply>", call.id);
+    answer(moment, tries, &bad, &daemon.session, text);
   } else {
-    send_at(moment, &bad, text);
+    send_unasked(moment, &bad, text);
   }
   EXPECT_EQ(good.pull("/ex-sys:routes"), "");
   bad.die();
