@@ -86,7 +86,7 @@ typedef struct _broker_pub {
   bool is_any_offered = false;
   uint32_t timeout = 0;          // ticks spent waiting for the current reply
   int awaited = NOBODY;          // the plugin whose reply is waited for
-  reply_error_ptr errors;        // gathered so far, the newest first
+  reply_error_ptr errors;        // gathered so far
   differ_node_t *tree = nullptr; // borrowed until the end
   broker_schema_paths paths;     // of the tree
   subscriber_pos suber;          // the end of the list: before the first one
@@ -96,7 +96,8 @@ typedef struct _broker_pub {
   differ_node_t *prev = nullptr; // to be offered next, in the rollback walk
   // What was offered last and to whom, for messages: stays when the subscriber has gone.
   const differ_node_t *offered = nullptr;
-  std::string offered_path; // of the subscriber
+  uint64_t offered_serial = 0; // of the subscriber
+  std::string offered_path;
   int offered_pri = 0;
   int offered_plugin = 0;
   std::string offered_plugin_name;

@@ -83,15 +83,19 @@ void broker_publish_stop()
 
 // --- One delivery.
 
-// What messages say of an offer stays as it is when its subscriber goes.
+// Keeps what messages say of the delivery: the subscriber may go before they are written.
 void note_offer(broker_pub_t *pub, const differ_node_t *node)
 {
-  const subscriber_t &suber = *pub->suber;
   pub->offered = node;
-  pub->offered_path = suber.path;
-  pub->offered_pri = suber.pri;
-  pub->offered_plugin = suber.plugin_id;
-  const char *name = suber.plugin_id == 0 ? nullptr : broker_hooks().plugin_name(suber.plugin_id);
+  const subscriber_t &subscriber = *pub->suber;
+  if (pub->offered_serial == subscriber.serial) {
+    return;
+  }
+  pub->offered_serial = subscriber.serial;
+  pub->offered_path = subscriber.path;
+  pub->offered_pri = subscriber.pri;
+  pub->offered_plugin = subscriber.plugin_id;
+  const char *name = subscriber.plugin_id == 0 ? nullptr : broker_hooks().plugin_name(subscriber.plugin_id);
   pub->offered_plugin_name = name == nullptr ? "" : name;
 }
 
@@ -106,6 +110,21 @@ void add_place(const broker_pub_t &pub, reply_error_t *error)
 {
   (void)rpc_set_error_field(error, REPLY_ERR_FIELD_PATH, dbkey_to_xpath(pub.offered->data_path).c_str());
   (void)rpc_set_error_field(error, REPLY_ERR_FIELD_INFO, where_it_failed(pub).c_str());
+}
+
+// The newest comes first, but what fails during a rollback comes behind its cause.
+void add_error(broker_pub_t *pub, reply_error_ptr error)
+{
+  if (!pub->bit_rollback || pub->errors == nullptr) {
+    error->next = pub->errors.release();
+    pub->errors = std::move(error);
+    return;
+  }
+  reply_error_t *last = pub->errors.get();
+  while (last->next != nullptr) {
+    last = last->next;
+  }
+  last->next = error.release();
 }
 
 } // namespace
@@ -341,20 +360,25 @@ int broker_save_error(int err_code, const char *err_msg)
     log_error("Get current broker information failed.");
     return -1;
   }
-  const reply_error_t *before = pub->errors.get();
-  pub->errors.reset(rpc_append_error(pub->errors.release(), REPLY_ERR_OP_FAILED));
+  reply_error_ptr error(rpc_create_error(REPLY_ERR_OP_FAILED));
   char code[32];
-  if (pub->errors.get() == before || conf_itoa(err_code, code, sizeof(code)) < 0 ||
-      rpc_set_error_field(pub->errors.get(), REPLY_ERR_FIELD_APPTAG, code) != 0 ||
-      rpc_set_error_field(pub->errors.get(), REPLY_ERR_FIELD_MSG, err_msg) != 0) {
+  int result = error != nullptr && conf_itoa(err_code, code, sizeof(code)) >= 0 &&
+                       rpc_set_error_field(error.get(), REPLY_ERR_FIELD_APPTAG, code) == 0 &&
+                       rpc_set_error_field(error.get(), REPLY_ERR_FIELD_MSG, err_msg) == 0
+                   ? 0
+                   : -1;
+  if (result != 0) {
     log_error("Save error message(%d:%.512s) failed.", err_code, err_msg);
+  }
+  if (error == nullptr) {
     return -1;
   }
   if (pub->offered != nullptr) {
-    add_place(*pub, pub->errors.get());
+    add_place(*pub, error.get());
     log_error("%.512s: %.512s (code %d)", where_it_failed(*pub).c_str(), err_msg, err_code);
   }
-  return 0;
+  add_error(pub, std::move(error)); // also when it says little: without it the change would count as accepted
+  return result;
 }
 
 int broker_is_publish_over()

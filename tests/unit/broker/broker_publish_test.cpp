@@ -170,11 +170,17 @@ TEST_F(broker_publish, rollback_after_a_subscriber_has_gone_takes_back_from_thos
   subscribe(&first_plugin, "/m:c", 1);
   subscribe(&second_plugin, "/m:c/l", 2);
   subscribe(&third_plugin, "/m:c", 3);
-  on_offer = [](const offered_t &offer) { return offer.plugin_id == 2 ? SUBPUB_WAIT : SUBPUB_CONTINUE; };
+  on_offer = [](const offered_t &offer) {
+    return offer.plugin_id == 2 || (offer.oper_type & DBDIFF_ROLLBACK) != 0 ? SUBPUB_WAIT : SUBPUB_CONTINUE;
+  };
   publish(ERROR_OPTION_ROLLBACK, three_entries());
   broker_cancel_plugin_subpub(&second_plugin);
   EXPECT_EQ(0, broker_save_error(-1, "plugin has gone"));
   broker_publish_continue(2);
+  EXPECT_EQ(0, broker_save_error(9, "cannot be taken back"));
+  broker_publish_continue(1);
+  EXPECT_EQ(1, ended);
+  EXPECT_STREQ("Error on node /m:c (plugin p1)", errors->next->info);
   EXPECT_EQ((texts{"1:/m:c", "2:/m:c/l[k=\"1\"]", "~1:/m:c"}), offers());
   EXPECT_STREQ("/m:c/l[k='1']", errors->path);
   EXPECT_STREQ("Error on node /m:c/l[k=\"1\"] (plugin p2)", errors->info);
