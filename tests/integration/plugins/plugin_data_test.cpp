@@ -21,7 +21,8 @@ protected:
 
 TEST_F(plugin_data, old_and_new_configuration_differ_only_while_a_change_is_published)
 {
-  ASSERT_TRUE(commit("<hostname>old</hostname><user><name>u</name><key><index>1</index></key></user>"));
+  ASSERT_TRUE(
+      commit("<hostname>old</hostname><user><name>u</name><key><index>1</index><data>AAAA</data></key></user>"));
   plugin_peer peer = started("peer", "/ex-sys:system/hostname", 10);
   plugin_peer last = started("last", "/ex-sys:system/hostname", 20);
   const std::string path = "/ex-sys:system/hostname";
@@ -48,7 +49,7 @@ TEST_F(plugin_data, old_and_new_configuration_differ_only_while_a_change_is_publ
   }
   // What stands above it comes with it; what is not there is empty, what can not be is an error.
   EXPECT_EQ(peer.pull("/ex-sys:system/user[name=\"u\"]/key[index=\"1\"]"),
-            sys("<user><name>u</name><key><index>1</index></key></user>"));
+            sys("<user><name>u</name><key><index>1</index><data>AAAA</data></key></user>"));
   EXPECT_EQ(peer.pull("/ex-sys:system/user[name=\"none\"]"), "");
   EXPECT_TRUE(contains(peer.pull("/ex-sys:system/usr"), "ERROR"));
   EXPECT_TRUE(contains(peer.pull("/ex-sys:system/user[name=\"u\""), "ERROR"));
