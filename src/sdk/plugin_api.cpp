@@ -1,6 +1,7 @@
 #include "sdk/plugin_internal.h"
 
 #include <cstdarg>
+#include <cstdio>
 #include <filesystem>
 #include <new>
 #include <system_error>
@@ -146,7 +147,7 @@ ymgr_plugin_t *ymgr_plugin_new(const char *name)
     plugin->name = name == nullptr ? "" : name;
     plugin->run_dir = default_run_dir();
     return sdk_open(plugin.get()) == 0 ? plugin.release() : nullptr;
-  } catch (const std::exception &) {
+  } catch (const std::bad_alloc &) {
     return nullptr;
   }
 }

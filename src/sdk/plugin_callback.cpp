@@ -11,12 +11,16 @@ int call(ymgr_plugin_t *plugin, F &&callback)
   plugin->refusal.reset();
   plugin->is_in_callback = true;
   int result = -1;
+  bool has_thrown = false;
   try {
     result = callback();
   } catch (...) { // a plugin in C++ that let one pass: the daemon still gets its answer
-    sdk_log(plugin, SDK_LOG_ERROR, "A callback ended with an exception.");
+    has_thrown = true;
   }
   plugin->is_in_callback = false;
+  if (has_thrown) {
+    sdk_log(plugin, SDK_LOG_ERROR, "A callback ended with an exception.");
+  }
   if (result == 0) {
     return 0;
   }

@@ -35,28 +35,6 @@ int check_path(ymgr_plugin_t *plugin, const char *path)
 
 // --- Finding nodes in pulled data. It holds what the path names, its ancestors and their keys.
 
-// One name of a path. Within a module names have no prefix.
-typedef struct _path_step {
-  std::string_view text; // as in the path
-  std::string_view name; // without the module
-  bool changes_module = false;
-} path_step_t;
-
-// Of a schema path in std form. "/" has none.
-std::vector<path_step_t> steps_of(std::string_view path)
-{
-  std::vector<path_step_t> steps;
-  while (path.size() > 1) {
-    path.remove_prefix(1);
-    std::string_view text = path.substr(0, path.find('/'));
-    path.remove_prefix(text.size());
-    size_t colon = text.find(':');
-    bool has_module = colon != std::string_view::npos;
-    steps.push_back({text, has_module ? text.substr(colon + 1) : text, has_module});
-  }
-  return steps;
-}
-
 const xmlChar *namespace_of(const xmlNode *node)
 {
   return node->ns == nullptr ? nullptr : node->ns->href;
@@ -64,12 +42,13 @@ const xmlChar *namespace_of(const xmlNode *node)
 
 // Namespaces stand in the data and modules in the path. They change together, which tells a key from the node of the
 // same name that another module added.
-bool is_named_by(const xmlNode *element, const xmlNode *parent, const path_step_t &step, bool is_top)
+bool is_named_by(const xmlNode *element, const xmlNode *parent, const sdk_path_step_t &step, bool is_top)
 {
   if (step.name != text_of(element->name)) {
     return false;
   }
-  return is_top || step.changes_module != (xmlStrEqual(namespace_of(element), namespace_of(parent)) != 0);
+  bool stays_in_module = step.text == step.name;
+  return is_top || stays_in_module == (xmlStrEqual(namespace_of(element), namespace_of(parent)) != 0);
 }
 
 // --- The walk over leafs.
@@ -79,12 +58,12 @@ public:
   value_walk(ymgr_value_fn fn, void *user) : fn_(fn), user_(user) {}
 
   // The elements below `parent` that the steps from `depth` on lead to, and all below these. `path` names `parent`.
-  int descend(const xmlNode *parent, const std::vector<path_step_t> &steps, size_t depth, const std::string &path)
+  int descend(const xmlNode *parent, const std::vector<sdk_path_step_t> &steps, size_t depth, const std::string &path)
   {
     if (depth == steps.size()) {
       return walk_children(parent, path);
     }
-    const path_step_t &step = steps[depth];
+    const sdk_path_step_t &step = steps[depth];
     int count = 0;
     for (const xmlNode *node = plugin_first_element(parent); node != nullptr; node = plugin_next_element(node)) {
       count += is_named_by(node, parent, step, depth == 0) ? 1 : 0;
@@ -195,10 +174,29 @@ int pull_values(ymgr_plugin_t *plugin, const char *path, ymgr_moment_t moment, y
     return -1;
   }
   std::optional<std::string> std_path = plugin_path_schema2std(path);
-  return value_walk(fn, user).descend(parent, steps_of(*std_path), 0, "");
+  return value_walk(fn, user).descend(parent, sdk_path_steps(*std_path), 0, "");
 }
 
 } // namespace
+
+std::vector<sdk_path_step_t> sdk_path_steps(std::string_view path)
+{
+  std::vector<sdk_path_step_t> steps;
+  std::string_view module;
+  while (path.size() > 1) {
+    path.remove_prefix(1);
+    std::string_view text = path.substr(0, path.find('/'));
+    path.remove_prefix(text.size());
+    std::string_view name = text;
+    size_t colon = text.find(':');
+    if (colon != std::string_view::npos) {
+      module = text.substr(0, colon);
+      name = text.substr(colon + 1);
+    }
+    steps.push_back({text, module, name});
+  }
+  return steps;
+}
 
 int ymgr_plugin_pull(ymgr_plugin_t *plugin, const char *path, ymgr_moment_t moment, char **ret_xml)
 {

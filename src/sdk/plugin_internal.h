@@ -4,8 +4,8 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -90,13 +90,26 @@ int sdk_guard(ymgr_plugin_t *plugin, F &&fn) noexcept
 {
   try {
     return fn();
-  } catch (const std::exception &) { // all that our own code meets is a lack of memory
+  } catch (const std::bad_alloc &) {
     return sdk_fail_memory(plugin);
+  } catch (...) {                   // our own code throws nothing else, but it calls functions of the plugin
+    plugin->error = "An exception"; // short: takes no memory
+    return -1;
   }
 }
 
 // A copy made by malloc; null when memory is short.
 char *sdk_copy_text(std::string_view text);
+
+// --- Paths (plugin_data.cpp). One name of a schema path in std form; "/" has none.
+
+typedef struct _sdk_path_step {
+  std::string_view text; // as in the path: with the module where it changes
+  std::string_view module;
+  std::string_view name;
+  bool operator==(const _sdk_path_step &other) const { return module == other.module && name == other.name; }
+} sdk_path_step_t;
+std::vector<sdk_path_step_t> sdk_path_steps(std::string_view path);
 
 // --- Callbacks (plugin_callback.cpp). 0 when the plugin accepted; else -1, and `plugin->refusal` says why.
 

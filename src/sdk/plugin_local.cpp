@@ -25,31 +25,6 @@ int check_loaded(ymgr_plugin_t *plugin)
 
 // --- Which registration is meant.
 
-typedef struct _path_step {
-  std::string_view module;
-  std::string_view name;
-  bool operator==(const struct _path_step &) const = default;
-} path_step_t;
-
-// Of a schema path in std form; every step with its module.
-std::vector<path_step_t> steps_of(std::string_view path)
-{
-  std::vector<path_step_t> steps;
-  std::string_view module;
-  while (path.size() > 1) {
-    path.remove_prefix(1);
-    std::string_view text = path.substr(0, path.find('/'));
-    path.remove_prefix(text.size());
-    size_t colon = text.find(':');
-    if (colon != std::string_view::npos) {
-      module = text.substr(0, colon);
-      text.remove_prefix(colon + 1);
-    }
-    steps.push_back({module, text});
-  }
-  return steps;
-}
-
 enum class cover { at_or_below, exactly };
 
 // How well `fuller` covers `data`: how many of its steps have to be left out, its last one excepted, until it is the
@@ -65,7 +40,7 @@ bool is_better(const fit_t &one, const fit_t &other)
   return one.left_out != other.left_out ? one.left_out < other.left_out : one.length > other.length;
 }
 
-fit_t fit_of(const std::vector<path_step_t> &fuller, const std::vector<path_step_t> &data, cover mode)
+fit_t fit_of(const std::vector<sdk_path_step_t> &fuller, const std::vector<sdk_path_step_t> &data, cover mode)
 {
   // least[n]: steps left out so far when the first n of `data` are found. A greedy search would not do: a choice may
   // have the name of a node in it.
@@ -94,14 +69,14 @@ fit_t fit_of(const std::vector<path_step_t> &fuller, const std::vector<path_step
 const sdk_registration_t *find_config(const ymgr_plugin_t *plugin, const char *path, int priority)
 {
   std::string std_path = plugin_path_schema2std(path).value_or("");
-  std::vector<path_step_t> node = steps_of(std_path);
+  std::vector<sdk_path_step_t> node = sdk_path_steps(std_path);
   const sdk_registration_t *found = nullptr;
   fit_t best;
   for (const sdk_registration_t &registration : plugin->registrations) {
     if (registration.kind != sdk_kind::config || registration.priority != priority) {
       continue;
     }
-    fit_t fit = fit_of(steps_of(registration.path), node, cover::at_or_below);
+    fit_t fit = fit_of(sdk_path_steps(registration.path), node, cover::at_or_below);
     if (is_better(fit, best)) {
       best = fit;
       found = &registration;
@@ -114,14 +89,14 @@ const sdk_registration_t *find_config(const ymgr_plugin_t *plugin, const char *p
 const sdk_registration_t *find_status(const ymgr_plugin_t *plugin, const char *path)
 {
   std::string std_path = plugin_path_schema2std(path).value_or("");
-  std::vector<path_step_t> asked = steps_of(std_path);
+  std::vector<sdk_path_step_t> asked = sdk_path_steps(std_path);
   const sdk_registration_t *found = nullptr;
   int least = INT_MAX;
   for (const sdk_registration_t &registration : plugin->registrations) {
     if (registration.kind != sdk_kind::status) {
       continue;
     }
-    std::vector<path_step_t> known = steps_of(registration.path);
+    std::vector<sdk_path_step_t> known = sdk_path_steps(registration.path);
     int left_out = known == asked ? 0
                                   : std::min(fit_of(asked, known, cover::exactly).left_out,
                                              fit_of(known, asked, cover::exactly).left_out);
@@ -142,7 +117,7 @@ const sdk_registration_t *find_rpc(const ymgr_plugin_t *plugin, const char *inpu
   }
   std::string_view name = reinterpret_cast<const char *>(plugin_root_of(message)->name);
   for (const sdk_registration_t &registration : plugin->registrations) {
-    std::vector<path_step_t> steps = steps_of(registration.path);
+    std::vector<sdk_path_step_t> steps = sdk_path_steps(registration.path);
     if (registration.kind == sdk_kind::rpc && !steps.empty() && steps.back().name == name) {
       return &registration;
     }
@@ -245,14 +220,11 @@ YMGR_ENTRY_POINT int ymgr_local_status(int, const char *path, char **ret_xml)
   return enter([&] {
     const sdk_registration_t *registration = find_status(local_plugin.get(), path);
     if (registration == nullptr) {
-      sdk_log(local_plugin.get(), SDK_LOG_ERROR, "No callback is registered for %.512s.", path);
-      return -1;
+      return refuse_unknown(path);
     }
     sdk_text_ptr data;
     if (sdk_call_status(local_plugin.get(), *registration, path, &data) != 0) {
-      sdk_log(local_plugin.get(), SDK_LOG_ERROR, "No state data below %.512s: %.512s", path,
-              local_plugin->refusal->message.c_str());
-      return -1;
+      return refuse_as_told();
     }
     *ret_xml = data.release(); // the daemon's; null: nothing to tell
     return 0;

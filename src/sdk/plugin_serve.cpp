@@ -210,7 +210,7 @@ int process(ymgr_plugin_t *plugin)
       serve_request(plugin, request);
     }
     return 0;
-  } catch (const std::exception &) {
+  } catch (const std::bad_alloc &) {
     // Which request was left without an answer is not known: the daemon starts over with a new connection.
     sdk_connection_drop(plugin, "memory is short");
     return 0;

@@ -38,8 +38,8 @@ int on_rpc(ymgr_plugin_t *, int, const char *, char **ret_output, void *)
 
 int setup(ymgr_plugin_t *plugin)
 {
-  // A choice may have the name of a node in it.
-  for (const char *path : {"/m:top/box", "/m:top/how/now/box/lid", "/m:top/x:way/way/way", "/m:top/boxes"}) {
+  // A choice may have the name of a node in it; and "how" may be a container as well.
+  for (const char *path : {"/m:top/box", "/m:top/how/boxes/lid", "/m:top/x:way/way/way", "/m:top/boxes"}) {
     EXPECT_EQ(ymgr_plugin_on_config(plugin, path, 10, on_change, const_cast<char *>(path)), 0);
   }
   EXPECT_EQ(ymgr_plugin_on_config(plugin, "/m:top", 20, on_change, const_cast<char *>("top")), 0);
@@ -74,7 +74,7 @@ TEST(plugin_local, calls_reach_the_callback_that_registered_for_them)
   } CALLS[] = {
       {10, "/m:top/box", "9 /m:top/box old"},
       {10, "/m:top/box[key=\"/m:top/boxes\"]/side", "9 /m:top/box old"},
-      {10, "/m:top/boxes", "9 /m:top/boxes old"},
+      {10, "/m:top/boxes/lid", "9 /m:top/boxes old"},
       {10, "/m:other", "-1 The plugin has no callback for this."},
       {10, "/m:top/x:way", "9 /m:top/x:way/way/way old"},
       {20, "/m:top/box", "9 top old"},
