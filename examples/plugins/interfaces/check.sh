@@ -50,14 +50,16 @@ commit() {
     tee "$dir/reply"
 }
 
-has_address() { ip -o address show dev "$1" | grep -qF " $2 "; }
-has_no_address() { ! has_address "$@"; }
-has_mtu() { ip -o link show "$1" | grep -q " mtu $2 "; }
-is_up() { ip -o link show "$1" | grep -q '[<,]UP[,>]'; }
+# Outputs are taken whole: behind a pipe, `grep -q` would end `ip` early, and that would count as a failure.
+has_address() { [[ $(ip -o address show dev "$1") == *" $2 "* ]]; }
+has_no_address() { [[ $(ip -o address show dev "$1") != *" $2 "* ]]; }
+has_mtu() { [[ $(ip -o link show "$1") == *" mtu $2 "* ]]; }
+is_up() { [[ $(ip -o link show "$1") =~ [\<,]UP[,\>] ]]; }
 is_refused() { grep -q "$1" "$dir/reply"; }
 state_shows() {
-  send '<get><filter type="subtree"><interfaces-state xmlns="urn:ex-interfaces"/></filter></get>' | tr -d '\n ' |
-    grep -q "$1"
+  local reply
+  reply=$(send '<get><filter type="subtree"><interfaces-state xmlns="urn:ex-interfaces"/></filter></get>' | tr -d '\n ')
+  [[ $reply == *"$1"* ]]
 }
 
 start_plugin() {

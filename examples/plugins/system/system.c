@@ -57,19 +57,32 @@ static void put_back(ymgr_plugin_t *plugin, const system_file_t *file)
   }
 }
 
-static int bring_files(ymgr_plugin_t *plugin, const system_file_t *files, size_t count, const system_config_t *config,
-                       int is_change)
+static int bring_checked(ymgr_plugin_t *plugin, const system_file_t *file, const system_config_t *config, int is_change)
 {
-  for (size_t i = 0; i < count; i++) {
-    if (bring_file(&files[i], config) != 0) {
-      int cause = errno;
-      if (is_change) {
-        put_back(plugin, &files[i]);
-      }
-      return reject_write(plugin, &files[i], cause);
+  const char *fault = file->fault != NULL ? file->fault(config) : NULL;
+  if (fault != NULL) {
+    return ymgr_plugin_reject(plugin, SYSTEM_BAD_VALUE, fault);
+  }
+  if (bring_file(file, config) != 0) {
+    int cause = errno;
+    if (is_change) {
+      put_back(plugin, file);
     }
+    return reject_write(plugin, file, cause);
   }
   return 0;
+}
+
+/* A file that fails does not keep the others from being mended. */
+static int bring_all(ymgr_plugin_t *plugin, const system_config_t *config)
+{
+  int result = 0;
+  for (size_t i = 0; i < SYSTEM_FILE_COUNT; i++) {
+    if (bring_checked(plugin, &system_files[i], config, 0) != 0) {
+      result = -1;
+    }
+  }
+  return result;
 }
 
 /* One for all three subscriptions; `user` is the file. */
@@ -88,15 +101,7 @@ static int config_changed(ymgr_plugin_t *plugin, const ymgr_change_t *change, vo
   if (system_config_pull(plugin, is_rollback ? YMGR_OLD : YMGR_NEW, &config) != 0) {
     return ymgr_plugin_reject(plugin, SYSTEM_READ_FAILED, ymgr_plugin_error(plugin));
   }
-  const char *fault = is_rollback ? NULL : system_config_fault(&config);
-  int result;
-  if (fault != NULL) {
-    result = ymgr_plugin_reject(plugin, SYSTEM_BAD_VALUE, fault);
-  } else if (is_restore) {
-    result = bring_files(plugin, system_files, SYSTEM_FILE_COUNT, &config, 0);
-  } else {
-    result = bring_files(plugin, file, 1, &config, !is_rollback);
-  }
+  int result = is_restore ? bring_all(plugin, &config) : bring_checked(plugin, file, &config, !is_rollback);
   system_config_free(&config);
   return result;
 }

@@ -65,15 +65,6 @@ void system_config_free(system_config_t *config)
   *config = (system_config_t){0};
 }
 
-const char *system_config_fault(const system_config_t *config)
-{
-  size_t length = config->search_count == 0 ? 0 : config->search_count - 1; /* the spaces between */
-  for (size_t i = 0; i < config->search_count; i++) {
-    length += strlen(config->search[i]);
-  }
-  return length > SEARCH_LENGTH_MAX ? "The search domains are longer than 256 characters in all." : NULL;
-}
-
 static void print_hostname(const system_config_t *config, FILE *out)
 {
   if (config->hostname != NULL) {
@@ -110,8 +101,17 @@ static void print_resolv_conf(const system_config_t *config, FILE *out)
   }
 }
 
+static const char *resolv_conf_fault(const system_config_t *config)
+{
+  size_t length = config->search_count == 0 ? 0 : config->search_count - 1; /* the spaces between */
+  for (size_t i = 0; i < config->search_count; i++) {
+    length += strlen(config->search[i]);
+  }
+  return length > SEARCH_LENGTH_MAX ? "The search domains are longer than 256 characters in all." : NULL;
+}
+
 const system_file_t system_files[SYSTEM_FILE_COUNT] = {
-    {SYSTEM_PATH "/hostname", "etc/hostname", print_hostname},
-    {SYSTEM_PATH "/login-banner", "etc/issue", print_issue},
-    {SYSTEM_PATH "/dns", "etc/resolv.conf", print_resolv_conf},
+    {SYSTEM_PATH "/hostname", "etc/hostname", print_hostname, NULL},
+    {SYSTEM_PATH "/login-banner", "etc/issue", print_issue, NULL},
+    {SYSTEM_PATH "/dns", "etc/resolv.conf", print_resolv_conf, resolv_conf_fault},
 };

@@ -26,14 +26,13 @@ typedef struct system_config {
 int system_config_pull(ymgr_plugin_t *plugin, ymgr_moment_t moment, system_config_t *ret_config);
 void system_config_free(system_config_t *config);
 
-/* Null; or what is wrong with it, beyond what its YANG module says. */
-const char *system_config_fault(const system_config_t *config);
-
-/* One file: what is configured in `path` becomes the file `name` below the root directory. Nothing printed: no file. */
+/* One file: what is configured in `path` becomes the file `name` below the root directory. Nothing printed: no file.
+ * `fault` (may be null) gives null, or what is wrong with it beyond what its YANG module says. */
 typedef struct system_file {
   const char *path;
   const char *name;
   void (*print)(const system_config_t *config, FILE *out);
+  const char *(*fault)(const system_config_t *config);
 } system_file_t;
 
 enum { SYSTEM_FILE_COUNT = 3 };

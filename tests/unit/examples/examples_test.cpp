@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <initializer_list>
 #include <iterator>
 #include <string>
 #include <utility>
@@ -38,7 +37,7 @@ struct addresses {
   {
     for (const auto &[ip, length] : items) {
       address_t address;
-      EXPECT_EQ(address_parse(ip, length, &address) == 0 && address_set_add(&set, &address) == 0, true) << ip;
+      EXPECT_TRUE(address_parse(ip, length, &address) == 0 && address_set_add(&set, &address) == 0) << ip;
     }
   }
   ~addresses() { address_set_free(&set); }
