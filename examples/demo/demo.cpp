@@ -264,8 +264,8 @@ int main(int argc, char **argv)
   discard(&demo);
   read_parts(&demo);
   lock(&demo);
-  demo_plugins(&demo, argv[3]);
   save(&demo);
+  demo_plugins(&demo, argv[3]);
   close_session(&demo);
 
   std::printf("\n%s\n", demo.wrong == 0 ? "All steps were right." : "Some steps were WRONG.");

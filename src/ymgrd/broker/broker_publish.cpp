@@ -360,7 +360,8 @@ int broker_save_error(int err_code, const char *err_msg)
     log_error("Get current broker information failed.");
     return -1;
   }
-  reply_error_ptr error(rpc_create_error(REPLY_ERR_OP_FAILED));
+  bool is_in_rollback = pub->bit_rollback && pub->errors != nullptr;
+  reply_error_ptr error(rpc_create_error(is_in_rollback ? REPLY_ERR_ROLLBACK_FAILED : REPLY_ERR_OP_FAILED));
   char code[32];
   int result = error != nullptr && conf_itoa(err_code, code, sizeof(code)) >= 0 &&
                        rpc_set_error_field(error.get(), REPLY_ERR_FIELD_APPTAG, code) == 0 &&
