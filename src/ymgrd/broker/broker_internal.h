@@ -130,6 +130,11 @@ void broker_subscribe_forget(publisher_pos publisher);
 // One idle second of a job, if it runs.
 void broker_publish_tick();
 void broker_subscribe_tick();
+// The plugin has not answered one of the jobs: none waits for it any longer.
+void broker_give_up(int plugin_id);
+// A job that waits for the plugin goes on without it.
+void broker_publish_pass_over(int plugin_id);
+void broker_subscribe_pass_over(int plugin_id);
 // Drop the jobs, without telling anybody.
 void broker_publish_abandon();
 void broker_subscribe_abandon();

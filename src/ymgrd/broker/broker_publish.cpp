@@ -402,16 +402,19 @@ void broker_publish_forget(subscriber_pos subscriber)
 void broker_publish_tick()
 {
   broker_pub_t *pub = broker_get_publication();
-  if (pub == nullptr || ++pub->timeout <= PUBLISH_TIMEOUT_TICKS) {
-    return;
+  if (pub != nullptr && ++pub->timeout > PUBLISH_TIMEOUT_TICKS) {
+    log_warn("Publish configuration timeout.");
+    broker_give_up(pub->awaited);
   }
-  log_warn("Publish configuration timeout.");
-  (void)broker_save_error(-1, "Publish configuration timeout"); // logged there; the walk goes on in any case
-  int overdue = pub->awaited;
-  if (overdue > 0) { // a plugin, not the daemon itself
-    broker_hooks().given_up(overdue);
+}
+
+void broker_publish_pass_over(int plugin_id)
+{
+  const broker_pub_t *pub = broker_get_publication();
+  if (pub != nullptr && pub->awaited == plugin_id) {
+    (void)broker_save_error(-1, "Publish configuration timeout"); // logged there; the walk goes on in any case
+    broker_publish_continue(plugin_id);
   }
-  broker_publish_continue(overdue);
 }
 
 void broker_publish_abandon()
