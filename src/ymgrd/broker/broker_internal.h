@@ -96,8 +96,7 @@ typedef struct _broker_pub {
   differ_node_t *prev = nullptr; // to be offered next, in the rollback walk
   // What was offered last and to whom, for messages: stays when the subscriber has gone.
   const differ_node_t *offered = nullptr;
-  uint64_t offered_serial = 0; // of the subscriber
-  std::string offered_path;
+  std::string offered_path; // of the subscriber
   int offered_pri = 0;
   int offered_plugin = 0;
   std::string offered_plugin_name;

@@ -83,19 +83,15 @@ void broker_publish_stop()
 
 // --- One delivery.
 
-// Keeps what messages say of the delivery: the subscriber may go before they are written.
+// What messages say of an offer stays as it is when its subscriber goes.
 void note_offer(broker_pub_t *pub, const differ_node_t *node)
 {
+  const subscriber_t &suber = *pub->suber;
   pub->offered = node;
-  const subscriber_t &subscriber = *pub->suber;
-  if (pub->offered_serial == subscriber.serial) {
-    return;
-  }
-  pub->offered_serial = subscriber.serial;
-  pub->offered_path = subscriber.path;
-  pub->offered_pri = subscriber.pri;
-  pub->offered_plugin = subscriber.plugin_id;
-  const char *name = subscriber.plugin_id == 0 ? nullptr : broker_hooks().plugin_name(subscriber.plugin_id);
+  pub->offered_path = suber.path;
+  pub->offered_pri = suber.pri;
+  pub->offered_plugin = suber.plugin_id;
+  const char *name = suber.plugin_id == 0 ? nullptr : broker_hooks().plugin_name(suber.plugin_id);
   pub->offered_plugin_name = name == nullptr ? "" : name;
 }
 
