@@ -189,6 +189,15 @@ int broker_reg_inside_operations(const oper_registration_t *operations, int coun
   return 0;
 }
 
+void broker_give_up(int plugin_id)
+{
+  if (plugin_id > 0) { // a plugin, not the daemon itself
+    hooks.given_up(plugin_id);
+  }
+  broker_publish_pass_over(plugin_id);
+  broker_subscribe_pass_over(plugin_id);
+}
+
 void broker_timeout()
 {
   broker_publish_tick();

@@ -57,7 +57,7 @@ typedef struct _broker_hooks {
   int (*publish_ended)(int is_rollback, reply_error_ptr errors);
   int (*status_ended)();                                    // the end of every status subscription
   int (*parse_rpc)(const char *oper_name, lyxml_elem *rpc); // 0 when a user-defined RPC is valid
-  int (*error_kind)(int data_kind, int other_kind); // of its fault, see ds_error_kind
+  int (*error_kind)(int data_kind, int other_kind);         // of its fault, see ds_error_kind
   void (*add_path_and_msg)(reply_error_t *error);
   int (*plugin_id)(const plugin_inst_t *plugin); // of a registration's plugin; greater than 0
   const char *(*plugin_name)(int plugin_id);     // null when there is none

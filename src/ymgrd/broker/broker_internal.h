@@ -96,8 +96,7 @@ typedef struct _broker_pub {
   differ_node_t *prev = nullptr; // to be offered next, in the rollback walk
   // What was offered last and to whom, for messages: stays when the subscriber has gone.
   const differ_node_t *offered = nullptr;
-  uint64_t offered_serial = 0; // of the subscriber
-  std::string offered_path;
+  std::string offered_path; // of the subscriber
   int offered_pri = 0;
   int offered_plugin = 0;
   std::string offered_plugin_name;
@@ -130,6 +129,11 @@ void broker_subscribe_forget(publisher_pos publisher);
 // One idle second of a job, if it runs.
 void broker_publish_tick();
 void broker_subscribe_tick();
+// The plugin has not answered one of the jobs: none waits for it any longer.
+void broker_give_up(int plugin_id);
+// A job that waits for the plugin goes on without it.
+void broker_publish_pass_over(int plugin_id);
+void broker_subscribe_pass_over(int plugin_id);
 // Drop the jobs, without telling anybody.
 void broker_publish_abandon();
 void broker_subscribe_abandon();

@@ -83,19 +83,15 @@ void broker_publish_stop()
 
 // --- One delivery.
 
-// Keeps what messages say of the delivery: the subscriber may go before they are written.
+// What messages say of an offer stays as it is when its subscriber goes.
 void note_offer(broker_pub_t *pub, const differ_node_t *node)
 {
+  const subscriber_t &suber = *pub->suber;
   pub->offered = node;
-  const subscriber_t &subscriber = *pub->suber;
-  if (pub->offered_serial == subscriber.serial) {
-    return;
-  }
-  pub->offered_serial = subscriber.serial;
-  pub->offered_path = subscriber.path;
-  pub->offered_pri = subscriber.pri;
-  pub->offered_plugin = subscriber.plugin_id;
-  const char *name = subscriber.plugin_id == 0 ? nullptr : broker_hooks().plugin_name(subscriber.plugin_id);
+  pub->offered_path = suber.path;
+  pub->offered_pri = suber.pri;
+  pub->offered_plugin = suber.plugin_id;
+  const char *name = suber.plugin_id == 0 ? nullptr : broker_hooks().plugin_name(suber.plugin_id);
   pub->offered_plugin_name = name == nullptr ? "" : name;
 }
 
@@ -403,16 +399,19 @@ void broker_publish_forget(subscriber_pos subscriber)
 void broker_publish_tick()
 {
   broker_pub_t *pub = broker_get_publication();
-  if (pub == nullptr || ++pub->timeout <= PUBLISH_TIMEOUT_TICKS) {
-    return;
+  if (pub != nullptr && ++pub->timeout > PUBLISH_TIMEOUT_TICKS) {
+    log_warn("Publish configuration timeout.");
+    broker_give_up(pub->awaited);
   }
-  log_warn("Publish configuration timeout.");
-  (void)broker_save_error(-1, "Publish configuration timeout"); // logged there; the walk goes on in any case
-  int overdue = pub->awaited;
-  if (overdue > 0) { // a plugin, not the daemon itself
-    broker_hooks().given_up(overdue);
+}
+
+void broker_publish_pass_over(int plugin_id)
+{
+  const broker_pub_t *pub = broker_get_publication();
+  if (pub != nullptr && pub->awaited == plugin_id) {
+    (void)broker_save_error(-1, "Publish configuration timeout"); // logged there; the walk goes on in any case
+    broker_publish_continue(plugin_id);
   }
-  broker_publish_continue(overdue);
 }
 
 void broker_publish_abandon()

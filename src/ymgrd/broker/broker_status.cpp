@@ -143,11 +143,15 @@ void broker_subscribe_tick()
   broker_sub_t *sub = get_subscription();
   if (sub != nullptr && ++sub->timeout > SUBSCRIBE_TIMEOUT_TICKS) {
     log_warn("Subscribe status timeout.");
-    int overdue = sub->awaited;
-    if (overdue > 0) { // a plugin, not the daemon itself
-      broker_hooks().given_up(overdue);
-    }
-    broker_subscribe_continue(overdue);
+    broker_give_up(sub->awaited);
+  }
+}
+
+void broker_subscribe_pass_over(int plugin_id)
+{
+  const broker_sub_t *sub = get_subscription();
+  if (sub != nullptr && sub->awaited == plugin_id) {
+    broker_subscribe_continue(plugin_id);
   }
 }
 
