@@ -1,20 +1,19 @@
-/* Keeps a file for each node that it was told of, in the directory of the environment. */
+/* Keeps a file for each node that it was told of, in its working directory. */
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <ymgr/plugin.h>
 
 static int changed(ymgr_plugin_t *plugin, const ymgr_change_t *change, void *leaf)
 {
   char path[256];
-  char file[512];
-  snprintf(path, sizeof(path), "%s%s", change->path, (const char *)leaf);
-  int at = snprintf(file, sizeof(file), "%s/c", getenv("YMGR_NOTES"));
-  for (const char *c = change->path; *c != '\0'; c++) {
-    file[at++] = *c == '/' ? '_' : *c;
-  }
-  file[at] = '\0';
+  char file[256];
   char *value = NULL;
+  snprintf(path, sizeof(path), "%s%s", change->path, (const char *)leaf);
+  snprintf(file, sizeof(file), "c%s", change->path);
+  for (char *slash = file; (slash = strchr(slash, '/')) != NULL; *slash = '_') {
+  }
   if (ymgr_plugin_pull_value(plugin, path, change->oper_type & CONFIG_OP_ROLLBACK ? YMGR_OLD : YMGR_NEW, &value) != 0) {
     return -1;
   }

@@ -1,19 +1,17 @@
 """Does what note.c does, in another order, and refuses some host names."""
 
-import os
 import pathlib
 
 from ymgrplugin import Op, Plugin, Reject
 
 plugin = Plugin("py")
-notes = pathlib.Path(os.environ["YMGR_NOTES"])
 
 
 def note(change, leaf=""):
     value = plugin.value(change.path + leaf, old=Op.ROLLBACK in change.oper_type)
     if value is not None and value.startswith("bad"):
         raise Reject("no such host")
-    file = notes / ("py" + change.path.replace("/", "_"))
+    file = pathlib.Path("py" + change.path.replace("/", "_"))
     file.unlink(missing_ok=True)
     if value is not None:
         file.write_text(value)
