@@ -85,7 +85,8 @@ void send_unasked(moment_t moment, plugin_peer *peer, const std::string &text)
   }
 }
 
-// As the answer to what the daemon asks on behalf of the session.
+// As the answer to what the daemon asks on behalf of the session, or, when it is a request, before an answer that never
+// comes.
 void answer(moment_t moment, int number, plugin_peer *peer, support::netconf_session *session, const std::string &text)
 {
   const std::string change = system_with("<hostname>h" + std::to_string(number) + "</hostname>");
@@ -95,7 +96,8 @@ void answer(moment_t moment, int number, plugin_peer *peer, support::netconf_ses
                                              : change));
   support::plugin_call_t call = peer->next();
   EXPECT_NE(call.method, "");
-  peer->send_text("<reply>" + text + "<id>" + std::to_string(call.id) + "</id></reply>", call.id);
+  bool is_request = text.starts_with("<rpc>");
+  peer->send_text(is_request ? text : "<reply>" + text + "<id>" + std::to_string(call.id) + "</id></reply>", call.id);
 }
 
 } // namespace
