@@ -52,8 +52,8 @@ plugin_peer::plugin_peer(const std::string &run_dir, const std::string &name) : 
 
 plugin_peer::plugin_peer(plugin_peer &&other) noexcept
     : name_(std::move(other.name_)), registration_(std::move(other.registration_)),
-      sock_(std::exchange(other.sock_, -1)), last_id_(other.last_id_), buffer_(std::move(other.buffer_)),
-      waiting_(std::move(other.waiting_))
+      is_registered_(other.is_registered_), sock_(std::exchange(other.sock_, -1)), last_id_(other.last_id_),
+      buffer_(std::move(other.buffer_)), waiting_(std::move(other.waiting_))
 {
 }
 
@@ -84,17 +84,18 @@ plugin_peer &plugin_peer::operation(const std::string &path)
 
 std::string plugin_peer::register_now()
 {
+  is_registered_ = true;
   return request("register", element("plugin-name", name_) + registration_);
 }
 
 std::string plugin_peer::activate(const std::string &wishes)
 {
-  return request("activate", wishes);
+  std::string fault = is_registered_ ? "" : register_now();
+  return fault.empty() ? request("activate", wishes) : fault;
 }
 
 std::vector<std::string> plugin_peer::start(const std::string &wishes)
 {
-  EXPECT_EQ(register_now(), "");
   EXPECT_EQ(activate(wishes), "");
   std::vector<std::string> changes;
   while (true) {
@@ -211,6 +212,9 @@ std::optional<plugin_call_t> plugin_peer::receive(std::chrono::milliseconds time
       call.id = std::stoi(find_text(call.xml, "id").value_or("0"));
       call.method = call.xml.starts_with("<rpc>") ? find_text(call.xml, "method").value_or("?") : "";
       return call;
+    }
+    if (sock_ < 0) {
+      return std::nullopt;
     }
     pollfd ready = {sock_, POLLIN, 0};
     char bytes[65536];

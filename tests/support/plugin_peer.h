@@ -33,7 +33,7 @@ public:
 
   // The error's text; empty on success.
   std::string register_now();
-  std::string activate(const std::string &wishes = "<with-cfgr/>");
+  std::string activate(const std::string &wishes = "<with-cfgr/>"); // registers before, if that is still to be done
   // Registers, activates and answers until the kickoff. The changes that were handed over meanwhile.
   std::vector<std::string> start(const std::string &wishes = "<with-cfgr/>");
 
@@ -59,6 +59,7 @@ private:
 
   std::string name_;
   std::string registration_;
+  bool is_registered_ = false;
   int sock_ = -1;
   int last_id_ = 0;
   std::string buffer_;

@@ -62,9 +62,9 @@ TEST_F(plugin_life, who_comes_late_is_handed_the_configuration_once_in_the_order
   // same.
   plugin_peer first = plugin("first");
   plugin_peer second = plugin("second");
-  ASSERT_EQ(first.config("/ex-sys:system/user", 10).register_now() + first.activate(), "");
+  ASSERT_EQ(first.config("/ex-sys:system/user", 10).activate(), "");
   plugin_call_t call = first.next();
-  ASSERT_EQ(second.config("/ex-sys:system/user", 5).register_now() + second.activate(), "");
+  ASSERT_EQ(second.config("/ex-sys:system/user", 5).activate(), "");
   ASSERT_TRUE(session->send(edit("<hostname>other</hostname>")));
   first.refuse(call, 9, "not now");
   EXPECT_EQ(first.take(), whole[1]);
@@ -119,7 +119,7 @@ TEST_F(plugin_life, one_that_dies_fails_what_it_was_asked_and_nothing_else)
   EXPECT_TRUE(support::is_ok(session->receive()));
   victim->die(); // in its restore
   victim.emplace(plugin("victim"));
-  ASSERT_EQ(victim->config("/ex-sys:system/location", 20).register_now() + victim->activate(), "");
+  ASSERT_EQ(victim->config("/ex-sys:system/location", 20).activate(), "");
   EXPECT_EQ(victim->next().change(), "16385 /ex-sys:system/location");
   ASSERT_TRUE(session->send(support::get_config("running")));
   victim->die();
