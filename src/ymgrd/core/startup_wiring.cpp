@@ -79,6 +79,7 @@ void ymgrd_wire_components()
   broker_hooks.publish_ended = datastore_publish_callback;
   broker_hooks.status_ended = ds_get_callback;
   broker_hooks.parse_rpc = datastore_parse_rpc;
+  broker_hooks.error_kind = ds_error_kind;
   broker_hooks.add_path_and_msg = ds_add_path_and_msg;
   broker_set_hooks(broker_hooks);
 }
