@@ -103,6 +103,22 @@ void mark_all_explicit(lyd_node *first)
   }
 }
 
+// The containers below and with `top` that hold nothing. libyang takes those for implicit ones once it has tried a
+// default in them whose condition is false.
+std::vector<lyd_node *> empty_containers(lyd_node *top)
+{
+  std::vector<lyd_node *> empty;
+  lyd_node *node = nullptr;
+  LYD_TREE_DFS_BEGIN(top, node)
+  {
+    if (node->schema->nodetype == LYS_CONTAINER && lyd_child(node) == nullptr) {
+      empty.push_back(node);
+    }
+    LYD_TREE_DFS_END(top, node);
+  }
+  return empty;
+}
+
 // In the `priv` of the nodes that stood in a tree before its validation; what libyang adds has none.
 char stood_before;
 
@@ -307,6 +323,30 @@ int ds_take_data(int hdb, int tflag, const char *path, lyd_tree_ptr *ret_data)
   return ds_db_get_data_from_top(hdb, tflag, path, ret_data);
 }
 
+void ds_mark_way_explicit(lyd_node *node)
+{
+  for (; node != nullptr; node = lyd_parent(node)) {
+    ds_mark_explicit(node);
+  }
+}
+
+int ds_add_implicit(lyd_node *top, lyd_tree_ptr *ret_created)
+{
+  std::vector<lyd_node *> stored = empty_containers(top);
+  lyd_node *created = nullptr;
+  LY_ERR result = lyd_new_implicit_tree(top, LYD_IMPLICIT_NO_STATE, &created);
+  lyd_tree_ptr owner(created);
+  for (lyd_node *container : stored) {
+    ds_mark_way_explicit(container);
+  }
+  if (result != LY_SUCCESS) {
+    log_error("create default node %.512s lyd fail.", top->schema->name);
+    return -1;
+  }
+  *ret_created = std::move(owner);
+  return 0;
+}
+
 void ds_drop_implicit(lyd_tree_ptr *data, const lyd_node *created)
 {
   for (const lyd_node *root = created; root != nullptr; root = root->next) {
@@ -316,7 +356,9 @@ void ds_drop_implicit(lyd_tree_ptr *data, const lyd_node *created)
       lyd_node *implicit = find_implicit(data->get(), node);
       if (implicit != nullptr) {
         LYD_TREE_DFS_continue = 1; // all below goes with it
+        lyd_node *parent = lyd_parent(implicit);
         free_in_tree(data, implicit);
+        ds_mark_way_explicit(parent); // it was stored, or it would have gone before
       }
       LYD_TREE_DFS_END(root, node);
     }

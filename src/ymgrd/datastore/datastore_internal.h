@@ -152,6 +152,9 @@ int ds_validate_edit(lyd_tree_ptr *data, edit_changes *changes, int invalid_kind
 void ds_undo_edit(lyd_tree_ptr *data, edit_changes *changes);
 // Drops what is known of the tree that was validated last, and of the schema.
 void ds_forget_validated();
+// Adds the implicit nodes below a stored top node, marked as default; the stored ones stay unmarked. `*ret_created`
+// names the new ones, as a diff of libyang does. 0, or -1 (logged; some may have been added).
+int ds_add_implicit(lyd_node *top, lyd_tree_ptr *ret_created);
 // Takes implicit nodes out again: those that the diff `created` of a libyang call names and that are still marked as
 // default.
 void ds_drop_implicit(lyd_tree_ptr *data, const lyd_node *created);
@@ -162,6 +165,8 @@ inline void ds_mark_explicit(lyd_node *node)
 {
   node->flags &= ~static_cast<uint32_t>(LYD_DEFAULT);
 }
+// The node (null: none) and all above it.
+void ds_mark_way_explicit(lyd_node *node);
 
 struct differ_tree_delete_t {
   void operator()(differ_node_t *tree) const { free_differ_tree(tree); }

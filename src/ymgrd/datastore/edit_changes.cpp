@@ -23,14 +23,6 @@ lyd_node *sibling_before(const lyd_node *node)
   return node->prev->next == nullptr ? nullptr : node->prev; // the first one's prev is the last
 }
 
-// libyang takes a container that became empty for one that nobody named.
-void mark_way_explicit(lyd_node *parent)
-{
-  for (; parent != nullptr; parent = lyd_parent(parent)) {
-    ds_mark_explicit(parent);
-  }
-}
-
 // --- Undoing. `*first` is the first top node throughout.
 
 void take_out(lyd_node **first, lyd_node *node)
@@ -40,7 +32,7 @@ void take_out(lyd_node **first, lyd_node *node)
     *first = node->next;
   }
   lyd_unlink_tree(node);
-  mark_way_explicit(parent);
+  ds_mark_way_explicit(parent); // libyang takes a container that became empty for one that nobody named
 }
 
 bool insert_last(lyd_node **first, lyd_node *parent, lyd_node *node)
@@ -97,7 +89,7 @@ bool put_back(lyd_node **first, lyd_node *parent, lyd_node *previous, lyd_node *
     stand_behind(first, second, node);
   }
   stand_behind(first, node, previous);
-  mark_way_explicit(parent);
+  ds_mark_way_explicit(parent);
   return true;
 }
 
@@ -190,7 +182,7 @@ void edit_changes::remove(lyd_node *subtree)
   lyd_node *previous = sibling_before(subtree);
   bool goes_anyway = is_in_created(subtree);
   lyd_unlink_tree(subtree);
-  mark_way_explicit(parent);
+  ds_mark_way_explicit(parent);
   removed_.insert(subtree);
   all_.push_back({EDIT_REMOVED, nullptr, parent, previous, lyd_tree_ptr(subtree), goes_anyway});
 }

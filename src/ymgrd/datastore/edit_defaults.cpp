@@ -293,16 +293,11 @@ std::unordered_set<lyd_node *> incomplete_tops(const edit_job_t *job)
 
 int fill_conditional_below(edit_job_t *job, lyd_node *top, differ_node_t **tree)
 {
-  lyd_node *created = nullptr;
-  if (lyd_new_implicit_tree(top, LYD_IMPLICIT_NO_STATE, &created) != LY_SUCCESS) {
-    log_error("create default node %.512s lyd fail.", top->schema->name);
+  lyd_tree_ptr created;
+  if (ds_add_implicit(top, &created) != 0 || store_implicit_leafs(job, top, created.get(), tree) != 0) {
     return -1;
   }
-  lyd_tree_ptr owner(created);
-  if (store_implicit_leafs(job, top, created, tree) != 0) {
-    return -1;
-  }
-  ds_drop_implicit(&job->data, created); // what is not stored: leaf-list defaults, containers that nothing needed
+  ds_drop_implicit(&job->data, created.get()); // what is not stored: leaf-list defaults, containers that nothing needed
   return 0;
 }
 

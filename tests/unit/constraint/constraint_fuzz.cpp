@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <functional>
 
+#include "ymgrd/datastore/datastore_internal.h"
+
 namespace {
 
 // Whether the choice or case `above` stands over the node.
@@ -275,6 +277,7 @@ std::string constraint_fuzz::list_keys(const lysc_node *list)
 
 lyd_node *constraint_fuzz::link(lyd_node *parent, lyd_node *node)
 {
+  ds_mark_explicit(node); // also an empty container is data
   if (parent != nullptr) {
     lyd_insert_child(parent, node);
   } else {
@@ -384,22 +387,19 @@ void constraint_fuzz::move(edit_changes *changes, lyd_node *entry)
 
 void constraint_fuzz::store_defaults(edit_changes *changes)
 {
-  lyd_node *tree = tree_.release();
-  lyd_node *made = nullptr;
-  if (tree != nullptr) {
-    (void)lyd_new_implicit_all(&tree, ctx_, LYD_IMPLICIT_NO_STATE, &made);
-  }
-  tree_.reset(tree);
-  lyd_tree_ptr owner(made);
-  for (lyd_node *node : all_nodes(made)) {
-    std::string path = path_of(node);
-    lyd_node *stored = nullptr;
-    if (lyd_find_path(tree_.get(), path.c_str(), 0, &stored) == LY_SUCCESS && (stored->flags & LYD_DEFAULT)) {
-      if (stored->schema->nodetype & LYD_NODE_TERM) {
-        stored->flags &= ~static_cast<uint32_t>(LYD_DEFAULT);
+  for (lyd_node *top = tree_.get(); top != nullptr; top = top->next) {
+    lyd_tree_ptr made;
+    if (ds_add_implicit(top, &made) != 0) {
+      std::abort();
+    }
+    for (lyd_node *node : all_nodes(made.get())) {
+      std::string path = path_of(node);
+      lyd_node *stored = nullptr;
+      if (lyd_find_path(tree_.get(), path.c_str(), 0, &stored) == LY_SUCCESS && (stored->flags & LYD_DEFAULT)) {
+        ds_mark_explicit(stored);
+        changes->created(stored);
+        story_ += " default " + path;
       }
-      changes->created(stored);
-      story_ += " default " + path;
     }
   }
 }
