@@ -386,7 +386,7 @@ void broker_publish_tick()
   log_warn("Publish configuration timeout.");
   (void)broker_save_error(-1, "Publish configuration timeout"); // logged there; the walk goes on in any case
   int overdue = pub->awaited;
-  if (overdue != NOBODY) {
+  if (overdue > 0) { // a plugin, not the daemon itself
     broker_hooks().given_up(overdue);
   }
   broker_publish_continue(overdue);

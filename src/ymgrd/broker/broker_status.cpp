@@ -144,7 +144,7 @@ void broker_subscribe_tick()
   if (sub != nullptr && ++sub->timeout > SUBSCRIBE_TIMEOUT_TICKS) {
     log_warn("Subscribe status timeout.");
     int overdue = sub->awaited;
-    if (overdue != NOBODY) {
+    if (overdue > 0) { // a plugin, not the daemon itself
       broker_hooks().given_up(overdue);
     }
     broker_subscribe_continue(overdue);
