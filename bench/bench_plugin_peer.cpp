@@ -107,10 +107,14 @@ int bench_plugin::activate(bool is_restored)
   if (ask("activate", is_restored ? "<with-cfgr/>" : "", &result) != 0) {
     return -1;
   }
-  while (!is_kicked_off_) {
-    if (serve() != 0) {
+  // The kickoff may have come together with the reply.
+  while (answer_received() == 0 && !is_kicked_off_) {
+    if (receive() != 0) {
       return -1;
     }
+  }
+  if (!is_kicked_off_) {
+    return -1;
   }
   // Messages of one connection are worked off in order: with this reply, the answer to the kickoff has been seen.
   return pull(bench_part_path(0), &result);
@@ -159,9 +163,11 @@ int bench_plugin::pull(const std::string &path, std::string *ret_data)
 
 int bench_plugin::serve()
 {
-  if (receive() != 0) {
-    return -1;
-  }
+  return receive() != 0 ? -1 : answer_received();
+}
+
+int bench_plugin::answer_received()
+{
   std::string message;
   int found = next_message(&message);
   for (; found > 0; found = next_message(&message)) {

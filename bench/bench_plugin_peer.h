@@ -52,6 +52,7 @@ private:
   int receive();
   int next_message(std::string *ret_text); // 1: one, 0: none is complete, -1
   int send_message(std::string_view text, int id);
+  int answer_received(); // what is complete
   int answer(const std::string &request);
   int answer_publish(const std::string &request, std::string *ret_result);
 
