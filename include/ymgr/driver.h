@@ -54,10 +54,10 @@ int db_clean(int target);
 
 /*
  * Sets a leaf to `data`, or creates a container or empty leaf (null or ""). Parents exist, or are created by calls that
- * came before. An entry's path adds the entry at the end of its list.
+ * came before. An entry's path adds the entry at the end of its list, unless it is there.
  */
 int db_set_item(int hdb, const char *path, int datatype, const char *data);
-/* Deletes the node with all below it. */
+/* Deletes the node with all below it. On the status datastore it need not be there. */
 int db_del_item(int hdb, const char *path);
 /*
  * Adds a list or leaf-list entry (`data` null or ""): `offset` places behind the entry `coords`, before it when

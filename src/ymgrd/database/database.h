@@ -44,10 +44,12 @@ void database_close(int hdb);
 int database_copy(int target, int source);
 int database_clean(int target);
 
-// Sets a leaf (DB_DATA_CONTENT with its text; null or "" for a container or an empty leaf). In a running transaction
-// only, except on the status database, where writes outside a transaction are stored one by one.
+// Sets a leaf (DB_DATA_CONTENT with its text; null or "" for a container or an empty leaf), or adds a list or leaf-list
+// entry at the tail unless it is there. In a running transaction only, except on the status database, where writes
+// outside a transaction are stored one by one.
 int database_set(int hdb, const char *path, int datatype, const char *data);
-// Deletes the node with all below it.
+// Deletes the node with all below it. It must be there, except on the status database, which loses its state data
+// whenever running is copied onto it.
 int database_delete(int hdb, const char *path);
 // Adds a list or leaf-list entry: next to the entry `coords` at a signed distance, or without `coords` at the head
 // (`offset` < 0) or the tail.

@@ -43,6 +43,7 @@ public:
 private:
   int resolve_replacement();
   int resolve_deleted();
+  bool may_be_absent(std::string_view data_key) const;
   int note_deleted(const deleted_node_t &node, const redisReply *field, std::vector<stored_node_t> *level);
   int walk_down(std::vector<stored_node_t> level);
   void note_stored(const stored_node_t &node, const redisReply *reply, std::vector<stored_node_t> *next);
@@ -113,6 +114,12 @@ int flush_plan::resolve_replacement()
   return 0;
 }
 
+// Whether the deleted node need not be there. State data may have gone with a copy of running.
+bool flush_plan::may_be_absent(std::string_view data_key) const
+{
+  return handle_->target_db == YMGRM_STATUS_DB || pending_->is_gone(data_key);
+}
+
 // Decides by a deleted node's field in its parent what is stored below. 0, or -1 when there is no such node.
 int flush_plan::note_deleted(const deleted_node_t &node, const redisReply *field, std::vector<stored_node_t> *level)
 {
@@ -122,7 +129,7 @@ int flush_plan::note_deleted(const deleted_node_t &node, const redisReply *field
     return -1;
   }
   if (field->type != REDIS_REPLY_STRING) {
-    if (node.was_there || pending_->is_gone(address.data_key)) {
+    if (node.was_there || may_be_absent(address.data_key)) {
       return 0;
     }
     log_error("redis has no key:%.512s", address.data_key.c_str());
@@ -214,7 +221,7 @@ int flush_plan::walk_down(std::vector<stored_node_t> level)
   return 0;
 }
 
-// Finds out which lists become empty, and whether what is removed from them is there.
+// Finds out which lists become empty, and whether what is removed from them, or added once only, is there.
 int flush_plan::resolve_lists()
 {
   std::vector<std::pair<std::string, pending_list_t *>> short_lists;
@@ -232,7 +239,7 @@ int flush_plan::resolve_lists()
       return -1;
     }
     for (const std::string &member : list->missing) {
-      if (!pending_->is_gone(entry_key(key, member))) {
+      if (!may_be_absent(entry_key(key, member))) {
         log_error("redis has no key:%.512s", entry_key(key, member).c_str());
         return -1;
       }
@@ -259,7 +266,7 @@ int flush_plan::resolve_short_lists(const std::vector<std::pair<std::string, pen
   for (const auto &[key, list] : lists) {
     redis_batch_add(batch.get(), {"LLEN", key});
     for (const pending_op_t &op : list->ops) {
-      if (op.op == LIST_REMOVE) {
+      if (op.op == LIST_REMOVE || op.op == LIST_ADD) {
         redis_batch_add(batch.get(), {"LPOS", key, op.member});
       }
     }
@@ -280,21 +287,24 @@ int flush_plan::resolve_short_lists(const std::vector<std::pair<std::string, pen
   size_t reply = 0;
   for (const auto &[key, list] : lists) {
     long long length = replies[reply++];
-    std::unordered_map<std::string_view, bool> is_there; // of the members that operations named
-    for (const pending_op_t &op : list->ops) {
-      if (op.op != LIST_REMOVE) {
-        length++;
-        is_there[op.member] = true;
+    std::unordered_map<std::string, bool> is_there; // of the members that operations named
+    std::vector<pending_op_t> recorded = std::move(list->ops);
+    list->ops.clear();
+    for (pending_op_t &op : recorded) {
+      bool is_searched = op.op == LIST_REMOVE || op.op == LIST_ADD;
+      bool *present = &is_there.emplace(op.member, is_searched && replies[reply] >= 0).first->second;
+      reply += is_searched ? 1 : 0;
+      if (op.op == LIST_ADD && *present) {
         continue;
       }
-      bool stored = replies[reply++] >= 0;
-      bool present = is_there.emplace(op.member, stored).first->second;
-      if (!present && !pending_->is_gone(entry_key(key, op.member))) {
+      if (op.op == LIST_REMOVE && !*present && !may_be_absent(entry_key(key, op.member))) {
         log_error("redis has no key:%.512s", entry_key(key, op.member).c_str());
         return -1;
       }
-      length -= present ? 1 : 0;
-      is_there[op.member] = false;
+      length += op.op != LIST_REMOVE ? 1 : *present ? -1 : 0;
+      *present = op.op != LIST_REMOVE;
+      op.op = op.op == LIST_ADD ? LIST_PUSH_TAIL : op.op;
+      list->ops.push_back(std::move(op));
     }
     if (length <= 0) {
       emptied_lists_.push_back(key);
@@ -573,8 +583,12 @@ int db_load_order(hdb_t *handle, const std::string &list_key, pending_list_t *li
   }
   list->order = std::move(order);
   list->missing.clear();
-  for (const pending_op_t &op : list->ops) {
-    db_apply_list_op(list, op);
+  std::vector<pending_op_t> recorded = std::move(list->ops);
+  list->ops.clear();
+  for (pending_op_t &op : recorded) {
+    if (db_apply_list_op(list, &op)) {
+      list->ops.push_back(std::move(op));
+    }
   }
   return 0;
 }

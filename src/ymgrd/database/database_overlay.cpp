@@ -86,25 +86,33 @@ std::vector<std::string_view> list_order::members()
   return members;
 }
 
-void db_apply_list_op(pending_list_t *list, const pending_op_t &op)
+bool db_apply_list_op(pending_list_t *list, pending_op_t *op)
 {
   list_order *order = list->order.get();
-  switch (op.op) {
+  switch (op->op) {
   case LIST_PUSH_HEAD:
-    order->prepend(op.member);
+    order->prepend(op->member);
     break;
   case LIST_PUSH_TAIL:
-    order->append(op.member);
+    order->append(op->member);
     break;
   case LIST_REMOVE:
-    if (!order->remove(op.member)) {
-      list->missing.push_back(op.member);
+    if (!order->remove(op->member)) {
+      list->missing.push_back(op->member);
     }
     break;
   case LIST_INSERT_BEFORE:
-    order->insert(order->position_of(op.pivot).value_or(order->size()), op.member);
+    order->insert(order->position_of(op->pivot).value_or(order->size()), op->member);
+    break;
+  case LIST_ADD:
+    if (order->contains(op->member)) {
+      return false;
+    }
+    op->op = LIST_PUSH_TAIL;
+    order->append(op->member);
     break;
   }
+  return true;
 }
 
 // --- db_overlay
@@ -164,10 +172,10 @@ pending_list_t *db_overlay::list_at(std::string_view list_key)
 void db_overlay::add_list_op(std::string_view list_key, pending_op_t op)
 {
   pending_list_t *list = list_at(list_key);
-  if (list->order != nullptr) {
-    db_apply_list_op(list, op);
+  if (list->order != nullptr && !db_apply_list_op(list, &op)) {
+    return;
   }
-  list->searches += op.op == LIST_REMOVE || op.op == LIST_INSERT_BEFORE ? 1 : 0;
+  list->searches += op.op == LIST_PUSH_HEAD || op.op == LIST_PUSH_TAIL ? 0 : 1;
   list->ops.push_back(std::move(op));
 }
 

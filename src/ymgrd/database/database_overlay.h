@@ -25,6 +25,7 @@ using db_key_set = std::unordered_set<std::string, db_key_hash_t, std::equal_to<
 // The entries of one list, by position. Removing costs nothing until a position is asked for.
 class list_order {
 public:
+  bool contains(std::string_view member) const { return ids_.contains(member); }
   void append(std::string_view member);
   void prepend(std::string_view member);
   bool remove(std::string_view member);                  // false when it was not there
@@ -45,7 +46,8 @@ private:
   bool has_removed_ = false; // order_ still names removed ids
 };
 
-typedef enum _list_op { LIST_PUSH_HEAD, LIST_PUSH_TAIL, LIST_REMOVE, LIST_INSERT_BEFORE } list_op_t;
+// LIST_ADD: at the tail, unless it is there.
+typedef enum _list_op { LIST_PUSH_HEAD, LIST_PUSH_TAIL, LIST_REMOVE, LIST_INSERT_BEFORE, LIST_ADD } list_op_t;
 
 typedef struct _pending_op {
   list_op_t op;
@@ -61,8 +63,8 @@ typedef struct _pending_list {
   std::vector<std::string> missing;  // what `ops` removed from `order` in vain
 } pending_list_t;
 
-// Does to the list's order what the operation does in Redis.
-void db_apply_list_op(pending_list_t *list, const pending_op_t &op);
+// Does to the list's order what the operation does in Redis; an addition becomes a push. False when it does nothing.
+bool db_apply_list_op(pending_list_t *list, pending_op_t *op);
 
 enum { FIELD_REMOVED = 0 }; // else DB_VALUE_NODE or DB_VALUE_LIST
 

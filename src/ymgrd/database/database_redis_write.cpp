@@ -197,6 +197,33 @@ int insert_without_data(hdb_t *handle, const db_address_t &entry, const char *co
   return 0;
 }
 
+bool may_become_entry(const char *path, const char *data)
+{
+  if (has_text(data)) {
+    log_error("set leaflist or list should input data=NULL or \"\",path=%.512s,data=%.512s.", path, data);
+    return false;
+  }
+  return true;
+}
+
+// The list of an entry stands in its parent.
+void note_list(hdb_t *handle, const db_address_t &entry)
+{
+  std::string_view parent;
+  std::string_view name;
+  db_split_last_node(entry.key, &parent, &name);
+  if (parent == belong_module(entry.key)) { // a top-level list
+    register_module(handle, entry.key);
+  }
+  handle->pending.set_field(parent, name, DB_VALUE_LIST, {});
+}
+
+void add_entry(hdb_t *handle, const db_address_t &entry, list_op_t op)
+{
+  handle->pending.add_list_op(entry.key, {op, entry.item, {}});
+  note_list(handle, entry);
+}
+
 } // namespace
 
 int db_set_item(int hdb, const char *path, int datatype, const char *data)
@@ -208,13 +235,17 @@ int db_set_item(int hdb, const char *path, int datatype, const char *data)
   }
   bool adds_entry = address.type == DB_NODE_LEAFLIST ||
                     (address.type == DB_NODE_LIST && (!has_text(data) || datatype == DB_DATA_CONTENT));
-  if (adds_entry) {
-    return db_new_item(hdb, path, nullptr, 0, datatype, data);
+  if (adds_entry && !may_become_entry(path, data)) {
+    return -1;
   }
   hdb_t *handle = find_writer(hdb);
   if (handle == nullptr) {
     log_error("Connect to db failed.");
     return -1;
+  }
+  if (adds_entry) {
+    add_entry(handle, address, LIST_ADD);
+    return finish_write(handle);
   }
   return set_by_type(handle, address, datatype, data) != 0 ? -1 : finish_write(handle);
 }
@@ -228,8 +259,7 @@ int db_new_item(int hdb, const char *path, const char *coords, int offset, int d
   if (!address.is_entry() || (address.type == DB_NODE_LIST && has_text(data) && datatype != DB_DATA_CONTENT)) {
     return db_set_item(hdb, path, datatype, data);
   }
-  if (has_text(data)) {
-    log_error("set leaflist or list should input data=NULL or \"\",path=%.512s,data=%.512s.", path, data);
+  if (!may_become_entry(path, data)) {
     return -1;
   }
   hdb_t *handle = find_writer(hdb);
@@ -237,17 +267,12 @@ int db_new_item(int hdb, const char *path, const char *coords, int offset, int d
     return -1;
   }
   if (coords == nullptr) {
-    push(handle, address, offset);
-  } else if (insert_data(handle, address, coords, offset) != 0) {
+    add_entry(handle, address, offset < 0 ? LIST_PUSH_HEAD : LIST_PUSH_TAIL);
+  } else if (insert_data(handle, address, coords, offset) == 0) {
+    note_list(handle, address);
+  } else {
     return -1;
   }
-  std::string_view parent;
-  std::string_view name;
-  db_split_last_node(address.key, &parent, &name);
-  if (parent == belong_module(address.key)) { // a top-level list
-    register_module(handle, address.key);
-  }
-  handle->pending.set_field(parent, name, DB_VALUE_LIST, {});
   return finish_write(handle);
 }
 

@@ -8,7 +8,6 @@
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
-#include "ymgrd/datastore/ds_error.h"
 #include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/schema/schema.h"
 
@@ -69,62 +68,9 @@ int use_schema()
   schema_on_exit(dbkey_release);
   schema_on_exit(ds_drop_differ_nodes);
   schema_on_exit(ds_kept_drop);
+  schema_on_exit(ds_forget_pushed);
   schema_on_exit(ds_forget_validated);
   return 0;
-}
-
-// Whether validating the operation's input can look at the configuration: it has a must, a when or a reference.
-bool refers_to_config(const lysc_node *operation)
-{
-  const lysc_node *node = nullptr;
-  LYSC_TREE_DFS_BEGIN(operation, node)
-  {
-    if (lysc_node_musts(node) != nullptr || lysc_node_when(node) != nullptr) {
-      return true;
-    }
-    if (node->nodetype & (LYS_LEAF | LYS_LEAFLIST)) {
-      LY_DATA_TYPE type = reinterpret_cast<const lysc_node_leaf *>(node)->type->basetype;
-      if (type == LY_TYPE_LEAFREF || type == LY_TYPE_INST || type == LY_TYPE_UNION) {
-        return true;
-      }
-    }
-    LYSC_TREE_DFS_END(operation, node);
-  }
-  return false;
-}
-
-int read_running(lyd_tree_ptr *ret_running)
-{
-  ds_session_db db;
-  if (db.open(ENUM_DATASTORE_RUNNING) != 0 || ds_db_get_data_from_top(db.hdb(), 0, "/", ret_running) != 0) {
-    log_error("get running config error when parse rpc.");
-    return -1;
-  }
-  return 0;
-}
-
-int validate_operation(lyxml_elem *operation)
-{
-  std::string text = lyxml_print_self_contained(operation);
-  ly_in *in = nullptr;
-  if (ly_in_new_memory(text.c_str(), &in) != LY_SUCCESS) {
-    return -1;
-  }
-  ds_clear_yang_errors();
-  lyd_node *tree = nullptr;
-  lyd_node *parsed = nullptr;
-  LY_ERR result = lyd_parse_op(schema_ctx(), nullptr, in, LYD_XML, LYD_TYPE_RPC_YANG, &tree, &parsed);
-  ly_in_free(in, 0);
-  lyd_tree_ptr owner(tree);
-  lyd_tree_ptr running;
-  if (result == LY_SUCCESS && refers_to_config(parsed->schema) && read_running(&running) != 0) {
-    result = LY_EOTHER;
-  }
-  if (result == LY_SUCCESS) {
-    result = lyd_validate_op(parsed, running.get(), LYD_TYPE_RPC_YANG, nullptr);
-  }
-  memset_s(text.data(), text.size(), 0, text.size());
-  return result == LY_SUCCESS ? 0 : -1;
 }
 
 } // namespace
@@ -152,16 +98,6 @@ void datastore_exit()
   ds_drop_differ_nodes();
   ds_lock_uninit();
   ds_get_forget();
-}
-
-int datastore_parse_rpc(const char *, lyxml_elem *rpc)
-{
-  for (lyxml_elem *operation = lyxml_first_child(rpc); operation != nullptr; operation = lyxml_next(operation)) {
-    if (validate_operation(operation) != 0) {
-      return -1;
-    }
-  }
-  return 0;
 }
 
 bool ds_has_pending_changes()

@@ -55,8 +55,8 @@ int send_data(int sid, const lyxml_elem *rpc, std::string_view text)
   return 0;
 }
 
-// State data of an earlier get goes with the copy.
-int prepare_status(const char **ret_message)
+// State data of an earlier get goes with the copy, and what was pushed comes back as far as it is asked for.
+int prepare_status(const std::vector<std::string> &paths, const char **ret_message)
 {
   int running = ds_to_db(ENUM_DATASTORE_RUNNING);
   int status = ds_to_db(ENUM_DATASTORE_STATUS);
@@ -64,7 +64,7 @@ int prepare_status(const char **ret_message)
     *ret_message = "Failed to transform running or status database.";
     return -1;
   }
-  if (database_copy(status, running) != 0) {
+  if (database_copy(status, running) != 0 || ds_write_pushed(paths) != 0) {
     *ret_message = "Failed to merge running into status.";
     return -1;
   }
@@ -112,14 +112,14 @@ int ds_get(int sid, const char *, lyxml_elem *rpc)
   if (filter != nullptr && nc_filter_is_empty(*filter)) {
     return send_data(sid, rpc, {});
   }
+  std::vector<std::string> paths = filter == nullptr ? std::vector<std::string>{"/"} : ds_filter_top_paths(*filter);
   const char *message = nullptr;
-  if (prepare_status(&message) != 0) {
+  if (prepare_status(paths, &message) != 0) {
     return refuse_get(sid, rpc, message);
   }
   std::unique_ptr<ds_get_context_t> context(new (std::nothrow) ds_get_context_t);
   ds_get_context_t *current = context.get();
   if (context != nullptr) {
-    std::vector<std::string> paths = filter == nullptr ? std::vector<std::string>{"/"} : ds_filter_top_paths(*filter);
     context->sid = sid;
     context->filter = std::move(filter);
     context->paths.assign(paths.begin(), paths.end());

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 #include <unordered_set>
+#include <vector>
 
 #include <libyang/libyang.h>
 
@@ -197,6 +198,15 @@ ds_accepted_t ds_accept_running(int sid, ds_session_db *db, ds_change_t *change,
 // stands, and is taken over; null for a commit, where it is what candidate holds.
 int datastore_publish(int sid, ds_session_db *db, lyd_tree_ptr *data, differ_node_t *dtree, int target_ds, int erropt);
 
+// The publication in flight, for those who read during it.
+typedef struct _ds_publication {
+  int target_ds;        // running: of an edit; candidate: of a commit
+  int running_hdb;      // sees running without the change
+  const lyd_node *data; // of an edit: what running holds once the change stands
+} ds_publication_t;
+// False when there is none.
+bool ds_get_publication(ds_publication_t *ret_publication);
+
 // Announces a long parse to the watchdog for the life of the object, sized by the request's text.
 class ds_long_parse {
 public:
@@ -220,6 +230,9 @@ int ds_glock_transact_start(int ds, const nc_filter_t *filter, ds_session_db *re
 int ds_get_query_result(int hdb, int ds, const nc_filter_t *filter, wiped_string *ret_text);
 // The <data> reply. 0 or -1.
 int ds_get_send_reply(int sid, const lyxml_elem *rpc, std::string_view text);
+// Writes what plugins have pushed into the status datastore, as far as it lies below one of the top paths. 0 or -1.
+int ds_write_pushed(const std::vector<std::string> &paths);
+void ds_forget_pushed(); // of all plugins
 // At the end of the process: frees the get in progress.
 void ds_get_forget();
 

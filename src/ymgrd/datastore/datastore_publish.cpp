@@ -208,6 +208,16 @@ int datastore_publish(int sid, ds_session_db *db, lyd_tree_ptr *data, differ_nod
   return 0;
 }
 
+bool ds_get_publication(ds_publication_t *ret_publication)
+{
+  const auto *record = context_get_record<ds_publishing_t>(PUBLISHING_OPTION);
+  if (record == nullptr) {
+    return false;
+  }
+  *ret_publication = {record->target_ds, record->db.hdb(), record->data.get()};
+  return true;
+}
+
 int datastore_publish_callback(int is_rollback, reply_error_ptr errors)
 {
   log_info("Publish configuration was end.");

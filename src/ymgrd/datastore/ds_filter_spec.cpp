@@ -62,17 +62,9 @@ void keep_kinds(ds_schema_nodes *nodes, uint16_t kinds)
 
 // --- Values
 
-const lysc_type *real_type(const lysc_type *type)
-{
-  while (type->basetype == LY_TYPE_LEAFREF) {
-    type = reinterpret_cast<const lysc_type_leafref *>(type)->realtype;
-  }
-  return type;
-}
-
 bool names_modules(const lysc_type *type)
 {
-  type = real_type(type);
+  type = ds_real_type(type);
   if (type->basetype != LY_TYPE_UNION) {
     return type->basetype == LY_TYPE_IDENT || type->basetype == LY_TYPE_INST;
   }
@@ -123,26 +115,6 @@ wiped_string with_module_names(lyxml_elem *elem, std::string_view value)
   return result;
 }
 
-// The value as it is stored. False when the type refuses it.
-bool stored_form(const lysc_node *schema, std::string_view value, wiped_string *ret_stored, LY_DATA_TYPE *ret_type)
-{
-  const lysc_type *type = nullptr;
-  const char *canonical = nullptr;
-  LY_ERR result = lyd_value_validate(nullptr, schema, value.data(), value.size(), nullptr, &type, &canonical);
-  if (result != LY_SUCCESS && result != LY_EINCOMPLETE) { // incomplete: whether what it refers to exists
-    return false;
-  }
-  *ret_type = type == nullptr ? LY_TYPE_UNKNOWN : real_type(type)->basetype;
-  std::string_view text = canonical == nullptr ? value : canonical;
-  if (*ret_type == LY_TYPE_INST) {
-    ret_stored->assign(ds_qualify_instance_identifier(text));
-  } else {
-    ret_stored->assign(text);
-  }
-  lydict_remove(schema_ctx(), canonical);
-  return true;
-}
-
 // The text of a content match node in the form of stored values; what its type refuses matches nothing and stays.
 wiped_string normal_value(lyxml_elem *elem, const lysc_node *schema, std::string_view value)
 {
@@ -150,12 +122,12 @@ wiped_string normal_value(lyxml_elem *elem, const lysc_node *schema, std::string
   LY_DATA_TYPE type = LY_TYPE_UNKNOWN;
   if (names_modules(reinterpret_cast<const lysc_node_leaf *>(schema)->type)) {
     wiped_string named = with_module_names(elem, value);
-    bool fits = stored_form(schema, named, &stored, &type);
+    bool fits = ds_to_stored_form(schema, named, &stored, &type);
     if (fits && (type == LY_TYPE_IDENT || type == LY_TYPE_INST)) {
       return stored;
     }
   }
-  return stored_form(schema, value, &stored, &type) ? stored : wiped_string(value);
+  return ds_to_stored_form(schema, value, &stored, &type) ? stored : wiped_string(value);
 }
 
 // --- Elements

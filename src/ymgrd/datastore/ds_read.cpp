@@ -9,6 +9,7 @@
 #include "ymgrd/datastore/dbkey.h"
 #include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/datastore/ds_print.h"
+#include "ymgrd/schema/schema.h"
 
 namespace {
 
@@ -40,9 +41,12 @@ std::vector<const char *> key_names(const lysc_node *list)
   return names;
 }
 
-// "[k1='v1'][k2='v2']", as libyang looks entries up.
+// "[k1='v1'][k2='v2']", or a leaf-list's value, as libyang looks entries up.
 std::string lookup_predicate(const ds_step_t &step)
 {
+  if (step.schema->nodetype == LYS_LEAFLIST) {
+    return step.keys.front();
+  }
   std::string predicate;
   std::vector<const char *> names = key_names(step.schema);
   for (size_t i = 0; i < step.keys.size(); i++) {
@@ -52,25 +56,52 @@ std::string lookup_predicate(const ds_step_t &step)
   return predicate;
 }
 
-// The first node of that kind; the entry when the path ends with one. Null when there is none.
-const lyd_node *find_node(const lyd_node *tree, const ds_path_t &path)
+// libyang finds the entries of a leaf-list by value only.
+lyd_node *find_first(const lyd_node *siblings, const lysc_node *schema)
+{
+  lyd_node *node = nullptr;
+  if (schema->nodetype != LYS_LEAFLIST) {
+    return lyd_find_sibling_val(siblings, schema, nullptr, 0, &node) == LY_SUCCESS ? node : nullptr;
+  }
+  LY_LIST_FOR(const_cast<lyd_node *>(siblings), node)
+  {
+    if (node->schema == schema) {
+      return node;
+    }
+  }
+  return nullptr;
+}
+
+// Every failure is an absent node: a value that its type refuses is no entry's key.
+lyd_node *find_entry(const lyd_node *siblings, const ds_step_t &step)
+{
+  std::string predicate = lookup_predicate(step);
+  lyd_node *node = nullptr;
+  LY_ERR result = lyd_find_sibling_val(siblings, step.schema, predicate.c_str(), predicate.size(), &node);
+  return result == LY_SUCCESS ? node : nullptr;
+}
+
+// The entry next to `entry`, in the direction of `other`; its data key, or nothing.
+std::string key_of_neighbour(const lyd_node *entry, const lyd_node *other)
+{
+  return other != nullptr && other->schema == entry->schema ? dbkey_data_key(other) : std::string();
+}
+
+} // namespace
+
+lyd_node *ds_find_node(const lyd_node *tree, const ds_path_t &path)
 {
   const lyd_node *siblings = tree;
   lyd_node *node = nullptr;
   for (const ds_step_t *step : path) {
-    std::string predicate = step->is_entry() ? lookup_predicate(*step) : std::string();
-    const char *entry = step->is_entry() ? predicate.c_str() : nullptr;
-    node = nullptr;
-    // Every failure is an absent node: a value that its type refuses is no entry's key.
-    if (lyd_find_sibling_val(siblings, step->schema, entry, predicate.size(), &node) != LY_SUCCESS) {
+    node = step->is_entry() ? find_entry(siblings, *step) : find_first(siblings, step->schema);
+    if (node == nullptr) {
       return nullptr;
     }
     siblings = lyd_child(node);
   }
   return node;
 }
-
-} // namespace
 
 bool ds_can_be_key(std::string_view value)
 {
@@ -83,6 +114,10 @@ std::string ds_path_key(const ds_path_t &path)
   for (const ds_step_t *step : path) {
     dbkey_append_name(&key, step->schema);
     if (!step->is_entry()) {
+      continue;
+    }
+    if (step->schema->nodetype == LYS_LEAFLIST) {
+      key.append("[.=").append(datastore_value_add_quotes(step->keys.front())).append("]");
       continue;
     }
     std::vector<const char *> names = key_names(step->schema);
@@ -117,15 +152,37 @@ int ds_append_opening(const ds_path_t &path, wiped_string *text, std::string *re
   return 0;
 }
 
+int ds_wrap_text(const ds_path_t &way, std::string_view content, wiped_string *text)
+{
+  std::vector<std::string> names;
+  ds_path_t path;
+  for (const ds_step_t *step : way) {
+    path.push_back(step);
+    names.emplace_back();
+    if (ds_append_opening(path, text, &names.back()) != 0) {
+      return -1;
+    }
+  }
+  text->append(content);
+  for (auto name = names.rbegin(); name != names.rend(); ++name) {
+    db_add_etag(*name, text);
+  }
+  return 0;
+}
+
 ds_source::ds_source(int hdb, int datastore) : hdb_(hdb)
 {
-  has_tree_ = tree_serves(datastore, &stored_modules_) && ds_kept_take(&tree_);
+  is_kept_ = tree_serves(datastore, &stored_modules_) && ds_kept_take(&kept_);
+  has_tree_ = is_kept_;
+  tree_ = kept_.get();
 }
+
+ds_source::ds_source(const lyd_node *tree) : has_tree_(true), tree_(tree) {}
 
 ds_source::~ds_source()
 {
-  if (has_tree_) {
-    ds_kept_store(std::move(tree_));
+  if (is_kept_) {
+    ds_kept_store(std::move(kept_));
   }
 }
 
@@ -150,7 +207,7 @@ int ds_source::read_all(wiped_string *text) const
   if (!has_tree_) {
     return read_stored("/", DB_DEPTH_ALL, text);
   }
-  for (const lyd_node *top = tree_.get(); top != nullptr; top = top->next) {
+  for (const lyd_node *top = tree_; top != nullptr; top = top->next) {
     if (!stored_modules_.contains(top->schema->module->name) && ds_print_node(top, text) != 0) {
       return -1;
     }
@@ -171,7 +228,7 @@ int ds_source::read_text(const ds_path_t &path, wiped_string *text) const
   if (!is_in_tree(path)) {
     return read_stored(ds_path_key(path).c_str(), DB_DEPTH_ALL, text);
   }
-  const lyd_node *node = find_node(tree_.get(), path);
+  const lyd_node *node = ds_find_node(tree_, path);
   bool is_one = node == nullptr || path.back()->is_entry();
   const lysc_node *schema = node == nullptr ? nullptr : node->schema;
   for (; node != nullptr && node->schema == schema; node = is_one ? nullptr : node->next) {
@@ -185,7 +242,7 @@ int ds_source::read_text(const ds_path_t &path, wiped_string *text) const
 int ds_source::has_entry(const ds_path_t &path, bool *ret_has) const
 {
   if (is_in_tree(path)) {
-    *ret_has = find_node(tree_.get(), path) != nullptr;
+    *ret_has = ds_find_node(tree_, path) != nullptr;
     return 0;
   }
   wiped_string keys;
@@ -203,7 +260,59 @@ int ds_source::index_of(const ds_path_t &path, int *ret_index) const
     *ret_index = index; // negative for an absent entry, whose place does not matter
     return 0;
   }
-  const lyd_node *node = find_node(tree_.get(), path);
+  const lyd_node *node = ds_find_node(tree_, path);
   *ret_index = node == nullptr ? -1 : static_cast<int>(lyd_list_pos(node));
   return 0;
+}
+
+// The data key of the entry at that position of the list of `path`; empty when there is none. 0 or -1.
+int ds_source::key_at(const ds_path_t &path, int index, std::string *ret_key) const
+{
+  ret_key->clear();
+  if (index < 0) {
+    return 0;
+  }
+  ds_path_t way(path.begin(), path.end() - 1);
+  ds_step_t all{path.back()->schema, {}};
+  way.push_back(&all);
+  wiped_string entry;
+  std::string position = ds_path_key(way) + "[" + std::to_string(index) + "]";
+  if (read_stored(position.c_str(), DEPTH_KEYS_ONLY, &entry) != 0) {
+    return -1;
+  }
+  way.pop_back();
+  wiped_string text;
+  if (entry.empty() || ds_wrap_text(way, entry, &text) != 0) {
+    return entry.empty() ? 0 : -1;
+  }
+  lyd_node *tree = nullptr;
+  LY_ERR result = lyd_parse_data_mem(schema_ctx(), text.c_str(), LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_STRICT, 0, &tree);
+  lyd_tree_ptr owner(tree);
+  way.push_back(&all);
+  const lyd_node *node = result == LY_SUCCESS ? ds_find_node(tree, way) : nullptr;
+  if (node == nullptr) {
+    log_error("Stored entry of %.512s does not fit the schema.", ds_path_key(way).c_str());
+    return -1;
+  }
+  *ret_key = dbkey_data_key(node);
+  return 0;
+}
+
+int ds_source::neighbours_of(const ds_path_t &path, bool *ret_has, std::string *ret_prev, std::string *ret_next) const
+{
+  if (is_in_tree(path)) {
+    const lyd_node *entry = ds_find_node(tree_, path);
+    *ret_has = entry != nullptr;
+    *ret_prev = entry == nullptr || entry->prev->next == nullptr ? "" : key_of_neighbour(entry, entry->prev);
+    *ret_next = entry == nullptr ? "" : key_of_neighbour(entry, entry->next);
+    return 0;
+  }
+  int index = database_index(hdb_, 0, ds_path_key(path).c_str());
+  *ret_has = index >= 0;
+  if (index < 0) {
+    ret_prev->clear();
+    ret_next->clear();
+    return 0;
+  }
+  return key_at(path, index - 1, ret_prev) != 0 || key_at(path, index + 1, ret_next) != 0 ? -1 : 0;
 }

@@ -4,6 +4,7 @@
 
 #include "ymgrd/core/handles.h"
 #include "ymgrd/database/database_path.h"
+#include "ymgrd/schema/schema.h"
 
 namespace {
 
@@ -82,4 +83,32 @@ std::string ds_stored_value(const lyd_node *node)
   }
   const char *canonical = lyd_get_value(node);
   return ds_is_stored_canonically(node) ? canonical : ds_qualify_instance_identifier(canonical);
+}
+
+const lysc_type *ds_real_type(const lysc_type *type)
+{
+  while (type->basetype == LY_TYPE_LEAFREF) {
+    type = reinterpret_cast<const lysc_type_leafref *>(type)->realtype;
+  }
+  return type;
+}
+
+bool ds_to_stored_form(const lysc_node *schema, std::string_view value, wiped_string *ret_stored,
+                       LY_DATA_TYPE *ret_type)
+{
+  const lysc_type *type = nullptr;
+  const char *canonical = nullptr;
+  LY_ERR result = lyd_value_validate(nullptr, schema, value.data(), value.size(), nullptr, &type, &canonical);
+  if (result != LY_SUCCESS && result != LY_EINCOMPLETE) { // incomplete: whether what it refers to exists
+    return false;
+  }
+  *ret_type = type == nullptr ? LY_TYPE_UNKNOWN : ds_real_type(type)->basetype;
+  std::string_view text = canonical == nullptr ? value : canonical;
+  if (*ret_type == LY_TYPE_INST) {
+    ret_stored->assign(ds_qualify_instance_identifier(text));
+  } else {
+    ret_stored->assign(text);
+  }
+  lydict_remove(schema_ctx(), canonical);
+  return true;
 }

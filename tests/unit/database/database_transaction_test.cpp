@@ -98,9 +98,29 @@ TEST_F(database_transaction, writes_outside_of_a_transaction_are_for_status_only
   EXPECT_EQ(database_set(database_open(RUNNING), "/m:top", DB_DATA_CONTENT, nullptr), -1);
   int status = database_open(STATUS);
   set(status, "/m:top/a", "1");
-  EXPECT_EQ(database_delete(status, "/m:top/none"), -1);
-  set(status, "/m:top/b", "2"); // the refused one is not tried again
+  EXPECT_EQ(database_delete(status, "/m:top[k=\"1\"]"), -1); // no list
+  set(status, "/m:top/b", "2");                              // the refused one is not tried again
   EXPECT_EQ(get_from(STATUS, "/m:top/a"), "<a>1</a>");
+}
+
+// State data is written by several, and goes whenever running is copied.
+TEST_F(database_transaction, state_entries_are_set_once_and_deleted_if_they_are_there)
+{
+  auto entry = [](int k) { return "/m:top/l[k=\"" + std::to_string(k) + "\"]"; };
+  for (int entries : {3, 200}) { // looked for one by one; in the list read as a whole
+    int status = database_open(STATUS);
+    set(status, entry(1));
+    EXPECT_EQ(database_trans_start(status), 0);
+    EXPECT_EQ(database_delete(status, entry(999).c_str()), 0);
+    EXPECT_EQ(database_delete(status, "/m:top/none"), 0);
+    for (int k = 0; k < 2 * entries; k++) {
+      set(status, entry(k % entries));
+    }
+    commit_and_close(status);
+    std::vector<std::string> stored = server_.command(8, {"LRANGE", "/m/top/l", "0", "-1"});
+    EXPECT_EQ(stored.size(), static_cast<size_t>(entries));
+    EXPECT_EQ(stored.front(), "k=\"1\"");
+  }
 }
 
 // Random edits: sent one by one they must leave what they leave when many are sent together, which goes another way.

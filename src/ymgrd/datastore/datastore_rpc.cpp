@@ -1,0 +1,143 @@
+// Operations that modules define: their input, which clients send, and their output, which plugins give.
+#include <cstring>
+#include <memory>
+
+#include "libconf/plugin_message.h"
+#include "libconf/safe_string.h"
+#include "ymgrd/core/log.h"
+#include "ymgrd/datastore/datastore.h"
+#include "ymgrd/datastore/datastore_internal.h"
+#include "ymgrd/datastore/ds_error.h"
+#include "ymgrd/datastore/ds_plugin_data.h"
+#include "ymgrd/schema/schema.h"
+
+namespace {
+
+// Whether validating the operation's input can look at the configuration: it has a must, a when or a reference.
+bool refers_to_config(const lysc_node *operation)
+{
+  const lysc_node *node = nullptr;
+  LYSC_TREE_DFS_BEGIN(operation, node)
+  {
+    if (lysc_node_musts(node) != nullptr || lysc_node_when(node) != nullptr) {
+      return true;
+    }
+    if (node->nodetype & (LYS_LEAF | LYS_LEAFLIST)) {
+      LY_DATA_TYPE type = reinterpret_cast<const lysc_node_leaf *>(node)->type->basetype;
+      if (type == LY_TYPE_LEAFREF || type == LY_TYPE_INST || type == LY_TYPE_UNION) {
+        return true;
+      }
+    }
+    LYSC_TREE_DFS_END(operation, node);
+  }
+  return false;
+}
+
+int read_running(lyd_tree_ptr *ret_running)
+{
+  ds_session_db db;
+  if (db.open(ENUM_DATASTORE_RUNNING) != 0 || ds_db_get_data_from_top(db.hdb(), 0, "/", ret_running) != 0) {
+    log_error("get running config error when parse rpc.");
+    return -1;
+  }
+  return 0;
+}
+
+struct ly_in_delete_t {
+  void operator()(ly_in *in) const { ly_in_free(in, 0); }
+};
+
+// Parses and validates an operation's input or output. 0 with the whole tree and the operation's node in it, or -1 with
+// the cause in libyang's record.
+int parse_operation(const char *text, lyd_type type, lyd_tree_ptr *ret_tree, lyd_node **ret_operation)
+{
+  ly_in *made = nullptr;
+  if (ly_in_new_memory(text, &made) != LY_SUCCESS) {
+    return -1;
+  }
+  std::unique_ptr<ly_in, ly_in_delete_t> in(made);
+  ds_clear_yang_errors();
+  lyd_node *tree = nullptr;
+  lyd_node *operation = nullptr;
+  LY_ERR result = lyd_parse_op(schema_ctx(), nullptr, made, LYD_XML, type, &tree, &operation);
+  lyd_tree_ptr owner(tree);
+  lyd_tree_ptr running;
+  if (result != LY_SUCCESS || (refers_to_config(operation->schema) && read_running(&running) != 0) ||
+      lyd_validate_op(operation, running.get(), type, nullptr) != LY_SUCCESS) {
+    return -1;
+  }
+  *ret_tree = std::move(owner);
+  *ret_operation = operation;
+  return 0;
+}
+
+int validate_input(lyxml_elem *operation)
+{
+  std::string text = lyxml_print_self_contained(operation);
+  lyd_tree_ptr tree;
+  lyd_node *parsed = nullptr;
+  int result = parse_operation(text.c_str(), LYD_TYPE_RPC_YANG, &tree, &parsed);
+  memset_s(text.data(), text.size(), 0, text.size());
+  return result;
+}
+
+// Each element declares what it needs.
+int print_children(const lyd_node *operation, wiped_string *text)
+{
+  const lyd_node *first = lyd_child(operation);
+  char *printed = nullptr;
+  if (first != nullptr &&
+      lyd_print_mem(&printed, first, LYD_XML, LYD_PRINT_WITHSIBLINGS | LYD_PRINT_SHRINK) != LY_SUCCESS) {
+    return -1;
+  }
+  c_string_ptr owner(printed);
+  text->assign(printed == nullptr ? "" : printed);
+  if (printed != nullptr) {
+    size_t length = strlen(printed);
+    memset_s(printed, length, 0, length);
+  }
+  return 0;
+}
+
+} // namespace
+
+int datastore_parse_rpc(const char *, lyxml_elem *rpc)
+{
+  for (lyxml_elem *operation = lyxml_first_child(rpc); operation != nullptr; operation = lyxml_next(operation)) {
+    if (validate_input(operation) != 0) {
+      return -1;
+    }
+  }
+  return 0;
+}
+
+int ds_plugin_check_output(const std::string &oper, const xmlNode *result, wiped_string *ret_text,
+                           std::string *ret_error)
+{
+  size_t colon = oper.find(':');
+  std::string module(oper, 0, colon == std::string::npos ? 0 : colon);
+  module.erase(0, module.starts_with('/') ? 1 : 0);
+  std::string name(oper, colon == std::string::npos ? 0 : colon + 1);
+  const lys_module *known = ly_ctx_get_module_implemented(schema_ctx(), module.c_str());
+  if (known == nullptr || name.empty()) {
+    *ret_error = "There is no operation \"" + oper + "\".";
+    return -1;
+  }
+  wiped_string document = wiped_string("<") + name.c_str() + " xmlns=\"" + known->ns + "\">";
+  lyd_tree_ptr tree;
+  lyd_node *operation = nullptr;
+  bool is_complete = result == nullptr || plugin_append_markup(result, &document) == 0;
+  document.append("</").append(name).append(">");
+  if (!is_complete || parse_operation(document.c_str(), LYD_TYPE_REPLY_YANG, &tree, &operation) != 0) {
+    const char *message = ly_errmsg(schema_ctx());
+    *ret_error = message == nullptr ? "The output does not fit the schema." : message;
+    return -1;
+  }
+  wiped_string text;
+  if (print_children(operation, &text) != 0) {
+    *ret_error = "Memory is short.";
+    return -1;
+  }
+  *ret_text = std::move(text);
+  return 0;
+}

@@ -1,0 +1,279 @@
+// State data of plugins: what they push is kept, one tree for each plugin, and written into the status datastore; what
+// they answer to a get is written there only.
+#include <algorithm>
+#include <map>
+
+#include "libconf/plugin_message.h"
+#include "ymgrd/core/log.h"
+#include "ymgrd/datastore/datastore_internal.h"
+#include "ymgrd/datastore/ds_error.h"
+#include "ymgrd/datastore/ds_plugin_data.h"
+#include "ymgrd/datastore/ds_plugin_path.h"
+#include "ymgrd/datastore/ds_status.h"
+#include "ymgrd/datastore/ds_value.h"
+#include "ymgrd/schema/schema.h"
+
+namespace {
+
+std::map<int, lyd_tree_ptr> pushed; // by plugin id
+
+int fail(std::string *ret_error, std::string message)
+{
+  *ret_error = std::move(message);
+  return -1;
+}
+
+// --- Checking
+
+bool is_entry_of(const lyd_node *node, const ds_step_t &step)
+{
+  if (node->schema != step.schema) {
+    return false;
+  }
+  if (!step.is_entry()) {
+    return true;
+  }
+  if (node->schema->nodetype == LYS_LEAFLIST) {
+    return ds_stored_value(node) == step.keys.front();
+  }
+  const lyd_node *key = lyd_child(node); // keys come first, in the schema's order
+  return std::all_of(step.keys.begin(), step.keys.end(), [&key](const std::string &value) {
+    bool is_same = key != nullptr && ds_stored_value(key) == value;
+    key = key == nullptr ? nullptr : key->next;
+    return is_same;
+  });
+}
+
+int check_state(const lyd_node *top, std::string *ret_error)
+{
+  const lyd_node *node = nullptr;
+  LYD_TREE_DFS_BEGIN(top, node)
+  {
+    const lysc_node *schema = node->schema;
+    bool is_config = schema->flags & LYS_CONFIG_W;
+    if (is_config && !(schema->nodetype & LYD_NODE_INNER) && !lysc_is_key(schema)) {
+      return fail(ret_error, "\"" + dbkey_data_key(node) + "\" is configuration.");
+    }
+    if (schema->nodetype == LYS_LIST && schema->flags & LYS_KEYLESS) {
+      return fail(ret_error, "\"" + dbkey_data_key(node) + "\" is a list without keys, which can not be stored.");
+    }
+    LYD_TREE_DFS_END(top, node);
+  }
+  return 0;
+}
+
+// That `node`, which stands `depth` steps deep, is on the way to the path's end, at it or below it.
+int check_place(const lyd_node *node, const ds_steps_t &steps, size_t depth, std::string *ret_error)
+{
+  if (depth < steps.size() && !is_entry_of(node, steps[depth])) {
+    return fail(ret_error, "\"" + dbkey_data_key(node) + "\" does not lie below the path.");
+  }
+  if (depth + 1 >= steps.size()) {
+    return check_state(node, ret_error);
+  }
+  for (const lyd_node *child = lyd_child_no_keys(node); child != nullptr; child = child->next) {
+    if (check_place(child, steps, depth + 1, ret_error) != 0) {
+      return -1;
+    }
+  }
+  return 0;
+}
+
+int parse_state(const xmlNode *data, const ds_steps_t &steps, lyd_tree_ptr *ret_tree, std::string *ret_error)
+{
+  wiped_string text;
+  if (data != nullptr && plugin_append_markup(data, &text) != 0) {
+    return fail(ret_error, "Memory is short.");
+  }
+  if (text.empty()) {
+    ret_tree->reset();
+    return 0;
+  }
+  ds_clear_yang_errors();
+  lyd_node *tree = nullptr;
+  LY_ERR result = lyd_parse_data_mem(schema_ctx(), text.c_str(), LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_STRICT, 0, &tree);
+  lyd_tree_ptr owner(tree);
+  if (result != LY_SUCCESS) {
+    const char *message = ly_errmsg(schema_ctx());
+    return fail(ret_error, message == nullptr ? "The data does not fit the schema." : message);
+  }
+  for (const lyd_node *top = tree; top != nullptr; top = top->next) {
+    if (check_place(top, steps, 0, ret_error) != 0) {
+      return -1;
+    }
+  }
+  *ret_tree = std::move(owner);
+  return 0;
+}
+
+// --- The trees
+
+// The nodes at the path, of which `siblings` stand at the step `depth`.
+void find_all(const lyd_node *siblings, const ds_steps_t &steps, size_t depth, std::vector<lyd_node *> *nodes)
+{
+  const ds_step_t &step = steps[depth];
+  bool is_many = step.schema->nodetype & (LYS_LIST | LYS_LEAFLIST) && !step.is_entry();
+  lyd_node *node = ds_find_node(siblings, {&step});
+  for (; node != nullptr && node->schema == step.schema; node = is_many ? node->next : nullptr) {
+    if (depth + 1 == steps.size()) {
+      nodes->push_back(node);
+    } else {
+      find_all(lyd_child(node), steps, depth + 1, nodes);
+    }
+  }
+}
+
+std::vector<lyd_node *> find_all(const lyd_tree_ptr &tree, const ds_steps_t &steps)
+{
+  std::vector<lyd_node *> nodes;
+  if (!steps.empty()) {
+    find_all(tree.get(), steps, 0, &nodes);
+    return nodes;
+  }
+  for (lyd_node *top = tree.get(); top != nullptr; top = top->next) {
+    nodes.push_back(top);
+  }
+  return nodes;
+}
+
+// What only led to state data goes with it.
+bool is_way_to_nothing(const lyd_node *node)
+{
+  return node != nullptr && node->schema->flags & LYS_CONFIG_W && lyd_child_no_keys(node) == nullptr;
+}
+
+void free_node(lyd_tree_ptr *tree, lyd_node *node)
+{
+  lyd_node *parent = lyd_parent(node);
+  if (node == tree->get()) {
+    (void)tree->release(); // its successor becomes the first node
+    tree->reset(node->next);
+  }
+  lyd_free_tree(node);
+  if (is_way_to_nothing(parent)) {
+    free_node(tree, parent);
+  }
+}
+
+int merge(lyd_tree_ptr *tree, lyd_tree_ptr later)
+{
+  if (*tree == nullptr || later == nullptr) {
+    *tree = *tree == nullptr ? std::move(later) : std::move(*tree);
+    return 0;
+  }
+  lyd_node *target = tree->release();
+  LY_ERR result = lyd_merge_siblings(&target, later.release(), LYD_MERGE_DESTRUCT);
+  tree->reset(target);
+  return result == LY_SUCCESS ? 0 : -1;
+}
+
+void write_siblings(ds_status_batch *batch, const lyd_node *first)
+{
+  for (const lyd_node *top = first; top != nullptr; top = top->next) {
+    batch->set_tree(top);
+  }
+}
+
+std::string top_path(const lyd_node *top)
+{
+  return std::string("/") + top->schema->module->name + ":" + LYD_NAME(top);
+}
+
+} // namespace
+
+int ds_plugin_push(int plugin_id, std::string_view path, const xmlNode *data, const std::vector<std::string> &published,
+                   std::string *ret_error)
+{
+  ds_steps_t steps;
+  lyd_tree_ptr later;
+  if (ds_parse_plugin_path(path, &steps, ret_error) != 0) {
+    return -1;
+  }
+  if (!ds_is_below_any(steps, published)) {
+    return fail(ret_error, "Path \"" + std::string(path) + "\" lies below none of the plugin's status paths.");
+  }
+  if (parse_state(data, steps, &later, ret_error) != 0) {
+    return -1;
+  }
+  ds_status_batch batch;
+  if (batch.begin("/") != 0) {
+    return fail(ret_error, "State data can not be written.");
+  }
+  lyd_tree_ptr &tree = pushed[plugin_id];
+  std::vector<lyd_node *> earlier = find_all(tree, steps);
+  for (const lyd_node *node : earlier) {
+    batch.remove_state(node);
+  }
+  write_siblings(&batch, later.get());
+  if (batch.commit() != 0) {
+    return fail(ret_error, "State data can not be written.");
+  }
+  for (lyd_node *node : earlier) {
+    free_node(&tree, node);
+  }
+  return merge(&tree, std::move(later)) == 0 ? 0 : fail(ret_error, "Memory is short.");
+}
+
+void ds_plugin_forget_pushed(int plugin_id)
+{
+  auto tree = pushed.find(plugin_id);
+  if (tree == pushed.end()) {
+    return;
+  }
+  ds_status_batch batch;
+  if (tree->second != nullptr && batch.begin("/") == 0) {
+    for (const lyd_node *top = tree->second.get(); top != nullptr; top = top->next) {
+      batch.remove_state(top);
+    }
+    (void)batch.commit(); // logged there; the next get takes it away
+  }
+  pushed.erase(tree);
+}
+
+int ds_plugin_set_status(std::string_view path, const xmlNode *data, std::string *ret_error)
+{
+  ds_steps_t steps;
+  lyd_tree_ptr tree;
+  if (ds_parse_plugin_path(path, &steps, ret_error) != 0 || parse_state(data, steps, &tree, ret_error) != 0) {
+    return -1;
+  }
+  ds_status_batch batch;
+  if (tree == nullptr) {
+    return 0;
+  }
+  bool has_begun = batch.begin("/") == 0;
+  if (has_begun) {
+    write_siblings(&batch, tree.get());
+  }
+  return has_begun && batch.commit() == 0 ? 0 : fail(ret_error, "State data can not be written.");
+}
+
+int ds_write_pushed(const std::vector<std::string> &paths)
+{
+  std::vector<const lyd_node *> tops;
+  for (const auto &[plugin_id, tree] : pushed) {
+    for (const lyd_node *top = tree.get(); top != nullptr; top = top->next) {
+      bool is_asked = std::any_of(paths.begin(), paths.end(),
+                                  [top](const std::string &path) { return path == "/" || path == top_path(top); });
+      if (is_asked) {
+        tops.push_back(top);
+      }
+    }
+  }
+  ds_status_batch batch;
+  if (tops.empty()) {
+    return 0;
+  }
+  if (batch.begin("/") != 0) {
+    return -1;
+  }
+  for (const lyd_node *top : tops) {
+    batch.set_tree(top);
+  }
+  return batch.commit();
+}
+
+void ds_forget_pushed()
+{
+  pushed.clear();
+}
