@@ -83,13 +83,15 @@ void broker_publish_stop()
 
 // --- One delivery.
 
-void set_subscriber(broker_pub_t *pub, subscriber_pos suber)
+// What messages say of an offer stays as it is when its subscriber goes.
+void note_offer(broker_pub_t *pub, const differ_node_t *node)
 {
-  pub->suber = suber;
-  pub->offered_path = suber->path;
-  pub->offered_pri = suber->pri;
-  pub->offered_plugin = suber->plugin_id;
-  const char *name = suber->plugin_id == 0 ? nullptr : broker_hooks().plugin_name(suber->plugin_id);
+  const subscriber_t &suber = *pub->suber;
+  pub->offered = node;
+  pub->offered_path = suber.path;
+  pub->offered_pri = suber.pri;
+  pub->offered_plugin = suber.plugin_id;
+  const char *name = suber.plugin_id == 0 ? nullptr : broker_hooks().plugin_name(suber.plugin_id);
   pub->offered_plugin_name = name == nullptr ? "" : name;
 }
 
@@ -111,7 +113,7 @@ void add_place(const broker_pub_t &pub, reply_error_t *error)
 int broker_offer(broker_pub_t *pub, const differ_node_t *node, int oper_type, bool is_more)
 {
   count_node();
-  pub->offered = node;
+  note_offer(pub, node);
   std::optional<std::string> path = plugin_path_data2std(node->data_path);
   if (!path) {
     log_error("Data path %.512s to std failed%s.", node->data_path, pub->sid < 0 ? "(for cfgr)" : "");
@@ -154,7 +156,7 @@ differ_node_t *broker_next_to_offer(broker_pub_t *pub, int plugin_id)
       if (behind == subscribers.end()) {
         return nullptr;
       }
-      set_subscriber(pub, behind);
+      pub->suber = behind;
       pub->is_suber_done = false;
     }
     const std::string &path = pub->suber->path;
@@ -190,11 +192,7 @@ differ_node_t *next_to_take_back(broker_pub_t *pub)
     }
     pub->cur = nullptr;
     auto &subscribers = broker_registry().config_subs;
-    if (pub->suber == subscribers.begin()) {
-      pub->suber = subscribers.end();
-    } else {
-      set_subscriber(pub, std::prev(pub->suber));
-    }
+    pub->suber = pub->suber == subscribers.begin() ? subscribers.end() : std::prev(pub->suber);
   }
   return nullptr;
 }

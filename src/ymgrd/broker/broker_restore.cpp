@@ -24,10 +24,13 @@ typedef struct _restore_kind {
   const char *name;
   const char *title;      // at the begin of a sentence
   const char *short_name; // in messages about the job
-  const char *stop_name;
   int (*get_tree)(differ_node_t **ret_tree);
-  void (*ended)();
+  void (*stop)();
 } restore_kind_t;
+
+bool sessions_may_wait = false; // for the end of a restore
+bool start_has_failed = false;  // tried again at the next idle second
+int smooth_start_ticks = 0;     // idle seconds in which no plugin was in smooth start
 
 int get_cfgr_tree(differ_node_t **ret_tree)
 {
@@ -40,14 +43,27 @@ int get_smooth_tree(differ_node_t **ret_tree)
   return 0;
 }
 
-void cfgr_ended()
+void abandon_restore(const char *stop_name)
 {
+  if (context_get_option(BROKER_PUBLISH_OPTION) == nullptr) {
+    log_error("Get current broker-publish information failed on %s.", stop_name);
+  } else if (broker_get_publication() == nullptr) {
+    log_error("Invalid OPT_BROKER_PUB option.");
+  }
+  broker_publish_abandon();
+  sessions_may_wait = true;
+}
+
+void broker_cfgr_stop()
+{
+  abandon_restore("cfgr-stop");
   broker_hooks().free_cfgr_differ();
   log_debug("All remote plugins have finished configuration restore.");
 }
 
-void smooth_ended()
+void broker_smooth_stop()
 {
+  abandon_restore("smooth-stop");
   log_info("All remote plugins have finished in smooth-start.");
 }
 
@@ -59,9 +75,8 @@ const restore_kind_t cfgr = {
     "configuration restore",
     "Configuration restore",
     "cfgr",
-    "cfgr-stop",
     get_cfgr_tree,
-    cfgr_ended,
+    broker_cfgr_stop,
 };
 const restore_kind_t smooth = {
     SESSION_OF_SMOOTH,
@@ -71,14 +86,9 @@ const restore_kind_t smooth = {
     "smooth-start",
     "Smooth-start",
     "smooth-start",
-    "smooth-stop",
     get_smooth_tree,
-    smooth_ended,
+    broker_smooth_stop,
 };
-
-bool sessions_may_wait = false; // for the end of a restore
-bool start_has_failed = false;  // tried again at the next idle second
-int smooth_start_ticks = 0;     // idle seconds in which no plugin was in smooth start
 
 plugin_queue &queue_of(const restore_kind_t &kind)
 {
@@ -136,7 +146,7 @@ bool is_at_work(const restore_kind_t &kind, const plugin_inst_t *plugin)
   return running_restore(kind) != nullptr && !queue.empty() && queue.front() == plugin;
 }
 
-walk_result_t walk_plugin(const restore_kind_t &kind, broker_pub_t *pub, plugin_inst_t *plugin)
+walk_result_t broker_cfgr_plugin(const restore_kind_t &kind, broker_pub_t *pub, plugin_inst_t *plugin)
 {
   drop_errors(kind, *plugin, pub);
   while (!plugin->bit_overdue) {
@@ -175,24 +185,12 @@ void end_plugin(const restore_kind_t &kind, plugin_inst_t *plugin)
   broker_hooks().kickoff(plugin);
 }
 
-void stop_restore(const restore_kind_t &kind)
-{
-  if (context_get_option(BROKER_PUBLISH_OPTION) == nullptr) {
-    log_error("Get current broker-publish information failed on %s.", kind.stop_name);
-  } else if (broker_get_publication() == nullptr) {
-    log_error("Invalid OPT_BROKER_PUB option.");
-  }
-  broker_publish_abandon();
-  kind.ended();
-  sessions_may_wait = true;
-}
-
 // Goes on with the first plugin from where the cursor stands.
 void run_queue(const restore_kind_t &kind, broker_pub_t *pub)
 {
   while (!queue_of(kind).empty()) {
     plugin_inst_t *plugin = queue_of(kind).front();
-    if (walk_plugin(kind, pub, plugin) == WALK_WAITS || running_restore(kind) != pub) {
+    if (broker_cfgr_plugin(kind, pub, plugin) == WALK_WAITS || running_restore(kind) != pub) {
       return;
     }
     if (is_at_work(kind, plugin)) {
@@ -200,7 +198,7 @@ void run_queue(const restore_kind_t &kind, broker_pub_t *pub)
       end_plugin(kind, plugin);
     }
   }
-  stop_restore(kind);
+  kind.stop();
 }
 
 void start_restore(const restore_kind_t &kind)
@@ -233,7 +231,7 @@ void schedule(const restore_kind_t &kind)
 }
 
 // Nothing was cut off: the plugins hold what running holds.
-void finish_smooth_start()
+void broker_smooth_finish()
 {
   plugin_queue &queue = queue_of(smooth);
   while (!queue.empty()) {
@@ -305,7 +303,7 @@ void broker_smooth_schedule()
 {
   bool is_pending = !queue_of(smooth).empty() && running_restore(smooth) == nullptr;
   if (is_pending && broker_hooks().smooth_differ() == nullptr) {
-    finish_smooth_start();
+    broker_smooth_finish();
     return;
   }
   schedule(smooth);

@@ -24,6 +24,7 @@ constexpr const char PLUGIN_LIST[] = "LIST-plugin";
 constexpr int DEFAULT_PLUGIN_SPEC = 128;
 constexpr int MAX_PLUGIN_SPEC = 0xffff; // an id has 16 bits in the event tag
 constexpr size_t BUFFER_SIZE = 1024;
+constexpr int MOST_CONNECTIONS_PER_EVENT = 16;
 constexpr uint32_t SOCKET_FAILURE = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
 constexpr uint32_t SOCKET_INPUT = EPOLLIN | EPOLLPRI;
 
@@ -96,10 +97,10 @@ void take_connection(unique_fd connection)
             static_cast<long>(peer.uid), added->plugin_id);
 }
 
-// Takes every connection that waits. 0, or -1 when the socket fails.
+// Takes connections that wait; the rest is reported again. 0, or -1 when the socket fails.
 int take_connections(int sock)
 {
-  while (true) {
+  for (int taken = 0; taken < MOST_CONNECTIONS_PER_EVENT; taken++) {
     unique_fd connection(accept4(sock, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (connection.get() >= 0) {
       take_connection(std::move(connection));
@@ -113,6 +114,7 @@ int take_connections(int sock)
       return -1;
     }
   }
+  return 0;
 }
 
 // --- The end of a remote plugin.

@@ -48,7 +48,7 @@ char *c_copy(std::string_view text)
 
 int refuse(const char *what, const char *path, const std::string &reason)
 {
-  log_warn("Plugin %.512s %s %.512s: %.512s.", running_call == nullptr ? "?" : running_call->plugin->name.c_str(), what,
+  log_warn("Plugin %.512s %s %.512s: %.512s", running_call == nullptr ? "?" : running_call->plugin->name.c_str(), what,
            path, reason.c_str());
   return -1;
 }

@@ -116,7 +116,7 @@ int refuse(const plugin_inst_t &plugin, const plugin_registration_t &registratio
 {
   const char *verb = verb_of(plugin, registration.kind);
   log_warn("Plugin <%.512s> %s <%.512s> failed.", plugin.name.c_str(), verb, registration.path.c_str());
-  log_warn("Plugin <%.512s>: %.512s.", plugin.name.c_str(), reason.c_str());
+  log_warn("Plugin <%.512s>: %.512s", plugin.name.c_str(), reason.c_str());
   *ret_error = std::string(verb) + " " + registration.path + " failed: " + reason;
   return -1;
 }

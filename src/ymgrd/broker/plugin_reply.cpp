@@ -185,7 +185,6 @@ void plugin_status_reply(const std::string &name, const std::string &path, const
 {
   std::string reason;
   if (ds_plugin_set_status(path, data, &reason) != 0) {
-    log_warn("State data of %.512s from plugin %.512s is left out: %.512s.", path.c_str(), name.c_str(),
-             reason.c_str());
+    log_warn("State data of %.512s from plugin %.512s is left out: %.512s", path.c_str(), name.c_str(), reason.c_str());
   }
 }

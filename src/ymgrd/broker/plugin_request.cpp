@@ -105,11 +105,11 @@ int plugin_register_proc(plugin_inst_t *plugin, const xmlNode *params, plugin_an
     return fail(answer, "The plugin-name is missing or too long.");
   }
   if (const plugin_inst_t *other = plugin_find_by_name(name)) {
-    log_warn("Plugin %.512s of process %ld is refused: process %ld has that name.", name.c_str(),
-             plugin->remote.peer_pid, other->remote.peer_pid);
-    return fail(answer, "Plugin " + name + " is already registered" +
-                            (other->local_flag ? std::string(" as a local plugin.")
-                                               : " by process " + std::to_string(other->remote.peer_pid) + "."));
+    std::string owner =
+        other->local_flag ? "as a local plugin" : "by process " + std::to_string(other->remote.peer_pid);
+    log_warn("Plugin %.512s of process %ld is refused: it is already registered %s.", name.c_str(),
+             plugin->remote.peer_pid, owner.c_str());
+    return fail(answer, "Plugin " + name + " is already registered " + owner + ".");
   }
   std::vector<plugin_registration_t> registrations;
   if (read_entries(*plugin, params, &registrations, &answer->error) != 0) {
@@ -159,7 +159,7 @@ int plugin_pull_proc(plugin_inst_t *plugin, const xmlNode *params, plugin_answer
   std::string path = plugin_child_text(params, "path").value_or("");
   ds_moment_t moment = plugin_child_flag(params, "old") ? DS_OLD : DS_NEW;
   if (ds_plugin_pull(path, moment, &answer->result, &answer->error) != 0) {
-    log_info("Plugin %.512s pulls %.512s: %.512s.", plugin->name.c_str(), path.c_str(), answer->error.c_str());
+    log_info("Plugin %.512s pulls %.512s: %.512s", plugin->name.c_str(), path.c_str(), answer->error.c_str());
     return -1;
   }
   return 0;
@@ -176,7 +176,7 @@ int plugin_push_proc(plugin_inst_t *plugin, const xmlNode *params, plugin_answer
     return fail(answer, "There is no data element.");
   }
   if (ds_plugin_push(plugin->plugin_id, path, data, plugin->status_paths, &answer->error) != 0) {
-    log_warn("Plugin %.512s pushes %.512s: %.512s.", plugin->name.c_str(), path.c_str(), answer->error.c_str());
+    log_warn("Plugin %.512s pushes %.512s: %.512s", plugin->name.c_str(), path.c_str(), answer->error.c_str());
     return -1;
   }
   return 0;
@@ -193,7 +193,7 @@ int plugin_locate_proc(plugin_inst_t *plugin, const xmlNode *params, plugin_answ
   std::string prev;
   std::string next;
   if (ds_plugin_locate(path, moment, &prev, &next, &answer->error) != 0) {
-    log_info("Plugin %.512s locates %.512s: %.512s.", plugin->name.c_str(), path.c_str(), answer->error.c_str());
+    log_info("Plugin %.512s locates %.512s: %.512s", plugin->name.c_str(), path.c_str(), answer->error.c_str());
     return -1;
   }
   plugin_doc_ptr found = plugin_new_params();
