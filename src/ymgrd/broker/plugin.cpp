@@ -133,7 +133,7 @@ void plugin_lost(plugin_inst_t *plugin)
   log_info("Plugin %.512s has gone(id=%d).", label.c_str(), plugin_id);
   if (is_publishing) {
     std::string text = "Plugin " + label + " has gone while it was offered " + plugin->pub_path;
-    (void)broker_save_error(-1, text.c_str()); // logged there; the walk goes on in any case
+    plugin_change_failed(*plugin, -1, text);
   }
   plugin_destroy_inst(plugin);
   if (is_publishing) {

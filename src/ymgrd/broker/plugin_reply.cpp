@@ -48,7 +48,7 @@ void finish_kickoff(plugin_inst_t *plugin, const plugin_outcome_t &outcome)
 void finish_publish(plugin_inst_t *plugin, const plugin_outcome_t &outcome)
 {
   if (outcome.result == nullptr) {
-    (void)broker_save_error(outcome.code, outcome.message.c_str()); // logged there
+    plugin_change_failed(*plugin, outcome.code, outcome.message);
   }
   plugin_resume_publication(plugin);
 }
@@ -138,6 +138,23 @@ void plugin_resume_publication(plugin_inst_t *plugin)
   } else {
     broker_publish_continue(plugin->plugin_id);
   }
+}
+
+void plugin_save_error(const plugin_inst_t &plugin, int oper_type, const char *path, int code, const std::string &text)
+{
+  if ((oper_type & CONFIG_OP_ROLLBACK) == 0) {
+    (void)broker_save_error(code, text.c_str()); // logged there
+    return;
+  }
+  log_warn("Plugin %.512s did not take %.512s back(%d: %.512s).", plugin.name.c_str(), path, code, text.c_str());
+}
+
+void plugin_change_failed(const plugin_inst_t &plugin, int code, const std::string &text)
+{
+  if ((plugin.pub_oper_type & CONFIG_OP_ROLLBACK) != 0) {
+    log_warn("Config rollback failed on %.512s.", plugin.pub_path.c_str());
+  }
+  plugin_save_error(plugin, plugin.pub_oper_type, plugin.pub_path.c_str(), code, text);
 }
 
 plugin_operation_t plugin_take_operation(plugin_inst_t *plugin)

@@ -38,7 +38,7 @@ void plugin_rpc_timeout(plugin_inst_t *plugin)
     log_warn("Plugin %.512s kickoff timeout.", plugin->name.c_str());
   }
   if (is_publishing) {
-    (void)broker_save_error(-1, "Wait message reply timeout."); // logged there
+    plugin_change_failed(*plugin, -1, "Wait message reply timeout.");
     log_publish_timeout(*plugin);
     plugin_resume_publication(plugin);
   }
