@@ -1,7 +1,9 @@
 // State data of plugins: what they push is kept, one tree for each plugin, and written into the status datastore; what
 // they answer to a get is written there only.
 #include <algorithm>
+#include <cstdint>
 #include <map>
+#include <utility>
 
 #include "libconf/plugin_message.h"
 #include "ymgrd/core/log.h"
@@ -14,6 +16,9 @@
 #include "ymgrd/schema/schema.h"
 
 namespace {
+
+// From here on it pays to look for the better way.
+constexpr size_t MANY_LINKS = 16;
 
 std::map<int, lyd_tree_ptr> pushed; // by plugin id
 
@@ -155,11 +160,31 @@ void free_node(lyd_tree_ptr *tree, lyd_node *node)
   }
 }
 
+// How many subtrees a merge would link into `target`; it stops counting beyond `limit`.
+size_t count_unmatched(const lyd_node *source, const lyd_node *target, size_t limit)
+{
+  size_t count = 0;
+  for (const lyd_node *node = source; node != nullptr && count <= limit; node = node->next) {
+    lyd_node *match = nullptr;
+    bool is_there = target != nullptr && lyd_find_sibling_first(target, node, &match) == LY_SUCCESS;
+    count += is_there ? count_unmatched(lyd_child_no_keys(node), lyd_child(match), limit - count) : 1;
+  }
+  return count;
+}
+
+// They have nothing in common but the way to their data. libyang walks the siblings for each node that it links, so the
+// one goes into the other where fewer nodes are linked.
 int merge(lyd_tree_ptr *tree, lyd_tree_ptr later)
 {
-  if (*tree == nullptr || later == nullptr) {
-    *tree = *tree == nullptr ? std::move(later) : std::move(*tree);
+  if (*tree == nullptr) {
+    std::swap(*tree, later);
+  }
+  if (later == nullptr) {
     return 0;
+  }
+  size_t links = count_unmatched(later.get(), tree->get(), SIZE_MAX);
+  if (links > MANY_LINKS && count_unmatched(tree->get(), later.get(), links) < links) {
+    std::swap(*tree, later);
   }
   lyd_node *target = tree->release();
   LY_ERR result = lyd_merge_siblings(&target, later.release(), LYD_MERGE_DESTRUCT);
