@@ -154,6 +154,14 @@ int bench_device::descriptors() const
   return count;
 }
 
+double bench_device::cpu_ms() const
+{
+  std::ifstream times("/proc/" + std::to_string(daemon_.pid()) + "/schedstat");
+  double nanoseconds = 0;
+  times >> nanoseconds;
+  return nanoseconds / 1e6;
+}
+
 double bench_device::resident_mb() const
 {
   std::ifstream status("/proc/" + std::to_string(daemon_.pid()) + "/status");

@@ -38,6 +38,7 @@ public:
   std::string redis_socket() const { return dir_ + "/redis.sock"; }
   double resident_mb() const; // of the daemon; 0 when it does not run
   int descriptors() const;    // open ones of the running daemon
+  double cpu_ms() const;      // that the daemon has used
 
 private:
   int wait_for(bench_process *process, const std::string &socket);

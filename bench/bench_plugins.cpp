@@ -70,33 +70,46 @@ bool heard_each(bench_plugin_host *host, size_t count, const std::function<int(s
   return true;
 }
 
-// One leaf of one entry after the other, which each of `plugins` is handed. Median; -1 on failure.
-double measure_entries(const bench_device &device, ymgr_client_t *client, int entries, int plugins, bool pulls)
+// One leaf of one entry after the other, which each of `plugins` is handed. 0 or -1.
+int measure_entries(const bench_device &device, ymgr_client_t *client, int entries, int plugins, bool pulls,
+                    bench_commit_t *ret_commit)
 {
   bench_plugin_host host;
   if (host.start(device.dir(), plugins, {.config = {ENTRY_PATH}, .pulls = pulls}) != 0) {
     return -1;
   }
-  double median = median_of(SAMPLES, [&](int i) {
+  bench_commit_t commit;
+  const double cpu_before = device.cpu_ms();
+  commit.ms = median_of(SAMPLES, [&](int i) {
     return commit_edit(client, bench_one_leaf_edit(static_cast<int>(7919LL * i % entries), next_value()));
   });
-  if (host.pause() != 0 || !heard_each(&host, SAMPLES, [](size_t) { return 0; })) {
+  commit.cpu_ms = (device.cpu_ms() - cpu_before) / SAMPLES;
+  if (host.pause() != 0 || commit.ms < 0 || !heard_each(&host, SAMPLES, [](size_t) { return 0; })) {
     return -1;
   }
-  return median;
+  *ret_commit = commit;
+  return 0;
 }
 
 int measure_commits(const bench_device &device, ymgr_client_t *client, int entries, bench_plugins_t *result)
 {
-  result->none_ms = measure_entries(device, client, entries, 0, false);
-  result->one_ms = measure_entries(device, client, entries, 1, false);
-  result->few_ms = measure_entries(device, client, entries, BENCH_PLUGINS_FEW, false);
-  result->many_ms = measure_entries(device, client, entries, BENCH_PLUGINS_MANY, false);
-  result->pulling_ms = measure_entries(device, client, entries, BENCH_PLUGINS_MANY, true);
-  return result->none_ms < 0 || result->one_ms < 0 || result->few_ms < 0 || result->many_ms < 0 ||
-                 result->pulling_ms < 0
-             ? -1
-             : 0;
+  const struct {
+    int plugins;
+    bool pulls;
+    bench_commit_t *commit;
+  } rows[] = {
+      {0, false, &result->none},
+      {1, false, &result->one},
+      {BENCH_PLUGINS_FEW, false, &result->few},
+      {BENCH_PLUGINS_MANY, false, &result->many},
+      {BENCH_PLUGINS_MANY, true, &result->pulling},
+  };
+  for (const auto &row : rows) {
+    if (measure_entries(device, client, entries, row.plugins, row.pulls, row.commit) != 0) {
+      return -1;
+    }
+  }
+  return 0;
 }
 
 int measure_parts(const bench_device &device, ymgr_client_t *client, bench_plugins_t *result)

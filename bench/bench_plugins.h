@@ -7,13 +7,19 @@
 constexpr int BENCH_PLUGINS_FEW = 8;
 constexpr int BENCH_PLUGINS_MANY = 32;
 
+// One leaf edited and committed.
+typedef struct _bench_commit {
+  double ms = 0;     // median
+  double cpu_ms = 0; // of the daemon, mean: hardly disturbed by what else the machine does
+} bench_commit_t;
+
 typedef struct _bench_plugins {
-  // One leaf edited and committed while so many plugins are handed the change, medians.
-  double none_ms = 0;
-  double one_ms = 0;
-  double few_ms = 0;
-  double many_ms = 0;
-  double pulling_ms = 0; // many, and each reads the changed entry
+  // While so many plugins are handed the change.
+  bench_commit_t none;
+  bench_commit_t one;
+  bench_commit_t few;
+  bench_commit_t many;
+  bench_commit_t pulling; // many, and each reads the changed entry
 
   double come_ms = 0;         // many register 200 subscriptions each and are ready
   double subscribed_ms = 0;   // one leaf edited and committed then; one subscription of each plugin is concerned
