@@ -90,3 +90,18 @@ void database_unlock(int hdb, int lock_id);
 // The persisted transaction state of a datastore (ENUM_DATASTORE_*), in the hash "ymgrd-info". 0 or -1.
 int database_set_transaction_state(int target, transact_state_e state);
 transact_state_e database_get_transaction_state(int target); // E_TRANS_INVALID when there is none
+
+// The change that is handed out to plugins, in a form of the caller's: kept in Redis until it has been, so that a
+// daemon that starts after a kill learns what they may know. Set and removed with a transaction state, in one round
+// trip. 0 or -1.
+int database_begin_publication(int target, const std::string &journal); // E_TRANS_PUB
+int database_end_publication(int target);                               // E_TRANS_COMMIT_END
+int database_get_publication(std::string *ret_journal);                 // empty when there is none
+int database_drop_publication();
+
+// What an interrupted transaction of running or candidate comes to at a start that leaves running as it is. One that
+// was cut off before its commit has its old content in the backup database.
+int database_is_cut_off(int ds_target, bool *ret_is); // 0 or -1
+// Forgets the backup: what the datastore holds is final. Other datastores need nothing. 0 or -1.
+int database_smooth_commit_transaction(int ds_target);
+int database_smooth_cancel_transaction(int ds_target); // gives the datastore its old content back. 0 or -1

@@ -1,5 +1,6 @@
 // The persisted transaction state of each datastore, from which a restarted daemon learns what was cut off.
 #include <cstring>
+#include <functional>
 
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
@@ -9,6 +10,7 @@ namespace {
 
 constexpr const char INFO_KEY[] = "ymgrd-info";
 constexpr const char STATE_FIELD[] = "transact-state";
+constexpr const char PUBLICATION_KEY[] = "ymgrd-publication"; // in running's master database: backups are emptied
 constexpr int NO_DATABASE = -1;
 
 int master_of(int target)
@@ -27,9 +29,22 @@ int master_of(int target)
   }
 }
 
-} // namespace
+int failed_update(int target, transact_state_e state)
+{
+  log_error("Update datbase(%d) broker state(%d) failed.", target, state);
+  return -1;
+}
 
-int database_set_transaction_state(int target, transact_state_e state)
+// The state's bytes are native.
+void add_state(redis_batch_t *batch, transact_state_e state)
+{
+  int32_t number = state;
+  std::string_view value(reinterpret_cast<const char *>(&number), sizeof(number));
+  redis_batch_add(batch, {"HSET", INFO_KEY, STATE_FIELD, value});
+}
+
+// The commands in order, in the datastore's master database.
+int run_update(int target, transact_state_e state, const std::function<void(redis_batch_t *batch)> &add_commands)
 {
   int rdb = master_of(target);
   if (rdb == NO_DATABASE) {
@@ -41,10 +56,70 @@ int database_set_transaction_state(int target, transact_state_e state)
     log_error("Redis connect error");
     return -1;
   }
-  int32_t number = state;
-  std::string_view value(reinterpret_cast<const char *>(&number), sizeof(number)); // in native byte order
-  if (redis_hash_set_bin_safe(connection.get(), INFO_KEY, STATE_FIELD, value) != 0) {
-    log_error("Update datbase(%d) broker state(%d) failed.", target, state);
+  redis_batch_ptr batch(redis_batch_create());
+  add_commands(batch.get());
+  bool is_done = true;
+  int sent = redis_batch_run(connection.get(), batch.get(), [&is_done](size_t, const redisReply *reply) {
+    is_done = is_done && !redis_reply_is_error(reply);
+  });
+  return sent == 0 && is_done ? 0 : failed_update(target, state);
+}
+
+// `words` in the database of the publication, whatever the target's.
+void add_in_running(redis_batch_t *batch, int target, std::initializer_list<std::string_view> words)
+{
+  bool is_elsewhere = master_of(target) != REDIS_RUNNING_DB_MASTER;
+  if (is_elsewhere) {
+    redis_batch_add(batch, {"SELECT", std::to_string(REDIS_RUNNING_DB_MASTER)});
+  }
+  redis_batch_add(batch, words);
+  if (is_elsewhere) {
+    redis_batch_add(batch, {"SELECT", std::to_string(master_of(target))});
+  }
+}
+
+} // namespace
+
+int database_set_transaction_state(int target, transact_state_e state)
+{
+  return run_update(target, state, [state](redis_batch_t *batch) { add_state(batch, state); });
+}
+
+int database_begin_publication(int target, const std::string &journal)
+{
+  return run_update(target, E_TRANS_PUB, [target, &journal](redis_batch_t *batch) {
+    add_in_running(batch, target, {"SET", PUBLICATION_KEY, journal});
+    add_state(batch, E_TRANS_PUB);
+  });
+}
+
+int database_end_publication(int target)
+{
+  return run_update(target, E_TRANS_COMMIT_END, [target](redis_batch_t *batch) {
+    add_in_running(batch, target, {"DEL", PUBLICATION_KEY});
+    add_state(batch, E_TRANS_COMMIT_END);
+  });
+}
+
+int database_get_publication(std::string *ret_journal)
+{
+  db_connection connection = db_connect(REDIS_RUNNING_DB_MASTER);
+  redis_reply_ptr reply = connection ? redis_command(connection.get(), {"GET", PUBLICATION_KEY}) : nullptr;
+  if (reply == nullptr || redis_reply_is_error(reply.get())) {
+    log_error("The publication that was cut off can not be read.");
+    return -1;
+  }
+  ret_journal->assign(reply->type == REDIS_REPLY_STRING ? std::string_view(reply->str, reply->len)
+                                                        : std::string_view());
+  return 0;
+}
+
+int database_drop_publication()
+{
+  db_connection connection = db_connect(REDIS_RUNNING_DB_MASTER);
+  redis_reply_ptr reply = connection ? redis_command(connection.get(), {"DEL", PUBLICATION_KEY}) : nullptr;
+  if (reply == nullptr || redis_reply_is_error(reply.get())) {
+    log_error("The publication that was cut off can not be forgotten.");
     return -1;
   }
   return 0;

@@ -196,6 +196,9 @@ int db_recover(const ndb_t *ndb)
   redis_batch_ptr batch(redis_batch_create());
   if (!saved.empty()) {
     log_warn("Undoing a transaction of db(%d) that was cut off.", ndb->rdb);
+    for (const auto &[module, registered] : saved.modules) {
+      log_info("Restore key:/%s.", module.c_str());
+    }
     add_restore(batch.get(), ndb, saved);
   }
   if (has_leftovers && !has_open_transactions(ndb)) {

@@ -9,6 +9,7 @@
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
 #include "ymgrd/datastore/ds_kept.h"
+#include "ymgrd/datastore/ds_restore.h"
 #include "ymgrd/schema/schema.h"
 
 namespace {
@@ -40,13 +41,11 @@ int datastore_init_default()
     log_error("Get smooth state failed on initialization.");
     return -1;
   }
-  if (database_recover() != 0) {
-    return -1;
-  }
   if (context_get_int("OPT-smooth-start", 0) == 1) {
-    return ds_lock_init(); // what runs stays as it is
+    return ds_begin_smooth_start() != 0 ? -1 : ds_lock_init(); // what runs stays as it is
   }
-  if (ds_startup_db_cfgr() != 0) {
+  // Plugins are to be restored: what they were told before does not matter.
+  if (database_recover() != 0 || database_drop_publication() != 0 || ds_startup_db_cfgr() != 0) {
     return -1;
   }
   if (database_set_transaction_state(ENUM_DATASTORE_STARTUP, E_TRANS_INIT) != 0 ||
@@ -69,6 +68,7 @@ int use_schema()
   schema_on_exit(ds_drop_differ_nodes);
   schema_on_exit(ds_kept_drop);
   schema_on_exit(ds_forget_pushed);
+  schema_on_exit(ds_restore_forget);
   schema_on_exit(ds_forget_validated);
   return 0;
 }

@@ -4,6 +4,7 @@
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
 #include "ymgrd/datastore/ds_kept.h"
+#include "ymgrd/datastore/ds_restore.h"
 #include "ymgrd/datastore/edit_config.h"
 #include "ymgrd/rpc/rpc_reply.h"
 
@@ -361,6 +362,7 @@ int ds_copy_config(int sid, const char *data, lyxml_elem *rpc)
   if (read_parameters(&work, &error) != 0 || check_access(work, &error) != 0) {
     return rpc_answer_error(sid, rpc, std::move(error));
   }
+  ds_end_smooth_start();
   enter_state(work, E_TRANS_INIT);
   bool deferred = false;
   int result = run_copy(&work, &deferred, &error);
@@ -395,6 +397,7 @@ int ds_delete_config(int sid, const char *, lyxml_elem *rpc)
     log_error("Running or candidate db can not be deleted");
     return ds_refuse(sid, rpc, REPLY_ERR_OP_NOT_SUPPORTED, "Running or candidate db can not be deleted");
   }
+  ds_end_smooth_start();
   if (ds_delete_startup() != 0) {
     log_error("delete-config delete startup failed.");
     return ds_refuse(sid, rpc, REPLY_ERR_OP_FAILED, "delete-config delete startup failed");

@@ -3,6 +3,7 @@
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
+#include "ymgrd/datastore/ds_restore.h"
 #include "ymgrd/datastore/edit_config.h"
 #include "ymgrd/rpc/rpc_reply.h"
 
@@ -235,6 +236,7 @@ int ds_edit_config(int sid, const char *data, lyxml_elem *rpc)
   if (read_parameters(&work, &error) != 0 || check_access(work, &error) != 0) {
     return rpc_answer_error(sid, rpc, std::move(error));
   }
+  ds_end_smooth_start();
   enter_state(work, E_TRANS_INIT);
   bool deferred = false;
   if (run_edit(&work, &deferred, &error) != 0) {

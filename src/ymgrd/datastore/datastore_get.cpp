@@ -10,6 +10,7 @@
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore.h"
 #include "ymgrd/datastore/datastore_internal.h"
+#include "ymgrd/datastore/ds_restore.h"
 #include "ymgrd/rpc/rpc_reply.h"
 #include "ymgrd/rpc/session.h"
 
@@ -105,6 +106,7 @@ int ds_get(int sid, const char *, lyxml_elem *rpc)
   if (context_get_option(GET_OPTION) != nullptr) {
     return refuse_get(sid, rpc, "There is another get operation running");
   }
+  ds_end_smooth_start();
   std::unique_ptr<nc_filter_t> filter;
   if (ds_take_filter(sid, rpc, "get", &filter) != 0) {
     return -1;

@@ -174,6 +174,9 @@ struct differ_tree_delete_t {
 };
 using differ_tree_ptr = std::unique_ptr<differ_node_t, differ_tree_delete_t>;
 
+// A diff that says of the node, whose data key is `*key`, and of everything below: `action`. Null on failure (logged).
+differ_node_t *ds_subtree_diff(std::string *key, const lyd_node *node, ENUM_ACTION action);
+
 // What an edit or a copy came to, in the open transaction of its target.
 typedef struct _ds_change {
   lyd_tree_ptr data;    // what the target holds once the change stands

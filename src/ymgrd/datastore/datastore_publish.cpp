@@ -10,6 +10,8 @@
 #include "ymgrd/datastore/datastore.h"
 #include "ymgrd/datastore/datastore_internal.h"
 #include "ymgrd/datastore/ds_kept.h"
+#include "ymgrd/datastore/ds_publication.h"
+#include "ymgrd/datastore/ds_restore.h"
 #include "ymgrd/notify/base_notification.h"
 #include "ymgrd/rpc/rpc_reply.h"
 #include "ymgrd/rpc/session.h"
@@ -193,7 +195,10 @@ int datastore_publish(int sid, ds_session_db *db, lyd_tree_ptr *data, differ_nod
     (void)take_publishing();
     return -1;
   }
-  (void)database_set_transaction_state(target_ds, E_TRANS_PUB);
+  if (database_begin_publication(target_ds, ds_journal_of(dtree)) != 0) { // before anybody is told
+    (void)take_publishing();
+    return -1;
+  }
   publishing->db = std::move(*db); // the publication may end inside the next call
   if (data != nullptr) {
     publishing->data = std::move(*data);
@@ -201,6 +206,7 @@ int datastore_publish(int sid, ds_session_db *db, lyd_tree_ptr *data, differ_nod
   if (broker_publish_config(sid, erropt, dtree) != 0) {
     *db = std::move(publishing->db);
     (void)take_publishing();
+    (void)database_drop_publication(); // logged there; nobody was told anything
     log_error("error happened when publishing config");
     return -1;
   }
@@ -231,7 +237,7 @@ int datastore_publish_callback(int is_rollback, reply_error_ptr errors)
   reply_error_ptr error = finish_publication(record.get(), is_rollback, std::move(errors));
   g_daemon_counters.commits += error == nullptr ? 1 : 0;
   keep_data(record.get(), error == nullptr);
-  (void)database_set_transaction_state(record->target_ds, E_TRANS_COMMIT_END);
+  (void)database_end_publication(record->target_ds);
   record->db.end();
   ds_drop_differ_nodes();
   const rpc_oper_context_t *context = session_get_rpc_context(record->sid);
@@ -253,6 +259,7 @@ int ds_commit(int sid, const char *, lyxml_elem *rpc)
     log_error("Target datastore cannot be configured.");
     return ds_refuse(sid, rpc, REPLY_ERR_OP_FAILED, "Target datastore cannot be configured.");
   }
+  ds_end_smooth_start();
   if (ds_is_access(ENUM_DATASTORE_CANDIDATE, sid) == DS_ACCESS_DENIED) {
     log_error("Target datastore candidate has been locked.");
     return ds_refuse(sid, rpc, REPLY_ERR_OP_FAILED, "Target datastore candidate has been locked.");
@@ -281,6 +288,7 @@ int ds_discarde_changes(int sid, const char *, lyxml_elem *rpc)
     log_error("Candidate datastore has been locked by another session.");
     return ds_refuse(sid, rpc, REPLY_ERR_OP_FAILED, "Candidate datastore has been locked by another session.");
   }
+  ds_end_smooth_start();
   (void)database_set_transaction_state(ENUM_DATASTORE_CANDIDATE, E_TRANS_INIT);
   (void)database_set_transaction_state(ENUM_DATASTORE_CANDIDATE, E_TRANS_DATA_EDIT);
   ds_kept_drop();

@@ -4,6 +4,7 @@
 #include "ymgrd/datastore/datastore_internal.h"
 #include "ymgrd/datastore/ds_filter_plan.h"
 #include "ymgrd/datastore/ds_read.h"
+#include "ymgrd/datastore/ds_restore.h"
 #include "ymgrd/rpc/rpc_reply.h"
 
 namespace {
@@ -132,6 +133,7 @@ int ds_get_config(int sid, const char *, lyxml_elem *rpc)
     log_error("get-config get source failed.");
     return ds_refuse(sid, rpc, REPLY_ERR_INVALID_VALUE, "invalid source or target.");
   }
+  ds_end_smooth_start();
   std::unique_ptr<nc_filter_t> filter;
   if (ds_take_filter(sid, rpc, "get-config", &filter) != 0) {
     return -1;

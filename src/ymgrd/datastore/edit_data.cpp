@@ -47,31 +47,6 @@ void take_out_of_data(edit_job_t *job, lyd_node *node)
   job->changes.remove(node);
 }
 
-// The diff of a removal names everything that goes: a subscriber below the removed node is told too.
-differ_node_t *removed_diff(std::string *key, const lyd_node *node)
-{
-  differ_ptr diff(new_differ_node(key->c_str(), dbkey_schema_key(node->schema), DBDIFF_REM, node, nullptr));
-  if (diff == nullptr) {
-    return nullptr;
-  }
-  differ_list below;
-  size_t length = key->size();
-  for (const lyd_node *child = lyd_child(node); child != nullptr; child = child->next) {
-    if (lysc_is_key(child->schema)) {
-      continue;
-    }
-    dbkey_append(key, child);
-    differ_node_t *child_diff = removed_diff(key, child);
-    key->resize(length);
-    if (child_diff == nullptr) {
-      return nullptr;
-    }
-    below.append(child_diff);
-  }
-  below.attach_to(diff.get());
-  return diff.release();
-}
-
 } // namespace
 
 // --- differ_list
@@ -276,7 +251,8 @@ int edit_change_value(edit_job_t *job, const edit_place_t &place, lyd_node *db_n
 
 int edit_erase(edit_job_t *job, const edit_place_t &place, lyd_node *db_node, differ_list *diff)
 {
-  differ_node_t *removed = removed_diff(place.key, db_node);
+  // Everything that goes is named: a subscriber below the removed node is told too.
+  differ_node_t *removed = ds_subtree_diff(place.key, db_node, DBDIFF_REM);
   if (removed == nullptr) {
     return -1;
   }
