@@ -14,6 +14,7 @@
 #include "bench_document.h"
 #include "bench_floor.h"
 #include "bench_operations.h"
+#include "bench_plugins.h"
 #include "bench_session.h"
 #include "client/client.h"
 #include "libredisapi/redisapi.h"
@@ -39,6 +40,7 @@ typedef struct _bench_result {
   double resident_mb = 0;
   double start_ms = 0;
   bench_operations_t operations;
+  bench_plugins_t plugins;
   bench_yang_floor_t yang;
   bench_redis_floor_t redis;
 } bench_result_t;
@@ -151,6 +153,9 @@ int measure(int entries, bench_result_t *ret_result)
   }
   std::this_thread::sleep_for(std::chrono::seconds(3)); // an idle daemon gives free memory back
   result.resident_mb = device.resident_mb();
+  if (bench_plugins(device, client.get(), entries, &result.plugins) != 0) {
+    return -1;
+  }
   client.reset();
   if (measure_start(&device, &result) != 0 || bench_yang_floor(document, &result.yang) != 0 ||
       bench_redis_floor(device.redis_socket(), REDIS_RUNNING_DB_MASTER, &result.redis) != 0) {
@@ -213,6 +218,65 @@ const bench_row_t ratio_rows[] = {
     {"one leaf / pipelined HGETALL", [](const bench_result_t &r) { return r.leaf_median_ms / r.redis.read_ms; }},
 };
 
+// What one of many plugins adds, in microseconds.
+double round_trip_us(const bench_result_t &r)
+{
+  return (r.plugins.many.ms - r.plugins.none.ms) * 1000 / BENCH_PLUGINS_MANY;
+}
+
+double round_trip_cpu_us(const bench_result_t &r)
+{
+  return (r.plugins.many.cpu_ms - r.plugins.none.cpu_ms) * 1000 / BENCH_PLUGINS_MANY;
+}
+
+double pull_us(const bench_result_t &r)
+{
+  return (r.plugins.pulling.ms - r.plugins.many.ms) * 1000 / BENCH_PLUGINS_MANY;
+}
+
+double pull_cpu_us(const bench_result_t &r)
+{
+  return (r.plugins.pulling.cpu_ms - r.plugins.many.cpu_ms) * 1000 / BENCH_PLUGINS_MANY;
+}
+
+const bench_row_t plugin_rows[] = {
+    {"one leaf edited and committed, no plugin, ms (median)",
+     [](const bench_result_t &r) { return r.plugins.none.ms; }},
+    {"the same with 1 plugin", [](const bench_result_t &r) { return r.plugins.one.ms; }},
+    {"the same with 8 plugins", [](const bench_result_t &r) { return r.plugins.few.ms; }},
+    {"the same with 32 plugins", [](const bench_result_t &r) { return r.plugins.many.ms; }},
+    {"commits a second without a plugin", [](const bench_result_t &r) { return 1000 / r.plugins.none.ms; }},
+    {"commits a second with 32 plugins", [](const bench_result_t &r) { return 1000 / r.plugins.many.ms; }},
+    {"one plugin more, us", round_trip_us},
+    {"processor time of the daemon in it, us", round_trip_cpu_us},
+    {"the pull of the changed entry by it, us", pull_us},
+    {"processor time of the daemon in it, us", pull_cpu_us},
+    {"32 plugins with 200 subscriptions each come, ms", [](const bench_result_t &r) { return r.plugins.come_ms; }},
+    {"one leaf then, 32 changes handed over, ms (median)",
+     [](const bench_result_t &r) { return r.plugins.subscribed_ms; }},
+    {"200 leaves then, 6400 changes handed over, ms (median)",
+     [](const bench_result_t &r) { return r.plugins.all_parts_ms; }},
+    {"open descriptors before they came",
+     [](const bench_result_t &r) { return static_cast<double>(r.plugins.descriptors_before); }},
+    {"open descriptors after they went",
+     [](const bench_result_t &r) { return static_cast<double>(r.plugins.descriptors_after); }},
+    {"resident memory before, MB", [](const bench_result_t &r) { return r.plugins.resident_before_mb; }},
+    {"resident memory after, MB", [](const bench_result_t &r) { return r.plugins.resident_after_mb; }},
+    {"restore of a plugin entry by entry, ms", [](const bench_result_t &r) { return r.plugins.restore_entries_ms; }},
+    {"restore of a plugin in one message, ms", [](const bench_result_t &r) { return r.plugins.restore_container_ms; }},
+    {"the pull of all by the plugin, ms (median)", [](const bench_result_t &r) { return r.plugins.pull_ms; }},
+    {"the same, MB/s", [](const bench_result_t &r) { return r.plugins.pull_mb / (r.plugins.pull_ms / 1000); }},
+    {"get of a plugin's state, ms (median)", [](const bench_result_t &r) { return r.plugins.state_ms; }},
+    {"operation of a plugin, ms (median)", [](const bench_result_t &r) { return r.plugins.operation_ms; }},
+    {"floor: a change and its answer without a daemon, us",
+     [](const bench_result_t &r) { return r.plugins.message_floor_us; }},
+    {"one plugin more / floor", [](const bench_result_t &r) { return round_trip_us(r) / r.plugins.message_floor_us; }},
+    {"restore entry by entry / floor",
+     [](const bench_result_t &r) {
+       return r.plugins.restore_entries_ms * 1000 / r.entries / r.plugins.message_floor_us;
+     }},
+};
+
 template <size_t rows>
 void print_table(const char *title, const bench_row_t (&table)[rows], const std::vector<bench_result_t> &results)
 {
@@ -273,5 +337,6 @@ int main(int argc, char **argv)
   }
   print_table("what", time_rows, results);
   print_table("ratio to floor", ratio_rows, results);
+  print_table("with plugins", plugin_rows, results);
   return 0;
 }

@@ -12,6 +12,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "bench_document.h"
+
 namespace {
 
 constexpr char PROFILE_BEGIN[] = R"({
@@ -21,7 +23,8 @@ constexpr char PROFILE_BEGIN[] = R"({
     {"name": "ietf-netconf", "revision": "2011-06-01", "deviation": [],
      "feature": ["writable-running", "candidate", "rollback-on-error", "startup"]},
     {"name": "zentra-ymgrd", "revision": "2026-11-22", "feature": [], "deviation": []},
-    {"name": "ex-bench", "revision": "2026-01-01", "feature": [], "deviation": []}
+    {"name": "ex-bench", "revision": "2026-01-01", "feature": [], "deviation": []},
+    {"name": "ex-bench-parts", "revision": "2026-01-01", "feature": [], "deviation": []}
   ],
   "database": {"type": "default", "driver": {"api-version": "1.0", "path": "unix://)";
 
@@ -93,6 +96,7 @@ bench_device::bench_device()
   std::filesystem::create_directory(dir_ + "/modules");
   copy_modules(BENCH_MODULES, dir_ + "/modules");
   copy_modules(BENCH_SAMPLES, dir_ + "/modules");
+  std::ofstream(dir_ + "/modules/ex-bench-parts.yang") << bench_parts_module();
   std::ofstream profile(dir_ + "/ymgrd.conf");
   profile << PROFILE_BEGIN << redis_socket() << "\"}},\n"
           << R"(  "schema": {"db-enabled": true, "path": "unix://)" << redis_socket() << "\"}\n}\n";
@@ -139,6 +143,23 @@ int bench_device::start_daemon()
     return -1;
   }
   return wait_for(&daemon_, dir_ + "/agent.sock");
+}
+
+int bench_device::descriptors() const
+{
+  int count = 0;
+  for (const auto &entry : std::filesystem::directory_iterator("/proc/" + std::to_string(daemon_.pid()) + "/fd")) {
+    count += entry.is_symlink() ? 1 : 0;
+  }
+  return count;
+}
+
+double bench_device::cpu_ms() const
+{
+  std::ifstream times("/proc/" + std::to_string(daemon_.pid()) + "/schedstat");
+  double nanoseconds = 0;
+  times >> nanoseconds;
+  return nanoseconds / 1e6;
 }
 
 double bench_device::resident_mb() const

@@ -37,6 +37,8 @@ public:
   const std::string &dir() const { return dir_; } // also the daemon's run directory
   std::string redis_socket() const { return dir_ + "/redis.sock"; }
   double resident_mb() const; // of the daemon; 0 when it does not run
+  int descriptors() const;    // open ones of the running daemon
+  double cpu_ms() const;      // that the daemon has used
 
 private:
   int wait_for(bench_process *process, const std::string &socket);

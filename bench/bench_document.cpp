@@ -4,6 +4,7 @@ namespace {
 
 constexpr char BEGIN[] = "<bench xmlns=\"urn:ex-bench\">";
 constexpr char END[] = "</bench>";
+constexpr char PARTS_NAMESPACE[] = " xmlns=\"urn:ex-bench-parts\">";
 
 std::string entry_name(int entry)
 {
@@ -45,4 +46,46 @@ std::string bench_one_leaf_edit(int entry, unsigned value)
 {
   return bench_edit(BEGIN + std::string("<entry>") + leaf("name", entry_name(entry)) +
                     leaf("weight", std::to_string(value)) + "</entry>" + END);
+}
+
+std::string bench_parts_module()
+{
+  std::string text = "module ex-bench-parts { yang-version 1.1; namespace \"urn:ex-bench-parts\"; prefix p;\n"
+                     "revision 2026-01-01;\n"
+                     "grouping part { leaf value { type uint32; } }\n"
+                     "container parts {\n";
+  for (int i = 0; i < BENCH_PARTS; ++i) {
+    text += "container part-" + std::to_string(i) + " { uses part; }\n";
+  }
+  return text + "container state { config false; leaf text { type string; } }\n}\n"
+                "rpc echo { input { leaf text { type string; } } output { leaf text { type string; } } }\n}\n";
+}
+
+std::string bench_part_path(int part)
+{
+  return "/ex-bench-parts:parts/part-" + std::to_string(part);
+}
+
+std::string bench_parts_edit(int first, int last, unsigned value)
+{
+  std::string text = std::string("<parts") + PARTS_NAMESPACE;
+  for (int i = first; i <= last; ++i) {
+    text += leaf(("part-" + std::to_string(i)).c_str(), leaf("value", std::to_string(value)));
+  }
+  return bench_edit(text + "</parts>");
+}
+
+std::string bench_parts_state()
+{
+  return std::string("<parts") + PARTS_NAMESPACE + leaf("state", leaf("text", BENCH_PARTS_WORDS)) + "</parts>";
+}
+
+std::string bench_parts_echo()
+{
+  return std::string("<echo") + PARTS_NAMESPACE + leaf("text", BENCH_PARTS_WORDS) + "</echo>";
+}
+
+std::string bench_parts_echoed()
+{
+  return std::string("<text") + PARTS_NAMESPACE + BENCH_PARTS_WORDS + "</text>";
 }

@@ -1,4 +1,4 @@
-// The data that is measured with: entries of the module ex-bench.
+// The data that is measured with: entries of the module ex-bench, and a module of many containers for plugins.
 #pragma once
 
 #include <string>
@@ -11,3 +11,16 @@ std::string bench_entry_filter(int entry);
 std::string bench_edit(const std::string &config);
 // edit-config of candidate that gives one leaf of one entry a value.
 std::string bench_one_leaf_edit(int entry, unsigned value);
+
+// A module that the measured device gets: containers that plugins subscribe to one by one, state, and an operation.
+constexpr int BENCH_PARTS = 200;
+constexpr char BENCH_PARTS_STATE[] = "/ex-bench-parts:parts/state";
+constexpr char BENCH_PARTS_WORDS[] = "a word of thirty-two characters."; // in the state, and echoed
+constexpr char BENCH_PARTS_OPERATION[] = "/ex-bench-parts:echo";
+std::string bench_parts_module();
+std::string bench_part_path(int part);
+// edit-config of candidate that gives the leaf of each part from `first` to `last` a value.
+std::string bench_parts_edit(int first, int last, unsigned value);
+std::string bench_parts_state(); // the markup of the state
+std::string bench_parts_echo();  // the operation; its output is bench_parts_echoed()
+std::string bench_parts_echoed();

@@ -1,10 +1,49 @@
 #include "bench_floor.h"
 
 #include <cstdio>
+#include <cstring>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include "bench_clock.h"
+#include "bench_plugin_peer.h"
+#include "libconf/plugin_message.h"
 #include "libredisapi/redisapi.h"
 #include "ymgrd/core/handles.h"
+
+namespace {
+
+constexpr int MESSAGES = 10000;
+constexpr char CHANGE[] =
+    "<rpc><method>publish</method><params><type>config</type><session-id>1</session-id><callback>0</callback><info>"
+    "<oper-type>8</oper-type><priority>10</priority><more-flag>0</more-flag>"
+    "<path>/ex-bench:bench/entry[name=\"entry-1000000\"]</path></info></params><id>1</id></rpc>";
+
+// 0 when the answer has come, else -1.
+int send_and_await(int sock, const std::string &frame)
+{
+  if (send(sock, frame.data(), frame.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(frame.size())) {
+    return -1;
+  }
+  char answer[1024];
+  for (size_t got = 0; true;) {
+    pollfd ready = {sock, POLLIN, 0};
+    ssize_t count = poll(&ready, 1, -1) == 1 ? recv(sock, answer + got, sizeof(answer) - got, 0) : 0;
+    if (count <= 0) {
+      return -1;
+    }
+    got += static_cast<size_t>(count);
+    plugin_msg_head_t head = {};
+    std::memcpy(&head, answer, sizeof(head));
+    if (got >= sizeof(head) && got >= sizeof(head) + head.length) {
+      return 0;
+    }
+  }
+}
+
+} // namespace
 
 int bench_yang_floor(const std::string &document, bench_yang_floor_t *ret_floor)
 {
@@ -69,4 +108,32 @@ int bench_redis_floor(const std::string &socket, int db, bench_redis_floor_t *re
   }
   *ret_floor = floor;
   return 0;
+}
+
+double bench_message_floor(int socks)
+{
+  std::vector<int> ours;
+  std::vector<int> theirs;
+  for (int i = 0; i < socks; ++i) {
+    int pair[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) {
+      break;
+    }
+    ours.push_back(pair[0]);
+    theirs.push_back(pair[1]);
+  }
+  bench_plugin_host host;
+  int result = host.start_on(theirs);
+  plugin_msg_head_t head = {PLUGIN_MSG_MAGIC, sizeof(CHANGE) - 1, 1, 0};
+  const std::string frame = std::string(reinterpret_cast<const char *>(&head), sizeof(head)) + CHANGE;
+  bench_watch watch;
+  for (size_t i = 0; i < MESSAGES && result == 0 && !ours.empty(); ++i) {
+    result = send_and_await(ours[i % ours.size()], frame);
+  }
+  const double ms = watch.ms();
+  result |= host.pause();
+  for (int sock : ours) {
+    close(sock);
+  }
+  return result == 0 && ours.size() == static_cast<size_t>(socks) ? ms * 1000 / MESSAGES : -1;
 }

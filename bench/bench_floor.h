@@ -1,5 +1,5 @@
-// What cannot be beaten by whoever uses these libraries: the same document through libyang alone, and the same hashes
-// through Redis alone.
+// What cannot be beaten by whoever uses these libraries: the same document through libyang alone, the same hashes
+// through Redis alone, and messages between two threads that do nothing with them.
 #pragma once
 
 #include <string>
@@ -20,3 +20,7 @@ typedef struct _bench_redis_floor {
 
 // Reads all hashes of the Redis database `db` with pipelined HGETALL. 0 or -1.
 int bench_redis_floor(const std::string &socket, int db, bench_redis_floor_t *ret_floor);
+
+// Sends a change to the same peers as the daemon does, over `socks` connections in turn, and awaits each answer.
+// Microseconds of one to and fro; -1 on failure.
+double bench_message_floor(int socks);

@@ -1,6 +1,7 @@
 // The main job of an agent against a running daemon: edits candidate, commits, reads running back. Prints what was
 // asked, what came back and which Redis keys stand, and ends with 0 only when all of it was right.
-//   ymgr-demo RUN_DIR REDIS_SOCKET
+// Two plugins are expected to run, which keep their files below ROOT.
+//   ymgr-demo RUN_DIR REDIS_SOCKET ROOT
 #include <csignal>
 #include <cstdio>
 #include <string>
@@ -8,8 +9,9 @@
 
 #include <unistd.h>
 
-#include "client/client.h"
+#include "demo_plugins.h"
 #include "demo_redis.h"
+#include "demo_steps.h"
 #include "demo_xml.h"
 
 namespace {
@@ -44,58 +46,6 @@ constexpr const char DNS_FIRST[] = R"(
   <system xmlns="urn:ex-sys" xmlns:yang="urn:ietf:params:xml:ns:yang:1">
     <dns yang:insert="first">198.51.100.53</dns>
   </system>)";
-
-typedef struct _demo {
-  std::string run_dir;
-  ymgr_client_ptr client;
-  redis_connection_ptr redis;
-  int step = 0;
-  int wrong = 0;
-} demo_t;
-
-void begin_step(demo_t *demo, const char *what)
-{
-  std::printf("\n== %d. %s\n", ++demo->step, what);
-}
-
-void expect(demo_t *demo, bool right, const std::string &what)
-{
-  std::printf("   [%s] %s\n", right ? "right" : "WRONG", what.c_str());
-  demo->wrong += right ? 0 : 1;
-}
-
-// Sends one operation and prints both sides. The reply, empty when none came.
-std::string ask_in(demo_t *demo, ymgr_client_t *client, const std::string &operation)
-{
-  std::printf("   asked:\n%s", demo_pretty(operation, "      ").c_str());
-  std::optional<std::string> reply = ymgr_rpc(client, operation);
-  if (!reply.has_value()) {
-    expect(demo, false, "a reply comes: " + ymgr_last_error(client));
-    return {};
-  }
-  std::printf("   came back:\n%s", demo_pretty(*reply, "      ").c_str());
-  return *reply;
-}
-
-std::string ask(demo_t *demo, const std::string &operation)
-{
-  return ask_in(demo, demo->client.get(), operation);
-}
-
-bool is_ok(const std::string &reply)
-{
-  return demo_texts(reply, {"ok"}).size() == 1;
-}
-
-std::string edit_candidate(demo_t *demo, const std::string &config)
-{
-  return ask(demo, "<edit-config><target><candidate/></target><config>" + config + "</config></edit-config>");
-}
-
-std::string get_config(demo_t *demo, const std::string &source)
-{
-  return ask(demo, "<get-config><source><" + source + "/></source></get-config>");
-}
 
 demo_keys_t read_keys(demo_t *demo, int db)
 {
@@ -280,8 +230,8 @@ void close_session(demo_t *demo)
 
 int main(int argc, char **argv)
 {
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: ymgr-demo RUN_DIR REDIS_SOCKET\n");
+  if (argc != 4) {
+    std::fprintf(stderr, "usage: ymgr-demo RUN_DIR REDIS_SOCKET ROOT\n");
     return 2;
   }
   // A peer that ends shows as a failed write, not as the end of this program.
@@ -315,6 +265,7 @@ int main(int argc, char **argv)
   read_parts(&demo);
   lock(&demo);
   save(&demo);
+  demo_plugins(&demo, argv[3]);
   close_session(&demo);
 
   std::printf("\n%s\n", demo.wrong == 0 ? "All steps were right." : "Some steps were WRONG.");

@@ -72,7 +72,8 @@ typedef enum ymgr_moment { YMGR_NEW = 0, YMGR_OLD = 1 } ymgr_moment_t;
 
 /* --- Making a plugin */
 
-/* `name` is shown in logs and errors. Null when memory is short. ymgr_plugin_free() ends the connection too. */
+/* `name` is shown in logs and errors. Null when memory or descriptors are short. ymgr_plugin_free() ends the connection
+ * too; not inside a callback. */
 ymgr_plugin_t *ymgr_plugin_new(const char *name);
 void ymgr_plugin_free(ymgr_plugin_t *plugin);
 /* The daemon's run directory; else $YMGR_RUN_DIR, else "/run/ymgrd". Before the first connection. */
@@ -90,7 +91,8 @@ const char *ymgr_plugin_error(const ymgr_plugin_t *plugin);
  * code -1 and a general message. */
 
 /* Changes at or below `path`. Subscriptions of all plugins are served by ascending priority, so that what others depend
- * on gets a low one. A refused change is taken back everywhere, in reverse order. */
+ * on gets a low one. A refused change is taken back everywhere, in reverse order. In a local plugin, paths that lie in
+ * each other have different priorities. */
 typedef int (*ymgr_config_fn)(ymgr_plugin_t *plugin, const ymgr_change_t *change, void *user);
 int ymgr_plugin_on_config(ymgr_plugin_t *plugin, const char *path, int priority, ymgr_config_fn fn, void *user);
 
@@ -113,7 +115,7 @@ int ymgr_plugin_reject(ymgr_plugin_t *plugin, int code, const char *message);
  * number names it, and is greater than 0; -1 in a local plugin, which must answer at once. */
 int ymgr_plugin_defer(ymgr_plugin_t *plugin);
 /* Answers later: `data` as in the callback's ret_ parameter (may be null; not freed). -1 when the request is not waited
- * for any more (overdue, or the connection was lost). */
+ * for any more (overdue, or the connection was lost), or `data` is not well-formed: then it is answered by an error. */
 int ymgr_plugin_answer(ymgr_plugin_t *plugin, int request, const char *data);
 int ymgr_plugin_answer_error(ymgr_plugin_t *plugin, int request, int code, const char *message);
 
@@ -124,8 +126,9 @@ int ymgr_plugin_pull(ymgr_plugin_t *plugin, const char *path, ymgr_moment_t mome
 /* The value of the leaf at `path`; null when there is none. */
 int ymgr_plugin_pull_value(ymgr_plugin_t *plugin, const char *path, ymgr_moment_t moment, char **ret_value);
 /* Calls `fn` for each leaf and leaf-list entry at or below `path`, in document order: its path (list entries by their
- * position among their siblings, from 1: "/m:top/list[2]/leaf"), its name and its value. A result other than 0 ends the
- * walk and is returned. */
+ * position among the pulled siblings, from 1, where there are several: "/m:top/list[2]/leaf"; modules as `path` names
+ * them), its name and its value. The library does not know the schema: a container without content appears too, with an
+ * empty value. A result other than 0 ends the walk and is returned. */
 typedef int (*ymgr_value_fn)(const char *path, const char *name, const char *value, void *user);
 int ymgr_plugin_pull_values(ymgr_plugin_t *plugin, const char *path, ymgr_moment_t moment, ymgr_value_fn fn,
                             void *user);
@@ -161,6 +164,9 @@ int ymgr_plugin_main(int argc, char **argv, const char *name, int (*setup)(ymgr_
 /* --- One source for both kinds: defines main(), or, compiled with YMGR_LOCAL_PLUGIN, what libymgrplugin-local needs.
  */
 #ifdef YMGR_LOCAL_PLUGIN
+/* Each shared object has its own. */
+extern const char *const ymgr_local_plugin_name __attribute__((visibility("hidden")));
+int ymgr_local_plugin_setup(ymgr_plugin_t *plugin) __attribute__((visibility("hidden")));
 #define YMGR_PLUGIN(name, setup)                                                                                       \
   const char *const ymgr_local_plugin_name = (name);                                                                   \
   int ymgr_local_plugin_setup(ymgr_plugin_t *plugin)                                                                   \

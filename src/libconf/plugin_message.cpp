@@ -17,8 +17,47 @@ std::string_view name_of(const xmlNode *node)
   return reinterpret_cast<const char *>(node->name);
 }
 
+void wipe(void *text, size_t length)
+{
+  memset_s(text, length, 0, length);
+}
+
+// The node behind `node` in document order, within `root`; null at the end.
+xmlNode *next_in_document(xmlNode *node, const xmlNode *root)
+{
+  if (node->type == XML_ELEMENT_NODE && node->children != nullptr) {
+    return node->children;
+  }
+  while (node != root && node->next == nullptr) {
+    node = node->parent;
+  }
+  return node == root ? nullptr : node->next;
+}
+
+void wipe_texts(xmlNode *root)
+{
+  for (xmlNode *node = root; node != nullptr; node = next_in_document(node, root)) {
+    if (node->type != XML_ELEMENT_NODE && xmlNodeIsText(node) && node->content != nullptr) {
+      wipe(node->content, static_cast<size_t>(xmlStrlen(node->content)));
+    }
+  }
+}
+
+struct xml_node_delete_t {
+  void operator()(xmlNode *node) const
+  {
+    wipe_texts(node);
+    xmlFreeNode(node);
+  }
+};
+using xml_node_ptr = std::unique_ptr<xmlNode, xml_node_delete_t>; // linked to no other node
+
 struct xml_buffer_delete_t {
-  void operator()(xmlBuffer *buffer) const { xmlBufferFree(buffer); }
+  void operator()(xmlBuffer *buffer) const
+  {
+    wipe(const_cast<xmlChar *>(xmlBufferContent(buffer)), static_cast<size_t>(xmlBufferLength(buffer)));
+    xmlBufferFree(buffer);
+  }
 };
 using xml_buffer_ptr = std::unique_ptr<xmlBuffer, xml_buffer_delete_t>;
 
@@ -100,7 +139,8 @@ bool can_be_carried(std::string_view text)
 
 int append_self_contained(const xmlNode *node, wiped_string *text)
 {
-  xmlNode *copy = xmlDocCopyNode(const_cast<xmlNode *>(node), node->doc, 1); // only read; libxml2 has no const form
+  // Only read; libxml2 has no const form.
+  xml_node_ptr copy(xmlDocCopyNode(const_cast<xmlNode *>(node), node->doc, 1));
   if (copy == nullptr) {
     return -1;
   }
@@ -108,20 +148,25 @@ int append_self_contained(const xmlNode *node, wiped_string *text)
   xmlNs **in_scope = xmlGetNsList(node->doc, node);
   for (xmlNs **ns = in_scope; ns != nullptr && *ns != nullptr; ns++) {
     if ((*ns)->prefix != nullptr) {
-      (void)xmlNewNs(copy, (*ns)->href, (*ns)->prefix); // null when the prefix is declared there
+      (void)xmlNewNs(copy.get(), (*ns)->href, (*ns)->prefix); // null when the prefix is declared there
     }
   }
   xmlFree(in_scope);
   xml_buffer_ptr buffer(xmlBufferCreate());
-  int length = buffer == nullptr ? -1 : xmlNodeDump(buffer.get(), node->doc, copy, 0, 0);
+  int length = buffer == nullptr ? -1 : xmlNodeDump(buffer.get(), node->doc, copy.get(), 0, 0);
   if (length >= 0) {
     text->append(reinterpret_cast<const char *>(xmlBufferContent(buffer.get())), static_cast<size_t>(length));
   }
-  xmlFreeNode(copy);
   return length < 0 ? -1 : 0;
 }
 
 } // namespace
+
+void plugin_doc_delete_t::operator()(xmlDoc *doc) const
+{
+  wipe_texts(xmlDocGetRootElement(doc));
+  xmlFreeDoc(doc);
+}
 
 plugin_doc_ptr plugin_new_params()
 {

@@ -29,8 +29,9 @@ typedef struct _plugin_msg_head {
 } plugin_msg_head_t;
 static_assert(sizeof(plugin_msg_head_t) == 12 && std::is_trivially_copyable_v<plugin_msg_head_t>);
 
+// Clears the texts of the message first: they may be secrets.
 struct plugin_doc_delete_t {
-  void operator()(xmlDoc *doc) const { xmlFreeDoc(doc); }
+  void operator()(xmlDoc *doc) const;
 };
 using plugin_doc_ptr = std::unique_ptr<xmlDoc, plugin_doc_delete_t>;
 

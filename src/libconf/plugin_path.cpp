@@ -1,5 +1,7 @@
 #include "libconf/plugin_path.h"
 
+#include <algorithm>
+
 namespace {
 
 // Length of the predicate that starts at `text[0]` == '[', brackets included; nothing when it does not end. Predicates
@@ -56,6 +58,25 @@ std::string_view without_known_prefix(std::string_view name, std::string_view *m
   return name;
 }
 
+// Cuts the first step off `*path`, which is not empty after `skip_slashes`. False when it is no name with predicates.
+bool take_step(std::string_view *path, plugin_path_step_t *ret_step)
+{
+  ret_step->name = path->substr(0, path->find_first_of("/[]'\""));
+  path->remove_prefix(ret_step->name.size());
+  std::optional<size_t> length = predicates_length(*path);
+  if (ret_step->name.empty() || !length) {
+    return false;
+  }
+  ret_step->predicates = path->substr(0, *length);
+  path->remove_prefix(*length);
+  return path->empty() || path->front() == '/';
+}
+
+void skip_slashes(std::string_view *path)
+{
+  path->remove_prefix(std::min(path->find_first_not_of('/'), path->size()));
+}
+
 enum class predicates { dropped, kept };
 
 std::optional<std::string> to_std(std::string_view path, predicates mode)
@@ -66,26 +87,15 @@ std::optional<std::string> to_std(std::string_view path, predicates mode)
   std::string result;
   result.reserve(path.size() + 1);
   std::string_view module;
-  while (!path.empty()) {
-    if (path.front() == '/') {
-      path.remove_prefix(1);
-      continue;
-    }
-    std::string_view name = path.substr(0, path.find_first_of("/[]'\""));
-    path.remove_prefix(name.size());
-    std::optional<size_t> length = predicates_length(path);
-    if (name.empty() || !length) {
+  for (skip_slashes(&path); !path.empty(); skip_slashes(&path)) {
+    plugin_path_step_t step;
+    if (!take_step(&path, &step)) {
       return std::nullopt;
     }
-    std::string_view predicate_text = path.substr(0, *length);
-    path.remove_prefix(*length);
-    if (!path.empty() && path.front() != '/') {
-      return std::nullopt;
-    }
-    result.append("/").append(without_known_prefix(name, &module));
+    result.append("/").append(without_known_prefix(step.name, &module));
     // "[]" only marks a list's schema node: it selects nothing.
-    if (mode == predicates::kept && predicate_text != "[]") {
-      result.append(predicate_text);
+    if (mode == predicates::kept && step.predicates != "[]") {
+      result.append(step.predicates);
     }
   }
   return result.empty() ? "/" : result;
@@ -101,4 +111,18 @@ std::optional<std::string> plugin_path_schema2std(std::string_view path)
 std::optional<std::string> plugin_path_data2std(std::string_view path)
 {
   return to_std(path, predicates::kept);
+}
+
+std::optional<std::vector<plugin_path_step_t>> plugin_path_steps(std::string_view path)
+{
+  if (path.empty()) {
+    return std::nullopt;
+  }
+  std::vector<plugin_path_step_t> steps;
+  for (skip_slashes(&path); !path.empty(); skip_slashes(&path)) {
+    if (!take_step(&path, &steps.emplace_back())) {
+      return std::nullopt;
+    }
+  }
+  return steps;
 }

@@ -109,9 +109,14 @@ std::string daemon_process::profile_text() const
   return "{\n" + text + "\n}\n";
 }
 
-testing::AssertionResult daemon_process::launch()
+void daemon_process::write_profile() const
 {
   write_file(profile_path(), profile_text());
+}
+
+testing::AssertionResult daemon_process::launch()
+{
+  write_profile();
   std::error_code no_log_yet;
   auto size = fs::file_size(log_path(), no_log_yet);
   log_begin_ = no_log_yet ? 0 : static_cast<size_t>(size);

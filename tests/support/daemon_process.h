@@ -46,6 +46,7 @@ public:
   std::string profile_path() const { return dir_ + "/ymgrd.conf"; }
   std::string log_path() const { return dir_ + "/ymgrd.log"; }
 
+  void write_profile() const;
   // Writes the profile, starts the daemon and waits until it is ready. A failure carries the log.
   testing::AssertionResult start();
   // The same, without waiting: for starts that are to fail.

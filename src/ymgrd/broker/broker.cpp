@@ -82,6 +82,9 @@ int broker_init(int stage)
 {
   if (stage == STAGE_RESOURCE) {
     registry = {};
+  } else if (stage == STAGE_RESTORE) {
+    broker_cfgr_schedule();
+    broker_smooth_schedule();
   }
   return 0;
 }
@@ -159,6 +162,7 @@ void broker_cancel_plugin_subpub(plugin_inst_t *plugin)
   if (plugin_id == 0) {
     return; // the registrations inside the daemon have no plugin
   }
+  broker_restore_forget(plugin);
   for (auto at = registry.config_subs.begin(); at != registry.config_subs.end();) {
     at = at->plugin_id == plugin_id ? remove_config_subscriber(at) : std::next(at);
   }
@@ -185,8 +189,18 @@ int broker_reg_inside_operations(const oper_registration_t *operations, int coun
   return 0;
 }
 
+void broker_give_up(int plugin_id)
+{
+  if (plugin_id > 0) { // a plugin, not the daemon itself
+    hooks.given_up(plugin_id);
+  }
+  broker_publish_pass_over(plugin_id);
+  broker_subscribe_pass_over(plugin_id);
+}
+
 void broker_timeout()
 {
   broker_publish_tick();
+  broker_restore_tick();
   broker_subscribe_tick();
 }

@@ -57,8 +57,18 @@ typedef struct _broker_hooks {
   int (*publish_ended)(int is_rollback, reply_error_ptr errors);
   int (*status_ended)();                                    // the end of every status subscription
   int (*parse_rpc)(const char *oper_name, lyxml_elem *rpc); // 0 when a user-defined RPC is valid
+  int (*error_kind)(int data_kind, int other_kind);         // of its fault, see ds_error_kind
   void (*add_path_and_msg)(reply_error_t *error);
   int (*plugin_id)(const plugin_inst_t *plugin); // of a registration's plugin; greater than 0
+  const char *(*plugin_name)(int plugin_id);     // null when there is none
+  // The broker waits no longer for what the plugin was asked: a reply that still comes is too late.
+  void (*given_up)(int plugin_id);
+  // Restore and smooth start (see datastore/ds_restore.h): the trees are borrowed until the job ends.
+  int (*get_cfgr_differ)(differ_node_t **ret_tree);
+  void (*free_cfgr_differ)();
+  differ_node_t *(*smooth_differ)();
+  void (*end_smooth_start)();
+  void (*kickoff)(plugin_inst_t *plugin); // it has been restored, and takes part in publications from now on
 } broker_hooks_t;
 void broker_set_hooks(const broker_hooks_t &hooks);
 
@@ -76,7 +86,8 @@ int broker_reg_status_publisher(plugin_inst_t *plugin, const char *path, econf_s
 void broker_unreg_oper_subscriber(plugin_inst_t *plugin, const char *name);
 void broker_unreg_config_subscriber(plugin_inst_t *plugin, const char *path, int pri);
 void broker_unreg_status_publisher(plugin_inst_t *plugin, const char *path);
-// Removes all that the plugin registered. A job that waits for it goes on with the next one when it is continued.
+// Removes all that the plugin registered, before it goes. A publication or status subscription that waits for it goes
+// on when it is continued; a restore goes on by itself.
 void broker_cancel_plugin_subpub(plugin_inst_t *plugin);
 // Registers a component's operations in order; when one fails, takes the ones before back in reverse order. 0 or -1,
 // with
@@ -98,15 +109,20 @@ int broker_publish_operation_next(int session_id);
 // changed entry when they lie in a list. `err_opt` is ERROR_OPTION_...: after a failure stop, go on, or take back what
 // was offered.
 int broker_publish_config(int session_id, int err_opt, differ_node_t *tree);
-void broker_publish_continue(); // the reply of SUBPUB_WAIT has come
-// Adds an error to the publication: the one that continues afterwards has failed. 0 or -1.
+// The plugin's reply of SUBPUB_WAIT has come, or will not come. Nothing happens when another one is waited for.
+void broker_publish_continue(int plugin_id);
+// Adds an error to the publication, with the node that was offered last and the plugin's name: the one that continues
+// afterwards has failed. 0 or -1.
 int broker_save_error(int err_code, const char *err_msg);
 int broker_is_publish_over(); // 0 when no publication runs, -1 while one runs
 
 // Asks each publisher whose path begins with `path`, in path order. 0 when started (its end arrives through
 // status_ended, possibly inside this call), -1 when not.
 int broker_subscribe_status(int session_id, const char *path);
-void broker_subscribe_continue(); // the reply of SUBPUB_WAIT has come
+void broker_subscribe_continue(int plugin_id); // as broker_publish_continue
 
 int broker_check_busy(const char *oper); // 1 when the operation must wait, else 0
 void broker_timeout();                   // once per idle second
+// Once per pass of the event loop: starts the restores that are pending, and after one has ended the requests of
+// sessions that had to wait for it.
+void broker_run_pending();

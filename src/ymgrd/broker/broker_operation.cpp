@@ -35,7 +35,7 @@ int process_outside(const rpc_oper_context_t &context, const subscriber_t &subsc
   int session_id = context.session_id;
   if (broker_hooks().parse_rpc(oper.c_str(), context.rpc.get()) != 0) {
     log_error("valid user-defined rpc fail.");
-    reply_error_ptr error(rpc_create_error(REPLY_ERR_NULL));
+    reply_error_ptr error(rpc_create_error(broker_hooks().error_kind(REPLY_ERR_INVALID_VALUE, REPLY_ERR_OP_FAILED)));
     if (error != nullptr) {
       broker_hooks().add_path_and_msg(error.get());
     }

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
@@ -10,44 +11,17 @@
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/keepalive.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/datastore/dbkey.h"
 
 namespace {
 
 constexpr uint32_t PUBLISH_TIMEOUT_TICKS = 60;
 constexpr int NODES_PER_KEEPALIVE = 1000;
 
-// The cursor of a configuration publication:
-//
-//   forward walk <-> waiting --- failure, rollback-on-error --> rollback walk <-> waiting
-//        |                                                           |
-//        +---- all offered, or failure, stop-on-error --> ended <----+
-typedef struct _broker_pub {
-  int sid = 0;
-  int error_opt = 0; // ERROR_OPTION_...
-  bool bit_rollback = false;
-  bool is_any_offered = false;
-  uint32_t timeout = 0;          // ticks spent waiting for the current reply
-  reply_error_ptr errors;        // gathered so far, the newest first
-  differ_node_t *tree = nullptr; // borrowed until the end
-  broker_schema_paths paths;     // of the tree
-  subscriber_pos suber;          // the end of the list: before the first one
-  bool is_suber_done = true;     // `suber` was offered all its nodes, and the one behind it none
-  differ_node_t *cur = nullptr;  // offered last to `suber`
-  differ_node_t *next = nullptr; // to be offered next, in the forward walk
-  differ_node_t *prev = nullptr; // to be offered next, in the rollback walk
-} broker_pub_t;
-
 // Its address is the option "OPT-broker-publish" while it runs.
 std::unique_ptr<broker_pub_t> publication;
 
-broker_pub_t *get_publication()
-{
-  return context_get_record<broker_pub_t>(BROKER_PUBLISH_OPTION);
-}
-
-// --- The end of a publication: what nobody took is reported.
-
-void count_unprocessed_node()
+void count_node()
 {
   static int nodes = 0;
   nodes++;
@@ -56,6 +30,8 @@ void count_unprocessed_node()
     ymgrd_send_keepalive_msg(0, 0);
   }
 }
+
+// --- The end of a publication: what nobody took is reported.
 
 // Whether a node below `node` was offered to a subscriber.
 bool broker_check_diffpub(const differ_node_t *node)
@@ -74,7 +50,7 @@ void broker_log_unsub_tree(const differ_node_t *node, bool is_any_offered)
     if (node->pub_flag != 0) {
       continue;
     }
-    count_unprocessed_node();
+    count_node();
     if (is_any_offered && broker_check_diffpub(node)) {
       broker_log_unsub_tree(node->child, is_any_offered);
     } else {
@@ -85,7 +61,7 @@ void broker_log_unsub_tree(const differ_node_t *node, bool is_any_offered)
 
 void broker_publish_stop()
 {
-  broker_pub_t *pub = get_publication();
+  broker_pub_t *pub = broker_get_publication();
   if (context_get_option(BROKER_PUBLISH_OPTION) == nullptr) {
     log_error("Get current broker-publish information failed(stop).");
   } else if (pub == nullptr) {
@@ -107,21 +83,55 @@ void broker_publish_stop()
 
 // --- One delivery.
 
-// Every failure leaves an error behind: without one the change would count as accepted.
-void fail_delivery(broker_pub_t *pub, const differ_node_t *node, const reply_error_t *errors_before)
+// What messages say of an offer stays as it is when its subscriber goes.
+void note_offer(broker_pub_t *pub, const differ_node_t *node)
 {
-  log_debug("Publish config <%.512s> from session %d failed.", node->data_path, pub->sid);
-  if (pub->errors.get() == errors_before) {
-    (void)broker_save_error(-1, "Publish configuration failed");
-  }
+  const subscriber_t &suber = *pub->suber;
+  pub->offered = node;
+  pub->offered_path = suber.path;
+  pub->offered_pri = suber.pri;
+  pub->offered_plugin = suber.plugin_id;
+  const char *name = suber.plugin_id == 0 ? nullptr : broker_hooks().plugin_name(suber.plugin_id);
+  pub->offered_plugin_name = name == nullptr ? "" : name;
 }
 
-// Offers a node to the current subscriber. The status of the delivery; the subscriber may have gone afterwards.
-int offer(broker_pub_t *pub, const differ_node_t *node, int oper_type, bool is_more)
+std::string where_it_failed(const broker_pub_t &pub)
 {
+  std::string where = std::string("Error on node ") + pub.offered->data_path;
+  return pub.offered_plugin_name.empty() ? where : where + " (plugin " + pub.offered_plugin_name + ")";
+}
+
+// The path and the plugin of what was offered last: only an addition.
+void add_place(const broker_pub_t &pub, reply_error_t *error)
+{
+  (void)rpc_set_error_field(error, REPLY_ERR_FIELD_PATH, dbkey_to_xpath(pub.offered->data_path).c_str());
+  (void)rpc_set_error_field(error, REPLY_ERR_FIELD_INFO, where_it_failed(pub).c_str());
+}
+
+// The newest comes first, but what fails during a rollback comes behind its cause.
+void add_error(broker_pub_t *pub, reply_error_ptr error)
+{
+  if (!pub->bit_rollback || pub->errors == nullptr) {
+    error->next = pub->errors.release();
+    pub->errors = std::move(error);
+    return;
+  }
+  reply_error_t *last = pub->errors.get();
+  while (last->next != nullptr) {
+    last = last->next;
+  }
+  last->next = error.release();
+}
+
+} // namespace
+
+int broker_offer(broker_pub_t *pub, const differ_node_t *node, int oper_type, bool is_more)
+{
+  count_node();
+  note_offer(pub, node);
   std::optional<std::string> path = plugin_path_data2std(node->data_path);
   if (!path) {
-    log_error("Data path %.512s to std failed.", node->data_path);
+    log_error("Data path %.512s to std failed%s.", node->data_path, pub->sid < 0 ? "(for cfgr)" : "");
     return SUBPUB_ERROR;
   }
   plugin_publish_info_t info = {};
@@ -134,8 +144,49 @@ int offer(broker_pub_t *pub, const differ_node_t *node, int oper_type, bool is_m
   info.config.path = path->c_str();
   int status = SUBPUB_ERROR;
   (void)broker_hooks().publish_config(pub->suber->plugin_id, &info, &status); // `status` says it all
+  if (status == SUBPUB_WAIT) {
+    pub->timeout = 0;
+    pub->awaited = pub->offered_plugin;
+  }
   return status;
 }
+
+void broker_delivery_failed(broker_pub_t *pub, const differ_node_t *node, const reply_error_t *errors_before)
+{
+  log_debug("Publish config <%.512s> from session %d failed.", node->data_path, pub->sid);
+  if (pub->errors.get() == errors_before) {
+    (void)broker_save_error(-1, "Publish configuration failed");
+  }
+}
+
+differ_node_t *broker_next_to_offer(broker_pub_t *pub, int plugin_id)
+{
+  auto &subscribers = broker_registry().config_subs;
+  while (true) {
+    if (pub->is_suber_done) {
+      subscriber_pos behind = pub->suber == subscribers.end() ? subscribers.begin() : std::next(pub->suber);
+      behind = std::find_if(behind, subscribers.end(), [plugin_id](const subscriber_t &subscriber) {
+        return plugin_id == NOBODY || subscriber.plugin_id == plugin_id;
+      });
+      if (behind == subscribers.end()) {
+        return nullptr;
+      }
+      pub->suber = behind;
+      pub->is_suber_done = false;
+    }
+    const std::string &path = pub->suber->path;
+    differ_node_t *node = pub->cur == nullptr ? broker_first_diffnode(&pub->paths, path, pub->tree) : pub->next;
+    if (node != nullptr) {
+      pub->next = broker_next_diffnode(&pub->paths, path, node);
+      pub->cur = node;
+      return node;
+    }
+    pub->cur = nullptr;
+    pub->is_suber_done = true;
+  }
+}
+
+namespace {
 
 // --- The rollback walk: from the current subscriber to the first one, each with its nodes in reverse order.
 
@@ -163,7 +214,7 @@ differ_node_t *next_to_take_back(broker_pub_t *pub)
 
 void broker_publish_rollback()
 {
-  broker_pub_t *pub = get_publication();
+  broker_pub_t *pub = broker_get_publication();
   if (pub == nullptr) {
     log_error("Get current broker information failed.");
     return;
@@ -171,9 +222,8 @@ void broker_publish_rollback()
   pub->bit_rollback = true;
   while (differ_node_t *node = next_to_take_back(pub)) {
     // `next` is what the forward walk left: a subscriber sees the flag of its last offer again.
-    int status = offer(pub, node, node->oper_type | DBDIFF_ROLLBACK, pub->next != nullptr);
+    int status = broker_offer(pub, node, node->oper_type | DBDIFF_ROLLBACK, pub->next != nullptr);
     if (status == SUBPUB_WAIT) {
-      pub->timeout = 0;
       return;
     }
     if (status != SUBPUB_CONTINUE) {
@@ -195,11 +245,9 @@ const struct {
 
 void broker_publish_failed(broker_pub_t *pub)
 {
-  if (pub->errors != nullptr && pub->cur != nullptr) {
-    std::string info = std::string("Error on node ") + pub->cur->data_path;
-    (void)rpc_set_error_field(pub->errors.get(), REPLY_ERR_FIELD_INFO, info.c_str()); // only an addition
-    log_error("Publish failed on (data:%.512s, suber: %.512s, pri: %d)", pub->cur->data_path, pub->suber->path.c_str(),
-              pub->suber->pri);
+  if (pub->errors != nullptr && pub->offered != nullptr) {
+    log_error("Publish failed on (data:%.512s, suber: %.512s, pri: %d)", pub->offered->data_path,
+              pub->offered_path.c_str(), pub->offered_pri);
   }
   for (const auto &row : g_tbl_erropt) {
     if (row.opt == pub->error_opt) {
@@ -209,35 +257,10 @@ void broker_publish_failed(broker_pub_t *pub)
   }
 }
 
-// The next node to offer, with the cursor on its subscriber; null when all is offered.
-differ_node_t *next_to_offer(broker_pub_t *pub)
-{
-  auto &subscribers = broker_registry().config_subs;
-  while (true) {
-    if (pub->is_suber_done) {
-      subscriber_pos behind = pub->suber == subscribers.end() ? subscribers.begin() : std::next(pub->suber);
-      if (behind == subscribers.end()) {
-        return nullptr;
-      }
-      pub->suber = behind;
-      pub->is_suber_done = false;
-    }
-    const std::string &path = pub->suber->path;
-    differ_node_t *node = pub->cur == nullptr ? broker_first_diffnode(&pub->paths, path, pub->tree) : pub->next;
-    if (node != nullptr) {
-      pub->next = broker_next_diffnode(&pub->paths, path, node);
-      pub->cur = node;
-      return node;
-    }
-    pub->cur = nullptr;
-    pub->is_suber_done = true;
-  }
-}
-
 void broker_publish_core(broker_pub_t *pub)
 {
   while (pub->errors == nullptr || pub->error_opt == ERROR_OPTION_CONTINUE) {
-    differ_node_t *node = next_to_offer(pub);
+    differ_node_t *node = broker_next_to_offer(pub, NOBODY);
     if (node == nullptr) {
       broker_publish_stop();
       return;
@@ -245,13 +268,12 @@ void broker_publish_core(broker_pub_t *pub)
     node->pub_flag = 1;
     pub->is_any_offered = true;
     const reply_error_t *errors_before = pub->errors.get();
-    int status = offer(pub, node, node->oper_type, pub->next != nullptr);
+    int status = broker_offer(pub, node, node->oper_type, pub->next != nullptr);
     if (status == SUBPUB_WAIT) {
-      pub->timeout = 0;
       return;
     }
     if (status != SUBPUB_CONTINUE) {
-      fail_delivery(pub, node, errors_before);
+      broker_delivery_failed(pub, node, errors_before);
     }
   }
   broker_publish_failed(pub);
@@ -264,6 +286,29 @@ bool is_error_option(int err_opt)
 
 } // namespace
 
+broker_pub_t *broker_get_publication()
+{
+  return context_get_record<broker_pub_t>(BROKER_PUBLISH_OPTION);
+}
+
+broker_pub_t *broker_begin_publication(int session_id, int err_opt)
+{
+  auto pub = std::unique_ptr<broker_pub_t>(new (std::nothrow) broker_pub_t);
+  if (pub == nullptr) {
+    log_error("Allocate memory failed(%s).", std::strerror(errno));
+    return nullptr;
+  }
+  pub->sid = session_id;
+  pub->error_opt = err_opt;
+  pub->suber = broker_registry().config_subs.end();
+  if (context_save_record(BROKER_PUBLISH_OPTION, pub.get()) != 0) {
+    log_error("Save %s option to context failed.", BROKER_PUBLISH_OPTION);
+    return nullptr;
+  }
+  publication = std::move(pub);
+  return publication.get();
+}
+
 int broker_publish_config(int session_id, int err_opt, differ_node_t *tree)
 {
   if (context_get_option(BROKER_PUBLISH_OPTION) != nullptr) {
@@ -274,29 +319,29 @@ int broker_publish_config(int session_id, int err_opt, differ_node_t *tree)
     log_error("Error-option %d of session %d is unknown.", err_opt, session_id);
     return -1;
   }
-  auto pub = std::unique_ptr<broker_pub_t>(new (std::nothrow) broker_pub_t);
+  broker_pub_t *pub = broker_begin_publication(session_id, err_opt);
   if (pub == nullptr) {
-    log_error("Allocate memory failed(%s).", std::strerror(errno));
     return -1;
   }
-  pub->sid = session_id;
-  pub->error_opt = err_opt;
   pub->tree = tree;
-  pub->suber = broker_registry().config_subs.end();
-  if (context_save_record(BROKER_PUBLISH_OPTION, pub.get()) != 0) {
-    log_error("Save %s option to context failed.", BROKER_PUBLISH_OPTION);
-    return -1;
-  }
-  publication = std::move(pub);
-  broker_publish_core(publication.get());
+  broker_publish_core(pub);
   return 0;
 }
 
-void broker_publish_continue()
+void broker_publish_continue(int plugin_id)
 {
-  broker_pub_t *pub = get_publication();
+  broker_pub_t *pub = broker_get_publication();
   if (pub == nullptr) {
     log_error("Get current broker-publish information failed(continue).");
+    return;
+  }
+  if (pub->awaited != plugin_id) {
+    log_debug("The publication does not wait for plugin %d.", plugin_id);
+    return;
+  }
+  pub->awaited = NOBODY;
+  if (pub->sid == SESSION_OF_CFGR || pub->sid == SESSION_OF_SMOOTH) {
+    broker_restore_continue(pub);
   } else if (pub->bit_rollback) {
     broker_publish_rollback();
   } else {
@@ -306,21 +351,31 @@ void broker_publish_continue()
 
 int broker_save_error(int err_code, const char *err_msg)
 {
-  broker_pub_t *pub = get_publication();
+  broker_pub_t *pub = broker_get_publication();
   if (pub == nullptr) {
     log_error("Get current broker information failed.");
     return -1;
   }
-  const reply_error_t *before = pub->errors.get();
-  pub->errors.reset(rpc_append_error(pub->errors.release(), REPLY_ERR_OP_FAILED));
+  bool is_in_rollback = pub->bit_rollback && pub->errors != nullptr;
+  reply_error_ptr error(rpc_create_error(is_in_rollback ? REPLY_ERR_ROLLBACK_FAILED : REPLY_ERR_OP_FAILED));
   char code[32];
-  if (pub->errors.get() == before || conf_itoa(err_code, code, sizeof(code)) < 0 ||
-      rpc_set_error_field(pub->errors.get(), REPLY_ERR_FIELD_APPTAG, code) != 0 ||
-      rpc_set_error_field(pub->errors.get(), REPLY_ERR_FIELD_MSG, err_msg) != 0) {
+  int result = error != nullptr && conf_itoa(err_code, code, sizeof(code)) >= 0 &&
+                       rpc_set_error_field(error.get(), REPLY_ERR_FIELD_APPTAG, code) == 0 &&
+                       rpc_set_error_field(error.get(), REPLY_ERR_FIELD_MSG, err_msg) == 0
+                   ? 0
+                   : -1;
+  if (result != 0) {
     log_error("Save error message(%d:%.512s) failed.", err_code, err_msg);
+  }
+  if (error == nullptr) {
     return -1;
   }
-  return 0;
+  if (pub->offered != nullptr) {
+    add_place(*pub, error.get());
+    log_error("%.512s: %.512s (code %d)", where_it_failed(*pub).c_str(), err_msg, err_code);
+  }
+  add_error(pub, std::move(error)); // also when it says little: without it the change would count as accepted
+  return result;
 }
 
 int broker_is_publish_over()
@@ -330,7 +385,7 @@ int broker_is_publish_over()
 
 void broker_publish_forget(subscriber_pos subscriber)
 {
-  broker_pub_t *pub = get_publication();
+  broker_pub_t *pub = broker_get_publication();
   if (pub == nullptr || pub->suber != subscriber) {
     return;
   }
@@ -343,13 +398,20 @@ void broker_publish_forget(subscriber_pos subscriber)
 
 void broker_publish_tick()
 {
-  broker_pub_t *pub = get_publication();
-  if (pub == nullptr || ++pub->timeout <= PUBLISH_TIMEOUT_TICKS) {
-    return;
+  broker_pub_t *pub = broker_get_publication();
+  if (pub != nullptr && ++pub->timeout > PUBLISH_TIMEOUT_TICKS) {
+    log_warn("Publish configuration timeout.");
+    broker_give_up(pub->awaited);
   }
-  log_warn("Publish configuration timeout.");
-  (void)broker_save_error(-1, "Publish configuration timeout"); // logged there; the walk goes on in any case
-  broker_publish_continue();
+}
+
+void broker_publish_pass_over(int plugin_id)
+{
+  const broker_pub_t *pub = broker_get_publication();
+  if (pub != nullptr && pub->awaited == plugin_id) {
+    (void)broker_save_error(-1, "Publish configuration timeout"); // logged there; the walk goes on in any case
+    broker_publish_continue(plugin_id);
+  }
 }
 
 void broker_publish_abandon()

@@ -16,6 +16,7 @@ constexpr uint32_t SUBSCRIBE_TIMEOUT_TICKS = 15;
 typedef struct _broker_sub {
   int sid = 0;
   uint32_t timeout = 0; // ticks spent waiting for the current reply
+  int awaited = NOBODY; // the plugin whose reply is waited for
   std::string path;     // asked for, in std form
   publisher_pos puber;  // asked last; the end of the list before the first
 } broker_sub_t;
@@ -72,8 +73,10 @@ void subscribe_core(broker_sub_t *sub)
     if (order < 0) {
       break; // so are all behind
     }
+    int plugin_id = next->plugin_id;
     if (order == 0 && ask_publisher(*sub) == SUBPUB_WAIT) {
       sub->timeout = 0;
+      sub->awaited = plugin_id;
       return;
     }
   }
@@ -110,13 +113,18 @@ int broker_subscribe_status(int session_id, const char *path)
   return 0;
 }
 
-void broker_subscribe_continue()
+void broker_subscribe_continue(int plugin_id)
 {
   broker_sub_t *sub = get_subscription();
   if (sub == nullptr) {
     log_error("Get current broker-subscribe information failed.");
     return;
   }
+  if (sub->awaited != plugin_id) {
+    log_debug("The status subscription does not wait for plugin %d.", plugin_id);
+    return;
+  }
+  sub->awaited = NOBODY;
   subscribe_core(sub);
 }
 
@@ -135,7 +143,15 @@ void broker_subscribe_tick()
   broker_sub_t *sub = get_subscription();
   if (sub != nullptr && ++sub->timeout > SUBSCRIBE_TIMEOUT_TICKS) {
     log_warn("Subscribe status timeout.");
-    broker_subscribe_continue();
+    broker_give_up(sub->awaited);
+  }
+}
+
+void broker_subscribe_pass_over(int plugin_id)
+{
+  const broker_sub_t *sub = get_subscription();
+  if (sub != nullptr && sub->awaited == plugin_id) {
+    broker_subscribe_continue(plugin_id);
   }
 }
 

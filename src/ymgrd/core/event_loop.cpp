@@ -1,6 +1,7 @@
 #include "ymgrd/core/event_loop.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <iterator>
@@ -26,6 +27,9 @@ constexpr int MOST_EVENTS = 5;
 constexpr int WAIT_MS = 1000;
 constexpr int PASSES_PER_HEARTBEAT = 10;
 
+constexpr auto MOST_BETWEEN_PLUGIN_DEADLINES = std::chrono::seconds(1);
+std::chrono::steady_clock::time_point plugin_deadlines_checked;
+
 // By event type. `para` is the instance id of the tag.
 typedef int (*wakeup_fn)(int para, uint32_t events);
 const wakeup_fn wakeups[] = {
@@ -45,6 +49,18 @@ void dispatch_event(const epoll_event &event)
   if (wakeup == nullptr || wakeup(para, event.events) != 0) {
     log_debug("Event(type=%d, para=%d) process failed.", static_cast<int>(type), para);
   }
+}
+
+void check_plugin_deadlines()
+{
+  plugin_deadlines_checked = std::chrono::steady_clock::now();
+  plugin_timeout();
+}
+
+// A plugin that does not answer holds up the others' requests, also while sessions keep every second busy.
+bool plugin_deadlines_are_due()
+{
+  return std::chrono::steady_clock::now() - plugin_deadlines_checked > MOST_BETWEEN_PLUGIN_DEADLINES;
 }
 
 // A service that is not open has a negative descriptor; the exit test ends the loop for it.
@@ -122,7 +138,7 @@ void ymgrd_epoll_timeout()
   session_timeout();
   notifier_timer();
   broker_timeout();
-  plugin_timeout();
+  check_plugin_deadlines();
   memory_give_back();
 }
 
@@ -151,5 +167,9 @@ void ymgrd_epoll_dispatch()
     for (int i = 0; i < count; i++) {
       dispatch_event(events[i]);
     }
+    if (plugin_deadlines_are_due()) {
+      check_plugin_deadlines();
+    }
+    broker_run_pending();
   }
 }

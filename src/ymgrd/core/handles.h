@@ -10,7 +10,8 @@
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 #include <libyang/libyang.h>
-#include <unistd.h>
+
+#include "libconf/unique_fd.h"
 
 template <auto fn>
 struct c_delete_t {
@@ -37,36 +38,3 @@ using xml_buffer_ptr = std::unique_ptr<xmlBuffer, c_delete_t<xmlBufferFree>>;
 using cjson_ptr = std::unique_ptr<cJSON, c_delete_t<cJSON_Delete>>;
 using shared_object_ptr = std::unique_ptr<void, c_delete_t<dlclose>>;
 using c_string_ptr = std::unique_ptr<char, c_delete_t<c_string_release>>; // text made by malloc
-
-// A file descriptor that is closed with its owner; -1 owns nothing.
-class unique_fd {
-public:
-  explicit unique_fd(int fd = -1) : fd_(fd) {}
-  unique_fd(unique_fd &&other) noexcept : fd_(other.release()) {}
-  unique_fd &operator=(unique_fd &&other) noexcept
-  {
-    reset(other.release());
-    return *this;
-  }
-  unique_fd(const unique_fd &) = delete;
-  unique_fd &operator=(const unique_fd &) = delete;
-  ~unique_fd() { reset(); }
-
-  int get() const { return fd_; }
-  int release()
-  {
-    int fd = fd_;
-    fd_ = -1;
-    return fd;
-  }
-  void reset(int fd = -1)
-  {
-    if (fd_ >= 0) {
-      close(fd_);
-    }
-    fd_ = fd;
-  }
-
-private:
-  int fd_;
-};

@@ -332,12 +332,18 @@ const row_t *find_row(const row_t (&table)[count], const cJSON *item)
   return nullptr;
 }
 
-void parse_member(const cJSON *item)
+// Scalars first: the sections may need them (plugins-dir), wherever they stand.
+void parse_members(const cJSON *root)
 {
-  if (const config_param_t *param = find_row(g_tbl_config_param, item)) {
-    save_param(*param, item);
-  } else if (const config_handle_t *handle = find_row(g_tbl_config_content, item)) {
-    handle->func(item);
+  for (const cJSON *item = root->child; item != nullptr; item = item->next) {
+    if (const config_param_t *param = find_row(g_tbl_config_param, item)) {
+      save_param(*param, item);
+    }
+  }
+  for (const cJSON *item = root->child; item != nullptr; item = item->next) {
+    if (const config_handle_t *handle = find_row(g_tbl_config_content, item)) {
+      handle->func(item);
+    }
   }
 }
 
@@ -414,8 +420,6 @@ int ymgrd_parse_config(const char *data, size_t length)
     log_parse_error(data, length);
     return -1;
   }
-  for (const cJSON *item = root->child; item != nullptr; item = item->next) {
-    parse_member(item);
-  }
+  parse_members(root.get());
   return 0;
 }

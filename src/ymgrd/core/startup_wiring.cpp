@@ -11,6 +11,7 @@
 #include "ymgrd/core/startup.h"
 #include "ymgrd/datastore/datastore.h"
 #include "ymgrd/datastore/ds_error.h"
+#include "ymgrd/datastore/ds_restore.h"
 #include "ymgrd/rpc/rpc.h"
 #include "ymgrd/rpc/rpc_reply.h"
 #include "ymgrd/rpc/session.h"
@@ -40,6 +41,12 @@ bool operation_must_wait(const char *oper)
   return broker_check_busy(oper) == 1;
 }
 
+void end_of_session(int session_id)
+{
+  ds_session_closed(session_id);
+  plugin_session_closed(session_id);
+}
+
 // After a shutdown request. Exit status 1 tells the daemon's supervisor that the end was asked for and is no crash.
 [[noreturn]] void end_after_shutdown()
 {
@@ -66,7 +73,7 @@ void ymgrd_wire_components()
   session_hooks.receive = rpc_recv_proc;
   session_hooks.is_busy = operation_must_wait;
   session_hooks.publish = rpc_publish_request;
-  session_hooks.closing = ds_session_closed;
+  session_hooks.closing = end_of_session;
   session_hooks.shut_down = end_after_shutdown;
   session_set_hooks(session_hooks);
 
@@ -79,6 +86,15 @@ void ymgrd_wire_components()
   broker_hooks.publish_ended = datastore_publish_callback;
   broker_hooks.status_ended = ds_get_callback;
   broker_hooks.parse_rpc = datastore_parse_rpc;
+  broker_hooks.error_kind = ds_error_kind;
   broker_hooks.add_path_and_msg = ds_add_path_and_msg;
+  broker_hooks.plugin_id = plugin_get_id;
+  broker_hooks.plugin_name = plugin_get_name;
+  broker_hooks.given_up = plugin_given_up;
+  broker_hooks.kickoff = plugin_kickoff;
+  broker_hooks.get_cfgr_differ = ds_get_cfgr_differ;
+  broker_hooks.free_cfgr_differ = ds_free_cfgr_differ;
+  broker_hooks.smooth_differ = ds_smooth_differ;
+  broker_hooks.end_smooth_start = ds_end_smooth_start;
   broker_set_hooks(broker_hooks);
 }

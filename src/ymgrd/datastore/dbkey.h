@@ -25,6 +25,9 @@ std::string datastore_value_rm_quotes(std::string_view text);
 // Quotes the values inside the predicates of a whole path (values may be bare, or in single or double quotes).
 std::string datastore_path_add_quotes(std::string_view path);
 
+// A data key as an XPath location path: each key in a predicate of its own, the values as XPath literals.
+std::string dbkey_to_xpath(std::string_view data_key);
+
 // 1 when `cur` lies inside a quoted value of the key that starts at `begin`, else 0 (also for null or cur < begin).
 int32_t datastore_is_in_quotes(const char *begin, const char *cur);
 // First occurrence of `key` at or after `cur` outside quotes; null if none.
@@ -66,6 +69,13 @@ std::string dbkey_data_key(const lyd_node *node);
 // The schema key, computed once for each schema node and interned in the context's dictionary; valid until
 // dbkey_release. Null on failure (logged).
 const char *dbkey_schema_key(const lysc_node *schema);
+// The schema node of a data or schema path: "/MODULE:TOP/child/OTHERMODULE:child". Predicates and "[]" are ignored;
+// names of choices and cases may stand or be left out, each by itself; the first step may name an RPC. Where the module
+// changes its name may be left out as long as only one child has that name. A data node is preferred to a choice or
+// case of the same name. Null with `*ret_error` naming the step that is unknown: "/m:a/b: m:a has no child b".
+const lysc_node *dbkey_find_path(std::string_view path, std::string *ret_error); // in the daemon's schema
+const lysc_node *dbkey_find_path(const ly_ctx *ctx, std::string_view path, std::string *ret_error);
+
 // Forgets all schema keys and shorthand cases: to be called before the libyang context is destroyed.
 void dbkey_release();
 

@@ -59,6 +59,22 @@ std::string predicate_value_quoted(std::string_view value)
   return is_quoted(value) ? std::string(value) : datastore_value_add_quotes(value);
 }
 
+// XPath has no escapes: a value with both kinds of quotes is put together from pieces.
+std::string xpath_literal(const std::string &value)
+{
+  if (value.find('\'') == std::string::npos) {
+    return "'" + value + "'";
+  }
+  if (value.find('"') == std::string::npos) {
+    return '"' + value + '"';
+  }
+  std::string literal = "concat('";
+  for (char c : value) {
+    literal += c == '\'' ? std::string("', \"'\", '") : std::string(1, c);
+  }
+  return literal + "')";
+}
+
 } // namespace
 
 std::string datastore_value_add_quotes(std::string_view value)
@@ -122,6 +138,24 @@ std::string datastore_path_add_quotes(std::string_view path)
     }
   }
   return quoted;
+}
+
+std::string dbkey_to_xpath(std::string_view data_key)
+{
+  std::string xpath;
+  bool in_predicate = false;
+  for (size_t i = 0; i < data_key.size(); i++) {
+    char c = data_key[i];
+    if (in_predicate && c == '"') {
+      size_t length = predicate_value_length(data_key.substr(i));
+      xpath += xpath_literal(datastore_value_rm_quotes(data_key.substr(i, length)));
+      i += length - 1;
+      continue;
+    }
+    in_predicate = c == '[' || (in_predicate && c != ']');
+    xpath += in_predicate && c == ',' ? std::string("][") : std::string(1, c);
+  }
+  return xpath;
 }
 
 int32_t datastore_is_in_quotes(const char *begin, const char *cur)

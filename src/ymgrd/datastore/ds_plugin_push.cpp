@@ -144,7 +144,8 @@ std::vector<lyd_node *> find_all(const lyd_tree_ptr &tree, const ds_steps_t &ste
 // What only led to state data goes with it.
 bool is_way_to_nothing(const lyd_node *node)
 {
-  return node != nullptr && node->schema->flags & LYS_CONFIG_W && lyd_child_no_keys(node) == nullptr;
+  return node != nullptr && lyd_child_no_keys(node) == nullptr &&
+         ((node->schema->flags & LYS_CONFIG_W) != 0 || lysc_is_np_cont(node->schema));
 }
 
 void free_node(lyd_tree_ptr *tree, lyd_node *node)

@@ -55,6 +55,7 @@ session_t *session_find(int session_id); // null when there is none
 int session_spec();                      // most sessions at once
 int session_count();
 bool session_is_overload();
+uint32_t session_max_message_size(); // most bytes of one message; of plugins too
 
 int agent_service_sock(); // -1 before the agent service is open
 int agent_service_wakeup(uint32_t event);

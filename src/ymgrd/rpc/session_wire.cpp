@@ -1,9 +1,9 @@
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include <sys/socket.h>
 
+#include "libconf/conf_frame.h"
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/log.h"
 #include "ymgrd/core/memory.h"
@@ -12,10 +12,8 @@
 namespace {
 
 constexpr size_t HEAD_SIZE = sizeof(msg_head_t);
-constexpr size_t LARGEST_READ = 64 * 1024;
+static_assert(HEAD_SIZE == CONF_FRAME_HEAD_SIZE && MSG_MAGIC == CONF_FRAME_MAGIC);
 constexpr int DEFAULT_MAX_MESSAGE_SIZE = 64 * 1024 * 1024;
-// A peer that sends nothing but garbage must let the other sessions have their turn.
-constexpr size_t MAX_GARBAGE_PER_EVENT = 64 * 1024;
 
 // Only called with a whole head in the buffer.
 msg_head_t front_head(const conf_buffer_t &buffer)
@@ -23,66 +21,6 @@ msg_head_t front_head(const conf_buffer_t &buffer)
   msg_head_t head;
   std::memcpy(&head, buffer.data, HEAD_SIZE);
   return head;
-}
-
-bool is_whole_message(const conf_buffer_t &buffer)
-{
-  return buffer.used >= HEAD_SIZE && front_head(buffer).magic == MSG_MAGIC &&
-         buffer.used - HEAD_SIZE >= front_head(buffer).length;
-}
-
-// Cuts off everything before the next magic, or what may be its first bytes at the buffer's end. The number of bytes
-// cut.
-size_t drop_garbage(conf_buffer_t *buffer)
-{
-  size_t skip = 1;
-  while (skip < buffer->used &&
-         std::memcmp(buffer->data + skip, &MSG_MAGIC, std::min(sizeof(MSG_MAGIC), buffer->used - skip)) != 0) {
-    skip++;
-  }
-  (void)conf_buffer_remove(buffer, 0, skip); // within the used bytes
-  return skip;
-}
-
-bool is_length_allowed(const session_t &session, uint32_t length)
-{
-  int limit = context_get_int("OPT-max-message-size", DEFAULT_MAX_MESSAGE_SIZE);
-  if (limit <= 0) {
-    limit = DEFAULT_MAX_MESSAGE_SIZE;
-  }
-  if (length <= static_cast<uint32_t>(limit)) {
-    return true;
-  }
-  log_error("Message of session %d is too long(%u bytes, %d allowed).", session.session_id, length, limit);
-  return false;
-}
-
-// Reads at most `missing` bytes behind the used ones. SESSION_RECV_MESSAGE when some came.
-session_recv_t read_piece(session_t &session, size_t missing)
-{
-  size_t wanted = std::min(missing, LARGEST_READ);
-  char *room = conf_buffer_reserve(session.recv_buf.get(), wanted);
-  if (room == nullptr) {
-    log_error("Session %d has no memory for its message.", session.session_id);
-    return SESSION_RECV_ERROR;
-  }
-  ssize_t length = 0;
-  do {
-    length = recv(session.sock, room, wanted, 0);
-  } while (length < 0 && errno == EINTR);
-
-  if (length > 0) {
-    conf_buffer_commit(session.recv_buf.get(), static_cast<size_t>(length));
-    return SESSION_RECV_MESSAGE;
-  }
-  if (length == 0) {
-    return SESSION_RECV_END;
-  }
-  if (errno == EAGAIN || errno == EWOULDBLOCK) {
-    return SESSION_RECV_MORE;
-  }
-  log_error("Session %d receive message failed(%s).", session.session_id, std::strerror(errno));
-  return SESSION_RECV_ERROR;
 }
 
 // 0, or -1 (logged) with the queue unchanged.
@@ -108,32 +46,34 @@ int append_message(session_t &session, const msg_head_t &head, size_t body_size,
 
 } // namespace
 
+uint32_t session_max_message_size()
+{
+  int limit = context_get_int("OPT-max-message-size", DEFAULT_MAX_MESSAGE_SIZE);
+  return static_cast<uint32_t>(limit > 0 ? limit : DEFAULT_MAX_MESSAGE_SIZE);
+}
+
 session_recv_t session_core_recv(session_t &session)
 {
-  conf_buffer_t *buffer = session.recv_buf.get();
-  size_t garbage = 0;
-  while (!is_whole_message(*buffer)) {
-    size_t missing = HEAD_SIZE - std::min(HEAD_SIZE, buffer->used);
-    if (missing == 0) {
-      msg_head_t head = front_head(*buffer);
-      if (head.magic != MSG_MAGIC) {
-        garbage += drop_garbage(buffer);
-        if (garbage >= MAX_GARBAGE_PER_EVENT) {
-          return SESSION_RECV_MORE;
-        }
-        continue;
-      }
-      if (!is_length_allowed(session, head.length)) {
-        return SESSION_RECV_ERROR;
-      }
-      missing = HEAD_SIZE + head.length - buffer->used;
-    }
-    session_recv_t piece = read_piece(session, missing);
-    if (piece != SESSION_RECV_MESSAGE) {
-      return piece;
-    }
+  uint32_t limit = session_max_message_size();
+  switch (conf_frame_receive(session.sock, session.recv_buf.get(), limit)) {
+  case CONF_FRAME_WHOLE:
+    return SESSION_RECV_MESSAGE;
+  case CONF_FRAME_MORE:
+    return SESSION_RECV_MORE;
+  case CONF_FRAME_END:
+    return SESSION_RECV_END;
+  case CONF_FRAME_TOO_LONG:
+    log_error("Message of session %d is too long(%u bytes, %u allowed).", session.session_id,
+              conf_frame_length(session.recv_buf.get()), limit);
+    return SESSION_RECV_ERROR;
+  case CONF_FRAME_NO_MEMORY:
+    log_error("Session %d has no memory for its message.", session.session_id);
+    return SESSION_RECV_ERROR;
+  case CONF_FRAME_ERROR:
+    break;
   }
-  return SESSION_RECV_MESSAGE;
+  log_error("Session %d receive message failed(%s).", session.session_id, std::strerror(errno));
+  return SESSION_RECV_ERROR;
 }
 
 session_recv_t session_get_rpc(session_t &session, msg_head_t *ret_head, std::string_view *ret_payload)

@@ -36,6 +36,13 @@ protected:
     schema = redis.dump(SCHEMA_DB);
   }
 
+  // Many by hand, few with every run of the tests.
+  static int random_rounds()
+  {
+    const char *wanted = std::getenv("YMGR_KILL_ROUNDS");
+    return wanted == nullptr ? 10 : std::atoi(wanted);
+  }
+
   // A daemon that was started on the configuration of the beginning and has done `operations`.
   void begin_round(const std::vector<std::string> &operations)
   {

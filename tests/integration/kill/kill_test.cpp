@@ -74,13 +74,6 @@ protected:
   }
 };
 
-// Many by hand, few with every run of the tests.
-int random_rounds()
-{
-  const char *wanted = std::getenv("YMGR_KILL_ROUNDS");
-  return wanted == nullptr ? 10 : std::atoi(wanted);
-}
-
 } // namespace
 
 TEST_P(kill_in_operation, before_any_write_is_forgotten_by_the_next_start)

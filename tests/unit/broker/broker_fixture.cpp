@@ -11,6 +11,19 @@ int broker_fixture::ended = 0;
 int broker_fixture::was_rollback = -1;
 reply_error_ptr broker_fixture::errors;
 int broker_fixture::status_ended = 0;
+std::vector<int> broker_fixture::given_up;
+std::vector<int> broker_fixture::kicked_off;
+differ_node_t *broker_fixture::cfgr_tree = nullptr;
+differ_node_t *broker_fixture::smooth_tree = nullptr;
+int broker_fixture::smooth_starts_ended = 0;
+
+plugin_inst_t make_plugin(int plugin_id)
+{
+  plugin_inst_t plugin;
+  plugin.plugin_id = plugin_id;
+  plugin.name = "p" + std::to_string(plugin_id);
+  return plugin;
+}
 
 void broker_fixture::SetUp()
 {
@@ -20,15 +33,23 @@ void broker_fixture::SetUp()
   ctx_.reset(made);
   differ_tree_set_ctx(made);
   ASSERT_EQ(0, context_init(STAGE_RESOURCE));
+  ASSERT_EQ(0, context_create_list("LIST-session", 1));
   ASSERT_EQ(0, broker_init(STAGE_RESOURCE));
   on_offer = [](const offered_t &) { return SUBPUB_CONTINUE; };
   on_status = [](const std::string &) { return SUBPUB_CONTINUE; };
   offered.clear();
   asked.clear();
-  ended = status_ended = 0;
+  given_up.clear();
+  kicked_off.clear();
+  ended = status_ended = smooth_starts_ended = 0;
+  cfgr_tree = smooth_tree = nullptr;
   was_rollback = -1;
   errors.reset();
+  set_hooks();
+}
 
+void broker_fixture::set_hooks()
+{
   broker_hooks_t hooks = {};
   hooks.publish_config = [](int plugin_id, const plugin_publish_info_t *info, int *status) {
     offered.push_back(
@@ -51,7 +72,21 @@ void broker_fixture::SetUp()
     status_ended++;
     return 0;
   };
-  hooks.plugin_id = [](const plugin_inst_t *plugin) { return plugin->id; };
+  hooks.plugin_id = [](const plugin_inst_t *plugin) { return plugin->plugin_id; };
+  hooks.plugin_name = [](int plugin_id) {
+    static std::string name;
+    name = "p" + std::to_string(plugin_id);
+    return name.c_str();
+  };
+  hooks.given_up = [](int plugin_id) { given_up.push_back(plugin_id); };
+  hooks.get_cfgr_differ = [](differ_node_t **ret_tree) {
+    *ret_tree = cfgr_tree;
+    return cfgr_tree == nullptr ? -1 : 0;
+  };
+  hooks.free_cfgr_differ = [] {};
+  hooks.smooth_differ = [] { return smooth_tree; };
+  hooks.end_smooth_start = [] { smooth_starts_ended++; };
+  hooks.kickoff = [](plugin_inst_t *plugin) { kicked_off.push_back(plugin->plugin_id); };
   broker_set_hooks(hooks);
 }
 
@@ -65,10 +100,15 @@ void broker_fixture::TearDown()
   }
 }
 
-int broker_fixture::publish(int err_opt, differ_node_t *tree)
+differ_node_t *broker_fixture::keep(differ_node_t *tree)
 {
   trees_.push_back(tree);
-  return broker_publish_config(7, err_opt, tree);
+  return tree;
+}
+
+int broker_fixture::publish(int err_opt, differ_node_t *tree)
+{
+  return broker_publish_config(7, err_opt, keep(tree));
 }
 
 std::vector<std::string> broker_fixture::offers()

@@ -8,13 +8,10 @@
 #include <gtest/gtest.h>
 
 #include "unit/differ_tree/differ_builder.h"
-#include "ymgrd/broker/broker.h"
+#include "ymgrd/broker/broker_plugin.h"
 #include "ymgrd/core/handles.h"
 
-// A plugin is no more than its id here.
-struct _plugin_inst {
-  int id;
-};
+plugin_inst_t make_plugin(int plugin_id); // called "pID"
 
 typedef struct _offered {
   int plugin_id;
@@ -29,7 +26,8 @@ protected:
   void SetUp() override;
   void TearDown() override;
 
-  // Takes the tree over.
+  // Both take the tree over.
+  differ_node_t *keep(differ_node_t *tree);
   int publish(int err_opt, differ_node_t *tree);
 
   // "PLUGIN:PATH" of all offers, "~" before those that take back.
@@ -44,8 +42,15 @@ protected:
   static int was_rollback;
   static reply_error_ptr errors;
   static int status_ended;
+  static std::vector<int> given_up; // plugins
+  static std::vector<int> kicked_off;
+  static differ_node_t *cfgr_tree; // null: it can not be read
+  static differ_node_t *smooth_tree;
+  static int smooth_starts_ended;
 
 private:
+  static void set_hooks();
+
   ly_ctx_ptr ctx_;
   std::vector<differ_node_t *> trees_;
 };

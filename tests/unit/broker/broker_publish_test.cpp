@@ -4,9 +4,9 @@ namespace {
 
 using texts = std::vector<std::string>;
 
-plugin_inst_t first_plugin = {1};
-plugin_inst_t second_plugin = {2};
-plugin_inst_t third_plugin = {3};
+plugin_inst_t first_plugin = make_plugin(1);
+plugin_inst_t second_plugin = make_plugin(2);
+plugin_inst_t third_plugin = make_plugin(3);
 
 class broker_publish : public broker_fixture {
 protected:
@@ -50,7 +50,7 @@ TEST_F(broker_publish, offers_by_priority_then_registration_and_takes_back_in_re
   EXPECT_EQ(1, ended);
   EXPECT_EQ(1, was_rollback);
   ASSERT_NE(nullptr, errors); // although the subscriber gave none
-  EXPECT_STREQ("Error on node /m:c/l[k=\"2\"]", errors->info);
+  EXPECT_STREQ("Error on node /m:c/l[k=\"2\"] (plugin p3)", errors->info);
 }
 
 TEST_F(broker_publish, paths_match_whole_names_and_reach_below_entries_and_to_the_root)
@@ -109,13 +109,13 @@ TEST_F(broker_publish, waits_for_replies_in_both_directions_and_admits_no_second
   EXPECT_EQ(0, broker_check_busy("/ietf-netconf:close-session"));
   EXPECT_EQ(0, broker_check_busy(nullptr));
 
-  broker_publish_continue();
+  broker_publish_continue(1);
   EXPECT_EQ("/m:c/l[k=\"2\"]", offered.back().path);
   EXPECT_EQ(0, broker_save_error(1, "refused"));
-  broker_publish_continue();
+  broker_publish_continue(1);
   EXPECT_EQ("~1:/m:c/l[k=\"1\"]", offers().back());
   EXPECT_EQ(0, ended);
-  broker_publish_continue();
+  broker_publish_continue(1);
   EXPECT_EQ(1, ended);
   EXPECT_EQ(1, was_rollback);
   EXPECT_STREQ("refused", errors->message);
@@ -135,6 +135,7 @@ TEST_F(broker_publish, subscriber_that_never_answers_stops_the_publication_after
   broker_timeout();
   EXPECT_EQ(1, ended);
   EXPECT_EQ(1U, offered.size());
+  EXPECT_EQ(std::vector<int>{1}, given_up);
   EXPECT_EQ(0, was_rollback);
   EXPECT_STREQ("Publish configuration timeout", errors->message);
   EXPECT_STREQ("-1", errors->app_tag);
@@ -148,16 +149,16 @@ TEST_F(broker_publish, subscriber_that_goes_while_it_is_waited_for_is_passed_ove
     subscribe(&second_plugin, "/m:c/l", 2);
     subscribe(&third_plugin, "/m:c", 3);
     on_offer = [leaving](const offered_t &offer) {
-      return offer.plugin_id == leaving->id ? SUBPUB_WAIT : SUBPUB_CONTINUE;
+      return offer.plugin_id == leaving->plugin_id ? SUBPUB_WAIT : SUBPUB_CONTINUE;
     };
     publish(ERROR_OPTION_ROLLBACK, three_entries());
     broker_cancel_plugin_subpub(leaving);
     on_offer = [](const offered_t &) { return SUBPUB_CONTINUE; };
-    broker_publish_continue();
-    EXPECT_EQ(leaving->id, ended);
+    broker_publish_continue(leaving->plugin_id);
+    EXPECT_EQ(leaving->plugin_id, ended);
     EXPECT_EQ(nullptr, errors);
     // Everybody else got all, the one that left its first node only.
-    EXPECT_EQ(leaving->id == 3 ? 7U : 5U, offered.size());
+    EXPECT_EQ(leaving->plugin_id == 3 ? 7U : 5U, offered.size());
     for (plugin_inst_t *plugin : {&first_plugin, &second_plugin, &third_plugin}) {
       broker_cancel_plugin_subpub(plugin);
     }
@@ -169,10 +170,41 @@ TEST_F(broker_publish, rollback_after_a_subscriber_has_gone_takes_back_from_thos
   subscribe(&first_plugin, "/m:c", 1);
   subscribe(&second_plugin, "/m:c/l", 2);
   subscribe(&third_plugin, "/m:c", 3);
-  on_offer = [](const offered_t &offer) { return offer.plugin_id == 2 ? SUBPUB_WAIT : SUBPUB_CONTINUE; };
+  on_offer = [](const offered_t &offer) {
+    return offer.plugin_id == 2 || (offer.oper_type & DBDIFF_ROLLBACK) != 0 ? SUBPUB_WAIT : SUBPUB_CONTINUE;
+  };
   publish(ERROR_OPTION_ROLLBACK, three_entries());
   broker_cancel_plugin_subpub(&second_plugin);
   EXPECT_EQ(0, broker_save_error(-1, "plugin has gone"));
-  broker_publish_continue();
+  broker_publish_continue(2);
+  EXPECT_EQ(0, broker_save_error(9, "cannot be taken back"));
+  broker_publish_continue(1);
+  EXPECT_EQ(1, ended);
+  EXPECT_STREQ("Error on node /m:c (plugin p1)", errors->next->info);
   EXPECT_EQ((texts{"1:/m:c", "2:/m:c/l[k=\"1\"]", "~1:/m:c"}), offers());
+  EXPECT_STREQ("/m:c/l[k='1']", errors->path);
+  EXPECT_STREQ("Error on node /m:c/l[k=\"1\"] (plugin p2)", errors->info);
+}
+
+TEST_F(broker_publish, errors_of_a_publication_that_goes_on_name_their_own_nodes_and_plugins)
+{
+  subscribe(&first_plugin, "/m:c/l", 1);
+  subscribe(nullptr, "/m:c", 2);
+  on_offer = [](const offered_t &offer) {
+    if (offer.plugin_id == 1) {
+      broker_save_error(static_cast<int>(offered.size()), "refused");
+    }
+    return SUBPUB_ERROR;
+  };
+  publish(ERROR_OPTION_CONTINUE,
+          node("/m:c", DBDIFF_CHAIN,
+               {node("/m:c/l[a=\"x,'\",b=\"\\\"\"]", DBDIFF_ADD), node("/m:c/l[a=\"'\\\"\",b=\"\"]", DBDIFF_ADD)}));
+  texts places;
+  for (const reply_error_t *error = errors.get(); error != nullptr; error = error->next) {
+    places.push_back(std::string(error->app_tag) + " " + error->path + " " + error->info);
+  }
+  EXPECT_EQ((texts{"-1 /m:c Error on node /m:c",
+                   "2 /m:c/l[a=concat('', \"'\", '\"')][b=''] Error on node /m:c/l[a=\"'\\\"\",b=\"\"] (plugin p1)",
+                   "1 /m:c/l[a=\"x,'\"][b='\"'] Error on node /m:c/l[a=\"x,'\",b=\"\\\"\"] (plugin p1)"}),
+            places);
 }

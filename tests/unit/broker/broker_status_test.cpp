@@ -4,7 +4,7 @@ namespace {
 
 using texts = std::vector<std::string>;
 
-plugin_inst_t state_plugin = {4};
+plugin_inst_t state_plugin = make_plugin(4);
 
 class broker_status : public broker_fixture {
 protected:
@@ -38,7 +38,9 @@ TEST_F(broker_status, waits_for_replies_and_skips_a_publisher_that_never_answers
   EXPECT_EQ(0, broker_subscribe_status(7, "/m:s"));
   EXPECT_EQ(-1, broker_subscribe_status(8, "/m:t"));
   EXPECT_EQ(1, broker_check_busy("/ietf-netconf:get"));
-  broker_subscribe_continue();
+  broker_subscribe_continue(3); // not the one that is waited for
+  EXPECT_EQ((texts{"/m:s"}), asked);
+  broker_subscribe_continue(4);
   EXPECT_EQ((texts{"/m:s", "/m:s/a/x"}), asked);
   for (int tick = 0; tick < 15; tick++) {
     broker_timeout();
@@ -46,5 +48,6 @@ TEST_F(broker_status, waits_for_replies_and_skips_a_publisher_that_never_answers
   EXPECT_EQ(0, status_ended);
   broker_timeout();
   EXPECT_EQ((texts{"/m:s", "/m:s/a/x", "/m:s/b"}), asked);
+  EXPECT_EQ(std::vector<int>{4}, given_up);
   EXPECT_EQ(1, status_ended);
 }

@@ -20,6 +20,7 @@ module ex-sys {
       case same { leaf same { type empty; } }
     }
   }
+  rpc restart;
 })";
 
 const char extending_module[] = R"(
@@ -27,7 +28,15 @@ module ex-ext {
   namespace "urn:ex-ext"; prefix e;
   import ex-sys { prefix s; }
   augment "/s:system" { choice clock { case gps { leaf antenna { type string; } } } }
-  augment "/s:system/s:mode/s:static" { leaf extra { type string; } }
+  augment "/s:system/s:mode/s:static" { leaf extra { type string; } leaf twice { type string; } }
+  augment "/s:system/s:mode" { case other { leaf dns-only { type string; } } }
+})";
+
+const char other_module[] = R"(
+module ex-other {
+  namespace "urn:ex-other"; prefix o;
+  import ex-sys { prefix s; }
+  augment "/s:system" { leaf twice { type string; } }
 })";
 
 class dbkey : public testing::Test {
@@ -39,6 +48,7 @@ protected:
     ctx_.reset(made);
     ASSERT_EQ(LY_SUCCESS, lys_parse_mem(made, system_module, LYS_IN_YANG, nullptr));
     ASSERT_EQ(LY_SUCCESS, lys_parse_mem(made, extending_module, LYS_IN_YANG, nullptr));
+    ASSERT_EQ(LY_SUCCESS, lys_parse_mem(made, other_module, LYS_IN_YANG, nullptr));
     ASSERT_EQ(0, dbkey_prepare(made));
   }
   void TearDown() override { dbkey_release(); }
@@ -96,4 +106,45 @@ TEST_F(dbkey, schema_keys_empty_predicates_and_name_choices_and_cases_but_not_sh
   }
 
   EXPECT_EQ(-1, parse_dbkey(parse_system("<unknown/>").get(), &arena));
+}
+
+TEST_F(dbkey, paths_are_found_by_data_and_schema_names_or_the_unknown_step_is_named)
+{
+  const std::map<std::string, std::string> keys = {
+      {"ex-sys:system", "/ex-sys:system"},
+      {R"(/ex-sys:system/user[name="a/b"]/ex-sys:home/dir)", "/ex-sys:system/user[]/home/dir"},
+      {"/ex-sys:system/user[]/name", "/ex-sys:system/user[]/name"},
+      {"/ex-sys:system/depth", "/ex-sys:system/mode/static/inner/deep/depth"},
+      {"/ex-sys:system/static/deep/depth", "/ex-sys:system/mode/static/inner/deep/depth"},
+      {"/ex-sys:system/mode/inner/depth", "/ex-sys:system/mode/static/inner/deep/depth"},
+      {"/ex-sys:system/mode/automatic/automatic", "/ex-sys:system/mode/automatic"},
+      {"/ex-sys:system/same", "/ex-sys:system/mode/same/same"},
+      {"/ex-sys:system/mode", "/ex-sys:system/mode"},
+      {"/ex-sys:system/mode/other/ex-ext:dns-only", "/ex-sys:system/mode/other/ex-ext:dns-only"},
+      {"/ex-sys:system/ex-ext:clock/gps/antenna", "/ex-sys:system/ex-ext:clock/gps/antenna"},
+      {"/ex-sys:system/antenna", "/ex-sys:system/ex-ext:clock/gps/antenna"},
+      {"/ex-sys:system/ex-other:twice", "/ex-sys:system/ex-other:twice"},
+      {"/ex-sys:system/mode/twice", "/ex-sys:system/mode/static/ex-ext:twice"},
+      {"/ex-sys:restart", "/ex-sys:restart"},
+  };
+  std::string error;
+  for (const auto &[path, key] : keys) {
+    const lysc_node *node = dbkey_find_path(ctx_.get(), path, &error);
+    EXPECT_STREQ(key.c_str(), node == nullptr ? error.c_str() : dbkey_schema_key(node)) << path;
+  }
+  const std::map<std::string, std::string> faults = {
+      {"/", "/: this is no path of a node"},
+      {"/ex-sys:system/user[name=\"a", "/ex-sys:system/user[name=\"a: this is no path of a node"},
+      {"/system", "/system: the first name needs its module"},
+      {"/s:system/user", "/s:system: there is no module s"},
+      {"/ex-sys:user/home", "/ex-sys:user: module ex-sys has no child user"},
+      {"/ex-sys:system/user[name='a']/ex-ext:home/dir",
+       "/ex-sys:system/user[name='a']/ex-ext:home: user has no child ex-ext:home"},
+      {"/ex-sys:system/static/automatic", "/ex-sys:system/static/automatic: static has no child automatic"},
+      {"/ex-sys:system/twice", "/ex-sys:system/twice: several modules have put a twice there, its module is needed"},
+  };
+  for (const auto &[path, fault] : faults) {
+    EXPECT_EQ(nullptr, dbkey_find_path(ctx_.get(), path, &error)) << path;
+    EXPECT_EQ(fault, error);
+  }
 }

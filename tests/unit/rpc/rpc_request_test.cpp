@@ -6,7 +6,7 @@
 
 #include "libconf/conf_client_area.h"
 #include "libconf/conf_service.h"
-#include "ymgrd/broker/broker.h"
+#include "ymgrd/broker/broker_plugin.h"
 #include "ymgrd/core/context.h"
 #include "ymgrd/notify/base_notification.h"
 #include "ymgrd/rpc/rpc.h"
@@ -14,11 +14,6 @@
 #include "ymgrd/rpc/session_operations.h"
 #include "ymgrd/schema/schema_internal.h"
 #include "ymgrd/ymgrd.h"
-
-// A plugin is no more than its id here.
-struct _plugin_inst {
-  int id;
-};
 
 namespace {
 
@@ -188,14 +183,21 @@ TEST_F(rpc_request, session_operations_tell_who_came_and_went_and_why)
 TEST_F(rpc_request, operation_of_a_plugin_reaches_it_only_when_valid)
 {
   static bool is_valid;
+  static bool is_reached;
   static std::string published;
-  is_valid = false;
-  static plugin_inst_t plugin = {5};
+  is_valid = is_reached = false;
+  static plugin_inst_t plugin;
+  plugin.plugin_id = 5;
   broker_hooks_t hooks = {};
-  hooks.plugin_id = [](const plugin_inst_t *of) { return of->id; };
+  hooks.plugin_id = [](const plugin_inst_t *of) { return of->plugin_id; };
   hooks.parse_rpc = [](const char *, lyxml_elem *) { return is_valid ? 0 : -1; };
   hooks.add_path_and_msg = [](reply_error_t *error) { rpc_set_error_field(error, REPLY_ERR_FIELD_MSG, "no leaf"); };
+  hooks.error_kind = [](int data_kind, int) { return data_kind; };
   hooks.publish_operate = [](int plugin_id, const plugin_publish_info_t *info, int *status) {
+    if (!is_reached) { // it has answered the agent itself
+      const rpc_oper_context_t *context = session_get_rpc_context(info->session_id);
+      return rpc_answer_error(info->session_id, context->rpc.get(), rpc_make_error(REPLY_ERR_IN_USE, "busy"));
+    }
     published = std::to_string(plugin_id) + reinterpret_cast<const char *>(info->operate.input->name);
     *status = SUBPUB_WAIT;
     return 0;
@@ -203,9 +205,11 @@ TEST_F(rpc_request, operation_of_a_plugin_reaches_it_only_when_valid)
   broker_set_hooks(hooks);
   open_session(agent);
   ASSERT_EQ(0, broker_reg_oper_subscriber(&plugin, "ietf-netconf:get", {}));
-  EXPECT_TRUE(has(ask(rpc_text("<get/>")), "no leaf"));
-  EXPECT_EQ("", published);
+  EXPECT_TRUE(has(ask(rpc_text("<get/>")), "<error-tag>invalid-value</error-tag>"));
   is_valid = true;
+  EXPECT_TRUE(has(ask(rpc_text("<get/>")), "busy"));
+  EXPECT_EQ("", published);
+  is_reached = true;
   EXPECT_EQ("", ask(rpc_text("<get/>")));
   EXPECT_EQ("5get", published);
 }
