@@ -106,11 +106,28 @@ protected:
     end_round();
   }
 
+  // Whether a publication was going on. That is known over further smooth starts, until a client works.
+  bool check_publication(const std::set<std::string> &committed)
+  {
+    std::string before = publication();
+    check_smooth_start(committed);
+    EXPECT_EQ(publication(), before);
+    daemon.options().arguments = {"--smooth"};
+    EXPECT_TRUE(daemon.start());
+    daemon.options().arguments.clear();
+    (void)connect_anew().rpc(support::get_config("running"));
+    EXPECT_EQ(publication(), "0");
+    end_round();
+    return before == "1";
+  }
+  std::string publication() { return redis.command(RUNNING_DB, {"EXISTS", "ymgrd-publication"}).front(); }
+
   // Starts the daemon. Its running configuration is what startup holds, and nothing of its earlier life is left.
   void check_start()
   {
     ASSERT_TRUE(daemon.start());
     EXPECT_EQ(tree(RUNNING_DB), tree(STARTUP_DB));
+    EXPECT_EQ(publication(), "0");
     check_nothing_left();
     connect_anew();
     EXPECT_EQ(support::reply_data(session->rpc(support::get_config("candidate"))),

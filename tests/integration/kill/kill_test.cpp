@@ -97,15 +97,17 @@ TEST_P(kill_in_operation, before_any_write_is_forgotten_by_the_next_start)
   ASSERT_NO_FATAL_FAILURE(check_start());
   ASSERT_NO_FATAL_FAILURE(check_work());
 
+  int cut_publications = 0;
   for (size_t cut = 0; cut < all.size() && !HasFailure(); cut++) {
     SCOPED_TRACE("before write " + std::to_string(cut) + ", " + all[cut].command);
     ASSERT_NO_FATAL_FAILURE(begin_round(row.before));
     ASSERT_NO_FATAL_FAILURE(kill_in(row.operation, cut));
-    ASSERT_NO_FATAL_FAILURE(check_smooth_start({running, new_running}));
+    cut_publications += check_publication({running, new_running}) ? 1 : 0;
     EXPECT_TRUE(tree(STARTUP_DB) == startup || tree(STARTUP_DB) == new_startup) << "half of a change";
     ASSERT_NO_FATAL_FAILURE(check_start());
     ASSERT_NO_FATAL_FAILURE(check_work());
   }
+  EXPECT_EQ(cut_publications > 0, new_running != running);
 }
 
 INSTANTIATE_TEST_SUITE_P(operations, kill_in_operation, testing::ValuesIn(kill_in_operation::cases()),

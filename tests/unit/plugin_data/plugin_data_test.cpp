@@ -1,13 +1,15 @@
-// What plugins read, push and answer: ds_plugin_data.h against a Redis server, with real publications around it.
+// What plugins read and push, and what they are told after a kill, against a Redis server.
 #include <functional>
 
 #include "libconf/plugin_message.h"
 #include "unit/edit/edit_fixture.h"
 #include "ymgrd/broker/broker.h"
+#include "ymgrd/core/context.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore.h"
 #include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/datastore/ds_plugin_data.h"
+#include "ymgrd/datastore/ds_restore.h"
 
 namespace {
 
@@ -25,8 +27,6 @@ module sample {
       list row { key i; leaf i { type uint32; } leaf text { type string; } }
       list loose { leaf text { type string; } } }
   }
-  rpc ask { input { leaf q { type string; } }
-    output { leaf answer { type uint8; mandatory true; } leaf of { type leafref { path "/s:top/s:item/s:k"; } } } }
 })";
 
 std::function<void()> on_offer; // what the subscriber does when a change is offered
@@ -36,6 +36,23 @@ int offer(int, const plugin_publish_info_t *, int *status)
   on_offer();
   *status = SUBPUB_CONTINUE;
   return 0;
+}
+
+const std::string CHANGE = "<item nc:operation='delete'><k>a</k></item><item yang:insert='first'><k>d</k></item>"
+                           "<item><k>b</k><v>9</v></item>";
+const std::string CHANGE_BACK = "<item nc:operation='delete'><k>d</k></item><item yang:insert='first'><k>a</k><v>1</v>"
+                                "</item><item><k>b</k><v>2</v></item>";
+
+// Each node's code and last segment, with what is below it.
+std::string diff_text(const differ_node_t *tree)
+{
+  std::string text;
+  for (const differ_node_t *node = tree; node != nullptr; node = node->next) {
+    std::string path = node->data_path;
+    text += std::to_string(node->oper_type) + " " + path.substr(path.find_last_of("/:") + 1) + " ";
+    text += node->child == nullptr ? "" : "(" + diff_text(node->child) + ") ";
+  }
+  return text;
 }
 
 class plugin_data : public edit_fixture {
@@ -145,8 +162,6 @@ TEST_F(plugin_data, pulls_find_what_the_path_names_with_the_way_to_it_from_the_t
 
 TEST_F(plugin_data, new_and_old_differ_while_a_change_is_handed_out)
 {
-  const std::string change = "<item nc:operation='delete'><k>a</k></item><item yang:insert='first'><k>d</k></item>"
-                             "<item><k>b</k><v>9</v></item>";
   int offers = 0;
   on_offer = [&offers] {
     offers++;
@@ -159,16 +174,15 @@ TEST_F(plugin_data, new_and_old_differ_while_a_change_is_handed_out)
     EXPECT_EQ(" /sample:top/tag[.=\"y/'\\\"\"]", around("/sample:top/tag[.='x']", DS_OLD));
     EXPECT_EQ(0U, around("/sample:top/item[k='a']").find("error: "));
   };
-  edit("candidate", change);
+  edit("candidate", CHANGE);
   EXPECT_EQ("<item><k>b</k><v>2</v></item>", pull("/sample:top/item[k='b']")); // not committed
   EXPECT_EQ(" /sample:top/item[k=\"b\"]", around("/sample:top/item[k='a']"));
   (void)run(ds_commit, "<commit/>");
   EXPECT_EQ(1, offers);
   std::function<void()> check = std::exchange(on_offer, [] {});
-  edit("running", "<item nc:operation='delete'><k>d</k></item><item yang:insert='first'><k>a</k><v>1</v></item>"
-                  "<item><k>b</k><v>2</v></item>");
+  edit("running", CHANGE_BACK);
   on_offer = check;
-  edit("running", change);
+  edit("running", CHANGE);
   EXPECT_EQ(2, offers);
   EXPECT_EQ(pull("/"), pull("/", DS_OLD));
   EXPECT_EQ("/sample:top/item[k=\"b\"] ", around("/sample:top/item[k='c']"));
@@ -199,30 +213,33 @@ TEST_F(plugin_data, pushed_state_stands_until_it_is_replaced_and_comes_back_with
   EXPECT_EQ("<state><row><i>2</i><text>u</text></row></state>", status("/sample:top/state"));
 
   EXPECT_NE("", push(1, "/sample:top/item", "<item><k>a</k></item>")); // lies above what it publishes
-  EXPECT_NE("", push(1, "/sample:top/state", "<name>n</name>"));
   EXPECT_NE("", push(1, "/sample:top/item/stats", "<item><k>a</k><v>2</v><stats/></item>"));
   EXPECT_NE("", push(1, stats, "<item><k>b</k><stats/></item>"));
-  EXPECT_NE("", push(1, "/sample:top/state", "<state><up>7</up></state>"));
   EXPECT_NE("", push(1, "/sample:top/state", "<state><loose><text>t</text></loose></state>"));
-  std::string error;
-  EXPECT_EQ(0, ds_plugin_set_status("/sample:top/item/stats",
-                                    plugin_root_of(data_of("<item><k>b</k><stats><packets>7</packets></stats></item>")),
-                                    &error));
-  EXPECT_EQ("<item><k>b</k><v>2</v><stats><packets>7</packets></stats></item>", status("/sample:top/item[k=\"b\"]"));
 }
 
-TEST_F(plugin_data, the_output_of_an_operation_fits_its_schema_and_the_configuration)
+TEST_F(plugin_data, a_publication_that_was_cut_off_is_told_as_running_stands_now)
 {
-  auto checked = [](const std::string &elements) {
-    plugin_doc_ptr result = plugin_parse_message("<result xmlns:o='urn:sample'>" + elements + "</result>");
-    wiped_string text;
-    std::string error;
-    return ds_plugin_check_output("/sample:ask", plugin_root_of(result), &text, &error) == 0 ? std::string(text) : "";
+  std::string journal;
+  on_offer = [this, &journal] { journal = redis.command(4, {"GET", "ymgrd-publication"}).front(); };
+  edit("running", CHANGE);
+  on_offer = [] {};
+  auto smooth = [this, &journal] {
+    redis.command(4, {"SET", "ymgrd-publication", journal});
+    EXPECT_EQ(0, ds_begin_smooth_start());
+    return diff_text(ds_smooth_differ());
   };
-  EXPECT_EQ("<answer xmlns=\"urn:sample\">7</answer><of xmlns=\"urn:sample\">b</of>",
-            checked("<o:of>b</o:of> <answer xmlns='urn:sample'>07</answer>"));
-  EXPECT_EQ("", checked("<o:answer>7</o:answer><o:of>none</o:of>"));
-  EXPECT_EQ("", checked("<o:of>b</o:of>"));
-  EXPECT_EQ("", checked("<o:answer>777</o:answer>"));
-  EXPECT_EQ("", checked("<o:q>input</o:q>"));
+  EXPECT_EQ("8 top (2 item[k=\"a\"] (2 v ) 17 item[k=\"d\"] 8 item[k=\"b\"] (4 v ) ) ", smooth());
+  edit("running", CHANGE_BACK);
+  EXPECT_EQ("8 top (1 item[k=\"a\"] (1 v ) 2 item[k=\"d\"] 8 item[k=\"b\"] (4 v ) ) ", smooth());
+  journal.pop_back(); // what can be read of it
+  EXPECT_EQ("8 top (1 item[k=\"a\"] (1 v ) 2 item[k=\"d\"] 8 item[k=\"b\"] ) ", smooth());
+  context_save_int("OPT-smooth-start", 1);
+  ds_end_smooth_start();
+  EXPECT_EQ(nullptr, ds_smooth_differ());
+  EXPECT_TRUE(redis.command(4, {"GET", "ymgrd-publication"}).empty());
+  differ_node_t *all = nullptr;
+  EXPECT_EQ(0, ds_get_cfgr_differ(&all));
+  EXPECT_EQ(
+      0U, diff_text(all).find("1 top (1 item[k=\"a\"] (1 v ) 1 item[k=\"b\"] (1 v ) 1 item[k=\"c\"] 1 tag[.=\"x\"] "));
 }
