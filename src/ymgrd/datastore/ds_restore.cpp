@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "ymgrd/broker/broker.h"
+#include "ymgrd/broker/plugin.h"
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
@@ -203,7 +204,7 @@ void ds_end_smooth_start()
   }
   (void)context_save_int(SMOOTH_OPTION, 0); // as large as the value that stands
   smooth_differ_nodes.reset();
-  (void)database_drop_publication(); // logged there; the next publication replaces it
+  (void)database_drop_publication(plugin_names_up_to_date()); // logged there; the next publication replaces it
   log_info("Smooth start has ended.");
 }
 
