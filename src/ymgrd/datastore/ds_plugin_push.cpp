@@ -200,6 +200,19 @@ void write_siblings(ds_status_batch *batch, const lyd_node *first)
   }
 }
 
+// What other plugins have pushed at the path may have gone with what this one takes back.
+void write_others(ds_status_batch *batch, int plugin_id, const ds_steps_t &steps)
+{
+  for (const auto &[other_id, tree] : pushed) {
+    if (other_id == plugin_id) {
+      continue;
+    }
+    for (const lyd_node *node : find_all(tree, steps)) {
+      batch->set_tree(node);
+    }
+  }
+}
+
 std::string top_path(const lyd_node *top)
 {
   return std::string("/") + top->schema->module->name + ":" + LYD_NAME(top);
@@ -230,6 +243,9 @@ int ds_plugin_push(int plugin_id, std::string_view path, const xmlNode *data, co
   for (const lyd_node *node : earlier) {
     batch.remove_state(node);
   }
+  if (!earlier.empty()) {
+    write_others(&batch, plugin_id, steps);
+  }
   write_siblings(&batch, later.get());
   if (batch.commit() != 0) {
     return fail(ret_error, "State data can not be written.");
@@ -250,6 +266,13 @@ void ds_plugin_forget_pushed(int plugin_id)
   if (tree->second != nullptr && batch.begin("/") == 0) {
     for (const lyd_node *top = tree->second.get(); top != nullptr; top = top->next) {
       batch.remove_state(top);
+    }
+    const lysc_node *schema = nullptr;
+    for (const lyd_node *top = tree->second.get(); top != nullptr; top = top->next) {
+      if (top->schema != schema) { // entries of one list follow each other
+        schema = top->schema;
+        write_others(&batch, plugin_id, {{schema, {}}});
+      }
     }
     (void)batch.commit(); // logged there; the next get takes it away
   }

@@ -170,7 +170,7 @@ int ds_wrap_text(const ds_path_t &way, std::string_view content, wiped_string *t
   return 0;
 }
 
-ds_source::ds_source(int hdb, int datastore) : hdb_(hdb)
+ds_source::ds_source(int hdb, int datastore, int tflag) : hdb_(hdb), tflag_(tflag)
 {
   is_kept_ = tree_serves(datastore, &stored_modules_) && ds_kept_take(&kept_);
   has_tree_ = is_kept_;
@@ -194,7 +194,7 @@ bool ds_source::is_in_tree(const ds_path_t &path) const
 int ds_source::read_stored(const char *path, int depth, wiped_string *text) const
 {
   char *stored = nullptr;
-  if (database_get(hdb_, DB_TFLAG_ABSENT_OK, path, depth, &stored) != 0) {
+  if (database_get(hdb_, DB_TFLAG_ABSENT_OK | tflag_, path, depth, &stored) != 0) {
     return -1;
   }
   c_string_ptr owner(stored);
