@@ -9,6 +9,8 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,6 +35,20 @@ void copy_modules(const char *from, const std::string &to)
   for (const auto &entry : std::filesystem::directory_iterator(from)) {
     std::filesystem::copy_file(entry.path(), to / entry.path().filename());
   }
+}
+
+// Whether somebody listens: the file is there a little earlier.
+bool takes_connections(const std::string &path)
+{
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  int sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  bool is_taken = sock >= 0 && connect(sock, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0;
+  if (sock >= 0) {
+    close(sock);
+  }
+  return is_taken;
 }
 
 // In the child: never returns.
@@ -116,7 +132,7 @@ int bench_device::wait_for(bench_process *process, const std::string &socket)
 {
   constexpr int TRIES = 60000;
   for (int i = 0; i < TRIES && process->runs(); ++i) {
-    if (std::filesystem::is_socket(socket)) {
+    if (takes_connections(socket)) {
       return 0;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -142,7 +158,7 @@ int bench_device::start_daemon()
           dir_ + "/ymgrd.log") != 0) {
     return -1;
   }
-  return wait_for(&daemon_, dir_ + "/agent.sock");
+  return wait_for(&daemon_, dir_ + "/agent.sock") != 0 ? -1 : wait_for(&daemon_, dir_ + "/plugin.sock");
 }
 
 int bench_device::descriptors() const
