@@ -12,7 +12,6 @@
 #include "ymgrd/datastore/ds_plugin_data.h"
 #include "ymgrd/datastore/ds_plugin_path.h"
 #include "ymgrd/datastore/ds_status.h"
-#include "ymgrd/datastore/ds_value.h"
 #include "ymgrd/schema/schema.h"
 
 namespace {
@@ -29,25 +28,6 @@ int fail(std::string *ret_error, std::string message)
 }
 
 // --- Checking
-
-bool is_entry_of(const lyd_node *node, const ds_step_t &step)
-{
-  if (node->schema != step.schema) {
-    return false;
-  }
-  if (!step.is_entry()) {
-    return true;
-  }
-  if (node->schema->nodetype == LYS_LEAFLIST) {
-    return ds_stored_value(node) == step.keys.front();
-  }
-  const lyd_node *key = lyd_child(node); // keys come first, in the schema's order
-  return std::all_of(step.keys.begin(), step.keys.end(), [&key](const std::string &value) {
-    bool is_same = key != nullptr && ds_stored_value(key) == value;
-    key = key == nullptr ? nullptr : key->next;
-    return is_same;
-  });
-}
 
 int check_state(const lyd_node *top, std::string *ret_error)
 {
@@ -70,7 +50,7 @@ int check_state(const lyd_node *top, std::string *ret_error)
 // That `node`, which stands `depth` steps deep, is on the way to the path's end, at it or below it.
 int check_place(const lyd_node *node, const ds_steps_t &steps, size_t depth, std::string *ret_error)
 {
-  if (depth < steps.size() && !is_entry_of(node, steps[depth])) {
+  if (depth < steps.size() && !ds_is_entry_of(node, steps[depth])) {
     return fail(ret_error, "\"" + dbkey_data_key(node) + "\" does not lie below the path.");
   }
   if (depth + 1 >= steps.size()) {

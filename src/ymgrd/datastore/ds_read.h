@@ -29,6 +29,8 @@ int ds_append_opening(const ds_path_t &path, wiped_string *text, std::string *re
 // Appends the elements of the way, each inside the one before and with its keys, and `content` inside the last. 0 or
 // -1.
 int ds_wrap_text(const ds_path_t &way, std::string_view content, wiped_string *text);
+// Whether the node is one that the step names.
+bool ds_is_entry_of(const lyd_node *node, const ds_step_t &step);
 // The first node of that kind; the entry when the path ends with one. Null when there is none.
 lyd_node *ds_find_node(const lyd_node *tree, const ds_path_t &path);
 

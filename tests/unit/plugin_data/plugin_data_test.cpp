@@ -71,7 +71,7 @@ protected:
     ASSERT_EQ(0, broker_reg_config_subscriber(nullptr, "/sample:top", 1, {}));
     on_offer = [] {};
     edit("running", "<item><k>a</k><v>1</v></item><item><k>b</k><v>2</v></item><item><k>c</k></item><tag>x</tag>"
-                    "<tag>y/'\"</tag><pair><a>p\"q</a><b>1</b></pair><pair><a>r</a><b>2</b></pair>");
+                    "<tag>y/'\"</tag><pair><a>p\"'q</a><b>1</b></pair><pair><a>r</a><b>2</b></pair>");
   }
 
   // The replies find no session.
@@ -147,7 +147,7 @@ TEST_F(plugin_data, pulls_find_what_the_path_names_with_the_way_to_it_from_the_t
     EXPECT_EQ("<item><k>b</k></item>", pulled("/sample:top/sample:item[sample:k=\"b\"]/k"));
     EXPECT_EQ("<tag>x</tag><tag>y/'&quot;</tag>", pulled("/sample:top/tag"));
     EXPECT_EQ("<tag>y/'&quot;</tag>", pulled("/sample:top/tag[.=\"y/'\\\"\"]"));
-    EXPECT_EQ("<pair><a>p&quot;q</a><b>1</b></pair>", pulled("/sample:top/pair[b='01'][a='p\"q']"));
+    EXPECT_EQ("<pair><a>p&quot;'q</a><b>1</b></pair>", pulled("/sample:top/pair[b='01'][a=\"p\\\"'q\"]"));
     EXPECT_EQ("", pulled("/sample:top/item[k='d']/v"));
     EXPECT_EQ("", pulled("/sample:top/item[k='d']/k"));
     EXPECT_EQ("", pulled("/sample:top/way/left/side"));
