@@ -107,6 +107,12 @@ int ymgr_plugin_on_status(ymgr_plugin_t *plugin, const char *path, ymgr_status_f
 typedef int (*ymgr_rpc_fn)(ymgr_plugin_t *plugin, int session_id, const char *input, char **ret_output, void *user);
 int ymgr_plugin_on_rpc(ymgr_plugin_t *plugin, const char *path, ymgr_rpc_fn fn, void *user);
 
+/* Called when the configuration has been handed over, after each connection; in a local plugin when it is installed,
+ * just before. Nothing is offered for what is not configured (any more): this is the place to clear it away. A result
+ * other than 0 is logged. */
+typedef int (*ymgr_ready_fn)(ymgr_plugin_t *plugin, void *user);
+int ymgr_plugin_on_ready(ymgr_plugin_t *plugin, ymgr_ready_fn fn, void *user);
+
 /* Refuses what the running callback was called for. The client sees the message, and the code as error-app-tag. Always
  * -1: `return ymgr_plugin_reject(plugin, 7, "no such interface");` */
 int ymgr_plugin_reject(ymgr_plugin_t *plugin, int code, const char *message);

@@ -216,6 +216,16 @@ int ymgr_plugin_reject(ymgr_plugin_t *plugin, int code, const char *message)
   });
 }
 
+int ymgr_plugin_on_ready(ymgr_plugin_t *plugin, ymgr_ready_fn fn, void *user)
+{
+  if (plugin->is_sealed) {
+    return sdk_fail(plugin, "Callbacks are registered before the first connection.");
+  }
+  plugin->on_ready = fn;
+  plugin->on_ready_user = user;
+  return 0;
+}
+
 int ymgr_plugin_is_ready(const ymgr_plugin_t *plugin)
 {
   return plugin->is_ready ? 1 : 0;

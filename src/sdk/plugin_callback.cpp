@@ -57,3 +57,12 @@ int sdk_call_rpc(ymgr_plugin_t *plugin, const sdk_registration_t &registration, 
   ret_output->reset(output);
   return result;
 }
+
+void sdk_call_ready(ymgr_plugin_t *plugin)
+{
+  if (plugin->on_ready != nullptr &&
+      call(plugin, [plugin] { return plugin->on_ready(plugin, plugin->on_ready_user); }) != 0) {
+    sdk_log(plugin, SDK_LOG_ERROR, "What is done when the plugin is ready has failed: %s",
+            plugin->refusal->message.c_str());
+  }
+}

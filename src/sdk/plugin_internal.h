@@ -70,6 +70,8 @@ struct ymgr_plugin {
   void (*log)(int level, const char *text) = nullptr; // null: to standard error
   std::string error;
   std::vector<sdk_registration_t> registrations;
+  ymgr_ready_fn on_ready = nullptr;
+  void *on_ready_user = nullptr;
   bool is_sealed = false; // the daemon is being told the registrations, or was
   bool is_in_callback = false;
   bool is_ready = false;
@@ -113,6 +115,7 @@ std::vector<sdk_path_step_t> sdk_path_steps(std::string_view path);
 
 // --- Callbacks (plugin_callback.cpp). 0 when the plugin accepted; else -1, and `plugin->refusal` says why.
 
+void sdk_call_ready(ymgr_plugin_t *plugin); // a failure is logged: there is nobody to refuse to
 int sdk_call_config(ymgr_plugin_t *plugin, const sdk_registration_t &registration, const ymgr_change_t &change);
 int sdk_call_status(ymgr_plugin_t *plugin, const sdk_registration_t &registration, const char *path,
                     sdk_text_ptr *ret_data);

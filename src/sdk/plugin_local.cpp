@@ -194,6 +194,7 @@ YMGR_ENTRY_POINT int ymgr_local_install()
 {
   return enter([] {
     local_plugin->is_ready = true;
+    sdk_call_ready(local_plugin.get());
     return 0;
   });
 }

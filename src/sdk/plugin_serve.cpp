@@ -144,6 +144,7 @@ fault_t serve_kickoff(ymgr_plugin_t *plugin, const xmlNode *)
 {
   plugin->is_ready = true;
   plugin->connection->was_ready = true;
+  sdk_call_ready(plugin);
   answer_served(plugin, 0, {});
   return NO_FAULT;
 }

@@ -90,8 +90,6 @@ static int config_changed(ymgr_plugin_t *plugin, const ymgr_change_t *change, vo
 {
   const system_file_t *file = user;
   int is_rollback = (change->oper_type & CONFIG_OP_ROLLBACK) != 0;
-  /* At a restart the configuration may have lost leaves of which nobody tells any more, so all files are looked at. */
-  int is_restore = (change->oper_type & (CONFIG_OP_CFGR | CONFIG_OP_SMOOTH)) != 0;
   /* The file is written from the whole configuration: once, with the last node. A rollback repeats the flag of the
    * forward way, where it says nothing. */
   if (change->more && !is_rollback) {
@@ -101,7 +99,20 @@ static int config_changed(ymgr_plugin_t *plugin, const ymgr_change_t *change, vo
   if (system_config_pull(plugin, is_rollback ? YMGR_OLD : YMGR_NEW, &config) != 0) {
     return ymgr_plugin_reject(plugin, SYSTEM_READ_FAILED, ymgr_plugin_error(plugin));
   }
-  int result = is_restore ? bring_all(plugin, &config) : bring_checked(plugin, file, &config, !is_rollback);
+  int result = bring_checked(plugin, file, &config, !is_rollback);
+  system_config_free(&config);
+  return result;
+}
+
+/* While the plugin was away, the configuration may have lost leaves of which nobody tells any more. */
+static int mend_files(ymgr_plugin_t *plugin, void *user)
+{
+  (void)user;
+  system_config_t config;
+  if (system_config_pull(plugin, YMGR_NEW, &config) != 0) {
+    return ymgr_plugin_reject(plugin, SYSTEM_READ_FAILED, ymgr_plugin_error(plugin));
+  }
+  int result = bring_all(plugin, &config);
   system_config_free(&config);
   return result;
 }
@@ -120,7 +131,8 @@ int system_setup(ymgr_plugin_t *plugin)
       return -1;
     }
   }
-  if (ymgr_plugin_on_status(plugin, SYSTEM_PATH "/state", system_state, NULL) != 0) {
+  if (ymgr_plugin_on_ready(plugin, mend_files, NULL) != 0 ||
+      ymgr_plugin_on_status(plugin, SYSTEM_PATH "/state", system_state, NULL) != 0) {
     return -1;
   }
   return ymgr_plugin_on_rpc(plugin, "/ex-device-system:check-name", system_check_name, NULL);
