@@ -10,15 +10,18 @@ namespace {
 
 typedef enum _path_relation {
   PATH_APART,
-  PATH_MATCHES, // the node lies at or below the subscriber's path
-  PATH_LEADS,   // the subscriber's path may lie below the node
+  PATH_MATCHES,       // the node lies at the subscriber's path
+  PATH_MATCHES_BELOW, // the node lies below the subscriber's path
+  PATH_LEADS,         // the subscriber's path may lie below the node
 } path_relation_t;
 
 path_relation_t relate(const std::string &path, const std::string &node_path)
 {
-  if (node_path.starts_with(path) &&
-      (node_path.size() == path.size() || path == "/" || node_path[path.size()] == '/')) {
+  if (node_path == path) {
     return PATH_MATCHES;
+  }
+  if (node_path.starts_with(path) && (path == "/" || node_path[path.size()] == '/')) {
+    return PATH_MATCHES_BELOW;
   }
   return path.starts_with(node_path) ? PATH_LEADS : PATH_APART;
 }
@@ -38,9 +41,11 @@ bool is_list_entry(const char *schema_path)
   return length > 0 && schema_path[length - 1] == ']';
 }
 
-bool is_in_list(const differ_node_t *node)
+// Whether siblings of the node may match the path too: further entries of its list, or, when the path names what holds
+// it (the top, a choice, a case), its neighbours.
+bool may_have_matching_siblings(broker_schema_paths *paths, const std::string &path, const differ_node_t *node)
 {
-  return node != nullptr && node->schema_path != nullptr && std::strchr(node->schema_path, ']') != nullptr;
+  return is_list_entry(node->schema_path) || relate(paths, path, node) == PATH_MATCHES_BELOW;
 }
 
 } // namespace
@@ -69,7 +74,7 @@ differ_interest_t broker_interest_of(int plugin_id, const char *schema_path)
     if (relation == PATH_LEADS) {
       return DIFFER_BELOW;
     }
-    interest = relation == PATH_MATCHES ? DIFFER_NODE : interest;
+    interest = relation == PATH_APART ? interest : DIFFER_NODE;
   }
   return interest;
 }
@@ -78,7 +83,7 @@ differ_node_t *broker_first_diffnode(broker_schema_paths *paths, const std::stri
 {
   for (; node != nullptr; node = node->next) {
     path_relation_t relation = relate(paths, path, node);
-    if (relation == PATH_MATCHES) {
+    if (relation == PATH_MATCHES || relation == PATH_MATCHES_BELOW) {
       return node;
     }
     differ_node_t *found = relation == PATH_LEADS ? broker_first_diffnode(paths, path, node->child) : nullptr;
@@ -93,7 +98,7 @@ differ_node_t *broker_last_diffnode(broker_schema_paths *paths, const std::strin
 {
   for (; node != nullptr; node = node->prev) {
     path_relation_t relation = relate(paths, path, node);
-    if (relation == PATH_MATCHES) {
+    if (relation == PATH_MATCHES || relation == PATH_MATCHES_BELOW) {
       return node;
     }
     if (relation != PATH_LEADS) {
@@ -109,16 +114,14 @@ differ_node_t *broker_last_diffnode(broker_schema_paths *paths, const std::strin
 
 differ_node_t *broker_next_diffnode(broker_schema_paths *paths, const std::string &path, differ_node_t *cur)
 {
-  if (!is_in_list(cur)) {
-    return nullptr; // outside lists a subtree is offered once
-  }
   for (; cur != nullptr; cur = cur->parent) {
     if (cur->schema_path == nullptr) {
       log_error("schema path is NULL. data path:%.512s.", cur->data_path == nullptr ? "" : cur->data_path);
       return nullptr;
     }
-    // All siblings behind are searched at once: when they hold no match, only the entry further up is left.
-    differ_node_t *found = is_list_entry(cur->schema_path) ? broker_first_diffnode(paths, path, cur->next) : nullptr;
+    // All siblings behind are searched at once: when they hold no match, only what lies further up is left.
+    bool is_searched = may_have_matching_siblings(paths, path, cur);
+    differ_node_t *found = is_searched ? broker_first_diffnode(paths, path, cur->next) : nullptr;
     if (found != nullptr) {
       return found;
     }
@@ -128,15 +131,13 @@ differ_node_t *broker_next_diffnode(broker_schema_paths *paths, const std::strin
 
 differ_node_t *broker_prev_diffnode(broker_schema_paths *paths, const std::string &path, differ_node_t *cur)
 {
-  if (!is_in_list(cur)) {
-    return nullptr;
-  }
   for (; cur != nullptr; cur = cur->parent) {
     if (cur->schema_path == nullptr) {
       log_error("schema path not exist. path:%.512s.", path.c_str());
       return nullptr;
     }
-    differ_node_t *found = is_list_entry(cur->schema_path) ? broker_last_diffnode(paths, path, cur->prev) : nullptr;
+    bool is_searched = may_have_matching_siblings(paths, path, cur);
+    differ_node_t *found = is_searched ? broker_last_diffnode(paths, path, cur->prev) : nullptr;
     if (found != nullptr) {
       return found;
     }

@@ -63,9 +63,7 @@ void plugin_drop_requests(plugin_inst_t *plugin);
 // --- plugin_reply.cpp: what becomes of requests.
 void plugin_reply_dispatch(plugin_inst_t *plugin, const xmlNode *reply, uint16_t msg_id);
 void plugin_resume_publication(plugin_inst_t *plugin);
-// Why a change was not taken. What can not be taken back is only logged: the session is told why it had to be.
-void plugin_save_error(const plugin_inst_t &plugin, int oper_type, const char *path, int code, const std::string &text);
-// The same for the change that was waited for.
+// The change that is waited for was not taken.
 void plugin_change_failed(const plugin_inst_t &plugin, int code, const std::string &text);
 // What a session's operation came to.
 typedef struct _plugin_operation {

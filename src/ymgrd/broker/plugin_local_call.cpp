@@ -209,7 +209,7 @@ void plugin_local_config(plugin_inst_t *plugin, const plugin_publish_info_t &inf
   if (result == 0) {
     *status = SUBPUB_CONTINUE;
   } else {
-    plugin_save_error(*plugin, item.oper_type, item.path, call.code, error_text(call));
+    (void)broker_save_error(call.code, error_text(call).c_str()); // logged there
   }
 }
 

@@ -109,9 +109,9 @@ plugin_doc_ptr config_params(const plugin_publish_info_t &info)
   return params;
 }
 
-int fail_publish(const plugin_inst_t &plugin, const plugin_publish_info_t &info, const std::string &reason)
+int fail_publish(const plugin_inst_t &plugin, const std::string &reason)
 {
-  plugin_save_error(plugin, info.config.oper_type, info.config.path, -1, "Plugin " + plugin.name + " " + reason);
+  (void)broker_save_error(-1, ("Plugin " + plugin.name + " " + reason).c_str()); // logged there
   return -1;
 }
 
@@ -146,7 +146,7 @@ int publish_to_overdue(plugin_inst_t *plugin, const plugin_publish_info_t &info,
     *status = SUBPUB_CONTINUE;
     return 0;
   }
-  return fail_publish(*plugin, info, "does not answer");
+  return fail_publish(*plugin, "does not answer");
 }
 
 int publish_remote_config(plugin_inst_t *plugin, const plugin_publish_info_t &info, int *status)
@@ -161,18 +161,18 @@ int publish_remote_config(plugin_inst_t *plugin, const plugin_publish_info_t &in
   }
   if (plugin->bit_pub_config || (plugin_is_busy(*plugin) && !may_wait(*plugin, info.config.oper_type))) {
     log_info("Plugin %.512s is busy so can't do config-publish.", plugin->name.c_str());
-    return fail_publish(*plugin, info, "is busy with " + busy_with(*plugin));
+    return fail_publish(*plugin, "is busy with " + busy_with(*plugin));
   }
   plugin_doc_ptr params = config_params(info);
   if (params == nullptr) {
     log_error("Build publish-config path failed.");
-    return fail_publish(*plugin, info, std::string("can not be offered ") + info.config.path);
+    return fail_publish(*plugin, std::string("can not be offered ") + info.config.path);
   }
   plugin->pub_path = info.config.path;
   plugin->pub_oper_type = info.config.oper_type;
   if (request(plugin, PLUGIN_PUB_CONFIG, std::move(params)) != 0) {
     log_error("Cache publish-config rpc failed for plugin %.512s.", plugin->name.c_str());
-    return fail_publish(*plugin, info, std::string("can not be sent ") + info.config.path);
+    return fail_publish(*plugin, std::string("can not be sent ") + info.config.path);
   }
   *status = SUBPUB_WAIT;
   return 0;

@@ -140,21 +140,12 @@ void plugin_resume_publication(plugin_inst_t *plugin)
   }
 }
 
-void plugin_save_error(const plugin_inst_t &plugin, int oper_type, const char *path, int code, const std::string &text)
-{
-  if ((oper_type & CONFIG_OP_ROLLBACK) == 0) {
-    (void)broker_save_error(code, text.c_str()); // logged there
-    return;
-  }
-  log_warn("Plugin %.512s did not take %.512s back(%d: %.512s).", plugin.name.c_str(), path, code, text.c_str());
-}
-
 void plugin_change_failed(const plugin_inst_t &plugin, int code, const std::string &text)
 {
   if ((plugin.pub_oper_type & CONFIG_OP_ROLLBACK) != 0) {
     log_warn("Config rollback failed on %.512s.", plugin.pub_path.c_str());
   }
-  plugin_save_error(plugin, plugin.pub_oper_type, plugin.pub_path.c_str(), code, text);
+  (void)broker_save_error(code, text.c_str()); // logged there
 }
 
 plugin_operation_t plugin_take_operation(plugin_inst_t *plugin)

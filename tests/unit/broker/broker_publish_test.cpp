@@ -64,7 +64,7 @@ TEST_F(broker_publish, paths_match_whole_names_and_reach_below_entries_and_to_th
                       node("/m:c/l[k=\"2\"]", DBDIFF_CHAIN, {node("/m:c/l[k=\"2\"]/vv", DBDIFF_MOD)}),
                       node("/m:c/l[k=\"3\"]", DBDIFF_CHAIN, {node("/m:c/l[k=\"3\"]/v", DBDIFF_MOD)})}),
                 node("/m:ccc", DBDIFF_ADD)}));
-  EXPECT_EQ((texts{"1:/m:c/l[k=\"a/1\"]/v", "1:/m:c/l[k=\"3\"]/v", "3:/m:c"}), offers());
+  EXPECT_EQ((texts{"1:/m:c/l[k=\"a/1\"]/v", "1:/m:c/l[k=\"3\"]/v", "3:/m:c", "3:/m:ccc"}), offers());
 }
 
 TEST_F(broker_publish, entries_of_nested_lists_are_offered_across_their_parents)

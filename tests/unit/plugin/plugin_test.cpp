@@ -1,25 +1,30 @@
-// Plugins whose connection or patience ends. Time is moved by setting deadlines back.
-#include <cstring>
+// Plugins that do not answer in time. Time is moved by setting deadlines back.
+#include <chrono>
 #include <filesystem>
 
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 #include "libconf/conf_service.h"
+#include "support/plugin_peer.h"
 #include "unit/differ_tree/differ_builder.h"
 #include "ymgrd/broker/plugin_internal.h"
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/handles.h"
 #include "ymgrd/core/log.h"
-#include "ymgrd/rpc/session.h"
 
 namespace {
 
 using texts_t = std::vector<std::string>;
 
-class plugin_life : public testing::Test {
+using support::plugin_call_t;
+
+plugin_call_t next_of(support::plugin_peer *peer)
+{
+  return peer->next(std::chrono::milliseconds(0));
+}
+
+class plugin_deadline : public testing::Test {
 protected:
   void SetUp() override
   {
@@ -82,54 +87,39 @@ protected:
   }
 
   // A plugin that has all of the configuration, and is ready.
-  unique_fd connect_plugin(const std::string &name, int priority)
+  support::plugin_peer connect_plugin(const std::string &name) const
   {
-    unique_fd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    (void)(dir_ + "/plugin.sock").copy(address.sun_path, sizeof(address.sun_path) - 1);
-    EXPECT_EQ(0, connect(sock.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)));
-    write(sock, 1,
-          "<rpc><method>register</method><params><plugin-name>" + name +
-              "</plugin-name><config-subscribe><path>/</path><priority>" + std::to_string(priority) +
-              "</priority><callback>7</callback></config-subscribe></params><id>1</id></rpc>");
-    write(sock, 2, "<rpc><method>activate</method><params><with-cfgr/></params><id>2</id></rpc>");
+    support::plugin_peer peer(dir_, name);
+    peer.send_text("<rpc><method>register</method><params><plugin-name>" + name +
+                       "</plugin-name><config-subscribe><path>/</path><priority>1</priority><callback>7</callback>"
+                       "</config-subscribe></params><id>1</id></rpc>",
+                   1);
+    peer.send_text("<rpc><method>activate</method><params><with-cfgr/></params><id>2</id></rpc>", 2);
     run();
-    EXPECT_EQ(texts_t({"reply", "reply", "16385 a"}), read(sock));
-    answer(sock, 1);
-    answer(sock, 2);
-    EXPECT_EQ(texts_t({"16385 b", "kickoff"}), read(sock));
-    answer(sock, 3);
-    return sock;
+    EXPECT_EQ(texts_t({"reply", "reply", "16385 a"}), read(&peer));
+    answer(&peer, 1);
+    answer(&peer, 2);
+    EXPECT_EQ(texts_t({"16385 b", "kickoff"}), read(&peer));
+    answer(&peer, 3);
+    return peer;
   }
-
-  static void write(const unique_fd &sock, uint16_t id, const std::string &text)
+  void answer(support::plugin_peer *peer, int id) const
   {
-    plugin_msg_head_t head = {PLUGIN_MSG_MAGIC, static_cast<uint32_t>(text.size()), id, 0};
-    std::string bytes = std::string(reinterpret_cast<const char *>(&head), sizeof(head)) + text;
-    ASSERT_EQ(static_cast<ssize_t>(bytes.size()), send(sock.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL));
-  }
-  void answer(const unique_fd &sock, int id) const
-  {
-    write(sock, static_cast<uint16_t>(id), "<reply><result/><id>" + std::to_string(id) + "</id></reply>");
+    peer->accept({"", id, ""});
     run();
   }
 
   // What has come: "reply", "kickoff", or "OPER-TYPE KEY" of a changed entry.
-  static texts_t read(const unique_fd &sock)
+  static texts_t read(support::plugin_peer *peer)
   {
     texts_t texts;
-    plugin_msg_head_t head = {};
-    while (recv(sock.get(), &head, sizeof(head), 0) == static_cast<ssize_t>(sizeof(head))) {
-      std::string text(head.length, '\0');
-      EXPECT_EQ(static_cast<ssize_t>(head.length), recv(sock.get(), text.data(), head.length, 0));
-      plugin_doc_ptr message = plugin_parse_message(text);
-      const xmlNode *params = plugin_find_element(plugin_root_of(message), "params");
-      const xmlNode *info = params == nullptr ? nullptr : plugin_find_element(params, "info");
-      texts.push_back(params == nullptr ? "reply"
-                      : info == nullptr ? *plugin_child_text(plugin_root_of(message), "method")
-                                        : *plugin_child_text(info, "oper-type") + " " +
-                                              plugin_child_text(info, "path")->substr(8, 1));
+    for (plugin_call_t call = next_of(peer); call.id != 0; call = next_of(peer)) {
+      std::string text = call.method.empty() ? "reply" : call.method;
+      if (call.method == "publish") { // 1 /m:l[k="a"]
+        text = call.change();
+        text = text.substr(0, text.find(' ')) + " " + text[text.find('"') + 1];
+      }
+      texts.push_back(text);
     }
     return texts;
   }
@@ -143,66 +133,49 @@ private:
   ly_ctx_ptr ctx_;
   unique_fd epfd_;
 };
-texts_t plugin_life::errors;
-int plugin_life::ended = 0;
+texts_t plugin_deadline::errors;
+int plugin_deadline::ended = 0;
 
 } // namespace
 
-TEST_F(plugin_life, overdue_plugin_holds_up_nobody_and_is_restored_when_it_is_back)
+TEST_F(plugin_deadline, overdue_plugin_holds_up_nobody_and_is_restored_when_it_is_back)
 {
-  unique_fd slow = connect_plugin("slow", 1);
+  support::plugin_peer slow = connect_plugin("slow");
   ASSERT_EQ(0, broker_publish_config(9, ERROR_OPTION_ROLLBACK, changes_));
-  answer(slow, 4);
-  EXPECT_EQ(texts_t({"1 a", "1 b"}), read(slow));
+  answer(&slow, 4);
+  EXPECT_EQ(texts_t({"1 a", "1 b"}), read(&slow));
   plugin_find_by_name("slow")->remote.tm_rpc = 1;
   plugin_timeout();
   EXPECT_EQ(texts_t({"Wait message reply timeout."}), errors);
-  EXPECT_EQ(texts_t({"32769 a"}), read(slow)); // told, but not waited for
+  EXPECT_EQ(texts_t({"32769 a"}), read(&slow)); // told, but not waited for
   ASSERT_EQ(0, broker_publish_config(9, ERROR_OPTION_STOP, changes_));
   EXPECT_EQ(texts_t({"Plugin slow does not answer"}), errors);
-  EXPECT_EQ(texts_t(), read(slow));
-  answer(slow, 5); // too late
-  EXPECT_EQ(texts_t({"16385 a"}), read(slow));
-  answer(slow, 7);
-  answer(slow, 8);
-  answer(slow, 9);
-  EXPECT_EQ(texts_t({"16385 b", "kickoff"}), read(slow));
+  EXPECT_EQ(texts_t(), read(&slow));
+  answer(&slow, 5); // too late
+  EXPECT_EQ(texts_t({"16385 a"}), read(&slow));
+  answer(&slow, 7);
+  answer(&slow, 8);
+  answer(&slow, 9);
+  EXPECT_EQ(texts_t({"16385 b", "kickoff"}), read(&slow));
   ASSERT_EQ(0, broker_publish_config(9, ERROR_OPTION_STOP, changes_));
-  answer(slow, 10);
-  answer(slow, 11);
+  answer(&slow, 10);
+  answer(&slow, 11);
   EXPECT_EQ(texts_t(), errors);
   EXPECT_EQ(3, ended);
 }
 
-TEST_F(plugin_life, lost_plugin_fails_its_change_at_once_and_others_take_theirs_back)
+TEST_F(plugin_deadline, change_waits_for_a_kickoff_and_message_ids_skip_zero)
 {
-  unique_fd first = connect_plugin("first", 1);
-  unique_fd second = connect_plugin("second", 2);
-  ASSERT_EQ(0, broker_publish_config(9, ERROR_OPTION_ROLLBACK, changes_));
-  answer(first, 4);
-  answer(first, 5);
-  EXPECT_EQ(texts_t({"1 a"}), read(second));
-  second.reset();
-  run();
-  EXPECT_EQ(texts_t({"1 a", "1 b", "32769 b"}), read(first));
-  EXPECT_EQ(nullptr, plugin_find_by_name("second"));
-  first.reset(); // while it takes back
-  run();
-  EXPECT_EQ(texts_t({R"(Plugin second has gone while it was offered /m:l[k="a"])"}), errors);
-}
-
-TEST_F(plugin_life, change_waits_for_a_kickoff_and_message_ids_skip_zero)
-{
-  unique_fd plugin = connect_plugin("plugin", 1);
+  support::plugin_peer plugin = connect_plugin("plugin");
   plugin_inst_t *inst = plugin_find_by_name("plugin");
   inst->remote.rpc_id = 65535;
   plugin_kickoff(inst);
   ASSERT_EQ(0, broker_publish_config(9, ERROR_OPTION_STOP, changes_));
-  EXPECT_EQ(texts_t({"kickoff"}), read(plugin));
-  answer(plugin, 65535);
-  answer(plugin, 1);
-  answer(plugin, 2);
-  EXPECT_EQ(texts_t({"1 a", "1 b"}), read(plugin));
+  EXPECT_EQ(texts_t({"kickoff"}), read(&plugin));
+  answer(&plugin, 65535);
+  answer(&plugin, 1);
+  answer(&plugin, 2);
+  EXPECT_EQ(texts_t({"1 a", "1 b"}), read(&plugin));
   EXPECT_EQ(texts_t(), errors);
   EXPECT_EQ(1, ended);
 }
