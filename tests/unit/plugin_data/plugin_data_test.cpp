@@ -237,7 +237,7 @@ TEST_F(plugin_data, a_publication_that_was_cut_off_is_told_as_running_stands_now
   EXPECT_EQ(nullptr, ds_smooth_differ());
   EXPECT_TRUE(redis.command(4, {"GET", "ymgrd-publication"}).empty());
   differ_node_t *all = nullptr;
-  EXPECT_EQ(0, ds_get_cfgr_differ(&all));
+  EXPECT_EQ(0, ds_get_cfgr_differ([](const char *) { return DIFFER_BELOW; }, &all));
   EXPECT_EQ(
       0U, diff_text(all).find("1 top (1 item[k=\"a\"] (1 v ) 1 item[k=\"b\"] (1 v ) 1 item[k=\"c\"] 1 tag[.=\"x\"] "));
 }
