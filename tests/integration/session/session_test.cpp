@@ -81,7 +81,9 @@ TEST_F(daemon_session, frames_are_found_behind_garbage_back_to_back_and_in_turns
   std::string first = ymgr_frame(rpc_of(support::get_config("running"), "first"), 65535);
   std::string second = ymgr_frame(rpc_of(GET_CAPABILITY, "second"), 1);
   std::string theirs = ymgr_frame(rpc_of(GET_CAPABILITY, "theirs"), 4);
-  send("ten bytes!" + first + second + std::string("\xff\xba\xdc\xff\xba\xdc", 6) + first.substr(0, 40));
+  (void)::send(ymgr_descriptor(agent), "!", 1, MSG_OOB | MSG_NOSIGNAL); // not every kernel has it on local sockets
+  send("ten bytes!" + std::string(100000, '\xFF') + first + second + std::string("\xff\xba\xdc\xff\xba\xdc", 6) +
+       first.substr(0, 40));
   ASSERT_TRUE(ymgr_send_raw(other->client(), theirs.substr(0, 7)));
   EXPECT_TRUE(contains(reply_to(agent, 65535), "message-id=\"first\""));
   EXPECT_TRUE(contains(reply_to(agent, 1), "message-id=\"second\""));
@@ -89,6 +91,24 @@ TEST_F(daemon_session, frames_are_found_behind_garbage_back_to_back_and_in_turns
   EXPECT_TRUE(contains(reply_to(other->client(), 4), "message-id=\"theirs\""));
   send(first.substr(40));
   EXPECT_TRUE(contains(reply_to(agent, 65535), "message-id=\"first\""));
+  const std::string status = "/proc/" + std::to_string(daemon.pid()) + "/status";
+  EXPECT_TRUE(support::wait_until([&] { return contains(support::read_file(status), "State:\tS"); })) << "at rest";
+}
+
+TEST_F(daemon_session, a_peer_that_reads_nothing_fills_no_memory_and_can_be_killed)
+{
+  ASSERT_TRUE(other->ok(support::edit_config("running", "<system xmlns=\"urn:ex-sys\"><location>" +
+                                                            std::string(1000000, 'x') + "</location></system>")));
+  long before = daemon.rss_kb();
+  for (uint16_t seq = 1; seq <= 200; seq++) {
+    send(ymgr_frame(rpc_of(support::get_config("running")), seq));
+  }
+  for (int request = 0; request < 200; request++) { // each leaves the first one its turn
+    pass_barrier();
+  }
+  EXPECT_LT(daemon.rss_kb() - before, 50000);
+  ASSERT_TRUE(other->ok("<kill-session><session-id>" + std::to_string(session->id()) + "</session-id></kill-session>"));
+  EXPECT_TRUE(daemon.wait_for_log("Session " + std::to_string(session->id()) + " exit."));
 }
 
 TEST_F(daemon_session, an_agent_that_dies_in_a_frame_costs_only_its_session)
