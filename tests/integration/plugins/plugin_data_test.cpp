@@ -3,8 +3,24 @@
 
 namespace {
 
+const char sample_module[] = R"(
+module sample {
+  yang-version 1.1; namespace "urn:sample"; prefix s; revision 2026-01-01;
+  container top {
+    list item { key k; leaf k { type string; } leaf v { type uint8; }
+      container stats { config false; leaf packets { type uint32; } } }
+  }
+})";
+
 class plugin_data : public plugins_fixture {
 protected:
+  void SetUp() override
+  {
+    support::write_file(daemon.modules_dir() + "/sample.yang", sample_module);
+    daemon.options().modules.push_back({"sample"});
+    plugins_fixture::SetUp();
+  }
+
   static std::string sys(const std::string &content) { return "<system xmlns=\"urn:ex-sys\">" + content + "</system>"; }
   static std::string state(const std::string &content) { return "<state xmlns=\"urn:ex-sys\">" + content + "</state>"; }
   std::string get_state()
@@ -47,19 +63,50 @@ TEST_F(plugin_data, old_and_new_configuration_differ_only_while_a_change_is_publ
     EXPECT_EQ(received_error().message, "no");
     EXPECT_EQ(peer.pull(path), old_text);
   }
-  // What stands above it comes with it; what is not there is empty, what can not be is an error.
-  EXPECT_EQ(peer.pull("/ex-sys:system/user[name=\"u\"]/key[index=\"1\"]"),
-            sys("<user><name>u</name><key><index>1</index><data>AAAA</data></key></user>"));
-  EXPECT_EQ(peer.pull("/ex-sys:system/user[name=\"none\"]"), "");
-  EXPECT_TRUE(contains(peer.pull("/ex-sys:system/usr"), "ERROR"));
-  EXPECT_TRUE(contains(peer.pull("/ex-sys:system/user[name=\"u\""), "ERROR"));
-  EXPECT_TRUE(contains(peer.pull("/"), "<hostname>old</hostname>"));
+}
+
+TEST_F(plugin_data, pulls_find_what_the_path_names_with_the_way_to_it_from_the_tree_as_from_the_database)
+{
+  const std::string user = "<user><name>u</name><key><index>1</index><data>AAAA</data></key></user>";
+  const std::string route = "<route xmlns=\"urn:ex-sys\"><dest>10.0.0.0</dest><mask>8</mask></route>";
+  ASSERT_TRUE(commit("<tag>x</tag><tag>y/'\"</tag><user><name>v</name></user>" + user));
+  ASSERT_TRUE(session->ok(support::edit_config("running", "<routes xmlns=\"urn:ex-sys\">" + route + "</routes>")));
+  plugin_peer peer = started("peer", "/ex-sys:services", 10);
+  for (bool is_kept : {true, false}) {
+    auto pulled = [&](const std::string &path) {
+      redis.command(RUNNING_DB, {"SET", "/foreign", "1"}); // from here on Redis is read
+      if (is_kept) {
+        (void)session->rpc(support::get_config("running"));
+      }
+      return peer.pull(path);
+    };
+    EXPECT_EQ(pulled("/ex-sys:system/user[name='u']/key[index='01']/data"), sys(user));
+    EXPECT_EQ(pulled("/ex-sys:system/ex-sys:user[ex-sys:name=\"u\"]/name"), sys("<user><name>u</name></user>"));
+    EXPECT_EQ(pulled("/ex-sys:system/tag"), sys("<tag>x</tag><tag>y/'&quot;</tag>"));
+    EXPECT_EQ(pulled("/ex-sys:system/tag[.=\"y/'\\\"\"]"), sys("<tag>y/'&quot;</tag>"));
+    EXPECT_TRUE(contains(pulled("/ex-sys:routes/route[mask='08'][dest='10.0.0.0']"), "<mask>8</mask>"));
+    for (const char *absent : {"/ex-sys:system/user[name='w']/uid", "/ex-sys:system/user[name='w']/name",
+                               "/ex-sys:system/user[name='w']", "/ex-sys:system/mode/static/gateway"}) {
+      EXPECT_EQ(pulled(absent), "") << absent;
+    }
+    for (const char *part : {"<tag>x</tag>", "<name>v</name>", "<data>AAAA</data>", "<dest>10.0.0.0</dest>"}) {
+      EXPECT_TRUE(contains(pulled("/"), part)) << part;
+    }
+  }
+  for (const char *wrong :
+       {"", "system", "/none:system", "/ex-sys:system/usr", "/ex-sys:system/user/uid", "/ex-sys:system[k='1']",
+        "/ex-sys:system/user[uid='1']", "/ex-sys:system/user[name='u'", "/ex-sys:routes/route[dest='10.0.0.0']"}) {
+    EXPECT_TRUE(peer.pull(wrong).starts_with("ERROR ")) << wrong;
+  }
 }
 
 TEST_F(plugin_data, the_neighbours_of_an_entry_are_told_before_and_after_its_move)
 {
-  ASSERT_TRUE(commit("<rule><id>a</id></rule><rule><id>b</id></rule><rule><id>c</id></rule>"));
+  ASSERT_TRUE(
+      commit("<rule><id>a</id></rule><rule><id>b</id></rule><rule><id>c</id></rule><dns>::1</dns><dns>::2</dns>"));
   plugin_peer peer = started("peer", "/ex-sys:system/rule", 10);
+  EXPECT_EQ(peer.request("locate", "<path>/ex-sys:system/dns[.='0::1']</path><old>0</old>"),
+            "<next>/ex-sys:system/dns[.=\"::2\"]</next>");
   auto locate = [&peer](const std::string &id, bool old) {
     return peer.request("locate",
                         "<path>/ex-sys:system/rule[id=\"" + id + "\"]</path><old>" + (old ? "1" : "0") + "</old>");
@@ -74,6 +121,7 @@ TEST_F(plugin_data, the_neighbours_of_an_entry_are_told_before_and_after_its_mov
   EXPECT_EQ(locate("c", false), entry("next", "a"));
   EXPECT_EQ(locate("a", false), entry("prev", "c") + entry("next", "b"));
   EXPECT_TRUE(contains(locate("x", false), "ERROR"));
+  EXPECT_TRUE(contains(peer.request("locate", "<path>/ex-sys:system/rule</path><old>0</old>"), "ERROR"));
   peer.accept(call);
   EXPECT_TRUE(support::is_ok(session->receive()));
 }
@@ -90,7 +138,8 @@ TEST_F(plugin_data, state_is_asked_for_or_pushed_and_must_fit_the_schema)
        {push_of("/ex-sys:state/uptime", state("<uptime>1</uptime>")),
         push_of("/ex-sys:state/interface", state("<uptime>1</uptime>")),
         push_of("/ex-sys:state/interface", state("<interface><name>a</name><in-octets>x</in-octets></interface>")),
-        push_of("/ex-sys:state/interface", sys("<hostname>a</hostname>")), std::string("<path>/ex-sys:state</path>")}) {
+        push_of("/ex-sys:state/interface", sys("<hostname>a</hostname>")), push_of("/ex-sys:state", one),
+        push_of("/ex-sys:state/interface[name=\"b\"]", one), std::string("<path>/ex-sys:state</path>")}) {
     EXPECT_TRUE(contains(pushed.request("push", wrong), "ERROR")) << wrong;
   }
   auto answered = [&](const std::string &answer, const std::string &wanted) {
@@ -111,6 +160,53 @@ TEST_F(plugin_data, state_is_asked_for_or_pushed_and_must_fit_the_schema)
   pushed.die();
   load.die(); // the state of who has gone is nobody's
   EXPECT_TRUE(support::wait_until([this] { return get_state().empty(); }));
+}
+
+TEST_F(plugin_data, pushed_state_stands_until_it_is_replaced_and_goes_with_its_plugin_alone)
+{
+  auto top = [](const std::string &content) { return "<top xmlns=\"urn:sample\">" + content + "</top>"; };
+  auto octets = [](const std::string &name, int number) {
+    return "<interface><name>" + name + "</name><in-octets>" + std::to_string(number) + "</in-octets></interface>";
+  };
+  const std::string item = "/sample:top/item[k=\"a\"]/stats";
+  const std::string stats = "<item><k>a</k><v>1</v><stats><packets>1</packets></stats></item>";
+  ASSERT_TRUE(session->ok(support::edit_config("running", top("<item><k>a</k><v>1</v></item>"))));
+  plugin_peer first = plugin("first");
+  first.status("/ex-sys:state/event").status("/ex-sys:state/interface").status("/sample:top/item/stats").start();
+  plugin_peer second = plugin("second");
+  second.status("/ex-sys:state/interface").start();
+  std::vector<plugin_peer *> publishers = {&first, &first, &first, &second}; // in the order in which they are asked
+  auto holds_state = [&](const std::string &wanted) {
+    for (int time = 0; time < 2; time++) {
+      ASSERT_TRUE(session->send("<get><filter>" + top("") + state("") + "</filter></get>"));
+      for (plugin_peer *asked : publishers) {
+        EXPECT_EQ(asked->take(), "subscribe");
+      }
+      EXPECT_EQ(support::reply_data(session->receive(), support::siblings::sorted),
+                support::reply_data("<data>" + wanted + "</data>", support::siblings::sorted));
+    }
+  };
+  auto push = [](plugin_peer *peer, const std::string &path, const std::string &content) {
+    return peer->request("push", push_of(path, content));
+  };
+  holds_state(top("<item><k>a</k><v>1</v></item>"));
+  EXPECT_EQ(push(&first, item, top("<item><k>a</k><stats><packets>1</packets></stats></item>")), "");
+  EXPECT_EQ(push(&first, "/ex-sys:state/interface", state(octets("2", 1) + octets("1", 1))), "");
+  EXPECT_EQ(push(&second, "/ex-sys:state/interface[name='2']", state(octets("2", 5))), "");
+  holds_state(top(stats) + state(octets("2", 5) + octets("1", 1)));
+  EXPECT_EQ(push(&first, "/ex-sys:state/interface", state(octets("3", 1))), "");
+  holds_state(top(stats) + state(octets("3", 1) + octets("2", 5)));
+  for (const auto &[path, content] : {std::pair<const char *, std::string>{"/sample:top/item", "<item><k>a</k></item>"},
+                                      {"/sample:top/item/stats", "<item><k>a</k><v>2</v><stats/></item>"},
+                                      {item.c_str(), "<item><k>b</k><stats/></item>"}}) {
+    EXPECT_TRUE(push(&first, path, top(content)).starts_with("ERROR ")) << path;
+  }
+  EXPECT_TRUE(push(&first, "/ex-sys:state/event", state("<event><text>t</text></event>")).starts_with("ERROR "));
+  EXPECT_EQ(push(&first, item, ""), "");
+  first.die();
+  ASSERT_TRUE(daemon.wait_for_log("Plugin first has gone"));
+  publishers = {&second};
+  holds_state(top("<item><k>a</k><v>1</v></item>") + state(octets("2", 5)));
 }
 
 TEST_F(plugin_data, an_operation_is_checked_routed_chained_and_answered)

@@ -159,6 +159,38 @@ TEST_F(plugin_life, a_smooth_start_takes_an_interrupted_publication_back)
             texts{"16385 /ex-sys:system/hostname"});
 }
 
+TEST_F(plugin_life, a_publication_that_was_cut_off_is_told_as_running_stands_now)
+{
+  ASSERT_TRUE(commit("<hostname>old</hostname><rule><id>a</id></rule><rule><id>b</id></rule>"));
+  auto subscribe = [this] {
+    plugin_peer peer = plugin("peer");
+    (void)peer.config("/ex-sys:system/rule", 10).config("/ex-sys:system/hostname", 20);
+    return peer;
+  };
+  plugin_peer peer = subscribe();
+  (void)peer.start();
+  begin_commit("<rule nc:operation=\"delete\"><id>a</id></rule><rule yang:insert=\"first\"><id>c</id></rule>"
+               "<hostname>new</hostname>");
+  plugin_call_t call = peer.next();
+  std::string journal = redis.command(RUNNING_DB, {"GET", "ymgrd-publication"}).front();
+  peer.accept(call);
+  (void)peer.take(), (void)peer.take();
+  ASSERT_TRUE(support::is_ok(session->receive()));
+  auto told = [&] {
+    daemon.kill_now();
+    redis.command(RUNNING_DB, {"SET", "ymgrd-publication", journal});
+    daemon.options().arguments = {"--smooth"};
+    EXPECT_TRUE(daemon.start());
+    return subscribe().start("<with-cfgr/><with-smooth/>");
+  };
+  const texts rules = {"65538 /ex-sys:system/rule[id=\"a\"]", "65553 /ex-sys:system/rule[id=\"c\"]"};
+  EXPECT_EQ(told(), (texts{rules[0], rules[1], "65540 /ex-sys:system/hostname"}));
+  journal.pop_back(); // what can be read of it
+  EXPECT_EQ(told(), rules);
+  ASSERT_TRUE(connect().ok(edit(""))); // ends the smooth start
+  EXPECT_EQ(redis.command(RUNNING_DB, {"EXISTS", "ymgrd-publication"}).front(), "0");
+}
+
 TEST_F(plugin_life, rubbish_is_answered_or_ends_the_connection_and_concerns_nobody_else)
 {
   plugin_peer good = started("good", "/ex-sys:system/hostname", 10);

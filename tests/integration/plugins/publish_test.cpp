@@ -113,6 +113,7 @@ TEST_F(publish, the_reply_and_conflicting_requests_wait_for_a_plugin_others_run)
 {
   support::netconf_session &other = connect("other");
   begin_commit(CHANGE);
+  ASSERT_TRUE(session->send(support::get_config("running"))); // stays in the socket
   take_change();
   plugin_call_t call = whole->next();
   EXPECT_TRUE(
@@ -120,7 +121,34 @@ TEST_F(publish, the_reply_and_conflicting_requests_wait_for_a_plugin_others_run)
   ASSERT_TRUE(other.send(support::get_config("running")));
   whole->accept(call);
   EXPECT_TRUE(support::is_ok(session->receive()));
-  EXPECT_TRUE(contains(other.receive(), "<hostname>box</hostname>")); // it ran after the publication
+  for (support::netconf_session *reader : {session, &other}) {
+    EXPECT_TRUE(contains(reader->receive(), "<hostname>box</hostname>")); // it ran after the publication
+  }
+}
+
+TEST_F(publish, requests_that_wait_run_in_turn_and_a_killed_session_drops_its_own_but_ends_what_runs)
+{
+  support::netconf_session &runs = connect("runs"), &next = connect("next"), &drops = connect("drops"),
+                           &last = connect("last");
+  ASSERT_TRUE(runs.ok(edit(CHANGE)));
+  ASSERT_TRUE(runs.send(COMMIT));
+  take_change();
+  plugin_call_t call = whole->next();
+  for (support::netconf_session *waits : {session, &drops, &next}) {
+    ASSERT_TRUE(waits->send(edit("<location>" + std::to_string(waits->id()) + "</location>")));
+  }
+  for (const support::netconf_session *victim : {&drops, &runs}) {
+    EXPECT_TRUE(last.ok("<kill-session><session-id>" + std::to_string(victim->id()) + "</session-id></kill-session>"));
+  }
+  EXPECT_TRUE(support::is_closed_by_daemon(drops.client()));
+  EXPECT_FALSE(ymgr_receive(runs.client(), std::chrono::milliseconds(0)));
+  EXPECT_EQ(ymgr_last_error(runs.client()), "timed out");
+  whole->accept(call);
+  EXPECT_TRUE(support::is_ok(runs.receive()));
+  EXPECT_TRUE(support::is_closed_by_daemon(runs.client()));
+  EXPECT_TRUE(support::is_ok(next.receive()) && support::is_ok(session->receive()));
+  // After the one that ran it was the turn of the next, then of the first.
+  EXPECT_TRUE(holds("candidate", "<location>" + std::to_string(session->id()) + "</location>"));
 }
 
 TEST_F(publish, a_change_whose_session_has_gone_stands_all_the_same)
@@ -131,9 +159,12 @@ TEST_F(publish, a_change_whose_session_has_gone_stands_all_the_same)
   take_change();
   plugin_call_t call = whole->next();
   other.close();
+  EXPECT_NE(connect().id(), other.id()); // that the late reply finds nobody
+  ASSERT_TRUE(session->send(support::get_config("running")));
   whole->accept(call);
-  EXPECT_TRUE(support::wait_until([this] { return holds("running", "<hostname>box</hostname>"); }));
+  EXPECT_TRUE(contains(session->receive(), "<hostname>box</hostname>"));
   EXPECT_EQ(tree(RUNNING_DB), tree(CANDIDATE_DB));
+  EXPECT_EQ(connect().id(), other.id());
 }
 
 TEST_F(publish, a_copy_to_running_offers_what_differs_and_is_answered_when_it_was_taken)

@@ -1,4 +1,6 @@
 // Sessions from create-session to their end, with frames and requests as a slow, broken or hostile agent writes them.
+#include <algorithm>
+
 #include <sys/socket.h>
 #include <sys/wait.h>
 
@@ -81,7 +83,9 @@ TEST_F(daemon_session, frames_are_found_behind_garbage_back_to_back_and_in_turns
   std::string first = ymgr_frame(rpc_of(support::get_config("running"), "first"), 65535);
   std::string second = ymgr_frame(rpc_of(GET_CAPABILITY, "second"), 1);
   std::string theirs = ymgr_frame(rpc_of(GET_CAPABILITY, "theirs"), 4);
-  send("ten bytes!" + first + second + std::string("\xff\xba\xdc\xff\xba\xdc", 6) + first.substr(0, 40));
+  (void)::send(ymgr_descriptor(agent), "!", 1, MSG_OOB | MSG_NOSIGNAL); // not every kernel has it on local sockets
+  send("ten bytes!" + std::string(100000, '\xFF') + first + second + std::string("\xff\xba\xdc\xff\xba\xdc", 6) +
+       first.substr(0, 40));
   ASSERT_TRUE(ymgr_send_raw(other->client(), theirs.substr(0, 7)));
   EXPECT_TRUE(contains(reply_to(agent, 65535), "message-id=\"first\""));
   EXPECT_TRUE(contains(reply_to(agent, 1), "message-id=\"second\""));
@@ -89,6 +93,24 @@ TEST_F(daemon_session, frames_are_found_behind_garbage_back_to_back_and_in_turns
   EXPECT_TRUE(contains(reply_to(other->client(), 4), "message-id=\"theirs\""));
   send(first.substr(40));
   EXPECT_TRUE(contains(reply_to(agent, 65535), "message-id=\"first\""));
+  const std::string status = "/proc/" + std::to_string(daemon.pid()) + "/status";
+  EXPECT_TRUE(support::wait_until([&] { return contains(support::read_file(status), "State:\tS"); })) << "at rest";
+}
+
+TEST_F(daemon_session, a_peer_that_reads_nothing_fills_no_memory_and_can_be_killed)
+{
+  // Refused, and answered with its message-id.
+  const std::string frame = ymgr_frame(rpc_of("<kill-session/>", std::string(100000, 'x')), 1);
+  size_t taken = 0;
+  for (int round = 0; round < 200; round++) {
+    size_t sent = taken % frame.size();
+    taken += static_cast<size_t>(std::max<ssize_t>(
+        0, ::send(ymgr_descriptor(agent), frame.data() + sent, frame.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL)));
+    pass_barrier();
+  }
+  EXPECT_LT(taken, 5000000U);
+  ASSERT_TRUE(other->ok("<kill-session><session-id>" + std::to_string(session->id()) + "</session-id></kill-session>"));
+  EXPECT_TRUE(daemon.wait_for_log("Session " + std::to_string(session->id()) + " exit."));
 }
 
 TEST_F(daemon_session, an_agent_that_dies_in_a_frame_costs_only_its_session)

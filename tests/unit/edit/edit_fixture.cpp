@@ -64,18 +64,13 @@ lyxml_ptr request_of(const random_edit_t &edit)
 
 } // namespace
 
-const char *edit_fixture::module() const
-{
-  return sample_module;
-}
-
 void edit_fixture::SetUp()
 {
   log_open(LOG_TO_STDERR, LOG_LEVEL_WARN);
   ly_log_options(LY_LOSTORE);
   std::string modules_dir = dir / "modules";
   std::filesystem::copy(YMGR_MODULES_DIR, modules_dir);
-  support::write_file(modules_dir + "/sample.yang", module());
+  support::write_file(modules_dir + "/sample.yang", sample_module);
   init_components(STAGE_RESOURCE);
   const unsigned char key[16] = {};
   std::string address = "unix://" + redis.socket_path();

@@ -23,7 +23,6 @@ enum class edit_end { committed, discarded };
 class edit_fixture : public testing::Test {
 protected:
   void SetUp() override;
-  virtual const char *module() const; // the text of the module "sample"
   void TearDown() override;
 
   static edit_outcome_t apply(int datastore, const random_edit_t &edit, edit_end end = edit_end::committed);
