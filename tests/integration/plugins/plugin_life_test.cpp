@@ -219,7 +219,7 @@ TEST_F(plugin_life, rubbish_is_answered_or_ends_the_connection_and_concerns_nobo
   EXPECT_TRUE(support::is_ok(session->receive()));
 }
 
-TEST_F(plugin_life, many_plugins_hear_of_each_commit_once)
+TEST_F(plugin_life, many_plugins_hear_of_each_commit_once_in_the_order_in_which_they_came)
 {
   constexpr int PLUGINS = 12;
   constexpr int COMMITS = 20;
@@ -227,7 +227,7 @@ TEST_F(plugin_life, many_plugins_hear_of_each_commit_once)
   for (int i = 0; i < PLUGINS; i++) {
     plugin_peer &peer = peers.emplace_back(plugin("peer" + std::to_string(i)));
     for (int path = 0; path < 50; path++) {
-      peer.config(path == 0 ? "/ex-sys:system/hostname" : "/ex-sys:services", i + path);
+      peer.config(path == 0 ? "/ex-sys:system/hostname" : "/ex-sys:services", 10 + path);
     }
     ASSERT_EQ(peer.start(), texts());
   }

@@ -107,6 +107,16 @@ TEST_F(publish, error_options_of_an_edit_of_running_decide_what_a_refusal_leaves
   EXPECT_EQ(received_error().message, "refused by users");
   EXPECT_TRUE(holds("running", "<hostname>b</hostname>"));
   EXPECT_EQ(data("running"), data("candidate"));
+
+  // Who dies is passed over, with what it was still to get.
+  ASSERT_TRUE(
+      session->send(support::edit_config("running", system("<user><name>d</name></user><user><name>e</name></user>"),
+                                         "<error-option>continue-on-error</error-option>")));
+  (void)users->next();
+  users->die();
+  EXPECT_EQ(whole->take(), "8 /ex-sys:system");
+  EXPECT_TRUE(contains(session->receive(), "(plugin users)"));
+  EXPECT_TRUE(holds("running", "<name>e</name>"));
 }
 
 TEST_F(publish, the_reply_and_conflicting_requests_wait_for_a_plugin_others_run)

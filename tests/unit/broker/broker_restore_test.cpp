@@ -5,7 +5,6 @@
 
 namespace {
 
-using texts = std::vector<std::string>;
 using ids = std::vector<int>;
 
 struct restore_kind {
@@ -50,53 +49,6 @@ protected:
 } // namespace
 
 INSTANTIATE_TEST_SUITE_P(both_kinds, broker_restore, testing::ValuesIn(both_kinds));
-
-TEST_P(broker_restore, offers_all_to_one_plugin_after_the_other_and_stops_for_no_failure)
-{
-  plugin_inst_t without_subscribers = make_plugin(4);
-  request(&without_subscribers);
-  EXPECT_EQ(ids{4}, kicked_off);
-  on_offer = [](const offered_t &offer) {
-    return offer.plugin_id == 2 ? SUBPUB_WAIT : offer.path == "/m:d" ? SUBPUB_ERROR : SUBPUB_CONTINUE;
-  };
-  request_all();
-  EXPECT_EQ((texts{"1:/m:d", "1:/m:c/l[k=\"1\"]", "1:/m:c/l[k=\"2\"]", "2:/m:d"}), offers());
-  EXPECT_EQ(DBDIFF_ADD | GetParam().oper_bit, offered[1].oper_type);
-  EXPECT_EQ((ids{4, 1}), kicked_off);
-  EXPECT_FALSE(plugins[0].*GetParam().bit);
-  EXPECT_EQ(1, broker_check_busy("/ietf-netconf:commit"));
-  EXPECT_EQ(-1, broker_publish_config(7, ERROR_OPTION_STOP, cfgr_tree));
-
-  EXPECT_EQ(0, GetParam().request(&plugins[2])); // asks again, but is not the one that is waited for
-  EXPECT_EQ(4U, offered.size());
-  EXPECT_EQ(0, broker_save_error(5, "refused"));
-  for (int reply = 0; reply < 3; reply++) {
-    EXPECT_EQ(0, GetParam().request(&plugins[1]));
-  }
-  EXPECT_EQ((ids{4, 1, 2, 3}), kicked_off);
-  EXPECT_EQ(9U, offered.size());
-  EXPECT_EQ(0, broker_is_publish_over());
-  EXPECT_EQ(0, ended);
-}
-
-TEST_P(broker_restore, goes_on_when_the_plugin_that_is_at_it_goes_and_ends_with_the_last_one)
-{
-  on_offer = [this](const offered_t &offer) {
-    if (offer.plugin_id == 2) { // goes while the delivery is on the stack
-      broker_cancel_plugin_subpub(&plugins[1]);
-      return SUBPUB_ERROR;
-    }
-    return SUBPUB_WAIT;
-  };
-  request_all();
-  broker_cancel_plugin_subpub(&plugins[0]);
-  broker_run_pending();
-  EXPECT_EQ((texts{"1:/m:d", "2:/m:d", "3:/m:d"}), offers());
-  broker_cancel_plugin_subpub(&plugins[2]);
-  broker_run_pending();
-  EXPECT_EQ(0, broker_is_publish_over());
-  EXPECT_TRUE(kicked_off.empty());
-}
 
 TEST_P(broker_restore, gives_an_overdue_plugin_up_and_serves_it_anew_when_it_asks)
 {
