@@ -9,6 +9,7 @@
 namespace {
 
 constexpr size_t MAX_NAME_LENGTH = 255;
+constexpr size_t MOST_REGISTRATIONS = 10000;
 
 // What a method came to: the markup of its result, or the text of its error.
 typedef struct _plugin_answer {
@@ -91,6 +92,10 @@ int read_entries(const plugin_inst_t &plugin, const xmlNode *params,
       }
       ret_registrations->push_back(std::move(registration));
     }
+  }
+  if (ret_registrations->size() > MOST_REGISTRATIONS) { // all others wait while they are looked up
+    *ret_error = "A plugin has at most " + std::to_string(MOST_REGISTRATIONS) + " subscriptions.";
+    return -1;
   }
   return 0;
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <map>
+#include <unordered_set>
 #include <utility>
 
 #include "libconf/plugin_message.h"
@@ -12,6 +13,7 @@
 #include "ymgrd/datastore/ds_plugin_data.h"
 #include "ymgrd/datastore/ds_plugin_path.h"
 #include "ymgrd/datastore/ds_status.h"
+#include "ymgrd/rpc/lyxml.h"
 #include "ymgrd/schema/schema.h"
 
 namespace {
@@ -64,9 +66,50 @@ int check_place(const lyd_node *node, const ds_steps_t &steps, size_t depth, std
   return 0;
 }
 
+const lysc_node *schema_of(const xmlNode *elem, const lysc_node *parent)
+{
+  const lys_module *module = ly_ctx_get_module_implemented_ns(schema_ctx(), std::string(lyxml_ns(elem)).c_str());
+  return module == nullptr ? nullptr : lys_find_child(parent, module, lyxml_name(elem).data(), 0, 0, 0);
+}
+
+// The entry's name and keys as they were written.
+std::string written_key(const xmlNode *elem, const lysc_node *list)
+{
+  std::string key(lyxml_name(elem));
+  for (const lysc_node *node = lysc_node_child(list); node != nullptr && lysc_is_key(node); node = node->next) {
+    const xmlNode *value = lyxml_find_child(elem, node->name);
+    key.append(1, '\0').append(value == nullptr ? "" : lyxml_text(value));
+  }
+  return key;
+}
+
+// libyang takes entries that are named twice, at a cost that grows with the square of their number. What the schema
+// does not know is left to it.
+int check_repeated(const xmlNode *parent, const lysc_node *schema, std::string *ret_error)
+{
+  std::unordered_set<std::string> entries;
+  for (const xmlNode *elem = lyxml_first_child(parent); elem != nullptr; elem = lyxml_next(elem)) {
+    const lysc_node *node = schema_of(elem, schema);
+    if (node == nullptr || !(node->nodetype & (LYS_CONTAINER | LYS_LIST))) {
+      continue;
+    }
+    bool is_entry = node->nodetype == LYS_LIST && !(node->flags & LYS_KEYLESS);
+    if (is_entry && !entries.insert(written_key(elem, node)).second) {
+      return fail(ret_error, "An entry of \"" + std::string(node->name) + "\" stands there twice.");
+    }
+    if (check_repeated(elem, node, ret_error) != 0) {
+      return -1;
+    }
+  }
+  return 0;
+}
+
 int parse_state(const xmlNode *data, const ds_steps_t &steps, lyd_tree_ptr *ret_tree, std::string *ret_error)
 {
   wiped_string text;
+  if (data != nullptr && check_repeated(data, nullptr, ret_error) != 0) {
+    return -1;
+  }
   if (data != nullptr && plugin_append_markup(data, &text) != 0) {
     return fail(ret_error, "Memory is short.");
   }

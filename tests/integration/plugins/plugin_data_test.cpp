@@ -138,6 +138,8 @@ TEST_F(plugin_data, state_is_asked_for_or_pushed_and_must_fit_the_schema)
        {push_of("/ex-sys:state/uptime", state("<uptime>1</uptime>")),
         push_of("/ex-sys:state/interface", state("<uptime>1</uptime>")),
         push_of("/ex-sys:state/interface", state("<interface><name>a</name><in-octets>x</in-octets></interface>")),
+        push_of("/ex-sys:state/interface",
+                state("<interface><name>a</name></interface><interface><name>a</name></interface>")),
         push_of("/ex-sys:state/interface", sys("<hostname>a</hostname>")), push_of("/ex-sys:state", one),
         push_of("/ex-sys:state/interface[name=\"b\"]", one), std::string("<path>/ex-sys:state</path>")}) {
     EXPECT_TRUE(contains(pushed.request("push", wrong), "ERROR")) << wrong;
