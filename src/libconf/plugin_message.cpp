@@ -5,6 +5,8 @@
 
 #include <libxml/parser.h>
 
+#include "libconf/xml_limits.h"
+
 namespace {
 
 const xmlChar *xml_text(const char *text)
@@ -64,12 +66,35 @@ using xml_buffer_ptr = std::unique_ptr<xmlBuffer, xml_buffer_delete_t>;
 struct parser_delete_t {
   void operator()(xmlParserCtxt *parser) const { xmlFreeParserCtxt(parser); }
 };
+using parser_ptr = std::unique_ptr<xmlParserCtxt, parser_delete_t>;
 
 // Without a dictionary nodes own their names, so that they can move to another document.
 constexpr int PARSE_OPTIONS = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NOBLANKS |
                               XML_PARSE_NOCDATA | XML_PARSE_NODICT;
-// libxml2 refuses longer texts, and deeper trees, unless it is told that the document may be huge.
+// libxml2 refuses longer texts unless it is told that the document may be huge.
 constexpr size_t HUGE_MESSAGE = 10'000'000;
+
+// Null when memory is short.
+parser_ptr new_parser()
+{
+  parser_ptr parser(xmlNewParserCtxt());
+  if (parser != nullptr) {
+    xml_limit_parser(parser.get());
+  }
+  return parser;
+}
+
+// Making a parser takes longer than parsing a short message, so it is kept. It remembers the names that it has met:
+// one that has met too many is replaced. Null when memory is short.
+xmlParserCtxt *thread_parser()
+{
+  constexpr int NAMES_MAX = 10000;
+  thread_local parser_ptr parser;
+  if (parser == nullptr || xmlDictSize(parser->dict) > NAMES_MAX) {
+    parser = new_parser();
+  }
+  return parser.get();
+}
 
 xmlNode *element_from(xmlNode *node)
 {
@@ -293,17 +318,19 @@ wiped_string plugin_frame_message(const plugin_doc_ptr &message, uint16_t msg_id
 
 plugin_doc_ptr plugin_parse_message(std::string_view text)
 {
-  if (text.empty() || text.size() > INT_MAX) {
+  if (text.empty() || text.size() > INT_MAX || !xml_tags_are_small(text)) {
     return nullptr;
   }
-  std::unique_ptr<xmlParserCtxt, parser_delete_t> parser(xmlNewParserCtxt());
+  // What is granted to a huge message would stay granted to those behind it.
+  bool is_huge = text.size() > HUGE_MESSAGE;
+  parser_ptr own = is_huge ? new_parser() : nullptr;
+  xmlParserCtxt *parser = is_huge ? own.get() : thread_parser();
   if (parser == nullptr) {
     return nullptr;
   }
-  plugin_doc_ptr doc(xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), nullptr, "UTF-8",
-                                       PARSE_OPTIONS | (text.size() > HUGE_MESSAGE ? XML_PARSE_HUGE : 0)));
-  bool is_sound = doc != nullptr && parser->nsWellFormed != 0 && xmlGetIntSubset(doc.get()) == nullptr &&
-                  xmlDocGetRootElement(doc.get()) != nullptr;
+  plugin_doc_ptr doc(xmlCtxtReadMemory(parser, text.data(), static_cast<int>(text.size()), nullptr, "UTF-8",
+                                       PARSE_OPTIONS | (is_huge ? XML_PARSE_HUGE : 0)));
+  bool is_sound = doc != nullptr && parser->nsWellFormed != 0 && xmlDocGetRootElement(doc.get()) != nullptr;
   return is_sound ? std::move(doc) : nullptr;
 }
 

@@ -59,8 +59,8 @@ wiped_string plugin_print_message(const plugin_doc_ptr &message);
 // The same with its head in front.
 wiped_string plugin_frame_message(const plugin_doc_ptr &message, uint16_t msg_id);
 
-// --- Reading. Nothing is fetched, expanded or declared: a document type or an undeclared prefix is an error. White
-// space between elements is dropped.
+// --- Reading. Nothing is fetched, expanded or declared: a document type, an undeclared prefix, and what passes the
+// limits of xml_limits.h are errors. White space between elements is dropped.
 
 // Null when the text is not one well-formed element.
 plugin_doc_ptr plugin_parse_message(std::string_view text);

@@ -64,7 +64,7 @@ typedef struct _broker_hooks {
   // The broker waits no longer for what the plugin was asked: a reply that still comes is too late.
   void (*given_up)(int plugin_id);
   // Restore and smooth start (see datastore/ds_restore.h): the trees are borrowed until the job ends.
-  int (*get_cfgr_differ)(differ_node_t **ret_tree);
+  int (*get_cfgr_differ)(const differ_interest_fn &interest, differ_node_t **ret_tree);
   void (*free_cfgr_differ)();
   differ_node_t *(*smooth_differ)();
   void (*end_smooth_start)();

@@ -58,6 +58,9 @@ private:
   std::unordered_map<const char *, std::optional<std::string>> std_paths_;
 };
 
+// What a tree of that schema path needs to hold for the subscribers of a plugin to be found.
+differ_interest_t broker_interest_of(int plugin_id, const char *schema_path);
+
 // The first match in document order among `node`, its following siblings and all below them; null when there is none.
 differ_node_t *broker_first_diffnode(broker_schema_paths *paths, const std::string &path, differ_node_t *node);
 // The first match in reverse order among `node`, its preceding siblings and all below them.
@@ -87,7 +90,8 @@ typedef struct _broker_pub {
   uint32_t timeout = 0;          // ticks spent waiting for the current reply
   int awaited = NOBODY;          // the plugin whose reply is waited for
   reply_error_ptr errors;        // gathered so far
-  differ_node_t *tree = nullptr; // borrowed until the end
+  differ_node_t *tree = nullptr; // borrowed until the end; in a restore, until the plugin at work is done
+  bool is_tree_wanted = false;   // in a restore: the plugin at work has none yet
   broker_schema_paths paths;     // of the tree
   subscriber_pos suber;          // the end of the list: before the first one
   bool is_suber_done = true;     // `suber` was offered all its nodes, and the one behind it none

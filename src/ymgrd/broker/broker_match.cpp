@@ -15,19 +15,21 @@ typedef enum _path_relation {
   PATH_LEADS,         // the subscriber's path may lie below the node
 } path_relation_t;
 
+path_relation_t relate(const std::string &path, const std::string &node_path)
+{
+  if (node_path == path) {
+    return PATH_MATCHES;
+  }
+  if (node_path.starts_with(path) && (path == "/" || node_path[path.size()] == '/')) {
+    return PATH_MATCHES_BELOW;
+  }
+  return path.starts_with(node_path) ? PATH_LEADS : PATH_APART;
+}
+
 path_relation_t relate(broker_schema_paths *paths, const std::string &path, const differ_node_t *node)
 {
   const std::string *node_path = paths->of(node);
-  if (node_path == nullptr) {
-    return PATH_APART;
-  }
-  if (*node_path == path) {
-    return PATH_MATCHES;
-  }
-  if (node_path->starts_with(path) && (path == "/" || (*node_path)[path.size()] == '/')) {
-    return PATH_MATCHES_BELOW;
-  }
-  return path.starts_with(*node_path) ? PATH_LEADS : PATH_APART;
+  return node_path == nullptr ? PATH_APART : relate(path, *node_path);
 }
 
 bool is_list_entry(const char *schema_path)
@@ -58,6 +60,23 @@ const std::string *broker_schema_paths::of(const differ_node_t *node)
     }
   }
   return known->second ? &*known->second : nullptr;
+}
+
+differ_interest_t broker_interest_of(int plugin_id, const char *schema_path)
+{
+  std::optional<std::string> node_path = plugin_path_schema2std(schema_path);
+  differ_interest_t interest = DIFFER_APART;
+  for (const subscriber_t &subscriber : broker_registry().config_subs) {
+    if (!node_path || subscriber.plugin_id != plugin_id) {
+      continue;
+    }
+    path_relation_t relation = relate(subscriber.path, *node_path);
+    if (relation == PATH_LEADS) {
+      return DIFFER_BELOW;
+    }
+    interest = relation == PATH_APART ? interest : DIFFER_NODE;
+  }
+  return interest;
 }
 
 differ_node_t *broker_first_diffnode(broker_schema_paths *paths, const std::string &path, differ_node_t *node)

@@ -24,7 +24,7 @@ typedef struct _restore_kind {
   const char *name;
   const char *title;      // at the begin of a sentence
   const char *short_name; // in messages about the job
-  int (*get_tree)(differ_node_t **ret_tree);
+  int (*get_tree)(const plugin_inst_t *plugin, differ_node_t **ret_tree);
   void (*stop)();
 } restore_kind_t;
 
@@ -32,12 +32,15 @@ bool sessions_may_wait = false; // for the end of a restore
 bool start_has_failed = false;  // tried again at the next idle second
 int smooth_start_ticks = 0;     // idle seconds in which no plugin was in smooth start
 
-int get_cfgr_tree(differ_node_t **ret_tree)
+// Each plugin has a tree of its own, which holds no more than it is offered.
+int get_cfgr_tree(const plugin_inst_t *plugin, differ_node_t **ret_tree)
 {
-  return broker_hooks().get_cfgr_differ(ret_tree);
+  broker_hooks().free_cfgr_differ();
+  auto interest = [plugin](const char *schema_path) { return broker_interest_of(plugin->plugin_id, schema_path); };
+  return broker_hooks().get_cfgr_differ(interest, ret_tree);
 }
 
-int get_smooth_tree(differ_node_t **ret_tree)
+int get_smooth_tree(const plugin_inst_t *, differ_node_t **ret_tree)
 {
   *ret_tree = broker_hooks().smooth_differ();
   return 0;
@@ -115,8 +118,10 @@ broker_pub_t *running_restore(const restore_kind_t &kind)
   return pub != nullptr && pub->sid == kind.sid ? pub : nullptr;
 }
 
+// To the begin of the walk over the next plugin.
 void rewind_cursor(broker_pub_t *pub)
 {
+  pub->is_tree_wanted = true;
   pub->suber = broker_registry().config_subs.end();
   pub->is_suber_done = true;
   pub->cur = pub->next = pub->prev = nullptr;
@@ -185,11 +190,32 @@ void end_plugin(const restore_kind_t &kind, plugin_inst_t *plugin)
   broker_hooks().kickoff(plugin);
 }
 
+// 0 or -1 (logged).
+int get_wanted_tree(const restore_kind_t &kind, broker_pub_t *pub, const plugin_inst_t *plugin)
+{
+  if (!pub->is_tree_wanted) {
+    return 0;
+  }
+  pub->paths = {}; // of strings that may go with the tree before
+  pub->tree = nullptr;
+  if (kind.get_tree(plugin, &pub->tree) != 0) {
+    log_error("Get diff-tree for configuration restore failed.");
+    return -1;
+  }
+  pub->is_tree_wanted = false;
+  return 0;
+}
+
 // Goes on with the first plugin from where the cursor stands.
 void run_queue(const restore_kind_t &kind, broker_pub_t *pub)
 {
   while (!queue_of(kind).empty()) {
     plugin_inst_t *plugin = queue_of(kind).front();
+    if (get_wanted_tree(kind, pub, plugin) != 0) {
+      abandon_restore(kind.name); // begun anew for those who still wait
+      start_has_failed = true;
+      return;
+    }
     if (broker_cfgr_plugin(kind, pub, plugin) == WALK_WAITS || running_restore(kind) != pub) {
       return;
     }
@@ -209,12 +235,7 @@ void start_restore(const restore_kind_t &kind)
   if (pub == nullptr) {
     return;
   }
-  if (kind.get_tree(&pub->tree) != 0) {
-    log_error("Get diff-tree for configuration restore failed.");
-    broker_publish_abandon();
-    start_has_failed = true;
-    return;
-  }
+  pub->is_tree_wanted = true;
   run_queue(kind, pub);
 }
 

@@ -3,6 +3,8 @@
 // so that equal paths are equal pointers.
 #pragma once
 
+#include <functional>
+
 #include <libyang/libyang.h>
 
 #include "ymgrd/ymgrd.h"
@@ -12,6 +14,15 @@
 void differ_tree_set_ctx(const ly_ctx *ctx);
 
 struct _conf_differ_root;
+
+// What of a tree somebody asks for.
+typedef enum _differ_interest {
+  DIFFER_APART, // neither the node nor what is below it
+  DIFFER_NODE,  // the node as a whole: those below it need not be there
+  DIFFER_BELOW, // nodes below it on their own
+} differ_interest_t;
+// The answer is the same for all nodes of one schema path.
+using differ_interest_fn = std::function<differ_interest_t(const char *schema_path)>;
 
 // A tree is handed around as its first top-level node. The siblings of a level are a doubly linked list; a node owns
 // its children and its strings. `doc` is set on the first top-level node only, and only while the tree has a root

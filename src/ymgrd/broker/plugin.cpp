@@ -230,6 +230,19 @@ std::vector<int> plugin_ids()
   return ids;
 }
 
+std::vector<std::string> plugin_names_up_to_date()
+{
+  std::vector<std::string> names;
+  for (int plugin_id : plugin_ids()) {
+    const plugin_inst_t *plugin = plugin_find(plugin_id);
+    bool is_told = plugin->bit_ready && !plugin->missed_config && !plugin->bit_cfgr && !plugin->bit_smooth;
+    if (is_told && !plugin->local_flag) {
+      names.push_back(plugin->name);
+    }
+  }
+  return names;
+}
+
 std::string plugin_label(const plugin_inst_t &plugin)
 {
   return plugin.name.empty() ? "of process " + std::to_string(plugin.remote.peer_pid) : plugin.name;

@@ -5,6 +5,8 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "ymgrd/broker/broker.h"
 
@@ -27,6 +29,8 @@ void plugin_kickoff(plugin_inst_t *plugin);
 
 int plugin_get_id(const plugin_inst_t *plugin);
 const char *plugin_get_name(int plugin_id); // null when there is no such plugin
+// The remote plugins that know what runs: ready, and told of every change.
+std::vector<std::string> plugin_names_up_to_date();
 // The broker waits no longer for what the plugin was asked.
 void plugin_given_up(int plugin_id);
 // The session has ended: what a plugin still answers to it is dropped.

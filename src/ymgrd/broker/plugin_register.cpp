@@ -1,8 +1,10 @@
+#include <algorithm>
 #include <cstdlib>
 
 #include "ymgrd/broker/plugin_internal.h"
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/database/database.h"
 #include "ymgrd/datastore/dbkey.h"
 
 namespace {
@@ -121,6 +123,13 @@ int refuse(const plugin_inst_t &plugin, const plugin_registration_t &registratio
   return -1;
 }
 
+// Of one that missed something in the daemon's earlier life, or came and went in it, a smooth start knows too little.
+bool was_up_to_date(const plugin_inst_t &plugin)
+{
+  std::vector<std::string> names;
+  return database_get_plugins(&names) == 0 && std::find(names.begin(), names.end(), plugin.name) != names.end();
+}
+
 } // namespace
 
 int plugin_register(plugin_inst_t *plugin, const std::vector<plugin_registration_t> &registrations,
@@ -152,7 +161,8 @@ int plugin_register(plugin_inst_t *plugin, const std::vector<plugin_registration
 void plugin_bring_up(plugin_inst_t *plugin, bool with_cfgr, bool with_smooth)
 {
   plugin->missed_config = false;
-  if (with_smooth && !plugin->bit_cfgr && context_get_int("OPT-smooth-start", 0) == 1) {
+  bool is_smooth_start = context_get_int("OPT-smooth-start", 0) == 1;
+  if (with_smooth && !plugin->bit_cfgr && is_smooth_start && (plugin->local_flag || was_up_to_date(*plugin))) {
     plugin->bit_smooth = true;
     if (broker_plugin_smooth_start(plugin) == 0) {
       broker_smooth_schedule();

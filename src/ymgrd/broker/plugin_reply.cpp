@@ -1,5 +1,7 @@
 #include "ymgrd/broker/plugin_internal.h"
+#include "ymgrd/core/context.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/database/database.h"
 #include "ymgrd/datastore/ds_plugin_data.h"
 #include "ymgrd/rpc/rpc_reply.h"
 #include "ymgrd/rpc/session.h"
@@ -40,6 +42,9 @@ void finish_kickoff(plugin_inst_t *plugin, const plugin_outcome_t &outcome)
   if (outcome.result != nullptr) {
     plugin->bit_ready = true;
     log_info("Plugin %.512s is ready.", plugin->name.c_str());
+    if (context_get_int("OPT-smooth-start", 0) != 1) {        // whose end notes all that have come
+      (void)database_save_plugins(plugin_names_up_to_date()); // logged there; the next publication does it, too
+    }
   } else {
     log_warn("Plugin %.512s kickoff failed(%d: %.512s).", plugin->name.c_str(), outcome.code, outcome.message.c_str());
   }

@@ -10,6 +10,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "ymgrd/ymgrd.h"
 
@@ -95,9 +96,12 @@ transact_state_e database_get_transaction_state(int target); // E_TRANS_INVALID 
 // daemon that starts after a kill learns what they may know. Set and removed with a transaction state, in one round
 // trip. 0 or -1.
 int database_begin_publication(int target, const std::string &journal); // E_TRANS_PUB
-int database_end_publication(int target);                               // E_TRANS_COMMIT_END
 int database_get_publication(std::string *ret_journal);                 // empty when there is none
-int database_drop_publication();
+// The end leaves behind which plugins know what runs. Others may have missed it: the journal does not tell them of it.
+int database_end_publication(int target, const std::vector<std::string> &plugins); // E_TRANS_COMMIT_END
+int database_drop_publication(const std::vector<std::string> &plugins);
+int database_save_plugins(const std::vector<std::string> &plugins);
+int database_get_plugins(std::vector<std::string> *ret_plugins);
 
 // What an interrupted transaction of running or candidate comes to at a start that leaves running as it is. One that
 // was cut off before its commit has its old content in the backup database.

@@ -11,6 +11,7 @@ namespace {
 constexpr const char INFO_KEY[] = "ymgrd-info";
 constexpr const char STATE_FIELD[] = "transact-state";
 constexpr const char PUBLICATION_KEY[] = "ymgrd-publication"; // in running's master database: backups are emptied
+constexpr const char PLUGINS_KEY[] = "ymgrd-plugins";         // there, too
 constexpr int NO_DATABASE = -1;
 
 int master_of(int target)
@@ -65,6 +66,33 @@ int run_update(int target, transact_state_e state, const std::function<void(redi
   return sent == 0 && is_done ? 0 : failed_update(target, state);
 }
 
+// Each name and a NUL, which no name holds.
+std::string text_of(const std::vector<std::string> &plugins)
+{
+  std::string text;
+  for (const std::string &name : plugins) {
+    text.append(name).push_back('\0');
+  }
+  return text;
+}
+
+// One command in running's master database. Null (logged) when it fails.
+redis_reply_ptr run_in_running(std::initializer_list<std::string_view> words, const char *what)
+{
+  db_connection connection = db_connect(REDIS_RUNNING_DB_MASTER);
+  redis_reply_ptr reply = connection ? redis_command(connection.get(), words) : nullptr;
+  if (reply == nullptr || redis_reply_is_error(reply.get())) {
+    log_error("%s.", what);
+    return nullptr;
+  }
+  return reply;
+}
+
+std::string_view bytes_of(const redisReply &reply)
+{
+  return reply.type == REDIS_REPLY_STRING ? std::string_view(reply.str, reply.len) : std::string_view();
+}
+
 // `words` in the database of the publication, whatever the target's.
 void add_in_running(redis_batch_t *batch, int target, std::initializer_list<std::string_view> words)
 {
@@ -93,34 +121,49 @@ int database_begin_publication(int target, const std::string &journal)
   });
 }
 
-int database_end_publication(int target)
+int database_get_publication(std::string *ret_journal)
 {
-  return run_update(target, E_TRANS_COMMIT_END, [target](redis_batch_t *batch) {
+  redis_reply_ptr reply = run_in_running({"GET", PUBLICATION_KEY}, "The publication that was cut off can not be read");
+  if (reply == nullptr) {
+    return -1;
+  }
+  ret_journal->assign(bytes_of(*reply));
+  return 0;
+}
+
+int database_end_publication(int target, const std::vector<std::string> &plugins)
+{
+  const std::string text = text_of(plugins);
+  return run_update(target, E_TRANS_COMMIT_END, [target, &text](redis_batch_t *batch) {
+    add_in_running(batch, target, {"SET", PLUGINS_KEY, text});
     add_in_running(batch, target, {"DEL", PUBLICATION_KEY});
     add_state(batch, E_TRANS_COMMIT_END);
   });
 }
 
-int database_get_publication(std::string *ret_journal)
+int database_drop_publication(const std::vector<std::string> &plugins)
 {
-  db_connection connection = db_connect(REDIS_RUNNING_DB_MASTER);
-  redis_reply_ptr reply = connection ? redis_command(connection.get(), {"GET", PUBLICATION_KEY}) : nullptr;
-  if (reply == nullptr || redis_reply_is_error(reply.get())) {
-    log_error("The publication that was cut off can not be read.");
-    return -1;
-  }
-  ret_journal->assign(reply->type == REDIS_REPLY_STRING ? std::string_view(reply->str, reply->len)
-                                                        : std::string_view());
-  return 0;
+  return database_save_plugins(plugins) == 0 &&
+                 run_in_running({"DEL", PUBLICATION_KEY}, "The publication that was cut off can not be forgotten")
+             ? 0
+             : -1;
 }
 
-int database_drop_publication()
+int database_save_plugins(const std::vector<std::string> &plugins)
 {
-  db_connection connection = db_connect(REDIS_RUNNING_DB_MASTER);
-  redis_reply_ptr reply = connection ? redis_command(connection.get(), {"DEL", PUBLICATION_KEY}) : nullptr;
-  if (reply == nullptr || redis_reply_is_error(reply.get())) {
-    log_error("The publication that was cut off can not be forgotten.");
+  return run_in_running({"SET", PLUGINS_KEY, text_of(plugins)}, "The plugins' names can not be saved") ? 0 : -1;
+}
+
+int database_get_plugins(std::vector<std::string> *ret_plugins)
+{
+  redis_reply_ptr reply = run_in_running({"GET", PLUGINS_KEY}, "The plugins' names can not be read");
+  if (reply == nullptr) {
     return -1;
+  }
+  ret_plugins->clear();
+  std::string_view text = bytes_of(*reply);
+  for (size_t end = 0; (end = text.find('\0')) != std::string_view::npos; text.remove_prefix(end + 1)) {
+    ret_plugins->emplace_back(text.substr(0, end));
   }
   return 0;
 }

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "ymgrd/broker/broker.h"
+#include "ymgrd/broker/plugin.h"
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/counters.h"
 #include "ymgrd/core/log.h"
@@ -206,7 +207,7 @@ int datastore_publish(int sid, ds_session_db *db, lyd_tree_ptr *data, differ_nod
   if (broker_publish_config(sid, erropt, dtree) != 0) {
     *db = std::move(publishing->db);
     (void)take_publishing();
-    (void)database_drop_publication(); // logged there; nobody was told anything
+    (void)database_drop_publication(plugin_names_up_to_date()); // logged there; nobody was told anything
     log_error("error happened when publishing config");
     return -1;
   }
@@ -237,7 +238,7 @@ int datastore_publish_callback(int is_rollback, reply_error_ptr errors)
   reply_error_ptr error = finish_publication(record.get(), is_rollback, std::move(errors));
   g_daemon_counters.commits += error == nullptr ? 1 : 0;
   keep_data(record.get(), error == nullptr);
-  (void)database_end_publication(record->target_ds);
+  (void)database_end_publication(record->target_ds, plugin_names_up_to_date());
   record->db.end();
   ds_drop_differ_nodes();
   const rpc_oper_context_t *context = session_get_rpc_context(record->sid);

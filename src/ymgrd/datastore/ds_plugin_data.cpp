@@ -5,6 +5,7 @@
 
 #include "libconf/plugin_path.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
 #include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/datastore/ds_plugin_path.h"
@@ -28,7 +29,7 @@ public:
       return open_datastore(ENUM_DATASTORE_RUNNING);
     }
     if (moment == DS_OLD) { // through its own handle, which sees running without what it has written
-      source_.emplace(publication.running_hdb, ENUM_DATASTORE_RUNNING);
+      source_.emplace(publication.running_hdb, ENUM_DATASTORE_RUNNING, DB_TFLAG_DECRYPT);
       return 0;
     }
     if (publication.target_ds == ENUM_DATASTORE_CANDIDATE) {
@@ -46,7 +47,7 @@ private:
       log_error("Failed to open db(id = %d)", ds_to_db(datastore));
       return -1;
     }
-    source_.emplace(db_.hdb(), datastore);
+    source_.emplace(db_.hdb(), datastore, DB_TFLAG_DECRYPT); // plugins work with clear values
     return 0;
   }
 

@@ -12,7 +12,6 @@
 #include "ymgrd/datastore/ds_plugin_data.h"
 #include "ymgrd/datastore/ds_plugin_path.h"
 #include "ymgrd/datastore/ds_status.h"
-#include "ymgrd/datastore/ds_value.h"
 #include "ymgrd/schema/schema.h"
 
 namespace {
@@ -29,25 +28,6 @@ int fail(std::string *ret_error, std::string message)
 }
 
 // --- Checking
-
-bool is_entry_of(const lyd_node *node, const ds_step_t &step)
-{
-  if (node->schema != step.schema) {
-    return false;
-  }
-  if (!step.is_entry()) {
-    return true;
-  }
-  if (node->schema->nodetype == LYS_LEAFLIST) {
-    return ds_stored_value(node) == step.keys.front();
-  }
-  const lyd_node *key = lyd_child(node); // keys come first, in the schema's order
-  return std::all_of(step.keys.begin(), step.keys.end(), [&key](const std::string &value) {
-    bool is_same = key != nullptr && ds_stored_value(key) == value;
-    key = key == nullptr ? nullptr : key->next;
-    return is_same;
-  });
-}
 
 int check_state(const lyd_node *top, std::string *ret_error)
 {
@@ -70,7 +50,7 @@ int check_state(const lyd_node *top, std::string *ret_error)
 // That `node`, which stands `depth` steps deep, is on the way to the path's end, at it or below it.
 int check_place(const lyd_node *node, const ds_steps_t &steps, size_t depth, std::string *ret_error)
 {
-  if (depth < steps.size() && !is_entry_of(node, steps[depth])) {
+  if (depth < steps.size() && !ds_is_entry_of(node, steps[depth])) {
     return fail(ret_error, "\"" + dbkey_data_key(node) + "\" does not lie below the path.");
   }
   if (depth + 1 >= steps.size()) {
@@ -200,6 +180,19 @@ void write_siblings(ds_status_batch *batch, const lyd_node *first)
   }
 }
 
+// What other plugins have pushed at the path may have gone with what this one takes back.
+void write_others(ds_status_batch *batch, int plugin_id, const ds_steps_t &steps)
+{
+  for (const auto &[other_id, tree] : pushed) {
+    if (other_id == plugin_id) {
+      continue;
+    }
+    for (const lyd_node *node : find_all(tree, steps)) {
+      batch->set_tree(node);
+    }
+  }
+}
+
 std::string top_path(const lyd_node *top)
 {
   return std::string("/") + top->schema->module->name + ":" + LYD_NAME(top);
@@ -230,6 +223,9 @@ int ds_plugin_push(int plugin_id, std::string_view path, const xmlNode *data, co
   for (const lyd_node *node : earlier) {
     batch.remove_state(node);
   }
+  if (!earlier.empty()) {
+    write_others(&batch, plugin_id, steps);
+  }
   write_siblings(&batch, later.get());
   if (batch.commit() != 0) {
     return fail(ret_error, "State data can not be written.");
@@ -250,6 +246,13 @@ void ds_plugin_forget_pushed(int plugin_id)
   if (tree->second != nullptr && batch.begin("/") == 0) {
     for (const lyd_node *top = tree->second.get(); top != nullptr; top = top->next) {
       batch.remove_state(top);
+    }
+    const lysc_node *schema = nullptr;
+    for (const lyd_node *top = tree->second.get(); top != nullptr; top = top->next) {
+      if (top->schema != schema) { // entries of one list follow each other
+        schema = top->schema;
+        write_others(&batch, plugin_id, {{schema, {}}});
+      }
     }
     (void)batch.commit(); // logged there; the next get takes it away
   }

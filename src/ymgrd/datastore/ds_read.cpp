@@ -1,5 +1,6 @@
 #include "ymgrd/datastore/ds_read.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "ymgrd/core/log.h"
@@ -9,6 +10,7 @@
 #include "ymgrd/datastore/dbkey.h"
 #include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/datastore/ds_print.h"
+#include "ymgrd/datastore/ds_value.h"
 #include "ymgrd/schema/schema.h"
 
 namespace {
@@ -72,9 +74,22 @@ lyd_node *find_first(const lyd_node *siblings, const lysc_node *schema)
   return nullptr;
 }
 
+// A key with quotes of both kinds can not be named to libyang.
+lyd_node *search_entry(const lyd_node *siblings, const ds_step_t &step)
+{
+  lyd_node *node = find_first(siblings, step.schema);
+  while (node != nullptr && !ds_is_entry_of(node, step)) {
+    node = node->next;
+  }
+  return node;
+}
+
 // Every failure is an absent node: a value that its type refuses is no entry's key.
 lyd_node *find_entry(const lyd_node *siblings, const ds_step_t &step)
 {
+  if (step.schema->nodetype == LYS_LIST && !std::all_of(step.keys.begin(), step.keys.end(), ds_can_be_key)) {
+    return search_entry(siblings, step);
+  }
   std::string predicate = lookup_predicate(step);
   lyd_node *node = nullptr;
   LY_ERR result = lyd_find_sibling_val(siblings, step.schema, predicate.c_str(), predicate.size(), &node);
@@ -88,6 +103,25 @@ std::string key_of_neighbour(const lyd_node *entry, const lyd_node *other)
 }
 
 } // namespace
+
+bool ds_is_entry_of(const lyd_node *node, const ds_step_t &step)
+{
+  if (node->schema != step.schema) {
+    return false;
+  }
+  if (!step.is_entry()) {
+    return true;
+  }
+  if (node->schema->nodetype == LYS_LEAFLIST) {
+    return ds_stored_value(node) == step.keys.front();
+  }
+  const lyd_node *key = lyd_child(node); // keys come first, in the schema's order
+  return std::all_of(step.keys.begin(), step.keys.end(), [&key](const std::string &value) {
+    bool is_same = key != nullptr && ds_stored_value(key) == value;
+    key = key == nullptr ? nullptr : key->next;
+    return is_same;
+  });
+}
 
 lyd_node *ds_find_node(const lyd_node *tree, const ds_path_t &path)
 {
@@ -170,7 +204,7 @@ int ds_wrap_text(const ds_path_t &way, std::string_view content, wiped_string *t
   return 0;
 }
 
-ds_source::ds_source(int hdb, int datastore) : hdb_(hdb)
+ds_source::ds_source(int hdb, int datastore, int tflag) : hdb_(hdb), tflag_(tflag)
 {
   is_kept_ = tree_serves(datastore, &stored_modules_) && ds_kept_take(&kept_);
   has_tree_ = is_kept_;
@@ -194,7 +228,7 @@ bool ds_source::is_in_tree(const ds_path_t &path) const
 int ds_source::read_stored(const char *path, int depth, wiped_string *text) const
 {
   char *stored = nullptr;
-  if (database_get(hdb_, DB_TFLAG_ABSENT_OK, path, depth, &stored) != 0) {
+  if (database_get(hdb_, DB_TFLAG_ABSENT_OK | tflag_, path, depth, &stored) != 0) {
     return -1;
   }
   c_string_ptr owner(stored);

@@ -29,14 +29,16 @@ int ds_append_opening(const ds_path_t &path, wiped_string *text, std::string *re
 // Appends the elements of the way, each inside the one before and with its keys, and `content` inside the last. 0 or
 // -1.
 int ds_wrap_text(const ds_path_t &way, std::string_view content, wiped_string *text);
+// Whether the node is one that the step names.
+bool ds_is_entry_of(const lyd_node *node, const ds_step_t &step);
 // The first node of that kind; the entry when the path ends with one. Null when there is none.
 lyd_node *ds_find_node(const lyd_node *tree, const ds_path_t &path);
 
 // A datastore that is open for reading. The kept tree is held while the object lives.
 class ds_source {
 public:
-  // `hdb` is an open handle of the datastore.
-  ds_source(int hdb, int datastore);
+  // `hdb` is an open handle of the datastore. `tflag`: DB_TFLAG_DECRYPT or 0.
+  ds_source(int hdb, int datastore, int tflag = 0);
   explicit ds_source(const lyd_node *tree); // borrowed; holds all that there is
   ds_source(const ds_source &) = delete;
   ds_source &operator=(const ds_source &) = delete;
@@ -62,6 +64,7 @@ private:
   int key_at(const ds_path_t &path, int index, std::string *ret_key) const;
 
   int hdb_ = 0;
+  int tflag_ = 0;
   bool has_tree_ = false;
   const lyd_node *tree_ = nullptr; // null: it holds nothing
   bool is_kept_ = false;

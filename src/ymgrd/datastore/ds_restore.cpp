@@ -1,9 +1,11 @@
 #include "ymgrd/datastore/ds_restore.h"
 
 #include <cstdint>
+#include <unordered_map>
 #include <vector>
 
 #include "ymgrd/broker/broker.h"
+#include "ymgrd/broker/plugin.h"
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
@@ -60,20 +62,69 @@ void give_running_back(lyd_tree_ptr tree)
   }
 }
 
-int diff_of_new(const lyd_node *first, differ_tree_ptr *ret_tree)
-{
-  tree_builder builder;
-  for (const lyd_node *top = first; top != nullptr; top = top->next) {
-    std::string key = dbkey_data_key(top);
-    differ_node_t *node = ds_subtree_diff(&key, top, DBDIFF_ADD);
-    if (node == nullptr) {
+// Running as new nodes. What nobody asks for is left out: a node costs more here than in the tree that is read.
+class new_tree_builder {
+public:
+  explicit new_tree_builder(const differ_interest_fn &interest) : interest_(interest) {}
+
+  // 0 or -1.
+  int build(const lyd_node *first, differ_tree_ptr *ret_tree)
+  {
+    for (const lyd_node *top = first; top != nullptr; top = top->next) {
+      std::string key = dbkey_data_key(top);
+      if (add(0, &key, top) != 0) {
+        return -1;
+      }
+    }
+    *ret_tree = builder_.take();
+    return 0;
+  }
+
+private:
+  typedef struct _kind {
+    const char *schema_key;
+    differ_interest_t interest;
+  } kind_t;
+
+  // Null on failure (logged).
+  const kind_t *kind_of(const lysc_node *schema)
+  {
+    auto [known, is_new] = kinds_.try_emplace(schema);
+    if (is_new) {
+      const char *key = dbkey_schema_key(schema);
+      known->second = {key, key == nullptr ? DIFFER_APART : interest_(key)};
+    }
+    return known->second.schema_key == nullptr ? nullptr : &known->second;
+  }
+
+  // `key` is the node's data key, and stands so again afterwards.
+  int add(size_t depth, std::string *key, const lyd_node *node)
+  {
+    const kind_t *kind = kind_of(node->schema);
+    if (kind == nullptr || kind->interest == DIFFER_APART) {
+      return kind == nullptr ? -1 : 0;
+    }
+    differ_node_t *added = new_differ_node(key->c_str(), kind->schema_key, DBDIFF_ADD, node, nullptr);
+    if (added == nullptr) {
       return -1;
     }
-    builder.add(0, node);
+    builder_.add(depth, added);
+    const lyd_node *child = kind->interest == DIFFER_BELOW ? lyd_child_no_keys(node) : nullptr;
+    for (const size_t length = key->size(); child != nullptr; child = child->next) {
+      dbkey_append(key, child);
+      int result = add(depth + 1, key, child);
+      key->resize(length);
+      if (result != 0) {
+        return -1;
+      }
+    }
+    return 0;
   }
-  *ret_tree = builder.take();
-  return 0;
-}
+
+  const differ_interest_fn &interest_;
+  std::unordered_map<const lysc_node *, kind_t> kinds_;
+  tree_builder builder_;
+};
 
 // What brings a plugin that may or may not have heard `told` to the node as it is now.
 int smooth_action(int told, bool stands)
@@ -154,14 +205,14 @@ int read_smooth_diff()
 
 } // namespace
 
-int ds_get_cfgr_differ(differ_node_t **ret_tree)
+int ds_get_cfgr_differ(const differ_interest_fn &interest, differ_node_t **ret_tree)
 {
   lyd_tree_ptr running;
   differ_tree_ptr tree;
   if (read_running(&running) != 0) {
     return -1;
   }
-  int result = diff_of_new(running.get(), &tree);
+  int result = new_tree_builder(interest).build(running.get(), &tree);
   give_running_back(std::move(running));
   if (result != 0) {
     return -1;
@@ -203,7 +254,7 @@ void ds_end_smooth_start()
   }
   (void)context_save_int(SMOOTH_OPTION, 0); // as large as the value that stands
   smooth_differ_nodes.reset();
-  (void)database_drop_publication(); // logged there; the next publication replaces it
+  (void)database_drop_publication(plugin_names_up_to_date()); // logged there; the next publication replaces it
   log_info("Smooth start has ended.");
 }
 

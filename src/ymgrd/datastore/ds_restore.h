@@ -4,8 +4,9 @@
 
 #include "ymgrd/broker/differ_tree.h"
 
-// Running as a diff tree of new nodes; null for an empty datastore. Borrowed until ds_free_cfgr_differ. 0 or -1.
-int ds_get_cfgr_differ(differ_node_t **ret_tree);
+// Running as a diff tree of new nodes, as far as `interest` asks for them; null when there are none. Borrowed until
+// ds_free_cfgr_differ. 0 or -1.
+int ds_get_cfgr_differ(const differ_interest_fn &interest, differ_node_t **ret_tree);
 void ds_free_cfgr_differ();
 
 // The changes that a publication was handing out when the daemon was killed, said so that a plugin comes to what

@@ -6,26 +6,19 @@
 #include <cstring>
 #include <new>
 
-#include <libxml/SAX2.h>
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>
 #include <libxml/xmlIO.h>
 #include <malloc.h>
 
 #include "libconf/safe_string.h"
+#include "libconf/xml_limits.h"
 
 namespace {
 
-// libxml2 compares each attribute of a tag with all others of it: a tag of 400 KB would hold the daemon up for 12
-// seconds.
-constexpr int MAX_ATTRIBUTES = 64;
-// Each prefix is looked for in all declarations in scope.
-constexpr int MAX_NAMESPACES_IN_SCOPE = 256;
-constexpr int MAX_DEPTH = 256;
-
 // HUGE lifts libxml2's own limits: beyond 10 MB it refuses a document for where its last tags happen to stand. The
-// limits above take their place, and without a DTD there is nothing to expand. Requests are UTF-8: a declared encoding
-// is ignored, so that no other one gets past the checks made on the bytes.
+// limits of xml_limits.h take their place, and without a DTD there is nothing to expand. Requests are UTF-8: a declared
+// encoding is ignored, so that no other one gets past the checks made on the bytes.
 constexpr int PARSE_OPTIONS = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NODICT |
                               XML_PARSE_NOCDATA | XML_PARSE_IGNORE_ENC | XML_PARSE_HUGE;
 constexpr std::string_view UTF8_BYTE_ORDER_MARK = "\xEF\xBB\xBF";
@@ -69,76 +62,6 @@ void *wiping_realloc(void *block, size_t size)
   return grown;
 }
 
-// Position behind the start or end tag at `pos`; npos when it has too many attributes.
-size_t skip_tag(std::string_view text, size_t pos)
-{
-  char quote = '\0';
-  int attributes = 0;
-  for (; pos < text.size(); pos++) {
-    char c = text[pos];
-    if (quote != '\0') {
-      quote = c == quote ? '\0' : quote;
-    } else if (c == '"' || c == '\'') {
-      quote = c;
-    } else if (c == '>') {
-      return pos + 1;
-    } else if (c == '=' && ++attributes > MAX_ATTRIBUTES) {
-      return std::string_view::npos;
-    }
-  }
-  return pos;
-}
-
-bool tags_are_small(std::string_view text)
-{
-  static constexpr struct {
-    std::string_view start;
-    std::string_view end;
-  } sections[] = {{"<!--", "-->"}, {"<![CDATA[", "]]>"}, {"<?", "?>"}};
-
-  size_t pos = text.find('<');
-  while (pos != std::string_view::npos) {
-    const auto *section = std::find_if(std::begin(sections), std::end(sections), [&](const auto &candidate) {
-      return text.compare(pos, candidate.start.size(), candidate.start) == 0;
-    });
-    if (section == std::end(sections)) {
-      pos = skip_tag(text, pos);
-      if (pos == std::string_view::npos) {
-        return false;
-      }
-    } else {
-      size_t end = text.find(section->end, pos + section->start.size());
-      pos = end == std::string_view::npos ? text.size() : end + section->end.size();
-    }
-    pos = text.find('<', pos);
-  }
-  return true;
-}
-
-void refuse_document(xmlParserCtxt *parser)
-{
-  xmlStopParser(parser);
-  parser->wellFormed = 0; // a stopped parser does not count as failed
-}
-
-void refuse_dtd(void *context, const xmlChar *, const xmlChar *, const xmlChar *)
-{
-  refuse_document(static_cast<xmlParserCtxt *>(context));
-}
-
-void start_element(void *context, const xmlChar *name, const xmlChar *prefix, const xmlChar *ns, int namespace_count,
-                   const xmlChar **namespaces, int attribute_count, int defaulted_count, const xmlChar **attributes)
-{
-  auto *parser = static_cast<xmlParserCtxt *>(context);
-  constexpr int SLOTS_OF_NAMESPACE = 2;
-  if (parser->nodeNr >= MAX_DEPTH || parser->nsNr > SLOTS_OF_NAMESPACE * MAX_NAMESPACES_IN_SCOPE) {
-    refuse_document(parser);
-    return;
-  }
-  xmlSAX2StartElementNs(context, name, prefix, ns, namespace_count, namespaces, attribute_count, defaulted_count,
-                        attributes);
-}
-
 parser_ptr make_parser(std::string_view text)
 {
   parser_ptr parser(xmlNewParserCtxt());
@@ -156,8 +79,7 @@ parser_ptr make_parser(std::string_view text)
   inputPush(parser.get(), input); // the parser owns it now
   xmlCtxtUseOptions(parser.get(), PARSE_OPTIONS);
   parser->encoding = xmlStrdup(as_xml("UTF-8")); // keeps libxml2 from guessing from the first bytes
-  parser->sax->internalSubset = refuse_dtd;
-  parser->sax->startElementNs = start_element;
+  xml_limit_parser(parser.get());
   parser->sax->comment = nullptr;
   parser->sax->processingInstruction = nullptr;
   return parser;
@@ -216,7 +138,7 @@ lyxml_ptr lyxml_parse_mem(std::string_view text)
   if (text.starts_with(UTF8_BYTE_ORDER_MARK)) {
     text.remove_prefix(UTF8_BYTE_ORDER_MARK.size());
   }
-  if (text.empty() || text.size() > INT_MAX || !tags_are_small(text)) {
+  if (text.empty() || text.size() > INT_MAX || !xml_tags_are_small(text)) {
     return nullptr;
   }
   // The parser takes a zero byte for the end of the document and would accept any bytes behind it.

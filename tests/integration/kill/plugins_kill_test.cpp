@@ -65,19 +65,31 @@ protected:
       ASSERT_TRUE(daemon.wait_for_log("Plugin " + name + " is ready.")) << support::read_file(dir / (name + ".log"));
     }
   }
-  // Commits one state after the other until the daemon has gone.
-  void work()
+  // Commits one state after the other, in the midst of which the daemon is killed. Who refuses must be there for bad
+  // ones.
+  void work_and_die(bool with_bad)
   {
-    while (true) {
-      attempted++;
-      auto edited = ymgr_rpc(session->client(), state_of(attempted, "candidate").edit);
-      auto reply = ymgr_rpc(session->client(), support::COMMIT);
-      if (!edited || !reply) {
-        return;
+    connect_anew();
+    std::thread stream([this, with_bad] {
+      while (true) {
+        last += !with_bad && is_bad(last + 1) ? 2 : 1;
+        possible.insert(last);
+        auto edited = ymgr_rpc(session->client(), state_of(last, "candidate").edit);
+        auto reply = ymgr_rpc(session->client(), support::COMMIT);
+        if (!edited || !reply) {
+          return;
+        }
+        EXPECT_EQ(support::is_ok(*reply), !is_bad(last)) << *reply;
+        if (is_bad(last)) {
+          possible.erase(last);
+        } else {
+          possible = {last};
+        }
       }
-      EXPECT_EQ(support::is_ok(*reply), !is_bad(attempted)) << *reply;
-      committed = is_bad(attempted) ? committed : attempted;
-    }
+    });
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 100000));
+    daemon.kill_now();
+    stream.join();
   }
   void check_state()
   {
@@ -86,39 +98,41 @@ protected:
       notes[file.path().filename()] = support::read_file(file.path());
     }
     connect_anew();
-    const std::string runs =
-        support::reply_data(session->rpc(support::get_config("running")), support::siblings::by_name);
-    if (contains(runs, "<location>" + std::to_string(attempted) + "<") && !is_bad(attempted)) {
-      committed = attempted;
-    }
-    EXPECT_EQ(notes, state_of(committed, "running").notes);
-    EXPECT_TRUE(session->ok(state_of(committed, "running").edit)); // changes nothing
-    EXPECT_EQ(runs, support::reply_data(session->rpc(support::get_config("running")), support::siblings::by_name));
+    auto running = [this] {
+      return support::reply_data(session->rpc(support::get_config("running")), support::siblings::by_name);
+    };
+    const std::string runs = running();
+    const int number = std::stoi(support::find_text(runs, "location").value_or("-1"));
+    EXPECT_TRUE(possible.contains(number) && !is_bad(number)) << runs;
+    EXPECT_EQ(notes, state_of(number, "running").notes);
+    EXPECT_TRUE(session->ok(state_of(number, "running").edit)); // changes nothing
+    EXPECT_EQ(runs, running());
     EXPECT_TRUE(session->ok(LOCK) && session->ok("<unlock><target><candidate/></target></unlock>"));
     check_nothing_left();
+    possible = {number};
   }
 
+  std::mt19937 random{1}; // the moments differ from run to run anyway
   support::child_process c_plugin, python_plugin;
-  int committed = 0; // what runs
-  int attempted = 0; // may run
+  std::set<int> possible = {0}; // states that may run
+  int last = 0;                 // that was tried
 };
 
 } // namespace
 
 TEST_F(plugins_kill, leaves_plugins_and_running_at_one_whole_commit)
 {
-  std::mt19937 random(1); // the moments differ from run to run anyway
   daemon.options().arguments = {"--smooth"};
   for (int round = 0; round < random_rounds() && !HasFailure(); round++) {
     SCOPED_TRACE(round);
-    std::thread stream([this] { work(); });
-    std::this_thread::sleep_for(std::chrono::microseconds(random() % 100000));
-    daemon.kill_now();
-    stream.join();
-    if (random() % 3 == 0) { // the next one does not come far
+    work_and_die(true);
+    if (round % 3 == 1) { // the next life ends before it has begun
       ASSERT_TRUE(daemon.launch());
-      std::this_thread::sleep_for(std::chrono::milliseconds(random() % 300));
+      std::this_thread::sleep_for(std::chrono::milliseconds(random() % 100));
       daemon.kill_now();
+    } else if (round % 3 == 2) { // or before all plugins have come
+      ASSERT_TRUE(daemon.start());
+      work_and_die(false);
     }
     ASSERT_TRUE(daemon.start());
     ASSERT_NO_FATAL_FAILURE(await_plugins());

@@ -78,7 +78,7 @@ void broker_fixture::set_hooks()
     return name.c_str();
   };
   hooks.given_up = [](int plugin_id) { given_up.push_back(plugin_id); };
-  hooks.get_cfgr_differ = [](differ_node_t **ret_tree) {
+  hooks.get_cfgr_differ = [](const differ_interest_fn &, differ_node_t **ret_tree) {
     *ret_tree = cfgr_tree;
     return cfgr_tree == nullptr ? -1 : 0;
   };

@@ -58,7 +58,7 @@ protected:
     };
     static differ_node_t *restored = nullptr;
     restored = changes_;
-    hooks.get_cfgr_differ = [](differ_node_t **ret_tree) {
+    hooks.get_cfgr_differ = [](const differ_interest_fn &, differ_node_t **ret_tree) {
       *ret_tree = restored;
       return 0;
     };

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "libconf/plugin_message.h"
 #include "ymgrd/rpc/lyxml.h"
 
 namespace {
@@ -51,12 +52,14 @@ TEST(lyxml_parse, hostile_documents_are_refused)
                                    std::string("\xFF\xFE<\0a\0/\0>\0", 10),
                                    std::string("<a>\0</a>", 8),
                                    nested(257),
+                                   nested(2000000),
                                    repeat("<a>", 1000000),
                                    "<a" + attributes(40000, "b") + "/>",
                                    "<a" + attributes(60, "xmlns:b") + ">" +
                                        repeat("<a" + attributes(60, "xmlns:c") + ">", 4) + repeat("</a>", 5)};
   for (const std::string &document : documents) {
     EXPECT_EQ(nullptr, lyxml_parse_mem(document)) << document.substr(0, 200);
+    EXPECT_EQ(nullptr, plugin_parse_message(document)) << document.substr(0, 200);
   }
 }
 
