@@ -34,22 +34,18 @@ std::string read_file(const std::string &path, size_t offset)
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-std::vector<std::string> read_lines(const std::string &path)
-{
-  std::ifstream file(path, std::ios::binary);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(file, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
-
 void write_file(const std::string &path, const std::string &text)
 {
   std::ofstream file(path, std::ios::binary | std::ios::trunc);
   if (!(file << text << std::flush)) {
     throw std::runtime_error("cannot write " + path);
   }
+}
+
+unsigned long long number_from(const char *variable, unsigned long long otherwise)
+{
+  const char *text = std::getenv(variable);
+  return text == nullptr ? otherwise : std::strtoull(text, nullptr, 10);
 }
 
 temp_dir::temp_dir()

@@ -19,8 +19,10 @@ bool wait_until(const std::function<bool()> &is_reached, std::chrono::millisecon
 
 // From byte `offset` on; empty when it cannot be read.
 std::string read_file(const std::string &path, size_t offset = 0);
-std::vector<std::string> read_lines(const std::string &path);
 void write_file(const std::string &path, const std::string &text);
+
+// What the variable says, for tests that can be run for longer or otherwise by hand.
+unsigned long long number_from(const char *variable, unsigned long long otherwise);
 
 // A directory below /tmp, removed with all it holds. Its path is short enough for sockets inside.
 class temp_dir {

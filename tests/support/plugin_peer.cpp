@@ -17,7 +17,6 @@ namespace support {
 namespace {
 
 constexpr size_t HEAD_SIZE = 12;
-constexpr uint32_t MAGIC = 0xFEDCBAFF;
 
 std::string element(const std::string &name, const std::string &content)
 {
@@ -160,13 +159,7 @@ std::string plugin_peer::pull(const std::string &path, bool old)
 
 void plugin_peer::send_text(const std::string &xml, int id)
 {
-  std::string frame(HEAD_SIZE, '\0');
-  auto length = static_cast<uint32_t>(xml.size());
-  auto number = static_cast<uint16_t>(id);
-  std::memcpy(frame.data(), &MAGIC, sizeof(MAGIC));
-  std::memcpy(frame.data() + 4, &length, sizeof(length));
-  std::memcpy(frame.data() + 8, &number, sizeof(number));
-  send_raw(frame + xml);
+  send_raw(ymgr_frame(xml, static_cast<uint16_t>(id))); // agents and plugins have the same frames
 }
 
 void plugin_peer::send_raw(const std::string &bytes)

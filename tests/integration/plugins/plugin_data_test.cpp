@@ -174,7 +174,7 @@ TEST_F(plugin_data, pushed_state_stands_until_it_is_replaced_and_goes_with_its_p
   const std::string stats = "<item><k>a</k><v>1</v><stats><packets>1</packets></stats></item>";
   ASSERT_TRUE(session->ok(support::edit_config("running", top("<item><k>a</k><v>1</v></item>"))));
   plugin_peer first = plugin("first");
-  first.status("/ex-sys:state/event").status("/ex-sys:state/interface").status("/sample:top/item/stats").start();
+  first.status("/ex-sys:state/event").status("/ex-sys:state/interface").status("/sample:top/item").start();
   plugin_peer second = plugin("second");
   second.status("/ex-sys:state/interface").start();
   std::vector<plugin_peer *> publishers = {&first, &first, &first, &second}; // in the order in which they are asked
@@ -198,8 +198,8 @@ TEST_F(plugin_data, pushed_state_stands_until_it_is_replaced_and_goes_with_its_p
   holds_state(top(stats) + state(octets("2", 5) + octets("1", 1)));
   EXPECT_EQ(push(&first, "/ex-sys:state/interface", state(octets("3", 1))), "");
   holds_state(top(stats) + state(octets("3", 1) + octets("2", 5)));
-  for (const auto &[path, content] : {std::pair<const char *, std::string>{"/sample:top/item", "<item><k>a</k></item>"},
-                                      {"/sample:top/item/stats", "<item><k>a</k><v>2</v><stats/></item>"},
+  for (const auto &[path, content] : {std::pair<const char *, std::string>{"/sample:top", "<item><k>a</k></item>"},
+                                      {"/sample:top/item", "<item><k>a</k><v>2</v><stats/></item>"},
                                       {item.c_str(), "<item><k>b</k><stats/></item>"}}) {
     EXPECT_TRUE(push(&first, path, top(content)).starts_with("ERROR ")) << path;
   }

@@ -1,8 +1,6 @@
 // Random edits of a real daemon with a real Redis, compared with the model: what get-config answers, what Redis holds,
 // what is refused and with which error. YMGR_SEED and YMGR_EDITS choose the run.
 #include <algorithm>
-#include <charconv>
-#include <cstdlib>
 #include <filesystem>
 #include <optional>
 
@@ -19,16 +17,6 @@ using property::node_t;
 using property::stored_lines;
 
 constexpr uint64_t DEFAULT_SEED = 20260101;
-
-uint64_t number_from(const char *variable, uint64_t otherwise)
-{
-  const char *text = std::getenv(variable);
-  uint64_t number = otherwise;
-  if (text != nullptr) {
-    (void)std::from_chars(text, text + std::char_traits<char>::length(text), number);
-  }
-  return number;
-}
 
 class random_edits : public support::daemon_test {
 protected:
@@ -200,7 +188,7 @@ protected:
   }
 
   const property::schema yang{PROPERTY_MODULES_DIR};
-  const uint64_t seed = number_from("YMGR_SEED", DEFAULT_SEED);
+  const uint64_t seed = support::number_from("YMGR_SEED", DEFAULT_SEED);
   property::generator random{yang, seed};
   std::optional<support::netconf_session> session;
   node_t startup;
@@ -215,7 +203,7 @@ protected:
 
 TEST_F(random_edits, leave_the_data_that_the_model_says)
 {
-  const uint64_t count = number_from("YMGR_EDITS", PROPERTY_EDITS);
+  const uint64_t count = support::number_from("YMGR_EDITS", PROPERTY_EDITS);
   for (uint64_t i = 1; i <= count && !HasFailure(); i++) {
     SCOPED_TRACE("YMGR_SEED=" + std::to_string(seed) + ", edit " + std::to_string(i));
     step();

@@ -1,6 +1,7 @@
 // What the product's keep-alive library is told by a daemon at rest and by one at work.
 #include <algorithm>
 #include <cstdlib>
+#include <sstream>
 #include <thread>
 
 #include "support/daemon_test.h"
@@ -20,7 +21,14 @@ protected:
   }
 
   // The calls so far, each as "WARN KILL".
-  std::vector<std::string> calls() const { return support::read_lines(record_path); }
+  std::vector<std::string> calls() const
+  {
+    std::istringstream lines(support::read_file(record_path));
+    std::vector<std::string> all;
+    for (std::string line; std::getline(lines, line); all.push_back(line)) {
+    }
+    return all;
+  }
 
   std::string record_path = dir / "keepalive";
 };

@@ -52,8 +52,7 @@ void broker_fixture::set_hooks()
 {
   broker_hooks_t hooks = {};
   hooks.publish_config = [](int plugin_id, const plugin_publish_info_t *info, int *status) {
-    offered.push_back(
-        {plugin_id, info->config.oper_type, info->config.priority, info->config.more_flag, info->config.path});
+    offered.push_back({plugin_id, info->config.oper_type, info->config.path});
     *status = on_offer(offered.back());
     return 0;
   };

@@ -16,8 +16,6 @@ plugin_inst_t make_plugin(int plugin_id); // called "pID"
 typedef struct _offered {
   int plugin_id;
   int oper_type;
-  int priority;
-  int more_flag;
   std::string path;
 } offered_t;
 

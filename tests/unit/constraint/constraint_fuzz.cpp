@@ -46,35 +46,6 @@ bool is_created(const lyd_node *change)
   return false;
 }
 
-// What edits start from: something of everything.
-const char seed_tree[] = R"(
-<top-limit xmlns="urn:rich">3</top-limit>
-<net xmlns="urn:rich"><primary>a</primary><mode>plain</mode>
- <interface><name>a</name><enabled>true</enabled><address>a</address><port>1</port><kind>ethernet</kind><speed>1</speed>
-  <stats><slot>2</slot><tag>a</tag></stats><own-tag>a</own-tag><peer-address>b</peer-address><vlan>2</vlan><red>3</red></interface>
- <interface><name>b</name><enabled>true</enabled><address>b</address><port>2</port><kind>serial</kind>
-  <serial><parity>odd</parity><line>1</line></serial><stats><tag>a</tag></stats><parent>a</parent><peer-port>1</peer-port><ip>1</ip><green>1</green></interface>
- <interface><name>c</name><enabled>true</enabled><port>1</port><kind>loop</kind><extra xmlns="urn:more">2</extra>
-  <deep xmlns="urn:more"><weight>2</weight><base>2</base></deep><vlan>1</vlan><black><depth>3</depth></black></interface>
- <limit>4</limit><reds>3</reds></net>
-<groups xmlns="urn:rich">
- <group><id>1</id><sub>a</sub><member>a</member><member>b</member><first>a</first><any>b</any><any>2</any></group>
- <group><id>2</id><sub>b</sub><member>b</member><any>all</any><text><a>a</a></text></group>
- <chosen xmlns:r="urn:rich">/r:net/r:interface[r:name='b']/r:stats/r:tag[.='a']</chosen><odd>2</odd></groups>
-<needs xmlns="urn:rich"><item><name>a</name><note>n</note></item><implied><level>4</level></implied><default-ref>4</default-ref></needs>
-<service xmlns="urn:more"><name>a</name><port>1</port></service>
-<service xmlns="urn:more"><name>b</name><watched/></service>)";
-// And one that leaves to the schema what it can.
-const char sparse_tree[] = R"(
-<top-limit xmlns="urn:rich">3</top-limit>
-<net xmlns="urn:rich">
- <interface><name>a</name><kind>ethernet</kind><speed>1</speed><route><id>1</id></route><vlan>2</vlan></interface>
- <interface><name>b</name><kind>serial</kind><serial><line>1</line></serial><ip>1</ip></interface>
- <interface><name>c</name><port>1</port><kind>loop</kind><extra xmlns="urn:more">2</extra><vlan>1</vlan></interface>
- <interface><name>d</name><kind>dial</kind><vlan>1</vlan></interface>
- <labels>2</labels><mtus>3</mtus><all-mtus>3</all-mtus><few-reds>4</few-reds><reds>4</reds></net>
-<needs xmlns="urn:rich"><item><name>c</name></item><depth-seen/></needs>
-<service xmlns="urn:more"><name>b</name></service>)";
 constexpr size_t SMALLEST_TREE = 27; // a tree that was edited down to less says little
 
 lyd_tree_ptr copy_of(const lyd_node *tree)
@@ -149,8 +120,8 @@ fuzz_counts_t constraint_fuzz::run(int rounds)
 void constraint_fuzz::plant()
 {
   lyd_node *tree = nullptr;
-  (void)lyd_parse_data_mem(ctx_, one_in(2) ? sparse_tree : seed_tree, LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_STRICT, 0,
-                           &tree);
+  const char *file = one_in(2) ? CONSTRAINT_MODULES "/sparse.xml" : CONSTRAINT_MODULES "/seed.xml";
+  (void)lyd_parse_data_path(ctx_, file, LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_STRICT, 0, &tree);
   tree_.reset(tree);
   implied_.clear();
   std::string error = validate_all(&implied_);

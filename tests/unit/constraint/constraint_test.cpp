@@ -1,8 +1,8 @@
 #include <cstdio>
-#include <cstdlib>
 
 #include <gtest/gtest.h>
 
+#include "support/environment.h"
 #include "unit/constraint/constraint_fuzz.h"
 
 namespace {
@@ -23,18 +23,12 @@ protected:
 };
 
 // More rounds, and other seeds, by hand: CONSTRAINT_ROUNDS, CONSTRAINT_SEED.
-int from_environment(const char *name, int preset)
-{
-  const char *text = std::getenv(name);
-  return text == nullptr ? preset : std::atoi(text);
-}
-
 TEST_F(constraint, what_libyang_refuses_is_never_taken_for_valid)
 {
-  int rounds = from_environment("CONSTRAINT_ROUNDS", 2000);
-  int seed = from_environment("CONSTRAINT_SEED", 1);
+  int rounds = static_cast<int>(support::number_from("CONSTRAINT_ROUNDS", 2000));
+  auto seed = static_cast<uint32_t>(support::number_from("CONSTRAINT_SEED", 1));
   for (bool stores_defaults : {false, true}) {
-    constraint_fuzz fuzz(ctx.get(), static_cast<uint32_t>(seed), stores_defaults);
+    constraint_fuzz fuzz(ctx.get(), seed, stores_defaults);
     fuzz_counts_t counts = fuzz.run(rounds);
     ASSERT_TRUE(counts.fault.empty()) << counts.fault;
     std::printf("valid %d, undecided of these %d, refused %d\n", counts.valid, counts.undecided, counts.refused);

@@ -1,6 +1,5 @@
 // What must hold for every edit, tried with random ones. YMGR_ROUNDS sets how many rounds are run, YMGR_SEED which
 // ones: round n of seed s is the first round of seed s + n.
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -15,12 +14,6 @@ namespace {
 constexpr int CANDIDATE = ENUM_DATASTORE_CANDIDATE;
 constexpr int RUNNING = ENUM_DATASTORE_RUNNING;
 constexpr int EMPTY = ENUM_DATASTORE_STARTUP; // nothing is ever written to it
-
-unsigned long long number_from(const char *variable, unsigned long long fallback)
-{
-  const char *text = std::getenv(variable);
-  return text == nullptr ? fallback : std::strtoull(text, nullptr, 10);
-}
 
 class edit_property : public edit_fixture {
 protected:
@@ -200,8 +193,8 @@ protected:
 
 TEST_F(edit_property, diffs_say_exactly_what_edits_did)
 {
-  uint64_t seed = number_from("YMGR_SEED", 1);
-  uint64_t rounds = number_from("YMGR_ROUNDS", 300);
+  uint64_t seed = support::number_from("YMGR_SEED", 1);
+  uint64_t rounds = support::number_from("YMGR_ROUNDS", 300);
   for (uint64_t round = 0; round < rounds && !HasFailure(); round++) {
     run_round(seed + round);
   }

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include "client/client.h"
 #include "libconf/plugin_message.h"
 #include "libconf/unique_fd.h"
 #include "support/environment.h"
@@ -26,8 +27,7 @@ bool is_readable(int fd, int milliseconds = static_cast<int>(support::DEADLINE.c
 
 std::string frame(const std::string &xml)
 {
-  plugin_msg_head_t head = {PLUGIN_MSG_MAGIC, static_cast<uint32_t>(xml.size()), 1, 0};
-  return std::string(reinterpret_cast<const char *>(&head), sizeof(head)) + xml;
+  return ymgr_frame(xml, 1);
 }
 
 std::string request(const std::string &method, int callback, int id, const std::string &params)
