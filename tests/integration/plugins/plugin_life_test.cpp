@@ -60,10 +60,17 @@ TEST_F(plugin_life, who_comes_late_is_handed_the_configuration_once_in_the_order
   EXPECT_EQ(register_both(plugin("late")), whole); // restarted
   // While one is restored, clients wait, and another one's turn comes behind it. One that refuses is restored all the
   // same.
+  // One that goes in the middle makes room for the next.
+  plugin_peer dying = plugin("dying");
   plugin_peer first = plugin("first");
   plugin_peer second = plugin("second");
+  ASSERT_EQ(dying.config("/ex-sys:system/user", 10).activate(), "");
+  EXPECT_EQ(dying.take(), whole[0]);
+  EXPECT_EQ(dying.next().change(), whole[1]);
   ASSERT_EQ(first.config("/ex-sys:system/user", 10).activate(), "");
-  plugin_call_t call = first.next();
+  dying.die();
+  plugin_call_t call = first.next(AT_ONCE);
+  EXPECT_EQ(call.change(), whole[0]);
   ASSERT_EQ(second.config("/ex-sys:system/user", 5).activate(), "");
   ASSERT_TRUE(session->send(edit("<hostname>other</hostname>")));
   first.refuse(call, 9, "not now");

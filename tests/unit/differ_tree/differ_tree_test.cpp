@@ -100,14 +100,15 @@ TEST_F(differ_tree, root_record_moves_to_the_successor_of_the_first_node)
   EXPECT_EQ(nullptr, free_differ_root(root));
 }
 
-// Edits never come to these; a tree that another part made wrongly must not fall apart.
-TEST_F(differ_tree, codes_that_do_not_follow_each_other_leave_one_node)
+// What random edits of a datastore seldom or never come to.
+TEST_F(differ_tree, a_value_taken_back_leaves_nothing_and_codes_that_do_not_follow_each_other_one_node)
 {
   const struct {
     differ_node_t *first;
     differ_node_t *second;
     node_texts left;
   } rows[] = {
+      {leaf("2", 4, "1"), leaf("1", 4, "2"), {}},
       {leaf("1", 1), leaf("2", 1), {"/m:c/v (1) >1"}},
       {leaf("1", 2), leaf("1", 2), {"/m:c/v (2) >1"}},
       {leaf("1", 2), leaf("2", 4, "1"), {"/m:c/v (2) >1"}},
