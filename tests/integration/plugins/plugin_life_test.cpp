@@ -64,7 +64,7 @@ TEST_F(plugin_life, who_comes_late_is_handed_the_configuration_once_in_the_order
   plugin_peer dying = plugin("dying");
   plugin_peer first = plugin("first");
   plugin_peer second = plugin("second");
-  ASSERT_EQ(dying.config("/ex-sys:system/user", 10).activate(), "");
+  ASSERT_EQ(dying.config("/ex-sys:system/user", 30).activate(), "");
   EXPECT_EQ(dying.take(), whole[0]);
   EXPECT_EQ(dying.next().change(), whole[1]);
   ASSERT_EQ(first.config("/ex-sys:system/user", 10).activate(), "");
