@@ -61,7 +61,7 @@ int demo_read_keys(rContext *redis, int db, demo_keys_t *ret_keys)
   }
   demo_keys_t keys;
   for (const std::string &name : names) {
-    if (name == "ymgrd-info") {
+    if (name.starts_with("ymgrd-")) {
       continue;
     }
     redis_reply_ptr type = redis_type(redis, name);
