@@ -1,5 +1,6 @@
 #include "support/plugin_peer.h"
 
+#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -138,7 +139,7 @@ std::string plugin_peer::take()
 
 std::string plugin_peer::request(const std::string &method, const std::string &params)
 {
-  int id = ++last_id_;
+  int id = last_id_ = last_id_ % UINT16_MAX + 1;
   send_text(element("rpc", element("method", method) + element("params", params) + element("id", std::to_string(id))),
             id);
   while (std::optional<plugin_call_t> call = receive(DEADLINE)) {
@@ -211,7 +212,11 @@ std::optional<plugin_call_t> plugin_peer::receive(std::chrono::milliseconds time
     }
     pollfd ready = {sock_, POLLIN, 0};
     char bytes[65536];
-    ssize_t count = poll(&ready, 1, static_cast<int>(timeout.count())) > 0 ? recv(sock_, bytes, sizeof(bytes), 0) : 0;
+    int is_ready = poll(&ready, 1, static_cast<int>(timeout.count()));
+    ssize_t count = is_ready > 0 ? recv(sock_, bytes, sizeof(bytes), 0) : is_ready;
+    if (count < 0 && errno == EINTR) {
+      continue; // a fuzzer has timers
+    }
     if (count <= 0) {
       return std::nullopt;
     }
