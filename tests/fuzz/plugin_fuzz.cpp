@@ -103,6 +103,13 @@ void answer(moment_t moment, int number, plugin_peer *peer, support::netconf_ses
 
 } // namespace
 
+// What fails ends the fuzzer, which then keeps the input.
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+  GTEST_FLAG_SET(throw_on_failure, true);
+  return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
   static daemon_in_a_thread daemon;
