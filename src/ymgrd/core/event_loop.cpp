@@ -153,7 +153,8 @@ void ymgrd_epoll_dispatch()
   int passes = 0;
   while (!ymgrd_epoll_exit()) {
     // A stop signal that arrives between the exit test and the wait is seen when the wait ends: a second later at most.
-    int count = epoll_wait(epfd, events, MOST_EVENTS, WAIT_MS);
+    bool is_waiting = !notifier_has_work();
+    int count = epoll_wait(epfd, events, MOST_EVENTS, is_waiting ? WAIT_MS : 0);
     if (count < 0) {
       note_wait_failure();
     }
@@ -161,7 +162,7 @@ void ymgrd_epoll_dispatch()
       passes = 0;
       ymgrd_send_keepalive_msg(0, 0);
     }
-    if (count == 0) {
+    if (count == 0 && is_waiting) {
       ymgrd_epoll_timeout();
     }
     for (int i = 0; i < count; i++) {
@@ -171,5 +172,6 @@ void ymgrd_epoll_dispatch()
       check_plugin_deadlines();
     }
     broker_run_pending();
+    notifier_run_pending();
   }
 }

@@ -12,6 +12,7 @@
 #include "ymgrd/datastore/datastore.h"
 #include "ymgrd/datastore/ds_error.h"
 #include "ymgrd/datastore/ds_restore.h"
+#include "ymgrd/notify/notifier.h"
 #include "ymgrd/rpc/rpc.h"
 #include "ymgrd/rpc/rpc_reply.h"
 #include "ymgrd/rpc/session.h"
@@ -45,6 +46,7 @@ void end_of_session(int session_id)
 {
   ds_session_closed(session_id);
   plugin_session_closed(session_id);
+  notifier_del_client(session_id);
 }
 
 // After a shutdown request. Exit status 1 tells the daemon's supervisor that the end was asked for and is no crash.

@@ -1,36 +1,26 @@
 #include "ymgrd/crypto/encrypt.h"
-
-namespace {
-encrypt_hooks_t encrypt_hooks = {};
-}
-
-void encrypt_set_hooks(const encrypt_hooks_t &hooks)
+#include "ymgrd/ymgrd.h"
+bool encrypt_is_printable(std::string_view)
 {
-  encrypt_hooks = hooks;
+  return true;
 }
-
-int decrypt_sensitive(std::string_view cipher_text, wiped_string *ret_value)
+int encrypt_sensitive(std::string_view value, std::string *ret)
 {
-  if (encrypt_hooks.decrypt != nullptr) {
-    return encrypt_hooks.decrypt(cipher_text, ret_value);
-  }
-  ret_value->assign(cipher_text);
+  ret->assign(CIPHER_TEXT_MARKER).append(value).append(CIPHER_TEXT_MARKER);
   return 0;
 }
-
-int security_find_sensitive_in_rpc(const char *oper, lyxml_elem *rpc)
+int decrypt_sensitive(std::string_view text, wiped_string *ret)
 {
-  return encrypt_hooks.find_in_rpc == nullptr ? 0 : encrypt_hooks.find_in_rpc(oper, rpc);
+  if (!encrypt_is_marked(text))
+    return -1;
+  ret->assign(text.substr(2, text.size() - 4));
+  return 0;
 }
-
-int encrypt_add_ns_prefix(const char *module, const char *ns, const char *prefix)
+bool encrypt_is_marked(std::string_view text)
 {
-  return encrypt_hooks.add_ns_prefix == nullptr ? 0 : encrypt_hooks.add_ns_prefix(module, ns, prefix);
+  return text.size() >= 4 && text.starts_with(CIPHER_TEXT_MARKER) && text.ends_with(CIPHER_TEXT_MARKER);
 }
-
-void encrypt_delete_sensitive(const char *module)
+bool is_cipher_text(std::string_view text)
 {
-  if (encrypt_hooks.delete_module != nullptr) {
-    encrypt_hooks.delete_module(module);
-  }
+  return encrypt_is_marked(text);
 }

@@ -1,21 +1,24 @@
-// Sensitive values: the seam through which the other components reach their encryption. Until an implementation
-// registers itself, nothing is sensitive: values are stored and compared as they are.
+// Encryption of sensitive values: AES-128 in CBC mode (NIST SP 800-38A) under the device's working key, which is
+// deciphered anew at each use (working_key.h) and wiped after it.
+//
+// Cipher text is the marker "#%", the text form (encrypt_text.h) of a random IV and the encrypted value, and the marker
+// again.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "libconf/wiped_string.h"
-#include "ymgrd/rpc/lyxml.h"
 
-typedef struct _encrypt_hooks {
-  int (*decrypt)(std::string_view cipher_text, wiped_string *ret_value);
-  int (*find_in_rpc)(const char *oper, lyxml_elem *rpc);
-  int (*add_ns_prefix)(const char *module, const char *ns, const char *prefix);
-  void (*delete_module)(const char *module);
-} encrypt_hooks_t;
-void encrypt_set_hooks(const encrypt_hooks_t &hooks);
+// What a sensitive value may hold: the characters 0x21 to 0x7E. Others cannot be told from a failed decryption.
+bool encrypt_is_printable(std::string_view value);
 
-int decrypt_sensitive(std::string_view cipher_text, wiped_string *ret_value); // 0 or -1
-int security_find_sensitive_in_rpc(const char *oper, lyxml_elem *rpc);        // 0 or -1
-int encrypt_add_ns_prefix(const char *module, const char *ns, const char *prefix);
-void encrypt_delete_sensitive(const char *module);
+// 0 with the cipher text, different at each call; -1 (logged) when there is no working key, or the value is not
+// printable.
+int encrypt_sensitive(std::string_view value, std::string *ret_cipher_text);
+// 0 with the value; -1 (logged) when the text is no cipher text, is damaged, or belongs to another key.
+int decrypt_sensitive(std::string_view cipher_text, wiped_string *ret_value);
+// Whether the text begins and ends with the marker: cheap, and true of every cipher text.
+bool encrypt_is_marked(std::string_view text);
+// Whether it is marked and can be decrypted. Logs nothing.
+bool is_cipher_text(std::string_view text);

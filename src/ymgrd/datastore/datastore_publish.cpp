@@ -47,8 +47,9 @@ int announce_change(int sid, const differ_node_t *dtree, int target_ds)
     info.username = session->username;
     info.ipaddr = session_client_address(*session);
   }
-  info.target = dtree == nullptr ? "" : dtree->data_path;
-  info.operation = dtree == nullptr ? DBDIFF_NONE : dtree->oper_type;
+  if (dtree != nullptr) {
+    info.edits.push_back({dtree->data_path, dtree->oper_type});
+  }
   info.datastore = static_cast<ENUM_DATASTORE>(target_ds);
   return send_base_notification_event(NCNTF_BASE_CFG_CHANGE, info);
 }

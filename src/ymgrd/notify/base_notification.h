@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "ymgrd/ymgrd.h"
 
@@ -17,11 +18,15 @@ typedef enum _notification_kind {
   NCNTF_BASE_SESSION_END = 6,
 } notification_kind_t;
 
-typedef struct _base_notification_info {
-  int session_id = 0;
-  std::string username;
-  std::string target; // data path of the change
+typedef struct _base_notification_edit {
+  std::string target; // data key of the changed node
   int operation = DBDIFF_NONE;
+} base_notification_edit_t;
+
+typedef struct _base_notification_info {
+  int session_id = 0; // 0: the daemon itself
+  std::string username;
+  std::vector<base_notification_edit_t> edits; // of a configuration change: the highest changed nodes
   std::string ipaddr;
   ENUM_DATASTORE datastore = ENUM_DATASTORE_ERROR; // of a configuration change
   int termination_reason = 0;                      // of a session end

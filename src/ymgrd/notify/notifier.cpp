@@ -102,6 +102,20 @@ void notifier_parse_notification(const cJSON *)
   log_warn("The profile's section <notification> is not served by this version.");
 }
 
+int notifier_emit(time_t, std::string)
+{
+  return -1;
+}
+
+void notifier_run_pending() {}
+
+bool notifier_has_work()
+{
+  return false;
+}
+
+void notifier_del_client(int) {}
+
 int notifier_service_sock()
 {
   return context_get_int("OPT-notify-sock", -1);

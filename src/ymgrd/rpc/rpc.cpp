@@ -6,7 +6,7 @@
 #include "ymgrd/broker/broker.h"
 #include "ymgrd/core/counters.h"
 #include "ymgrd/core/log.h"
-#include "ymgrd/crypto/encrypt.h"
+#include "ymgrd/crypto/encrypt_find.h"
 #include "ymgrd/datastore/ds_error.h"
 #include "ymgrd/rpc/rpc_reply.h"
 #include "ymgrd/rpc/session.h"
@@ -58,12 +58,12 @@ int answer_refused(int session_id, const lyxml_elem *rpc, const std::string &ope
 }
 
 // Hides what must not be logged, then logs the request. -1 when hiding failed: then nothing was logged.
-int log_request(int session_id, const std::string &oper, lyxml_elem *rpc)
+int log_request(int session_id, const std::string &oper, lyxml_elem *rpc, reply_error_ptr *ret_error)
 {
   if (oper.starts_with(OWN_OPERATIONS)) {
     return 0;
   }
-  if (security_find_sensitive_in_rpc(oper.c_str(), rpc) != 0) {
+  if (security_find_sensitive_in_rpc(oper.c_str(), rpc, SENSITIVE_ENCRYPT, ret_error) != 0) {
     return -1;
   }
   rpc_log(session_id, rpc);
@@ -125,8 +125,10 @@ int rpc_recv_proc(int session_id, const msg_head_t *head, std::string_view paylo
   if (session_check_operation(session_id, oper.c_str()) != 0) {
     return answer_refused(session_id, rpc.get(), oper);
   }
-  if (log_request(session_id, oper, rpc.get()) != 0) {
-    return answer_kind(session_id, rpc.get(), REPLY_ERR_OP_FAILED);
+  reply_error_ptr error;
+  if (log_request(session_id, oper, rpc.get(), &error) != 0) {
+    return error == nullptr ? answer_kind(session_id, rpc.get(), REPLY_ERR_OP_FAILED)
+                            : rpc_answer_error(session_id, rpc.get(), std::move(error));
   }
   rpc_oper_context_t *context = save_request(session_id, oper, payload, std::move(rpc));
   if (context == nullptr) {

@@ -447,6 +447,12 @@ void session_timeout()
   session_schedule_next(0);
 }
 
+size_t session_queued(int session_id)
+{
+  const session_t *session = session_find(session_id);
+  return session == nullptr || session->sock < 0 ? 0 : session->send_buf->used;
+}
+
 int session_schedule(int session_id)
 {
   const session_t *session = session_find(session_id);

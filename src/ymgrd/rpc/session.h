@@ -71,6 +71,8 @@ void session_forget_all();
 int session_cache_send(int session_id, int type, const char *buf, int len);
 // The same for a message that lies in several pieces, of which it consists in that order.
 int session_cache_send_pieces(int session_id, int type, std::span<const std::string_view> pieces);
+// Bytes of messages that the session's peer has not taken yet; 0 also when there is no such session.
+size_t session_queued(int session_id);
 // Tells the event loop what the session waits for: a request while it may take one, room in the socket while messages
 // are queued or the session is only to be closed. To be called after each change of these. 0 or -1.
 int session_schedule(int session_id);

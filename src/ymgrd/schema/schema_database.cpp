@@ -8,7 +8,7 @@
 
 #include "ymgrd/core/keepalive.h"
 #include "ymgrd/core/log.h"
-#include "ymgrd/crypto/encrypt.h"
+#include "ymgrd/crypto/encrypt_registry.h"
 #include "ymgrd/schema/schema_internal.h"
 
 namespace {
