@@ -49,7 +49,7 @@ private:
 
 void add_session(event_builder *event, lyxml_elem *parent, const base_notification_info_t &info)
 {
-  event->add(parent, "username", info.username.c_str());
+  event->add(parent, "username", info.username.empty() ? nullptr : info.username.c_str());
   event->add(parent, "session-id", std::to_string(info.session_id).c_str());
   if (!info.ipaddr.empty()) {
     event->add(parent, "source-host", info.ipaddr.c_str());

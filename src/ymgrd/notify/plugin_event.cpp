@@ -57,6 +57,14 @@ int check_module(const lyxml_elem *event)
   return 0;
 }
 
+void log_yang_reason()
+{
+  const char *reason = ly_errmsg(schema_ctx());
+  const char *place = ly_errpath(schema_ctx());
+  log_error("An event of a plugin is not sent: %.512s (%.512s)", reason == nullptr ? "it cannot be checked." : reason,
+            place == nullptr ? "" : place);
+}
+
 // The event as libyang prints it, which names namespaces where they change.
 int validate(lyxml_elem *event, std::string *ret_content)
 {
@@ -64,8 +72,7 @@ int validate(lyxml_elem *event, std::string *ret_content)
   lyd_node *notification = nullptr;
   std::string text = lyxml_print_self_contained(event);
   if (text.empty() || ds_parse_operation(text.c_str(), LYD_TYPE_NOTIF_YANG, &tree, &notification) != 0) {
-    const char *reason = text.empty() ? nullptr : ly_errmsg(schema_ctx());
-    log_error("An event of a plugin is not sent: %.512s", reason == nullptr ? "it cannot be checked." : reason);
+    log_yang_reason();
     return -1;
   }
   char *printed = nullptr;
