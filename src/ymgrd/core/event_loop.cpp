@@ -17,6 +17,7 @@
 #include "ymgrd/core/log.h"
 #include "ymgrd/core/memory.h"
 #include "ymgrd/core/stop_signal.h"
+#include "ymgrd/core/wiping_heap.h"
 #include "ymgrd/notify/notifier.h"
 #include "ymgrd/rpc/session.h"
 #include "ymgrd/ymgrd.h"
@@ -171,5 +172,6 @@ void ymgrd_epoll_dispatch()
     run_true_second();
     broker_run_pending();
     notifier_run_pending();
+    wipe_stack();
   }
 }
