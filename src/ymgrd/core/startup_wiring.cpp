@@ -12,6 +12,7 @@
 #include "ymgrd/datastore/datastore.h"
 #include "ymgrd/datastore/ds_error.h"
 #include "ymgrd/datastore/ds_restore.h"
+#include "ymgrd/notify/base_event.h"
 #include "ymgrd/notify/notifier.h"
 #include "ymgrd/rpc/rpc.h"
 #include "ymgrd/rpc/rpc_reply.h"
@@ -80,6 +81,7 @@ void ymgrd_wire_components()
   session_set_hooks(session_hooks);
 
   rpc_set_next_subscriber_hook(broker_publish_operation_next);
+  base_notification_set_sink(base_event_emit);
 
   broker_hooks_t broker_hooks = {};
   broker_hooks.publish_config = plugin_publish_config;
