@@ -53,6 +53,7 @@ void end_of_session(int session_id)
 // After a shutdown request. Exit status 1 tells the daemon's supervisor that the end was asked for and is no crash.
 [[noreturn]] void end_after_shutdown()
 {
+  notifier_flush(); // the ends of the last sessions
   ymgrd_exit();
   std::exit(EXIT_FAILURE);
 }
