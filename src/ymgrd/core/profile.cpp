@@ -14,6 +14,7 @@
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/handles.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/crypto/encrypt_registry.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/database/database_config.h"
 #include "ymgrd/notify/notifier.h"
@@ -287,16 +288,17 @@ void ymgrd_parse_plugins(const cJSON *plugins)
 
 void ymgrd_parse_sencitives(const cJSON *sensitives)
 {
-  bool announced = false;
   for (const cJSON *item = sensitives->child; item != nullptr; item = item->next) {
     if (!cJSON_IsString(item)) {
       continue;
     }
-    if (!announced) {
-      log_warn("The profile's section <sensitive-key> is not served by this version: values are stored as they are.");
-      announced = true;
+    sensitive_config_t *cfg = encrypt_create_sensitives(item->valuestring);
+    if (cfg == nullptr) {
+      log_warn("Create sensitive key failed.");
+    } else if (encrypt_save_sensitive(cfg) != 0) {
+      log_warn("save sensitive <name=%.512s> failed.", item->valuestring);
+      encrypt_free_sensitive(cfg);
     }
-    log_warn("Create sensitive key failed.");
   }
 }
 

@@ -1,5 +1,5 @@
 // Encryption of sensitive values: AES-128 in CBC mode (NIST SP 800-38A) under the device's working key, which is
-// deciphered anew at each use (working_key.h) and wiped after it.
+// deciphered anew at each use (working_key.h) and wiped after it. encrypt_aes.h has the cipher itself.
 //
 // Cipher text is the marker "#%", the text form (encrypt_text.h) of a random IV and the encrypted value, and the marker
 // again.

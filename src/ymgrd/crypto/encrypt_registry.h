@@ -3,12 +3,10 @@
 // "/ex-sys:system/user/password" or "/ex-sys:system/ex-ext:ntp/key"; without list keys, choices and cases.
 #pragma once
 
-#include <memory>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include "libconf/wiped_string.h"
 
 typedef struct _sensitive_step {
   std::string module;
@@ -39,6 +37,11 @@ void encrypt_delete_sensitive(const char *module);
 
 // The record of a path in the form above; null when that leaf is not sensitive.
 const sensitive_config_t *encrypt_find_sensitive(std::string_view path);
-// Encrypts the value of the node with the schema key (list names end in "[]", choices and cases stand in it) when that
-// is sensitive: 1, `*out_value` untouched when it is not; 0; -1 when it cannot be encrypted (logged).
-int encrypt_sensitive_operation(std::string_view schemakey, std::string_view value, std::string *out_value);
+
+// All leaves as a tree of steps, for whoever walks data beside it. `leaf` is set where a path ends.
+typedef struct _sensitive_node {
+  std::string module;
+  const sensitive_config_t *leaf = nullptr;
+  std::multimap<std::string, struct _sensitive_node, std::less<>> children; // by name
+} sensitive_node_t;
+const sensitive_node_t &encrypt_sensitive_tree();

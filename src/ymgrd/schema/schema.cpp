@@ -8,6 +8,7 @@
 
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/crypto/encrypt_registry.h"
 #include "ymgrd/schema/schema_internal.h"
 #include "ymgrd/ymgrd.h"
 
@@ -116,6 +117,10 @@ void free_modelcfg(void *mod_cfg)
 {
   schema_free_modelcfg(static_cast<model_config_t *>(mod_cfg));
 }
+void free_sensitive(void *leaf)
+{
+  encrypt_free_sensitive(static_cast<sensitive_config_t *>(leaf));
+}
 
 } // namespace
 
@@ -146,8 +151,7 @@ void schema_exit()
   context_remove_option("OPT-schema");
   context_destroy_list("LIST-cpblt", free_capability);
   context_destroy_list("LIST-model", free_modelcfg);
-  // The entries belong to the registry of sensitive leaves, a listener.
-  context_destroy_list("LIST-sencitive", nullptr);
+  context_destroy_list("LIST-sencitive", free_sensitive);
   schema_set_ctx(nullptr);
 }
 

@@ -1,5 +1,5 @@
 #include "schema_fixture.h"
-#include "ymgrd/core/context.h"
+#include "ymgrd/crypto/encrypt_registry.h"
 
 using namespace std::string_literals;
 
@@ -43,8 +43,7 @@ TEST_F(schema_database, unusable_database_or_missing_key_stops_the_start)
 
   redis.command(0, {"DEL", "/"});
   ASSERT_EQ(0, load({ex}));
-  int leaf = 0;
-  ASSERT_EQ(0, context_save_list_entry("LIST-sencitive", &leaf));
+  ASSERT_EQ(0, encrypt_save_sensitive(encrypt_create_sensitives("/ex:secret")));
   testing::internal::CaptureStderr();
   EXPECT_EQ(-1, schema_load_yang());
   EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find("[ERROR] have sen-k only.\n"));

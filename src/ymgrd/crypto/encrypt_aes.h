@@ -1,0 +1,15 @@
+// Cipher text under a given key: AES-128 in CBC mode. The value is filled up with one to sixteen zero bytes. Nothing is
+// logged here.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "libconf/wiped_string.h"
+
+constexpr size_t AES_KEY_LENGTH = 16;
+
+// 0 with the cipher text, its marker included; -1 when the value is not printable or the library refuses.
+int AES_Encrypt(const unsigned char *key, std::string_view value, std::string *ret_cipher_text);
+// 0 with the value; -1 when the text is no cipher text, or what comes out is no printable value with its filling.
+int AES_Decrypt(const unsigned char *key, std::string_view cipher_text, wiped_string *ret_value);
