@@ -1,6 +1,7 @@
 #include "ymgrd/crypto/working_key.h"
 
 #include <cstdint>
+#include <ctime>
 
 #include <sys/stat.h>
 
@@ -25,11 +26,23 @@ typedef struct _file_state {
 typedef struct _key_table {
   wb_aes_ctx_ptr ctx; // null while none could be loaded
   file_state_t file;  // as it was just before that
+  bool is_settled = false;
 } key_table_t;
 
 int64_t nanoseconds(const timespec &time)
 {
   return int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+}
+
+// File systems take the time from a clock that ticks every few milliseconds: a file that was changed a moment ago may
+// change once more without looking different. A time to come, after the clock was set back, says nothing.
+bool is_settled(const file_state_t &file)
+{
+  constexpr int64_t LONGEST_TICK_NS = 100'000'000;
+  timespec now = {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  int64_t age_ns = nanoseconds(now) - file.changed_ns;
+  return age_ns < 0 || age_ns > LONGEST_TICK_NS;
 }
 
 // The tables of half a megabyte are kept between uses, the key is not. Looking at the file each time costs a
@@ -42,9 +55,11 @@ const wb_aes_ctx_t *take_key_table()
   bool is_there = stat(path, &status) == 0;
   file_state_t file = {status.st_dev, status.st_ino, status.st_size, nanoseconds(status.st_mtim),
                        nanoseconds(status.st_ctim)};
-  if (is_there && kept.ctx != nullptr && kept.file == file) {
+  bool is_known = is_there && kept.file == file;
+  if (is_known && kept.ctx != nullptr && kept.is_settled) {
     return kept.ctx.get();
   }
+  bool settled = is_settled(file); // before it is read
   kept.ctx.reset();
   wb_aes_ctx_ptr ctx(wb_aes_ctx_new());
   if (ctx == nullptr) {
@@ -55,11 +70,11 @@ const wb_aes_ctx_t *take_key_table()
     log_error("wb load table: Load table failed.");
     return nullptr;
   }
-  if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+  if (!is_known && (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
     log_warn("Others than its owner have access to the key table %.512s (mode %04o).", path,
              static_cast<unsigned>(status.st_mode & 07777));
   }
-  kept = {std::move(ctx), file};
+  kept = {std::move(ctx), file, settled};
   return kept.ctx.get();
 }
 
