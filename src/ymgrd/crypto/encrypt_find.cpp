@@ -153,8 +153,10 @@ int decrypt_one(const sensitive_config_t &leaf, lyxml_elem *elem, find_work_t *w
 
 int encrypt_find_one_in_lyxml(const sensitive_config_t &leaf, lyxml_elem *elem, bool is_removed, find_work_t *work)
 {
-  if (lyxml_first_child(elem) != nullptr) {
-    return 0; // no leaf: the schema's to refuse
+  if (lyxml_first_child(elem) != nullptr) { // in a filter it selects nothing, else it is wrong and not to be logged
+    return work->kind == KIND_FILTER
+               ? 0
+               : refuse(work, leaf, elem, REPLY_ERR_INVALID_VALUE, "Invalid value of sensitive leaf.");
   }
   return work->flag == SENSITIVE_DECRYPT ? decrypt_one(leaf, elem, work) : encrypt_one(leaf, elem, is_removed, work);
 }
@@ -231,7 +233,7 @@ lyxml_elem *encrypt_find_lyxml(lyxml_elem *rpc, const operation_data_t &operatio
 
 // --- For the log.
 
-// Whatever stands in or below an element with a sensitive name is masked; says whether there is anything to mask.
+// Says whether there is anything to mask.
 bool mask_text(lyxml_elem *elem, bool is_applied)
 {
   wiped_string text = text_of(elem);
@@ -246,12 +248,11 @@ bool mask_text(lyxml_elem *elem, bool is_applied)
   return true;
 }
 
-bool mask_below(lyxml_elem *elem, bool is_inside, bool is_applied)
+bool mask_below(lyxml_elem *elem, bool is_applied)
 {
-  is_inside = is_inside || encrypt_is_sensitive_name(lyxml_name(elem));
-  bool is_found = is_inside && mask_text(elem, is_applied);
+  bool is_found = encrypt_is_sensitive_name(lyxml_name(elem)) && mask_text(elem, is_applied);
   for (lyxml_elem *child = lyxml_first_child(elem); child != nullptr; child = lyxml_next(child)) {
-    is_found = mask_below(child, is_inside, is_applied) || is_found;
+    is_found = mask_below(child, is_applied) || is_found;
   }
   return is_found;
 }
@@ -286,7 +287,7 @@ std::string encrypt_print_masked(const lyxml_elem *rpc)
 {
   enum { LOOK_ONLY = false, APPLY = true };
   lyxml_elem *elem = const_cast<lyxml_elem *>(rpc); // only read: what is masked is a copy
-  if (!encrypt_has_sensitive() || !mask_below(elem, false, LOOK_ONLY)) {
+  if (!encrypt_has_sensitive() || !mask_below(elem, LOOK_ONLY)) {
     return lyxml_print_mem(rpc);
   }
   lyxml_ptr copy = lyxml_copy(elem);
@@ -294,6 +295,6 @@ std::string encrypt_print_masked(const lyxml_elem *rpc)
     log_error("Memory is short.");
     return {};
   }
-  mask_below(copy.get(), false, APPLY);
+  mask_below(copy.get(), APPLY);
   return lyxml_print_mem(copy.get());
 }

@@ -30,6 +30,6 @@ int security_find_sensitive_in_lyxml(lyxml_elem *data, int flag, reply_error_ptr
 int security_find_sensitive_in_rpc(const char *oper, lyxml_elem *rpc, int flag, reply_error_ptr *ret_error,
                                    bool *ret_changed = nullptr);
 
-// The request as it may be logged: an element that has the name of a sensitive leaf and content that is not cipher
+// The request as it may be logged: an element that has the name of a sensitive leaf and text that is not cipher
 // text, because it does not stand where the schema has that leaf, is shown with "***".
 std::string encrypt_print_masked(const lyxml_elem *rpc);
