@@ -173,6 +173,21 @@ bool await_frame(ymgr_client_t *client, size_t count, steady_clock::time_point d
   }
 }
 
+// The first frame with that number behind the first `seen` ones; the others stay in their order.
+std::optional<ymgr_frame_t> take_frame(ymgr_client_t *client, size_t seen, uint16_t seq,
+                                       steady_clock::time_point deadline)
+{
+  for (; await_frame(client, seen, deadline); seen++) {
+    auto place = client->inbox.begin() + static_cast<std::ptrdiff_t>(seen);
+    if (place->seq == seq) {
+      ymgr_frame_t frame = std::move(*place);
+      client->inbox.erase(place);
+      return frame;
+    }
+  }
+  return std::nullopt;
+}
+
 // --- Sending.
 
 // Writes all bytes, taking in what arrives meanwhile: a daemon that waits for room for its own bytes would not read
@@ -325,6 +340,11 @@ std::optional<ymgr_frame_t> ymgr_receive(ymgr_client_t *client, ymgr_duration ti
   return frame;
 }
 
+std::optional<ymgr_frame_t> ymgr_receive_notification(ymgr_client_t *client, ymgr_duration timeout)
+{
+  return take_frame(client, 0, 0, steady_clock::now() + timeout);
+}
+
 std::optional<std::string> ymgr_request(ymgr_client_t *client, std::string_view payload, ymgr_duration timeout)
 {
   auto deadline = steady_clock::now() + timeout;
@@ -332,18 +352,8 @@ std::optional<std::string> ymgr_request(ymgr_client_t *client, std::string_view 
   // What is here already answers earlier requests.
   size_t seen = client->inbox.size();
   std::optional<uint16_t> seq = send_request(client, payload, deadline);
-  if (!seq) {
-    return std::nullopt;
-  }
-  for (; await_frame(client, seen, deadline); seen++) {
-    auto frame = client->inbox.begin() + static_cast<std::ptrdiff_t>(seen);
-    if (frame->seq == *seq) {
-      std::string reply = std::move(frame->payload);
-      client->inbox.erase(frame);
-      return reply;
-    }
-  }
-  return std::nullopt;
+  std::optional<ymgr_frame_t> frame = seq ? take_frame(client, seen, *seq, deadline) : std::nullopt;
+  return frame ? std::optional(std::move(frame->payload)) : std::nullopt;
 }
 
 std::optional<std::string> ymgr_rpc(ymgr_client_t *client, std::string_view operation, ymgr_duration timeout)

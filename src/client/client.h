@@ -34,6 +34,9 @@ std::optional<int> ymgr_create_session(ymgr_client_t *client, const std::string 
 std::optional<uint16_t> ymgr_send(ymgr_client_t *client, std::string_view payload);
 // The next frame; nothing on time-out or when the connection ended (ymgr_last_error says which).
 std::optional<ymgr_frame_t> ymgr_receive(ymgr_client_t *client, ymgr_duration timeout = YMGR_DEFAULT_TIMEOUT);
+// The same for the next notification (a frame with number 0); other frames are kept for ymgr_receive.
+std::optional<ymgr_frame_t> ymgr_receive_notification(ymgr_client_t *client,
+                                                      ymgr_duration timeout = YMGR_DEFAULT_TIMEOUT);
 // Sends a request and waits for its reply; other frames that arrive meanwhile are kept for ymgr_receive.
 std::optional<std::string> ymgr_request(ymgr_client_t *client, std::string_view payload,
                                         ymgr_duration timeout = YMGR_DEFAULT_TIMEOUT);

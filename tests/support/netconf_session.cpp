@@ -276,6 +276,13 @@ std::string netconf_session::receive()
   return ymgr_receive(client(), DEADLINE).value_or(ymgr_frame_t()).payload;
 }
 
+std::string netconf_session::next_notification(std::chrono::milliseconds timeout)
+{
+  std::string notification = ymgr_receive_notification(client(), timeout).value_or(ymgr_frame_t()).payload;
+  lines_.push_back("< " + (notification.empty() ? "(no notification)" : cut(notification)) + "\n");
+  return notification;
+}
+
 std::string netconf_session::conversation() const
 {
   return std::accumulate(lines_.begin(), lines_.end(), std::string());

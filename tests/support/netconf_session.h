@@ -86,6 +86,8 @@ public:
   // A request without waiting for its reply, and the payload of the next frame; empty when none comes.
   bool send(const std::string &operation);
   std::string receive();
+  // The next notification, whatever else has come; empty when none comes in time.
+  std::string next_notification(std::chrono::milliseconds timeout = DEADLINE);
 
   // Requests and replies so far, for a failing test.
   std::string conversation() const;

@@ -17,6 +17,7 @@
 #include "ymgrd/core/log.h"
 #include "ymgrd/core/memory.h"
 #include "ymgrd/core/stop_signal.h"
+#include "ymgrd/core/wiping_heap.h"
 #include "ymgrd/notify/notifier.h"
 #include "ymgrd/rpc/session.h"
 #include "ymgrd/ymgrd.h"
@@ -173,5 +174,6 @@ void ymgrd_epoll_dispatch()
     }
     broker_run_pending();
     notifier_run_pending();
+    wipe_stack();
   }
 }

@@ -21,6 +21,8 @@
 #include "ymgrd/core/paths.h"
 #include "ymgrd/core/profile.h"
 #include "ymgrd/core/stop_signal.h"
+#include "ymgrd/core/wiping_heap.h"
+#include "ymgrd/crypto/encrypt_registry.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore.h"
 #include "ymgrd/notify/notifier.h"
@@ -82,6 +84,18 @@ void daemonize_unless_refused()
   constexpr int KEEP_DESCRIPTORS = 1;
   if (context_get_int("OPT-daemonize", 1) == 1 && daemon(KEEP_WORKING_DIR, KEEP_DESCRIPTORS) != 0) {
     log_error("create process fail.");
+  }
+}
+
+// Before the first secret is read. Without secrets it would only cost time.
+void protect_secrets()
+{
+  if (!encrypt_has_sensitive()) {
+    return;
+  }
+  wiping_heap_enable();
+  if (!wiping_heap_is_enabled()) {
+    log_warn("Sensitive leaves are configured, but this build does not clear the memory that they leave.");
   }
 }
 
@@ -167,6 +181,7 @@ int ymgrd_init(const std::string &keepalive_so, bool smooth)
     log_error("Load ymgrd's configuration profile failed.");
     return -1;
   }
+  protect_secrets();
   daemonize_unless_refused();
   if (init_services() != 0 || daemon_state_init() != 0) {
     return -1;

@@ -13,6 +13,7 @@
 
 #include "libconf/safe_string.h"
 #include "libconf/xml_limits.h"
+#include "ymgrd/core/wiping_heap.h"
 
 namespace {
 
@@ -44,11 +45,11 @@ const char *as_char(const xmlChar *text)
 
 void wiping_free(void *block)
 {
-  if (block != nullptr) {
+  if (block != nullptr && !wiping_heap_is_enabled()) { // else free() does it
     size_t size = malloc_usable_size(block);
     memset_s(block, size, 0, size);
-    std::free(block);
   }
+  std::free(block);
 }
 
 void *wiping_realloc(void *block, size_t size)

@@ -28,8 +28,10 @@ constexpr int MAX_SESSION_SPEC = 0xffff; // an id has 16 bits in the event tag
 constexpr size_t BUFFER_SIZE = 1024;
 constexpr uint32_t SOCKET_FAILED = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
 constexpr const char CREATE_SESSION[] = "/zentra-ymgrd:create-session";
-// Idle seconds for which a session that is to be closed waits for a peer that does not read its replies.
+// Idle seconds for which a session that is to be closed waits for a peer that does not read, and for one that reads a
+// little now and then.
 constexpr uint32_t MAX_LINGER_PASSES = 5;
+constexpr uint32_t MAX_LINGER_PASSES_IN_ALL = 60;
 
 session_hooks_t session_hooks = {};
 
@@ -43,21 +45,22 @@ bool is_publishing(const session_t &session)
   return session.rpc_context != nullptr && session.rpc_context->is_publishing != 0;
 }
 
-bool has_unwritten_replies(const session_t &session)
+bool has_unwritten_reply(const session_t &session)
 {
-  return session.sock >= 0 && session.send_buf->used > 0;
+  return session.sock >= 0 && session.reply_end > 0;
 }
 
 // A request that still waits for its turn does not keep a killed session.
 bool may_close(const session_t &session)
 {
-  return session.bit_exit && !is_publishing(session) && !has_unwritten_replies(session);
+  return session.bit_exit && !is_publishing(session) && !session_has_unwritten(session);
 }
 
-// Unwritten replies keep a session from its next request: a peer that does not read cannot fill the memory.
+// An unwritten reply keeps a session from its next request: a peer that does not read cannot fill the memory. Other
+// messages do not, for the stream of events of a subscriber may never end; who queues them bounds them.
 bool may_receive(const session_t &session)
 {
-  return session.bit_rpc && !session.bit_exit && !has_unwritten_replies(session);
+  return session.bit_rpc && !session.bit_exit && !has_unwritten_reply(session);
 }
 
 uint32_t awaited_events(const session_t &session)
@@ -66,7 +69,7 @@ uint32_t awaited_events(const session_t &session)
   if (may_receive(session)) {
     events |= EPOLLIN | EPOLLPRI;
   }
-  if (has_unwritten_replies(session) || may_close(session)) {
+  if (session_has_unwritten(session) || may_close(session)) {
     events |= EPOLLOUT;
   }
   return events;
@@ -91,17 +94,19 @@ void log_peer(const session_t &session)
   }
 }
 
-int watch_socket(const session_t &session)
+int watch_socket(session_t &session)
 {
   int epfd = event_loop_fd();
   if (epfd < 0) {
     return -1;
   }
+  uint32_t events = awaited_events(session);
   uint32_t tag = ymgrd_event_tag(AGT_INST, static_cast<uint32_t>(session.session_id));
-  if (conf_event_add(epfd, session.sock, awaited_events(session), tag) != 0) {
+  if (conf_event_add(epfd, session.sock, events, tag) != 0) {
     log_error("Add session %d's event to epoll failed.", session.session_id);
     return -1;
   }
+  session.awaited = events;
   return 0;
 }
 
@@ -225,13 +230,14 @@ bool is_idle(const session_t &session)
   return session.bit_rpc || session.rpc_context == nullptr;
 }
 
-// Called once per idle pass: counts it when only unwritten replies keep the session.
+// Called once per idle pass: counts it when only unwritten messages keep the session.
 bool is_to_be_closed(session_t &session)
 {
   if (!session.bit_exit || is_publishing(session)) {
     return false;
   }
-  return !has_unwritten_replies(session) || ++session.exit_cnt > MAX_LINGER_PASSES;
+  return !session_has_unwritten(session) || ++session.exit_cnt > MAX_LINGER_PASSES ||
+         ++session.linger_cnt > MAX_LINGER_PASSES_IN_ALL;
 }
 
 // Closes what is to be closed; while shutting down, marks the idle rest for a later pass. The ids that are left.
@@ -372,13 +378,16 @@ int session_inst_wakeup(int session_id, uint32_t event)
     session_schedule_next(session_id);
     return -1;
   }
-  if ((event & EPOLLOUT) != 0 && has_unwritten_replies(*session)) {
+  if ((event & EPOLLOUT) != 0) {
+    bool had_reply = has_unwritten_reply(*session);
     if (session_core_send(*session) != 0) {
       end_session(session_id);
       return -1;
     }
-    session_schedule_next(session_id);
-    session = session_find(session_id);
+    if (had_reply && !has_unwritten_reply(*session)) {
+      session_schedule_next(session_id);
+      session = session_find(session_id);
+    }
     if (session == nullptr) {
       return 0;
     }
@@ -447,15 +456,9 @@ void session_timeout()
   session_schedule_next(0);
 }
 
-size_t session_queued(int session_id)
-{
-  const session_t *session = session_find(session_id);
-  return session == nullptr || session->sock < 0 ? 0 : session->send_buf->used;
-}
-
 int session_schedule(int session_id)
 {
-  const session_t *session = session_find(session_id);
+  session_t *session = session_find(session_id);
   if (session == nullptr || session->sock < 0) {
     log_error("Does not find session %d in context.", session_id);
     return -1;
@@ -464,11 +467,16 @@ int session_schedule(int session_id)
   if (epfd < 0) {
     return -1;
   }
+  uint32_t events = awaited_events(*session);
+  if (events == session->awaited) { // as for the second of many messages
+    return 0;
+  }
   uint32_t tag = ymgrd_event_tag(AGT_INST, static_cast<uint32_t>(session_id));
-  if (conf_event_reset(epfd, session->sock, awaited_events(*session), tag) != 0) {
+  if (conf_event_reset(epfd, session->sock, events, tag) != 0) {
     log_error("Reset session %d's event to epoll failed.", session_id);
     return -1;
   }
+  session->awaited = events;
   return 0;
 }
 

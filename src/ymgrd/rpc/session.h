@@ -13,6 +13,7 @@
 #include "ymgrd/rpc/rpc_context.h"
 
 // A session is idle (bit_rpc set) or processes one request (bit_rpc clear): further requests stay in the socket.
+// Messages wait in `send_buf` in the order of their queueing, a reply among notifications.
 typedef struct _session {
   int session_id = 0;   // index in "LIST-session" plus one
   int sock = -1;        // -1 once closed, when the record only waits for its publication to end
@@ -25,8 +26,12 @@ typedef struct _session {
   bool bit_ipv4 = false;
   bool bit_ipv6 = false;
   uint32_t client_addr[4] = {};
-  uint32_t exit_cnt = 0;    // idle passes for which unwritten replies kept a session with bit_exit open
+  uint32_t exit_cnt = 0;    // idle passes since the last write for which a session with bit_exit was kept open
+  uint32_t linger_cnt = 0;  // the same, writes or not
   uint32_t send_cursor = 0; // bytes of the first queued message already written
+  size_t send_begin = 0;    // where that message begins in `send_buf`; what is before it has been written and cleared
+  size_t reply_end = 0;     // where the reply that waits to be written ends there; 0 when none waits
+  uint32_t awaited = 0;     // epoll events that the event loop waits for
   uint16_t wait_reply_seq = 0;
   conf_buffer_ptr recv_buf;
   conf_buffer_ptr send_buf;
@@ -67,7 +72,8 @@ void session_timeout(); // once per idle second
 // At the end of the process: frees the records of the open sessions, leaving their sockets to the kernel.
 void session_forget_all();
 
-// Queues a framed message; it is written when the socket takes it. 0 or -1.
+// Queues a framed message; it is written when the socket takes it. 0, or -1 (logged): also for a message other than a
+// reply when the session is to be closed.
 int session_cache_send(int session_id, int type, const char *buf, int len);
 // The same for a message that lies in several pieces, of which it consists in that order.
 int session_cache_send_pieces(int session_id, int type, std::span<const std::string_view> pieces);

@@ -16,6 +16,7 @@ session_recv_t session_core_recv(session_t &session);
 session_recv_t session_get_rpc(session_t &session, msg_head_t *ret_head, std::string_view *ret_payload);
 void session_free_message(session_t &session, const msg_head_t &head);
 
-// Writes what the socket takes of the first queued message; a request whose reply is written is over. 0, or -1
-// (logged).
+bool session_has_unwritten(const session_t &session);
+// Writes what the socket takes of the first queued messages, of all but the first only as many as do not keep other
+// sessions waiting; a request whose reply is written is over. 0, or -1 (logged).
 int session_core_send(session_t &session);

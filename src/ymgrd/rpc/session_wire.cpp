@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include "libconf/conf_frame.h"
+#include "libconf/safe_string.h"
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/log.h"
 #include "ymgrd/core/memory.h"
@@ -14,12 +15,14 @@ namespace {
 constexpr size_t HEAD_SIZE = sizeof(msg_head_t);
 static_assert(HEAD_SIZE == CONF_FRAME_HEAD_SIZE && MSG_MAGIC == CONF_FRAME_MAGIC);
 constexpr int DEFAULT_MAX_MESSAGE_SIZE = 64 * 1024 * 1024;
+// Of messages that go out together in one wake-up. A single one may be longer.
+constexpr size_t MOST_TOGETHER = 64 * 1024;
 
-// Only called with a whole head in the buffer.
-msg_head_t front_head(const conf_buffer_t &buffer)
+// Only called where a whole head is in the buffer.
+msg_head_t head_at(const conf_buffer_t &buffer, size_t offset)
 {
   msg_head_t head;
-  std::memcpy(&head, buffer.data, HEAD_SIZE);
+  std::memcpy(&head, buffer.data + offset, HEAD_SIZE);
   return head;
 }
 
@@ -42,6 +45,54 @@ int append_message(session_t &session, const msg_head_t &head, size_t body_size,
     (void)conf_buffer_append(buffer, piece.data(), piece.size()); // its room is there
   }
   return 0;
+}
+
+// Bytes of the whole messages at the front of the queue that may go out together.
+size_t sendable(const session_t &session)
+{
+  size_t length = 0;
+  while (session.send_begin + length < session.send_buf->used) {
+    size_t total = HEAD_SIZE + head_at(*session.send_buf, session.send_begin + length).length;
+    if (length > 0 && length + total > MOST_TOGETHER) {
+      break;
+    }
+    length += total;
+  }
+  return length;
+}
+
+// Passes over the messages that are written now, `written` bytes further than before.
+void pass_written(session_t &session, size_t written)
+{
+  written += session.send_cursor;
+  while (session.send_begin < session.send_buf->used) {
+    size_t total = HEAD_SIZE + head_at(*session.send_buf, session.send_begin).length;
+    if (written > 0) {
+      log_info("Session %d send message.", session.session_id);
+    }
+    if (written < total) {
+      break;
+    }
+    memory_note_use(total);
+    session.send_begin += total;
+    written -= total;
+  }
+  session.send_cursor = static_cast<uint32_t>(written);
+}
+
+// Clears what has been written since the queue began at `begin`. It is cut out when it is at least as much as what
+// stands behind it: each byte moves once on average.
+void drop_written(session_t &session, size_t begin)
+{
+  conf_buffer_t *buffer = session.send_buf.get();
+  if (session.send_begin < buffer->used - session.send_begin) {
+    memset_s(buffer->data + begin, session.send_begin - begin, 0, session.send_begin - begin);
+    return;
+  }
+  (void)conf_buffer_remove(buffer, 0, session.send_begin); // within the used bytes
+  conf_buffer_slim(buffer);
+  session.reply_end -= session.reply_end == 0 ? 0 : session.send_begin;
+  session.send_begin = 0;
 }
 
 } // namespace
@@ -83,7 +134,7 @@ session_recv_t session_get_rpc(session_t &session, msg_head_t *ret_head, std::st
     return result;
   }
   const conf_buffer_t &buffer = *session.recv_buf;
-  *ret_head = front_head(buffer);
+  *ret_head = head_at(buffer, 0);
   *ret_payload = std::string_view(buffer.data + HEAD_SIZE, ret_head->length);
   log_info("Session %d receive message.", session.session_id);
   return SESSION_RECV_MESSAGE;
@@ -109,6 +160,10 @@ int session_cache_send_pieces(int session_id, int type, std::span<const std::str
     log_error("Does not find session %d in context.", session_id);
     return -1;
   }
+  if (session->bit_exit && type != SESSION_MSG_REPLY) {
+    log_debug("Session %d is to be closed and gets no further message.", session_id);
+    return -1;
+  }
   size_t total = 0;
   for (std::string_view piece : pieces) {
     total += piece.size();
@@ -122,19 +177,32 @@ int session_cache_send_pieces(int session_id, int type, std::span<const std::str
     session->bit_exit = session->bit_exit || type == SESSION_MSG_REPLY;
     return -1;
   }
+  if (type == SESSION_MSG_REPLY) {
+    session->reply_end = session->send_buf->used;
+  }
   return 0;
+}
+
+bool session_has_unwritten(const session_t &session)
+{
+  return session.sock >= 0 && session.send_begin < session.send_buf->used;
+}
+
+size_t session_queued(int session_id)
+{
+  const session_t *session = session_find(session_id);
+  bool is_open = session != nullptr && session->sock >= 0;
+  return is_open ? session->send_buf->used - session->send_begin - session->send_cursor : 0;
 }
 
 int session_core_send(session_t &session)
 {
-  conf_buffer_t *buffer = session.send_buf.get();
-  if (buffer->used == 0) {
+  if (!session_has_unwritten(session)) {
     return 0;
   }
-  msg_head_t head = front_head(*buffer);
-  size_t total = HEAD_SIZE + head.length;
-  ssize_t length = send(session.sock, buffer->data + session.send_cursor, total - session.send_cursor, MSG_NOSIGNAL);
-  if (length < 0) {
+  const char *unwritten = session.send_buf->data + session.send_begin + session.send_cursor;
+  ssize_t written = send(session.sock, unwritten, sendable(session) - session.send_cursor, MSG_NOSIGNAL);
+  if (written < 0) {
     int cause = errno;
     if (cause == EAGAIN || cause == EWOULDBLOCK || cause == EINTR) {
       return 0;
@@ -142,20 +210,14 @@ int session_core_send(session_t &session)
     log_error("Session %d send message failed(%s).", session.session_id, std::strerror(cause));
     return -1;
   }
-  log_info("Session %d send message.", session.session_id);
   session.exit_cnt = 0;
-  session.send_cursor += static_cast<uint32_t>(length);
-  if (session.send_cursor < total) {
-    return 0;
-  }
-  // A reply ends its request's context before it is queued: with a context this was some other message.
-  if (head.seq == session.wait_reply_seq && session.rpc_context == nullptr) {
+  size_t begin = session.send_begin;
+  pass_written(session, static_cast<size_t>(written));
+  if (session.reply_end > 0 && session.send_begin >= session.reply_end) {
+    session.reply_end = 0;
     session.bit_rpc = true;
   }
-  memory_note_use(total);
-  (void)conf_buffer_remove(buffer, 0, total); // it was queued whole
-  conf_buffer_slim(buffer);
-  session.send_cursor = 0;
+  drop_written(session, begin);
   (void)session_schedule(session.session_id); // logged there
   return 0;
 }

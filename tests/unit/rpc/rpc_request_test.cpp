@@ -1,4 +1,5 @@
 // What the ways of handlers to fail come to, and what only the inside of the daemon sees of sessions.
+#include <cstring>
 #include <filesystem>
 
 #include <arpa/inet.h>
@@ -34,9 +35,9 @@ std::string own_operation(const std::string &name, const std::string &input)
   return rpc_text("<" + name + " xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\">" + input + "</" + name + ">");
 }
 
-std::string frame(const std::string &payload)
+std::string frame(const std::string &payload, uint16_t seq = 77)
 {
-  msg_head_t head = {MSG_MAGIC, static_cast<uint32_t>(payload.size()), 77, 0};
+  msg_head_t head = {MSG_MAGIC, static_cast<uint32_t>(payload.size()), seq, 0};
   return std::string(reinterpret_cast<const char *>(&head), sizeof(head)) + payload;
 }
 
@@ -146,6 +147,36 @@ protected:
   }
   static bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
+  // One pass of the event loop, then session 1's agent takes up to so many bytes.
+  std::string turn(size_t most)
+  {
+    epoll_event events[2];
+    int count = epoll_wait(epfd_.get(), events, 2, 0);
+    for (int i = 0; i < count; i++) {
+      (void)session_inst_wakeup(static_cast<int>(events[i].data.u32 & 0xffffU), events[i].events);
+    }
+    std::string bytes(most, ' ');
+    ssize_t length = recv(agents[0].get(), bytes.data(), most, 0);
+    bytes.resize(length > 0 ? static_cast<size_t>(length) : 0);
+    return bytes;
+  }
+  static std::string event_text(size_t number)
+  {
+    return "event " + std::to_string(number) + std::string(number % 500 == 7 ? 20000 : number % 90, '.');
+  }
+  // Queues an event for session 1: its frame; empty when it is refused.
+  static std::string queue_event(size_t number)
+  {
+    std::string text = event_text(number);
+    bool is_queued = session_cache_send(1, SESSION_MSG_OTHER, text.data(), static_cast<int>(text.size())) == 0;
+    return is_queued && session_schedule(1) == 0 ? frame(text, 0) : "";
+  }
+  static void make_socket_small()
+  {
+    int size = 4096;
+    ASSERT_EQ(0, setsockopt(session_find(1)->sock, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)));
+  }
+
   unique_fd agents[2];
 
 private:
@@ -221,8 +252,7 @@ TEST_F(rpc_request, large_messages_pass_through_small_sockets_and_leave_small_bu
   open_session(1);
   handle(answer_much);
   const session_t *session = session_find(1);
-  int size = 4096;
-  ASSERT_EQ(0, setsockopt(session->sock, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)));
+  make_socket_small();
   const std::string request = frame(own_operation("get-capability", std::string(LARGE, ' ')));
   std::string reply;
   for (size_t sent = 0; sent < request.size() || reply.size() < sizeof(msg_head_t) + LARGE;) {
@@ -233,4 +263,83 @@ TEST_F(rpc_request, large_messages_pass_through_small_sockets_and_leave_small_bu
   }
   EXPECT_TRUE(reply == frame(std::string(LARGE, 'x')));
   EXPECT_LT(session->send_buf->total + session->recv_buf->total, 100000U);
+}
+
+TEST_F(rpc_request, a_stream_of_events_without_end_does_not_hold_up_requests)
+{
+  constexpr size_t EVENTS = 5000;
+  open_session(1);
+  handle(answer_ok);
+  make_socket_small();
+  std::string reply = ask(1, own_operation("get-capability", ""));
+  std::string queued;   // all events, in order
+  std::string received; // what the agent got besides replies
+  std::string bytes;
+  size_t events = 0;
+  size_t replies = 0;
+  size_t requests = 0;
+  for (size_t turns = 0; replies < requests || events < EVENTS || received.size() < queued.size(); turns++) {
+    ASSERT_LT(turns, 50000U) << replies << " replies";
+    bool is_full = events == EVENTS; // until then the queue is never empty
+    while (!is_full && session_queued(1) < 3000) {
+      queued += queue_event(events++);
+      is_full = events == EVENTS;
+    }
+    if (replies == requests && !is_full) {
+      std::string request = frame(own_operation("get-capability", ""), requests++ % 3);
+      ASSERT_EQ(send(agents[0].get(), request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
+    }
+    bytes += turn(700);
+    msg_head_t head = {};
+    for (; bytes.size() >= sizeof(head); bytes.erase(0, sizeof(head) + head.length)) {
+      std::memcpy(&head, bytes.data(), sizeof(head));
+      if (bytes.size() < sizeof(head) + head.length) {
+        break;
+      }
+      std::string whole = bytes.substr(0, sizeof(head) + head.length);
+      if (has(whole, "rpc-reply")) {
+        ASSERT_LT(replies, requests) << "more replies than requests";
+        EXPECT_EQ(frame(reply, replies++ % 3), whole);
+      } else {
+        received += whole;
+      }
+    }
+  }
+  EXPECT_TRUE(received == queued);
+  EXPECT_EQ("", bytes);
+  EXPECT_GT(requests, EVENTS / 200) << "requests starve";
+  EXPECT_LT(session_find(1)->send_buf->total, 100000U);
+}
+
+TEST_F(rpc_request, a_session_that_ends_has_its_events_and_reply_first_but_no_new_ones)
+{
+  open_session(1);
+  open_session(2);
+  std::string expected = queue_event(1);
+  expected += queue_event(2);
+  EXPECT_TRUE(read(1) == expected) << "several in one write";
+  expected = queue_event(7);
+  std::string got = ask(2, rpc_text("<kill-session><session-id>1</session-id></kill-session>"));
+  EXPECT_TRUE(has(got, "<ok/>"));
+  EXPECT_EQ("", queue_event(3));
+  EXPECT_TRUE(turn(LARGE) == expected);
+  (void)turn(LARGE);
+  EXPECT_EQ(nullptr, session_find(1));
+}
+
+TEST_F(rpc_request, a_peer_that_reads_a_little_now_and_then_does_not_keep_a_killed_session_for_ever)
+{
+  open_session(1);
+  make_socket_small();
+  for (size_t number = 0; number < 2000; number++) {
+    ASSERT_NE("", queue_event(number * 500 + 7));
+  }
+  session_find(1)->bit_exit = true;
+  int passes = 0;
+  for (; session_find(1) != nullptr && passes < 200; passes++) {
+    (void)turn(10000);
+    session_timeout();
+  }
+  EXPECT_GT(passes, 20) << "it does read";
+  EXPECT_LT(passes, 100);
 }
