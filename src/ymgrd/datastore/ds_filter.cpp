@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "ymgrd/datastore/ds_filter_select.h"
+#include "ymgrd/datastore/ds_sealed.h"
 
 namespace {
 
@@ -49,6 +50,18 @@ struct parsed_data {
   static void set_mark(lyxml_elem *elem, filter_mark_t mark)
   {
     elem->_private = mark == MARK_WHOLE ? &mark_whole : mark == MARK_PATH ? &mark_path : nullptr;
+  }
+};
+
+// The same where sensitive values are sealed.
+struct sealed_data : parsed_data {
+  static content_key_t content_key(const lyxml_elem *elem, wiped_string *buffer)
+  {
+    content_key_t key = parsed_data::content_key(elem, buffer);
+    if (ds_is_sealed_in_xml(key.text)) {
+      key.text = ds_open_sealed_in_xml(wiped_string(key.text), buffer);
+    }
+    return key;
   }
 };
 
@@ -191,6 +204,8 @@ bool ncxml_subtree_selects(lyxml_elem *config, const ds_prepared_filter &filter)
 
 lyxml_ptr ds_xml_subtree_filter(lyxml_ptr old, const ds_prepared_filter &filter)
 {
-  bool any = ncxml_subtree_filter(lyxml_first_child(old.get()), filter);
+  lyxml_elem *first = lyxml_first_child(old.get());
+  (void)selector<sealed_data>().select(first, filter.siblings()); // the marks say what was selected
+  bool any = drop_unmarked(first);
   return any ? std::move(old) : nullptr;
 }

@@ -8,6 +8,7 @@
 #include "ymgrd/core/paths.h"
 #include "ymgrd/crypto/encrypt_key.h"
 #include "ymgrd/schema/schema_internal.h"
+#include "ymgrd/schema/schema_sensitive.h"
 #include "ymgrd/ymgrd.h"
 
 namespace {
@@ -291,5 +292,5 @@ int schema_load_yang()
     log_error("have sen-k only.");
     return -1;
   }
-  return 0;
+  return schema_protect_sensitive(); // not before: the records tell the leaves' own types
 }
