@@ -9,6 +9,7 @@
 #include "ymgrd/broker/plugin.h"
 #include "ymgrd/core/log.h"
 #include "ymgrd/core/startup.h"
+#include "ymgrd/crypto/encrypt_find.h"
 #include "ymgrd/datastore/datastore.h"
 #include "ymgrd/datastore/ds_error.h"
 #include "ymgrd/datastore/ds_restore.h"
@@ -16,6 +17,7 @@
 #include "ymgrd/rpc/rpc.h"
 #include "ymgrd/rpc/rpc_reply.h"
 #include "ymgrd/rpc/session.h"
+#include "ymgrd/schema/schema_sensitive_xml.h"
 
 namespace {
 
@@ -80,6 +82,11 @@ void ymgrd_wire_components()
   session_set_hooks(session_hooks);
 
   rpc_set_next_subscriber_hook(broker_publish_operation_next);
+
+  encrypt_schema_t schema = {};
+  schema.check = schema_check_sensitive_value;
+  schema.path_of = schema_sensitive_instance;
+  encrypt_set_schema(schema);
 
   broker_hooks_t broker_hooks = {};
   broker_hooks.publish_config = plugin_publish_config;

@@ -8,6 +8,7 @@
 #include "ymgrd/core/paths.h"
 #include "ymgrd/crypto/encrypt_key.h"
 #include "ymgrd/schema/schema_internal.h"
+#include "ymgrd/schema/schema_sensitive.h"
 #include "ymgrd/ymgrd.h"
 
 namespace {
@@ -15,7 +16,7 @@ namespace {
 constexpr std::string_view UNIX_SCHEME = "unix:";
 
 // Without ietf-netconf in the context libyang drops nc:operation attributes without a word, and a delete becomes a
-// merge; without zentra-ymgrd no session can be created.
+// merge; without zentra-ymgrd no session can be created, without notifications no request to subscribe has a name.
 typedef struct _required_module {
   const char *name;
   const char *revision;
@@ -24,6 +25,8 @@ typedef struct _required_module {
 const required_module_t required_modules[] = {
     {"ietf-netconf", "2011-06-01", {"writable-running", "candidate", "rollback-on-error", "startup"}},
     {"zentra-ymgrd", "2026-11-22", {}},
+    {"notifications", "2008-07-14", {}},
+    {"nc-notifications", "2008-07-14", {}},
 };
 
 int read_database_path(const schema_config &config, std::string *ret_path)
@@ -288,5 +291,5 @@ int schema_load_yang()
     log_error("have sen-k only.");
     return -1;
   }
-  return 0;
+  return schema_protect_sensitive(); // not before: the records tell the leaves' own types
 }
