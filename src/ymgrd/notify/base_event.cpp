@@ -1,12 +1,14 @@
 #include "ymgrd/notify/base_event.h"
 
 #include <algorithm>
+#include <ctime>
 #include <iterator>
 #include <map>
 #include <vector>
 
 #include "ymgrd/core/log.h"
 #include "ymgrd/datastore/dbkey.h"
+#include "ymgrd/notify/notifier.h"
 #include "ymgrd/rpc/lyxml.h"
 #include "ymgrd/rpc/rpc_reply_path.h"
 #include "ymgrd/schema/schema.h"
@@ -206,4 +208,13 @@ int base_event_build(notification_kind_t kind, const base_notification_info_t &i
   }
   *ret_content = std::move(content);
   return 0;
+}
+
+int base_event_emit(notification_kind_t kind, const base_notification_info_t &info)
+{
+  if (notification_get_config() == nullptr) {
+    return 0; // nobody can have subscribed, and nothing is stored
+  }
+  std::string content;
+  return base_event_build(kind, info, &content) != 0 ? -1 : notifier_emit(time(nullptr), std::move(content));
 }

@@ -569,6 +569,17 @@ void session_report_end(session_t *session, NC_SESSION_TERM_REASON reason, int k
   }
 }
 
+void session_report_ends()
+{
+  int size = context_list_size(SESSION_LIST);
+  for (int session_id = 1; session_id <= size; session_id++) {
+    session_t *session = session_find(session_id);
+    if (session != nullptr) {
+      session_report_end(session, NC_SESSION_TERM_OTHER, 0);
+    }
+  }
+}
+
 bool session_is_shutting_down()
 {
   return g_shutdown != NO_SHUTDOWN;

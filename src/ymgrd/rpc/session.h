@@ -100,6 +100,7 @@ std::string session_client_address(const session_t &session);
 base_notification_info_t session_describe(const session_t &session);
 // Reports that the session ends, once; a connection that never was a session is not reported.
 void session_report_end(session_t *session, NC_SESSION_TERM_REASON reason, int killed_by);
+void session_report_ends(); // of all, when the daemon ends in an orderly way
 
 bool session_is_shutting_down();
 // A daemon-wide shutdown, asked for by a session, whose reply is kept until the other sessions have gone.

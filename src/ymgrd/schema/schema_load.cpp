@@ -27,6 +27,7 @@ const required_module_t required_modules[] = {
     {"zentra-ymgrd", "2026-11-22", {}},
     {"notifications", "2008-07-14", {}},
     {"nc-notifications", "2008-07-14", {}},
+    {"ietf-netconf-notifications", "2012-02-06", {}},
 };
 
 int read_database_path(const schema_config &config, std::string *ret_path)
