@@ -198,8 +198,9 @@ int rpc_send_reply(int session_id, const lyxml_elem *reply)
 
 int rpc_send_data_reply(int session_id, const lyxml_elem *reply, std::string_view data)
 {
-  const lyxml_elem *content = reply == nullptr ? nullptr : lyxml_first_child(reply);
-  if (content == nullptr || content->children != nullptr || lyxml_next(content) != nullptr) {
+  // The element that the data goes into.
+  const lyxml_elem *content = reply == nullptr || reply->children == nullptr ? reply : lyxml_first_child(reply);
+  if (content == nullptr || content->children != nullptr || (content != reply && lyxml_next(content) != nullptr)) {
     log_error("reply content is empty.");
     return -1;
   }
