@@ -88,12 +88,14 @@ std::string daemon_process::profile_text() const
                       json_strings(module.features) + ", \"deviation\": " + json_strings(module.deviations) + "}");
   }
   std::string address = json_string("unix:/" + redis_socket_);
+  std::string working_key = options_.working_key.empty() ? "" : "\"working-key\": " + options_.working_key + ", ";
   std::map<std::string, std::string> members = {
       {"daemonize", "false"},
       {"session-spec", "16"},
       {"modules-dir", json_string(modules_dir())},
       {"plugins-dir", json_string(dir_ + "/plugins")},
-      {"database", "{\"type\": \"default\", \"driver\": {\"path\": " + address + ", \"api-version\": \"1.0\"}}"},
+      {"database",
+       "{" + working_key + "\"type\": \"default\", \"driver\": {\"path\": " + address + ", \"api-version\": \"1.0\"}}"},
       {"schema", "{\"db-enabled\": true, \"path\": " + address + "}"},
       {"modules", json_array(modules)},
   };

@@ -27,6 +27,8 @@ typedef struct _daemon_options {
       {"ex-sys"}};
   // Members of the profile (name to JSON text) that replace or join the usual ones; an empty text leaves one out.
   std::map<std::string, std::string> profile;
+  // The "working-key" of the usual "database" section, as provision_key() gives it; none when empty.
+  std::string working_key;
   // Further words of the command line.
   std::vector<std::string> arguments;
   // The program, when it is not the daemon as installed.

@@ -4,6 +4,7 @@
 #include "ymgrd/broker/broker_internal.h"
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/crypto/encrypt_find.h"
 #include "ymgrd/rpc/rpc_reply.h"
 #include "ymgrd/rpc/session.h"
 
@@ -29,11 +30,35 @@ int answer_error(int session_id, const lyxml_elem *rpc, reply_error_ptr error)
   return 0;
 }
 
+// The input in clear, in a copy that is gone before anything else happens: what the session keeps stays encrypted.
+// 0, or -1 when an error was answered. The copy stays null when there is nothing to decrypt.
+int copy_in_clear(const rpc_oper_context_t &context, lyxml_ptr *ret_copy)
+{
+  if (!encrypt_has_sensitive()) {
+    return 0;
+  }
+  lyxml_ptr copy = lyxml_copy(context.rpc.get());
+  reply_error_ptr error;
+  if (copy == nullptr ||
+      security_find_sensitive_in_rpc(context.oper.c_str(), copy.get(), SENSITIVE_DECRYPT, &error) != 0) {
+    error = error == nullptr ? reply_error_ptr(rpc_create_error(REPLY_ERR_OP_FAILED)) : std::move(error);
+    (void)answer_error(context.session_id, context.rpc.get(), std::move(error));
+    return -1;
+  }
+  *ret_copy = std::move(copy);
+  return 0;
+}
+
 int process_outside(const rpc_oper_context_t &context, const subscriber_t &subscriber)
 {
   const std::string oper = context.oper; // the context may end with the delivery
   int session_id = context.session_id;
-  if (broker_hooks().parse_rpc(oper.c_str(), context.rpc.get()) != 0) {
+  lyxml_ptr copy;
+  if (copy_in_clear(context, &copy) != 0) {
+    return -1;
+  }
+  lyxml_elem *rpc = copy == nullptr ? context.rpc.get() : copy.get();
+  if (broker_hooks().parse_rpc(oper.c_str(), rpc) != 0) {
     log_error("valid user-defined rpc fail.");
     reply_error_ptr error(rpc_create_error(broker_hooks().error_kind(REPLY_ERR_INVALID_VALUE, REPLY_ERR_OP_FAILED)));
     if (error != nullptr) {
@@ -45,7 +70,7 @@ int process_outside(const rpc_oper_context_t &context, const subscriber_t &subsc
   plugin_publish_info_t info = {};
   info.session_id = session_id;
   info.cb_func = subscriber.sub_cb;
-  info.operate.input = lyxml_first_child(context.rpc.get());
+  info.operate.input = lyxml_first_child(rpc);
   log_debug("Operation <%.512s> from session %d process outside.", oper.c_str(), session_id);
   int status = SUBPUB_ERROR;
   if (broker_hooks().publish_operate(subscriber.plugin_id, &info, &status) != 0 || status == SUBPUB_ERROR) {

@@ -25,12 +25,13 @@ const char *shown(const char *value)
   return value == nullptr ? "(null)" : value;
 }
 
-bool is_same_value(const char *value1, const char *value2)
+// Of the sensitive leaf `a` the clear values are compared. Any other one is not decrypted, whatever it looks like.
+bool is_same_value(const differ_node_t *a, const char *value1, const char *value2)
 {
-  if (value1 == nullptr || value2 == nullptr) {
-    return value1 == value2;
+  if (value1 == value2) { // interned: equal ones are one pointer
+    return true;
   }
-  return compare_encrypt(value1, value2) == 0;
+  return a->is_sensitive && value1 != nullptr && value2 != nullptr && compare_encrypt(value1, value2) == 0;
 }
 
 void take_new_value(differ_node_t *a, differ_node_t *b)
@@ -65,7 +66,7 @@ merge_outcome_t modified_after_added(differ_node_t *a, differ_node_t *b)
   if (!can_be_modified(a)) {
     return MERGE_CHILDREN;
   }
-  if (is_same_value(a->leaf_value_new, b->leaf_value_new)) {
+  if (is_same_value(a, a->leaf_value_new, b->leaf_value_new)) {
     log_debug("node %.512s value is %.512s, same as old db.", a->data_path, shown(a->leaf_value_new));
   } else {
     take_new_value(a, b);
@@ -99,7 +100,7 @@ merge_outcome_t added_after_removed(differ_node_t *a, differ_node_t *b)
     a->oper_type = a->is_user_ordered ? DBDIFF_CHAIN | DBDIFF_MOVE : DBDIFF_CHAIN;
     return MERGE_CHILDREN;
   }
-  if (is_same_value(a->leaf_value_new, b->leaf_value_new)) {
+  if (is_same_value(a, a->leaf_value_new, b->leaf_value_new)) {
     log_debug("node %.512s value is %.512s, same as old db.", a->data_path, shown(a->leaf_value_new));
     return MERGE_DROP_BOTH;
   }
@@ -147,7 +148,7 @@ merge_outcome_t modified_twice(differ_node_t *a, differ_node_t *b)
   if (!can_be_modified(a)) {
     return MERGE_CHILDREN;
   }
-  if (!is_same_value(a->leaf_value_old, b->leaf_value_new)) {
+  if (!is_same_value(a, a->leaf_value_old, b->leaf_value_new)) {
     take_new_value(a, b);
     return MERGE_CHILDREN;
   }

@@ -9,6 +9,7 @@
 #include "ymgrd/core/handles.h"
 #include "ymgrd/core/log.h"
 #include "ymgrd/crypto/encrypt.h"
+#include "ymgrd/schema/schema_sensitive.h"
 
 namespace {
 
@@ -139,6 +140,7 @@ differ_node_t *new_differ_node(const char *data_path, const char *schema_path, E
     return nullptr;
   }
   node->is_user_ordered = has_schema && lysc_is_userordered(config->schema);
+  node->is_sensitive = has_schema && schema_is_sensitive(config->schema);
   node->oper_type |= action;
   return node;
 }

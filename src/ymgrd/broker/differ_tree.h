@@ -39,6 +39,7 @@ typedef struct _conf_differ_node {
   struct _conf_differ_root *doc;
   int pub_flag;
   bool is_user_ordered; // an entry whose place among its siblings is data: taken out and put back it has moved
+  bool is_sensitive;    // a sensitive leaf: its values are cipher text, or a schema default
   const char *leaf_value_old;
   const char *leaf_value_new;
 } differ_node_t;

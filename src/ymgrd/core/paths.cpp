@@ -6,6 +6,7 @@ namespace {
 
 std::string profile_path = DEFAULT_PROFILE_PATH;
 std::string config_dir = "/usr/local/etc/ymgrd";
+std::string key_table_path = DEFAULT_KEY_TABLE_PATH;
 std::string modules_dir = DEFAULT_MODULES_DIR; // where the profile names none
 std::string plugins_dir = DEFAULT_PLUGINS_DIR; // likewise
 
@@ -41,6 +42,7 @@ void ymgrd_set_profile_path(const std::string &path)
   profile_path = path;
   config_dir = directory_of(path);
   std::string parent = config_dir == "/" ? "" : config_dir;
+  key_table_path = parent + "/table2.key";
   modules_dir = parent + "/modules";
   plugins_dir = parent + "/plugins";
 }
@@ -53,6 +55,11 @@ const std::string &ymgrd_profile_path()
 const std::string &ymgrd_config_dir()
 {
   return config_dir;
+}
+
+const std::string &ymgrd_key_table_path()
+{
+  return key_table_path;
 }
 
 std::string ymgrd_socket_path(const std::string &address)

@@ -21,6 +21,8 @@ const char *ymgrd_plugins_dir();
 void ymgrd_set_profile_path(const std::string &path);
 const std::string &ymgrd_profile_path();
 const std::string &ymgrd_config_dir();
+// The key table file: "table2.key" beside the profile.
+const std::string &ymgrd_key_table_path();
 
 // The absolute path that the address of a unix socket names: what stands behind the address's first "/". "unix:/a/b",
 // "unix://a/b" and "unix:///a/b" all name "/a/b".

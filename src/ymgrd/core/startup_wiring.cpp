@@ -9,13 +9,16 @@
 #include "ymgrd/broker/plugin.h"
 #include "ymgrd/core/log.h"
 #include "ymgrd/core/startup.h"
+#include "ymgrd/crypto/encrypt_find.h"
 #include "ymgrd/datastore/datastore.h"
 #include "ymgrd/datastore/ds_error.h"
 #include "ymgrd/datastore/ds_restore.h"
+#include "ymgrd/notify/base_event.h"
 #include "ymgrd/notify/notifier.h"
 #include "ymgrd/rpc/rpc.h"
 #include "ymgrd/rpc/rpc_reply.h"
 #include "ymgrd/rpc/session.h"
+#include "ymgrd/schema/schema_sensitive_xml.h"
 
 namespace {
 
@@ -52,6 +55,7 @@ void end_of_session(int session_id)
 // After a shutdown request. Exit status 1 tells the daemon's supervisor that the end was asked for and is no crash.
 [[noreturn]] void end_after_shutdown()
 {
+  notifier_flush(); // the ends of the last sessions
   ymgrd_exit();
   std::exit(EXIT_FAILURE);
 }
@@ -80,6 +84,12 @@ void ymgrd_wire_components()
   session_set_hooks(session_hooks);
 
   rpc_set_next_subscriber_hook(broker_publish_operation_next);
+  base_notification_set_sink(base_event_emit);
+
+  encrypt_schema_t schema = {};
+  schema.check = schema_check_sensitive_value;
+  schema.path_of = schema_sensitive_instance;
+  encrypt_set_schema(schema);
 
   broker_hooks_t broker_hooks = {};
   broker_hooks.publish_config = plugin_publish_config;

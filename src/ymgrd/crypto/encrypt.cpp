@@ -69,6 +69,12 @@ bool encrypt_is_marked(std::string_view text)
   return text.size() >= SHORTEST && text.starts_with(CIPHER_TEXT_MARKER) && text.ends_with(CIPHER_TEXT_MARKER);
 }
 
+bool encrypt_has_form(std::string_view text)
+{
+  std::vector<unsigned char> bytes;
+  return AES_read(text, &bytes) == 0;
+}
+
 bool is_cipher_text(std::string_view text)
 {
   working_key_t key;

@@ -20,5 +20,7 @@ int encrypt_sensitive(std::string_view value, std::string *ret_cipher_text);
 int decrypt_sensitive(std::string_view cipher_text, wiped_string *ret_value);
 // Whether the text begins and ends with the marker: cheap, and true of every cipher text.
 bool encrypt_is_marked(std::string_view text);
+// Whether it has cipher text's whole form: the marker, the characters and the length. Needs no key.
+bool encrypt_has_form(std::string_view text);
 // Whether it is marked and can be decrypted. Logs nothing.
 bool is_cipher_text(std::string_view text);

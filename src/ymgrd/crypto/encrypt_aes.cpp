@@ -1,9 +1,7 @@
 #include "ymgrd/crypto/encrypt_aes.h"
 
 #include <climits>
-#include <cstdint>
 #include <memory>
-#include <vector>
 
 #include <openssl/evp.h>
 #include <openssl/rand.h>
@@ -44,33 +42,6 @@ unsigned char *as_bytes(char *text)
   return reinterpret_cast<unsigned char *>(text);
 }
 
-// The IV and the encrypted value. -1 when the text is not of that form.
-int read_cipher_text(std::string_view text, std::vector<unsigned char> *ret_bytes)
-{
-  if (!encrypt_is_marked(text) || text.size() > LONGEST) {
-    return -1;
-  }
-  // By position: the text form may hold the marker too.
-  text = text.substr(MARKER_LENGTH, text.size() - 2 * MARKER_LENGTH);
-  std::vector<unsigned char> bytes;
-  if (asc2bin(text, &bytes) != 0) {
-    return -1;
-  }
-  // Whole blocks, rounded up to groups of three bytes: one or two bytes too many, or none.
-  size_t filling = bytes.size() % BLOCK_LENGTH;
-  if (filling > 2 || bytes.size() - filling < 2 * BLOCK_LENGTH) {
-    return -1;
-  }
-  for (; filling > 0; filling--) {
-    if (bytes.back() != 0) {
-      return -1;
-    }
-    bytes.pop_back();
-  }
-  *ret_bytes = std::move(bytes);
-  return 0;
-}
-
 // Cuts off the zero bytes at the end. -1 when there are none or too many.
 int strip_padding(wiped_string *plain)
 {
@@ -106,10 +77,36 @@ int AES_Encrypt(const unsigned char *key, std::string_view value, std::string *r
   return 0;
 }
 
+int AES_read(std::string_view text, std::vector<unsigned char> *ret_bytes)
+{
+  if (!encrypt_is_marked(text) || text.size() > LONGEST) {
+    return -1;
+  }
+  // By position: the text form may hold the marker too.
+  text = text.substr(MARKER_LENGTH, text.size() - 2 * MARKER_LENGTH);
+  std::vector<unsigned char> bytes;
+  if (asc2bin(text, &bytes) != 0) {
+    return -1;
+  }
+  // Whole blocks, rounded up to groups of three bytes: one or two bytes too many, or none.
+  size_t filling = bytes.size() % BLOCK_LENGTH;
+  if (filling > 2 || bytes.size() - filling < 2 * BLOCK_LENGTH) {
+    return -1;
+  }
+  for (; filling > 0; filling--) {
+    if (bytes.back() != 0) {
+      return -1;
+    }
+    bytes.pop_back();
+  }
+  *ret_bytes = std::move(bytes);
+  return 0;
+}
+
 int AES_Decrypt(const unsigned char *key, std::string_view cipher_text, wiped_string *ret_value)
 {
   std::vector<unsigned char> bytes;
-  if (read_cipher_text(cipher_text, &bytes) != 0) {
+  if (AES_read(cipher_text, &bytes) != 0) {
     return -1;
   }
   size_t length = bytes.size() - BLOCK_LENGTH;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <new>
+#include <set>
 
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/log.h"
@@ -15,7 +16,8 @@ constexpr const char LIST_NAME[] = "LIST-sencitive";
 struct registry_t {
   std::map<std::string, sensitive_config_t *, std::less<>> records; // by path
   sensitive_node_t root;
-  bool is_root_stale = false;                                 // a record has gone
+  std::set<std::string, std::less<>> names; // of the leaves themselves
+  bool is_stale = false;                    // a record has gone: the tree and the names are to be made anew
   std::map<std::string, std::string, std::less<>> namespaces; // by module
 };
 
@@ -83,9 +85,9 @@ std::string path_of(const std::vector<sensitive_step_t> &steps)
   return path;
 }
 
-void add_to_tree(const sensitive_config_t &cfg, sensitive_node_t *root)
+void index_leaf(const sensitive_config_t &cfg, registry_t *known)
 {
-  sensitive_node_t *node = root;
+  sensitive_node_t *node = &known->root;
   for (const sensitive_step_t &step : cfg.steps) {
     auto [first, end] = node->children.equal_range(step.name);
     auto child = std::find_if(first, end, [&](const auto &entry) { return entry.second.module == step.module; });
@@ -96,6 +98,7 @@ void add_to_tree(const sensitive_config_t &cfg, sensitive_node_t *root)
     node = &child->second;
   }
   node->leaf = &cfg;
+  known->names.insert(cfg.steps.back().name);
 }
 
 void forget(const sensitive_config_t *cfg)
@@ -104,8 +107,22 @@ void forget(const sensitive_config_t *cfg)
   auto record = known.records.find(cfg->path);
   if (record != known.records.end() && record->second == cfg) {
     known.records.erase(record);
-    known.is_root_stale = true;
+    known.is_stale = true;
   }
+}
+
+const registry_t &up_to_date()
+{
+  registry_t &known = registry();
+  if (known.is_stale) {
+    known.root.children.clear();
+    known.names.clear();
+    for (const auto &[path, cfg] : known.records) {
+      index_leaf(*cfg, &known);
+    }
+    known.is_stale = false;
+  }
+  return known;
 }
 
 void remove_from_list(const sensitive_config_t *cfg)
@@ -154,7 +171,7 @@ int encrypt_save_sensitive(sensitive_config_t *cfg)
     return -1;
   }
   known.records.emplace(cfg->path, cfg);
-  add_to_tree(*cfg, &known.root);
+  index_leaf(*cfg, &known);
   return 0;
 }
 
@@ -210,15 +227,12 @@ const sensitive_config_t *encrypt_find_sensitive(std::string_view path)
   return found == registry().records.end() ? nullptr : found->second;
 }
 
+bool encrypt_is_sensitive_name(std::string_view name)
+{
+  return up_to_date().names.count(name) != 0;
+}
+
 const sensitive_node_t &encrypt_sensitive_tree()
 {
-  registry_t &known = registry();
-  if (known.is_root_stale) {
-    known.root.children.clear();
-    for (const auto &[path, cfg] : known.records) {
-      add_to_tree(*cfg, &known.root);
-    }
-    known.is_root_stale = false;
-  }
-  return known.root;
+  return up_to_date().root;
 }

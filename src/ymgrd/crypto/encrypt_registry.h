@@ -38,6 +38,9 @@ void encrypt_delete_sensitive(const char *module);
 // The record of a path in the form above; null when that leaf is not sensitive.
 const sensitive_config_t *encrypt_find_sensitive(std::string_view path);
 
+// Whether any sensitive leaf has that name, wherever it stands.
+bool encrypt_is_sensitive_name(std::string_view name);
+
 // All leaves as a tree of steps, for whoever walks data beside it. `leaf` is set where a path ends.
 typedef struct _sensitive_node {
   std::string module;

@@ -1,17 +1,83 @@
 #include "ymgrd/crypto/sealed_text.h"
-void sealed_text_append(std::string_view cipher, wiped_string *text)
+
+#include <algorithm>
+
+#include "ymgrd/crypto/encrypt.h"
+
+namespace {
+
+constexpr char SEAL = '\x01';
+constexpr std::string_view MASK = "***";
+
+// Of what cipher texts and sensitive values can hold, these mean something in the text of an element.
+void append_escaped(std::string_view value, wiped_string *text)
 {
-  text->append(cipher);
+  for (char c : value) {
+    switch (c) {
+    case '&':
+      text->append("&amp;");
+      break;
+    case '<':
+      text->append("&lt;");
+      break;
+    case '>':
+      text->append("&gt;");
+      break;
+    default:
+      text->push_back(c);
+    }
+  }
 }
-bool sealed_text_is_in(std::string_view)
+
+void append_opened(std::string_view cipher_text, wiped_string *text)
 {
-  return false;
+  wiped_string value;
+  append_escaped(decrypt_sensitive(cipher_text, &value) == 0 ? std::string_view(value) : cipher_text, text);
 }
-void sealed_text_open(std::string_view text, wiped_string *ret)
+
+void append_mask(std::string_view, wiped_string *text)
 {
-  ret->assign(text);
+  text->append(MASK);
 }
-void sealed_text_mask(std::string_view text, wiped_string *ret)
+
+// Copies the text, with what `append_value` makes of the sealed values. One that does not end is taken to the end.
+void replace_sealed(std::string_view text, void (*append_value)(std::string_view, wiped_string *),
+                    wiped_string *ret_text)
 {
-  ret->assign(text);
+  wiped_string replaced;
+  replaced.reserve(text.size());
+  for (size_t at = 0; at < text.size();) {
+    size_t begin = std::min(text.find(SEAL, at), text.size());
+    replaced.append(text.substr(at, begin - at));
+    size_t end = begin == text.size() ? begin : std::min(text.find(SEAL, begin + 1), text.size());
+    if (begin < text.size()) {
+      append_value(text.substr(begin + 1, end - begin - 1), &replaced);
+    }
+    at = end == text.size() ? end : end + 1;
+  }
+  *ret_text = std::move(replaced);
+}
+
+} // namespace
+
+void sealed_text_append(std::string_view cipher_text, wiped_string *text)
+{
+  text->push_back(SEAL);
+  text->append(cipher_text);
+  text->push_back(SEAL);
+}
+
+bool sealed_text_is_in(std::string_view text)
+{
+  return text.find(SEAL) != std::string_view::npos;
+}
+
+void sealed_text_open(std::string_view text, wiped_string *ret_text)
+{
+  replace_sealed(text, append_opened, ret_text);
+}
+
+void sealed_text_mask(std::string_view text, wiped_string *ret_text)
+{
+  replace_sealed(text, append_mask, ret_text);
 }

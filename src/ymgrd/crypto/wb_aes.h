@@ -1,11 +1,9 @@
-// AES-128 decryption of one block by lookup tables that hold the key in enciphered form (white-box cryptography after
-// Chow, Eisen, Johnson and van Oorschot, 2002). Without external encodings: the result is that of plain AES-128.
-// ymgr-keytool makes the tables.
+// AES-128 decryption of one block by the lookup tables of a key table file (wb_table.h), which ymgr-keytool makes.
 #pragma once
 
 #include <memory>
 
-constexpr int WB_BLOCK_LENGTH = 16;
+#include "ymgrd/crypto/wb_table.h"
 
 typedef struct _wb_aes_ctx wb_aes_ctx_t;
 
@@ -16,7 +14,9 @@ struct wb_aes_ctx_delete_t {
 };
 using wb_aes_ctx_ptr = std::unique_ptr<wb_aes_ctx_t, wb_aes_ctx_delete_t>;
 
-// 0, or -1 (logged): no such file, or not a whole and undamaged table file.
+// 0, or -1 (logged): no such file, or not a whole and undamaged table file. What was loaded before stays then.
 int wb_aes_load_table(wb_aes_ctx_t *ctx, const char *filename);
 // 0, or -1 (logged) when no table is loaded. `input` and `output` may be the same.
 int wb_aes_decrypt(const wb_aes_ctx_t *ctx, const unsigned char *input, unsigned char *output);
+// Whether a table is loaded and was made for the working key, of 16 bytes.
+bool wb_aes_is_for(const wb_aes_ctx_t *ctx, const unsigned char *working_key);

@@ -120,6 +120,11 @@ void database_close(int hdb)
   }
 }
 
+bool database_is_builtin()
+{
+  return is_ready() && db_drv_is_builtin(g_db_drv.get());
+}
+
 int database_copy(int target, int source)
 {
   return is_ready() ? g_db_drv->copy(target, source) : -1;
@@ -156,7 +161,7 @@ int database_get(int hdb, int tflag, const char *path, int deepth, char **result
     return -1;
   }
   if (!db_drv_is_builtin(g_db_drv.get())) {
-    tflag &= ~DB_TFLAG_ABSENT_OK; // no part of the drivers' interface
+    tflag &= ~(DB_TFLAG_ABSENT_OK | DB_TFLAG_SEAL); // no part of the drivers' interface
   }
   return g_db_drv->get(hdb, tflag, path, deepth, result);
 }
@@ -204,6 +209,14 @@ int database_recover()
     return -1;
   }
   return db_drv_is_builtin(g_db_drv.get()) ? db_recover_all() : 0; // an external driver looks after itself
+}
+
+int database_protect_stored()
+{
+  if (!is_ready()) {
+    return -1;
+  }
+  return db_drv_is_builtin(g_db_drv.get()) ? db_protect_stored() : 0;
 }
 
 uint64_t database_foreign_writes()

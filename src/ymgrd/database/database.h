@@ -24,6 +24,7 @@ enum {
   DB_TFLAG_DECRYPT = 4,    // sensitive values in clear
   DB_TFLAG_BACKUP = 8,     // the data as it was before the transaction
   DB_TFLAG_ABSENT_OK = 16, // the caller asks whether there is something: nothing is logged when there is not
+  DB_TFLAG_SEAL = 32,      // sensitive values sealed (crypto/sealed_text.h); of the built-in driver only
 };
 
 constexpr int DB_DEPTH_ALL = -1;
@@ -39,6 +40,9 @@ void database_save_conf(const char *type, int level, const unsigned char *keys, 
 // A handle greater than 0, to be closed by the caller; else -1.
 int database_open(int target);
 void database_close(int hdb);
+// Whether the built-in driver serves. An external one does not know which leaves are sensitive: their values are to be
+// read as they are stored.
+bool database_is_builtin();
 
 // `target` then equals `source`. While a handle has a transaction running on the target, copy and clean become part of
 // that transaction: they take effect with its flush or commit, and its discard undoes them.
@@ -83,6 +87,10 @@ int database_flush(int hdb);
 
 // Undoes what an earlier life of the daemon left unfinished in any datastore. Before anything is read. 0 or -1.
 int database_recover();
+// Encrypts stored values of leaves that have become sensitive since the last start, and decrypts those of leaves that
+// are so no longer. Behind database_recover, before anything is read. 0, also when single values could not be converted
+// (logged, and tried again at the next start), or -1.
+int database_protect_stored();
 
 // Locks `path`'s module ("/": all modules) for the handle; never waits. The lock's id, greater than 0, or -1.
 int database_lock(int hdb, int type, const char *path);

@@ -4,10 +4,12 @@
 
 #include "ymgrd/core/log.h"
 #include "ymgrd/crypto/encrypt.h"
+#include "ymgrd/crypto/sealed_text.h"
+#include "ymgrd/database/database.h"
 #include "ymgrd/database/database_path.h"
 #include "ymgrd/rpc/lyxml.h"
 #include "ymgrd/schema/schema.h"
-#include "ymgrd/ymgrd.h"
+#include "ymgrd/schema/schema_sensitive.h"
 
 namespace {
 
@@ -43,12 +45,9 @@ std::set<std::string_view> tokens_of_path(std::string_view text)
   return tokens;
 }
 
-// Whether the schema knows the element of the node with the Redis key `dkey` as anyxml or anydata.
-bool is_any(std::string_view dkey, std::string_view ename)
+// The data path, without keys, of the element of the node with the Redis key `dkey`.
+std::string schema_path(std::string_view dkey, std::string_view ename)
 {
-  if (dkey.empty() || !schema_has_any(ename.substr(ename.find(':') + 1))) { // npos + 1 is the beginning
-    return false;
-  }
   std::string path(dkey);
   size_t open = 0;
   size_t close = 0;
@@ -62,10 +61,25 @@ bool is_any(std::string_view dkey, std::string_view ename)
     path[module_end] = ':';
     path.append("/").append(ename);
   }
-  return schema_is_any(path);
+  return path;
+}
+
+// Whether the schema knows the element as anyxml or anydata.
+bool is_any(std::string_view dkey, std::string_view ename)
+{
+  return !dkey.empty() && schema_has_any(ename.substr(ename.find(':') + 1)) && // npos + 1 is the beginning
+         schema_is_any(schema_path(dkey, ename));
 }
 
 } // namespace
+
+db_secrets_t db_secrets_of(int tflag)
+{
+  if ((tflag & DB_TFLAG_SEAL) != 0) {
+    return DB_SECRETS_SEALED;
+  }
+  return (tflag & DB_TFLAG_DECRYPT) != 0 ? DB_SECRETS_CLEAR : DB_SECRETS_STORED;
+}
 
 const wiped_string &db_element_writer::namespace_of(std::string_view module)
 {
@@ -100,16 +114,6 @@ void db_element_writer::add_value_namespaces(std::string_view text, wiped_string
 
 int db_element_writer::add_text(std::string_view name, std::string_view text, wiped_string *buffer)
 {
-  wiped_string plain;
-  plain.reserve(text.size()); // a short text would not be wiped
-  bool is_cipher = text.compare(0, sizeof(CIPHER_TEXT_MARKER) - 1, CIPHER_TEXT_MARKER) == 0;
-  if (decrypt_ && is_cipher) {
-    if (decrypt_sensitive(text, &plain) == 0) {
-      text = plain;
-    } else {
-      log_error("Decrypt text of node(%.512s) failed.", std::string(name).c_str());
-    }
-  }
   add_value_namespaces(text, buffer);
   buffer->push_back('>');
   handle_special_key(buffer, text, DB_XML_ESCAPE);
@@ -117,11 +121,38 @@ int db_element_writer::add_text(std::string_view name, std::string_view text, wi
   return 0;
 }
 
+int db_element_writer::db_new_sensitive(std::string_view dkey, std::string_view ename, std::string_view value,
+                                        wiped_string *buffer)
+{
+  std::string_view name;
+  if (open_element(dkey, ename, buffer, &name) != 0) {
+    return -1;
+  }
+  bool is_cipher = encrypt_is_marked(value); // a schema default is not
+  if (is_cipher && secrets_ == DB_SECRETS_SEALED) {
+    buffer->push_back('>');
+    sealed_text_append(value, buffer);
+    db_add_etag(name, buffer);
+    return 0;
+  }
+  wiped_string clear;
+  clear.reserve(value.size()); // a short text would not be wiped
+  if (is_cipher && secrets_ == DB_SECRETS_CLEAR && decrypt_sensitive(value, &clear) != 0) {
+    log_error("Decrypt text of node(%.512s) failed.", std::string(name).c_str());
+    clear.clear();
+  }
+  return add_text(name, clear.empty() ? value : clear, buffer);
+}
+
 int db_element_writer::db_new_node(std::string_view dkey, std::string_view ename, std::optional<std::string_view> text,
                                    wiped_string *buffer, std::string *ret_name)
 {
   if (text.has_value() && is_any(dkey, ename)) {
     return db_new_any(dkey, ename, *text, buffer);
+  }
+  bool may_be_secret = secrets_ != DB_SECRETS_STORED && text.has_value() && encrypt_is_marked(*text);
+  if (may_be_secret && !dkey.empty() && schema_is_sensitive(schema_path(dkey, ename))) {
+    return db_new_sensitive(dkey, ename, *text, buffer);
   }
   std::string_view name;
   if (open_element(dkey, ename, buffer, &name) != 0) {

@@ -178,7 +178,7 @@ struct read_piece_t {
 
 class tree_reader {
 public:
-  tree_reader(db_view *view, bool decrypt, result_text *out) : view_(view), writer_(decrypt), out_(out) {}
+  tree_reader(db_view *view, db_secrets_t secrets, result_text *out) : view_(view), writer_(secrets), out_(out) {}
 
   // The contents of hashes, one behind the other.
   int read_hashes(const std::vector<std::string> &keys, int depth)
@@ -593,7 +593,7 @@ int db_get_items(int hdb, int tflag, const char *path, int depth, char **result)
   }
   db_view view(handle, age);
   result_text text;
-  tree_reader reader(&view, (tflag & DB_TFLAG_DECRYPT) != 0, &text);
+  tree_reader reader(&view, db_secrets_of(tflag), &text);
   int levels = depth == DB_DEPTH_ALL ? MAX_DEPTH : depth;
   when_absent_t when_absent = (tflag & DB_TFLAG_ABSENT_OK) != 0 ? ABSENT_IS_FINE : LOG_ABSENT;
   if (view.open() != 0) {
@@ -626,7 +626,7 @@ int db_list_entries(int hdb, int tflag, const char *path, char **result)
     return -1;
   }
   std::string list_key = db_path2datakey(formatted);
-  db_element_writer writer((tflag & DB_TFLAG_DECRYPT) != 0);
+  db_element_writer writer(DB_SECRETS_STORED); // keys are no secrets
   result_text text;
   int failed = 0;
   view.add({"LRANGE", list_key, "0", "-1"});

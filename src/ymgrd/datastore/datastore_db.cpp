@@ -293,7 +293,7 @@ int ds_get_xmltext(int hdb, int tflag, const char *path, c_string_ptr *ret_text)
 int ds_db_get_data_from_top(int hdb, int tflag, const char *path, lyd_tree_ptr *ret_data)
 {
   c_string_ptr text;
-  if (ds_get_xmltext(hdb, tflag | DB_TFLAG_DECRYPT, path, &text) != 0) {
+  if (ds_get_xmltext(hdb, tflag, path, &text) != 0) {
     return -1;
   }
   if (text == nullptr || *text == '\0') {

@@ -94,7 +94,7 @@ int ds_glock_transact_start(int ds, const nc_filter_t *filter, ds_session_db *re
 
 int ds_get_query_result(int hdb, int ds, const nc_filter_t *filter, wiped_string *ret_text)
 {
-  ds_source source(hdb, ds);
+  ds_source source(hdb, ds, DB_SECRETS_SEALED);
   if (filter == nullptr) {
     return source.read_text({}, ret_text);
   }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "ymgrd/datastore/ds_filter_select.h"
+#include "ymgrd/datastore/ds_sealed.h"
 
 namespace {
 
@@ -52,6 +53,18 @@ struct parsed_data {
   }
 };
 
+// The same where sensitive values are sealed.
+struct sealed_data : parsed_data {
+  static content_key_t content_key(const lyxml_elem *elem, wiped_string *buffer)
+  {
+    content_key_t key = parsed_data::content_key(elem, buffer);
+    if (ds_is_sealed_in_xml(key.text)) {
+      key.text = ds_open_sealed_in_xml(wiped_string(key.text), buffer);
+    }
+    return key;
+  }
+};
+
 // Frees the siblings, and what is below them, that are not marked; takes the marks off. Whether any is left.
 bool drop_unmarked(lyxml_elem *first)
 {
@@ -69,6 +82,18 @@ bool drop_unmarked(lyxml_elem *first)
     if (mark == MARK_PATH) {
       (void)drop_unmarked(lyxml_first_child(elem)); // something is left, or it would not be marked
     }
+  }
+  return any;
+}
+
+// The same without freeing anything.
+bool clear_marks(lyxml_elem *first)
+{
+  bool any = false;
+  for (lyxml_elem *elem = first; elem != nullptr; elem = lyxml_next(elem)) {
+    any |= parsed_data::mark(elem) != MARK_NONE;
+    parsed_data::set_mark(elem, MARK_NONE);
+    (void)clear_marks(lyxml_first_child(elem)); // a mark counts when it is on the top
   }
   return any;
 }
@@ -171,8 +196,16 @@ bool ncxml_subtree_filter(lyxml_elem *config, const ds_prepared_filter &filter)
   return drop_unmarked(config);
 }
 
+bool ncxml_subtree_selects(lyxml_elem *config, const ds_prepared_filter &filter)
+{
+  (void)selector<parsed_data>().select(config, filter.siblings());
+  return clear_marks(config);
+}
+
 lyxml_ptr ds_xml_subtree_filter(lyxml_ptr old, const ds_prepared_filter &filter)
 {
-  bool any = ncxml_subtree_filter(lyxml_first_child(old.get()), filter);
+  lyxml_elem *first = lyxml_first_child(old.get());
+  (void)selector<sealed_data>().select(first, filter.siblings()); // the marks say what was selected
+  bool any = drop_unmarked(first);
   return any ? std::move(old) : nullptr;
 }

@@ -11,6 +11,7 @@
 #include "ymgrd/database/database_path.h"
 #include "ymgrd/datastore/dbkey.h"
 #include "ymgrd/datastore/ds_filter_text.h"
+#include "ymgrd/datastore/ds_sealed.h"
 
 namespace {
 
@@ -207,7 +208,7 @@ size_t end_of_element(std::string_view text, size_t pos)
     }
     bool is_empty = end > 0 && end < text.size() && text[end - 1] == '/';
     open += is_closing ? -1 : is_empty ? 0 : 1;
-    pos = open > 0 ? text.find('<', end) : std::min(end + 1, text.size());
+    pos = open > 0 ? ds_find_tag(text, end) : std::min(end + 1, text.size());
   } while (open > 0 && pos != std::string_view::npos);
   return std::min(pos, text.size());
 }
@@ -227,14 +228,23 @@ int cut_piece(std::string_view piece, std::string_view ns, const ds_prepared_fil
 {
   wiped_string document("<data xmlns=\"");
   handle_special_key(&document, ns, DB_XML_ESCAPE);
-  document.append("\">").append(piece).append("</data>");
+  bool has_seals = ds_needs_xml_seals(piece);
+  document.append("\">").append(has_seals ? ds_seals_to_xml(piece) : wiped_string(piece)).append("</data>");
   lyxml_ptr data = lyxml_parse_mem(document);
   if (data == nullptr) {
     log_error("Stored data is no XML.");
     return -1;
   }
   lyxml_ptr selected = ds_xml_subtree_filter(std::move(data), filter);
-  return selected == nullptr ? 0 : lyxml_append_children(selected.get(), text);
+  if (selected == nullptr || !has_seals) {
+    return selected == nullptr ? 0 : lyxml_append_children(selected.get(), text);
+  }
+  wiped_string sealed;
+  if (lyxml_append_children(selected.get(), &sealed) != 0) {
+    return -1;
+  }
+  text->append(ds_seals_from_xml(sealed));
+  return 0;
 }
 
 // In pieces, which siblings of one name allow: none of them decides about another.

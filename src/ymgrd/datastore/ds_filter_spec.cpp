@@ -4,9 +4,11 @@
 
 #include "libconf/wiped_string.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/crypto/encrypt.h"
 #include "ymgrd/datastore/ds_filter.h"
 #include "ymgrd/datastore/ds_value.h"
 #include "ymgrd/schema/schema.h"
+#include "ymgrd/schema/schema_sensitive.h"
 #include "ymgrd/ymgrd.h"
 
 namespace {
@@ -130,6 +132,18 @@ wiped_string normal_value(lyxml_elem *elem, const lysc_node *schema, std::string
   return ds_to_stored_form(schema, value, &stored, &type) ? stored : wiped_string(value);
 }
 
+// Requests are kept with cipher text for sensitive values. These are compared in clear.
+wiped_string clear_value(const lysc_node *schema, std::string_view value)
+{
+  wiped_string clear;
+  clear.reserve(value.size() + sizeof(clear)); // a short text would not be wiped
+  if (!encrypt_is_marked(value) || decrypt_sensitive(value, &clear) != 0) {
+    clear.assign(value);
+  }
+  wiped_string canonical;
+  return schema_check_sensitive(schema, clear, &canonical) ? canonical : clear;
+}
+
 // --- Elements
 
 int normalize_siblings(const lyxml_elem *parent, const ds_schema_nodes &parents);
@@ -141,7 +155,11 @@ int normalize_content(lyxml_elem *elem, std::string_view text, ds_schema_nodes s
     return DS_FILTER_UNKNOWN_NODES; // text where only elements can be
   }
   bool is_value = schemas.size() == 1 && schemas.front()->nodetype & VALUE_NODES;
-  wiped_string value = is_value ? normal_value(elem, schemas.front(), text) : wiped_string(text);
+  wiped_string value(text);
+  if (is_value) {
+    const lysc_node *schema = schemas.front();
+    value = schema_is_sensitive(schema) ? clear_value(schema, text) : normal_value(elem, schema, text);
+  }
   return lyxml_set_text(elem, value) == 0 ? DS_FILTER_OK : DS_FILTER_FAILED;
 }
 

@@ -4,6 +4,7 @@
 
 #include "ymgrd/database/database_path.h"
 #include "ymgrd/datastore/ds_filter_select.h"
+#include "ymgrd/datastore/ds_sealed.h"
 
 namespace {
 
@@ -40,7 +41,7 @@ public:
   {
     size_t pos = 0;
     while (pos < text_.size() && (!open_.empty() || pos < enough)) {
-      size_t tag = text_.find('<', pos);
+      size_t tag = ds_find_tag(text_, pos);
       if (tag == std::string_view::npos || tag + 1 == text_.size()) {
         return 0;
       }
@@ -144,7 +145,7 @@ size_t text_scanner::close(size_t from, size_t tag)
     return 0;
   }
   elem.text = text_.substr(from, tag - from);
-  if (!elem.text.empty() && (elem.is_inner || !is_plain_text(elem.text))) {
+  if (!elem.text.empty() && (elem.is_inner || (!ds_is_sealed(elem.text) && !is_plain_text(elem.text)))) {
     return 0;
   }
   elem.content_end = static_cast<uint32_t>(tag);
@@ -162,6 +163,9 @@ struct text_data {
   static std::string_view name(const text_elem_t *elem) { return elem->name; }
   static content_key_t content_key(const text_elem_t *elem, wiped_string *buffer)
   {
+    if (ds_is_sealed(elem->text)) {
+      return {elem->name, ds_open_sealed(elem->text, buffer)};
+    }
     if (elem->text.find('&') == std::string_view::npos) {
       return {elem->name, nc_clrwspace(elem->text)};
     }

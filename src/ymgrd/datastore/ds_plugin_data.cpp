@@ -29,13 +29,13 @@ public:
       return open_datastore(ENUM_DATASTORE_RUNNING);
     }
     if (moment == DS_OLD) { // through its own handle, which sees running without what it has written
-      source_.emplace(publication.running_hdb, ENUM_DATASTORE_RUNNING, DB_TFLAG_DECRYPT);
+      source_.emplace(publication.running_hdb, ENUM_DATASTORE_RUNNING, DB_SECRETS_CLEAR);
       return 0;
     }
     if (publication.target_ds == ENUM_DATASTORE_CANDIDATE) {
       return open_datastore(ENUM_DATASTORE_CANDIDATE);
     }
-    source_.emplace(publication.data);
+    source_.emplace(publication.data, DB_SECRETS_CLEAR);
     return 0;
   }
   const ds_source &source() const { return *source_; }
@@ -47,7 +47,7 @@ private:
       log_error("Failed to open db(id = %d)", ds_to_db(datastore));
       return -1;
     }
-    source_.emplace(db_.hdb(), datastore, DB_TFLAG_DECRYPT); // plugins work with clear values
+    source_.emplace(db_.hdb(), datastore, DB_SECRETS_CLEAR); // plugins work with clear values
     return 0;
   }
 

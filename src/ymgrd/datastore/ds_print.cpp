@@ -2,18 +2,15 @@
 
 #include <string>
 
-#include "ymgrd/database/database_element.h"
 #include "ymgrd/datastore/dbkey.h"
 #include "ymgrd/datastore/ds_value.h"
+#include "ymgrd/schema/schema_sensitive.h"
 
 namespace {
 
-// The values of a data tree are clear.
-constexpr bool NOT_ENCRYPTED = false;
-
 class tree_printer {
 public:
-  explicit tree_printer(wiped_string *text) : writer_(NOT_ENCRYPTED), text_(text) {}
+  tree_printer(db_secrets_t secrets, wiped_string *text) : writer_(secrets), text_(text) {}
 
   int print(const lyd_node *node)
   {
@@ -34,6 +31,9 @@ private:
 
   int print_value(const lyd_node *node)
   {
+    if (schema_is_sensitive(node->schema)) {
+      return writer_.db_new_sensitive({}, element_name(node), lyd_get_value(node), text_);
+    }
     if (ds_is_stored_canonically(node)) {
       return writer_.db_new_node({}, element_name(node), lyd_get_value(node), text_, nullptr);
     }
@@ -64,7 +64,7 @@ private:
 
 } // namespace
 
-int ds_print_node(const lyd_node *node, wiped_string *text)
+int ds_print_node(const lyd_node *node, db_secrets_t secrets, wiped_string *text)
 {
-  return tree_printer(text).print(node);
+  return tree_printer(secrets, text).print(node);
 }

@@ -4,6 +4,7 @@
 #include <libyang/libyang.h>
 
 #include "libconf/wiped_string.h"
+#include "ymgrd/database/database_element.h"
 
 // Appends the node with all below. 0 or -1.
-int ds_print_node(const lyd_node *node, wiped_string *text);
+int ds_print_node(const lyd_node *node, db_secrets_t secrets, wiped_string *text);

@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "ymgrd/core/log.h"
+#include "ymgrd/crypto/encrypt_registry.h"
 #include "ymgrd/database/database.h"
-#include "ymgrd/database/database_element.h"
 #include "ymgrd/datastore/datastore_internal.h"
 #include "ymgrd/datastore/dbkey.h"
 #include "ymgrd/datastore/ds_kept.h"
@@ -15,7 +15,6 @@
 
 namespace {
 
-constexpr bool NOT_ENCRYPTED = false;
 constexpr int DEPTH_KEYS_ONLY = 1;
 
 // Whether the kept tree is what the datastore holds, but for `ret_stored`: modules of which the database holds more.
@@ -173,7 +172,7 @@ int ds_append_opening(const ds_path_t &path, wiped_string *text, std::string *re
   if (parent == nullptr || parent->module != step.schema->module) {
     name.insert(0, std::string(step.schema->module->name) + ":");
   }
-  db_element_writer writer(NOT_ENCRYPTED);
+  db_element_writer writer(DB_SECRETS_STORED); // keys are no secrets
   if (writer.db_new_node({}, name, std::nullopt, text, ret_name) != 0) {
     return -1;
   }
@@ -204,20 +203,50 @@ int ds_wrap_text(const ds_path_t &way, std::string_view content, wiped_string *t
   return 0;
 }
 
-ds_source::ds_source(int hdb, int datastore, int tflag) : hdb_(hdb), tflag_(tflag)
+ds_source::ds_source(int hdb, int datastore, db_secrets_t secrets) : hdb_(hdb), secrets_(secrets)
 {
   is_kept_ = tree_serves(datastore, &stored_modules_) && ds_kept_take(&kept_);
   has_tree_ = is_kept_;
   tree_ = kept_.get();
+  if (has_secrets_of_driver() && read_tree() != 0) {
+    secrets_ = DB_SECRETS_STORED;
+  }
 }
 
-ds_source::ds_source(const lyd_node *tree) : has_tree_(true), tree_(tree) {}
+ds_source::ds_source(const lyd_node *tree, db_secrets_t secrets) : secrets_(secrets), has_tree_(true), tree_(tree) {}
 
 ds_source::~ds_source()
+{
+  give_kept_back();
+}
+
+// Whether it reads what only a tree tells apart: an external driver does not know which leaves are sensitive.
+bool ds_source::has_secrets_of_driver() const
+{
+  return is_remote() && secrets_ != DB_SECRETS_STORED && encrypt_has_sensitive() && !database_is_builtin();
+}
+
+// 0 with all data in a tree of its own, or -1.
+int ds_source::read_tree()
+{
+  lyd_tree_ptr tree;
+  if (ds_db_get_data_from_top(hdb_, 0, "/", &tree) != 0) {
+    return -1;
+  }
+  give_kept_back();
+  kept_ = std::move(tree);
+  tree_ = kept_.get();
+  has_tree_ = true;
+  stored_modules_.clear();
+  return 0;
+}
+
+void ds_source::give_kept_back()
 {
   if (is_kept_) {
     ds_kept_store(std::move(kept_));
   }
+  is_kept_ = false;
 }
 
 bool ds_source::is_in_tree(const ds_path_t &path) const
@@ -228,7 +257,8 @@ bool ds_source::is_in_tree(const ds_path_t &path) const
 int ds_source::read_stored(const char *path, int depth, wiped_string *text) const
 {
   char *stored = nullptr;
-  if (database_get(hdb_, DB_TFLAG_ABSENT_OK | tflag_, path, depth, &stored) != 0) {
+  constexpr int FLAGS[] = {0, DB_TFLAG_SEAL, DB_TFLAG_DECRYPT}; // by db_secrets_t
+  if (database_get(hdb_, DB_TFLAG_ABSENT_OK | FLAGS[secrets_], path, depth, &stored) != 0) {
     return -1;
   }
   c_string_ptr owner(stored);
@@ -242,7 +272,7 @@ int ds_source::read_all(wiped_string *text) const
     return read_stored("/", DB_DEPTH_ALL, text);
   }
   for (const lyd_node *top = tree_; top != nullptr; top = top->next) {
-    if (!stored_modules_.contains(top->schema->module->name) && ds_print_node(top, text) != 0) {
+    if (!stored_modules_.contains(top->schema->module->name) && ds_print_node(top, secrets_, text) != 0) {
       return -1;
     }
   }
@@ -266,7 +296,7 @@ int ds_source::read_text(const ds_path_t &path, wiped_string *text) const
   bool is_one = node == nullptr || path.back()->is_entry();
   const lysc_node *schema = node == nullptr ? nullptr : node->schema;
   for (; node != nullptr && node->schema == schema; node = is_one ? nullptr : node->next) {
-    if (ds_print_node(node, text) != 0) {
+    if (ds_print_node(node, secrets_, text) != 0) {
       return -1;
     }
   }

@@ -9,6 +9,7 @@
 
 #include "libconf/wiped_string.h"
 #include "ymgrd/core/handles.h"
+#include "ymgrd/database/database_element.h"
 
 // One node on the way from the top: for an entry with its keys.
 typedef struct _ds_step {
@@ -37,9 +38,9 @@ lyd_node *ds_find_node(const lyd_node *tree, const ds_path_t &path);
 // A datastore that is open for reading. The kept tree is held while the object lives.
 class ds_source {
 public:
-  // `hdb` is an open handle of the datastore. `tflag`: DB_TFLAG_DECRYPT or 0.
-  ds_source(int hdb, int datastore, int tflag = 0);
-  explicit ds_source(const lyd_node *tree); // borrowed; holds all that there is
+  // `hdb` is an open handle of the datastore. `secrets`: how texts have the values of sensitive leaves.
+  ds_source(int hdb, int datastore, db_secrets_t secrets);
+  ds_source(const lyd_node *tree, db_secrets_t secrets); // borrowed; holds all that there is
   ds_source(const ds_source &) = delete;
   ds_source &operator=(const ds_source &) = delete;
   ~ds_source();
@@ -58,17 +59,20 @@ public:
   int neighbours_of(const ds_path_t &path, bool *ret_has, std::string *ret_prev, std::string *ret_next) const;
 
 private:
+  bool has_secrets_of_driver() const;
+  int read_tree();
+  void give_kept_back();
   bool is_in_tree(const ds_path_t &path) const;
   int read_all(wiped_string *text) const;
   int read_stored(const char *path, int depth, wiped_string *text) const;
   int key_at(const ds_path_t &path, int index, std::string *ret_key) const;
 
   int hdb_ = 0;
-  int tflag_ = 0;
+  db_secrets_t secrets_;
   bool has_tree_ = false;
   const lyd_node *tree_ = nullptr; // null: it holds nothing
   bool is_kept_ = false;
-  lyd_tree_ptr kept_; // the same, when it is the kept one
+  lyd_tree_ptr kept_; // the same, when it is not borrowed
   // What the tree does not know: data of these modules is read from the database.
   std::set<std::string, std::less<>> stored_modules_;
 };

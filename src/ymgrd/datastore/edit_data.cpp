@@ -5,6 +5,7 @@
 #include "ymgrd/datastore/datastore_internal.h"
 #include "ymgrd/datastore/ds_value.h"
 #include "ymgrd/datastore/edit_internal.h"
+#include "ymgrd/schema/schema_sensitive.h"
 
 namespace {
 
@@ -157,7 +158,7 @@ bool edit_same_value(const lyd_node *db_node, const lyd_node *config)
   }
   // Values are interned: equal ones are one pointer. Two cipher texts of one secret are not.
   return lyd_get_value(db_node) == lyd_get_value(config) ||
-         compare_encrypt(lyd_get_value(db_node), lyd_get_value(config)) == 0;
+         (schema_is_sensitive(config->schema) && compare_encrypt(lyd_get_value(db_node), lyd_get_value(config)) == 0);
 }
 
 int edit_write(edit_job_t *job, const edit_place_t &place, const lyd_node *node, const char *coords, int offset)

@@ -57,23 +57,30 @@ int answer_refused(int session_id, const lyxml_elem *rpc, const std::string &ope
   return answer_kind(session_id, rpc, REPLY_ERR_OP_FAILED);
 }
 
-// Hides what must not be logged, then logs the request. -1 when hiding failed: then nothing was logged.
-int log_request(int session_id, const std::string &oper, lyxml_elem *rpc, reply_error_ptr *ret_error)
+// Encrypts what must be neither logged nor kept, then logs the request. -1 when that failed: then nothing was logged.
+int protect_and_log(int session_id, const std::string &oper, lyxml_elem *rpc, bool *ret_changed,
+                    reply_error_ptr *ret_error)
 {
+  *ret_changed = false;
   if (oper.starts_with(OWN_OPERATIONS)) {
     return 0;
   }
-  if (security_find_sensitive_in_rpc(oper.c_str(), rpc, SENSITIVE_ENCRYPT, ret_error) != 0) {
+  if (security_find_sensitive_in_rpc(oper.c_str(), rpc, SENSITIVE_ENCRYPT, ret_error, ret_changed) != 0) {
     return -1;
   }
   rpc_log(session_id, rpc);
   return 0;
 }
 
-int copy_request_text(rpc_oper_context_t *context, std::string_view payload)
+// The request's text: as it came, or as its tree says once values in that were encrypted.
+int keep_request_text(rpc_oper_context_t *context, std::string_view payload, bool is_changed)
 {
   try {
-    context->data.assign(payload);
+    if (is_changed) {
+      context->data = lyxml_print_mem(context->rpc.get());
+    } else {
+      context->data.assign(payload);
+    }
     return 0;
   } catch (const std::bad_alloc &) {
     log_error("CONF_ERROR_MALLOC_ERR.");
@@ -82,7 +89,8 @@ int copy_request_text(rpc_oper_context_t *context, std::string_view payload)
 }
 
 // Makes the request the session's own. Its context on success; null when an error was answered.
-rpc_oper_context_t *save_request(int session_id, const std::string &oper, std::string_view payload, lyxml_ptr rpc)
+rpc_oper_context_t *save_request(int session_id, const std::string &oper, std::string_view payload, bool is_changed,
+                                 lyxml_ptr rpc)
 {
   if (session_save_rpc_context(session_id, std::make_unique<rpc_oper_context_t>()) != 0) {
     log_error("Session save rpc context error, when proc recieve rpc.");
@@ -90,13 +98,13 @@ rpc_oper_context_t *save_request(int session_id, const std::string &oper, std::s
     return nullptr;
   }
   rpc_oper_context_t *context = session_get_rpc_context(session_id);
-  if (copy_request_text(context, payload) != 0) {
-    (void)answer_kind(session_id, rpc.get(), REPLY_ERR_OP_FAILED); // drops the context
-    return nullptr;
-  }
   context->session_id = session_id;
   context->oper = oper;
   context->rpc = std::move(rpc);
+  if (keep_request_text(context, payload, is_changed) != 0) {
+    (void)answer_kind(session_id, context->rpc.get(), REPLY_ERR_OP_FAILED); // drops the context
+    return nullptr;
+  }
   return context;
 }
 
@@ -125,12 +133,13 @@ int rpc_recv_proc(int session_id, const msg_head_t *head, std::string_view paylo
   if (session_check_operation(session_id, oper.c_str()) != 0) {
     return answer_refused(session_id, rpc.get(), oper);
   }
+  bool is_changed = false;
   reply_error_ptr error;
-  if (log_request(session_id, oper, rpc.get(), &error) != 0) {
+  if (protect_and_log(session_id, oper, rpc.get(), &is_changed, &error) != 0) {
     return error == nullptr ? answer_kind(session_id, rpc.get(), REPLY_ERR_OP_FAILED)
                             : rpc_answer_error(session_id, rpc.get(), std::move(error));
   }
-  rpc_oper_context_t *context = save_request(session_id, oper, payload, std::move(rpc));
+  rpc_oper_context_t *context = save_request(session_id, oper, payload, is_changed, std::move(rpc));
   if (context == nullptr) {
     return -1;
   }

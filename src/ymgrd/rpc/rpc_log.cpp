@@ -2,6 +2,8 @@
 
 #include "libconf/safe_string.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/crypto/encrypt_find.h"
+#include "ymgrd/crypto/sealed_text.h"
 #include "ymgrd/rpc/rpc_reply.h"
 #include "ymgrd/rpc/session.h"
 
@@ -32,7 +34,7 @@ void rpc_log(int session_id, const lyxml_elem *rpc)
     log_error("Format head error, return len=%d.", length);
     return;
   }
-  log_operation("%s\"%s\")", head, lyxml_print_mem(rpc).c_str());
+  log_operation("%s\"%s\")", head, encrypt_print_masked(rpc).c_str());
 }
 
 void rpc_log_reply(std::span<const std::string_view> pieces)
@@ -46,6 +48,11 @@ void rpc_log_reply(std::span<const std::string_view> pieces)
     slice.clear();
   };
   for (std::string_view piece : pieces) {
+    wiped_string masked;
+    if (sealed_text_is_in(piece)) {
+      sealed_text_mask(piece, &masked);
+      piece = masked;
+    }
     while (!piece.empty()) {
       std::string_view part = piece.substr(0, SLICE_SIZE - slice.size());
       slice.append(part);

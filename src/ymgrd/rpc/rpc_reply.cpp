@@ -1,9 +1,13 @@
 #include "ymgrd/rpc/rpc_reply.h"
 
+#include <list>
+#include <vector>
+
 #include <libxml/tree.h>
 
 #include "ymgrd/core/counters.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/crypto/sealed_text.h"
 #include "ymgrd/rpc/rpc_reply_path.h"
 #include "ymgrd/rpc/session.h"
 #include "ymgrd/ymgrd.h"
@@ -73,6 +77,20 @@ bool is_held_back(int session_id, const lyxml_elem *reply)
   return true;
 }
 
+// The sensitive values go out in clear; what is opened for that is gone when this returns.
+int queue_pieces(int session_id, std::span<const std::string_view> pieces)
+{
+  std::vector<std::string_view> clear(pieces.begin(), pieces.end());
+  std::list<wiped_string> opened; // which stay where they are
+  for (std::string_view &piece : clear) {
+    if (sealed_text_is_in(piece)) {
+      sealed_text_open(piece, &opened.emplace_back());
+      piece = opened.back();
+    }
+  }
+  return session_cache_send_pieces(session_id, SESSION_MSG_REPLY, clear);
+}
+
 int send_pieces(int session_id, std::span<const std::string_view> pieces)
 {
   session_del_rpc_context(session_id);
@@ -80,7 +98,7 @@ int send_pieces(int session_id, std::span<const std::string_view> pieces)
     log_error("Print rpc-reply failed.");
     return -1;
   }
-  int result = session_cache_send_pieces(session_id, SESSION_MSG_REPLY, pieces);
+  int result = queue_pieces(session_id, pieces);
   rpc_log_reply(pieces);
   if (result != 0) {
     log_error("Cache rpc-reply to session send buffer failed.");

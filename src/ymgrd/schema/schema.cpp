@@ -10,6 +10,7 @@
 #include "ymgrd/core/log.h"
 #include "ymgrd/crypto/encrypt_registry.h"
 #include "ymgrd/schema/schema_internal.h"
+#include "ymgrd/schema/schema_sensitive.h"
 #include "ymgrd/ymgrd.h"
 
 namespace {
@@ -152,6 +153,7 @@ void schema_exit()
   context_destroy_list("LIST-cpblt", free_capability);
   context_destroy_list("LIST-model", free_modelcfg);
   context_destroy_list("LIST-sencitive", free_sensitive);
+  schema_unprotect_sensitive();
   schema_set_ctx(nullptr);
 }
 

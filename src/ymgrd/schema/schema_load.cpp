@@ -8,6 +8,7 @@
 #include "ymgrd/core/paths.h"
 #include "ymgrd/crypto/encrypt_key.h"
 #include "ymgrd/schema/schema_internal.h"
+#include "ymgrd/schema/schema_sensitive.h"
 #include "ymgrd/ymgrd.h"
 
 namespace {
@@ -26,6 +27,7 @@ const required_module_t required_modules[] = {
     {"zentra-ymgrd", "2026-11-22", {}},
     {"notifications", "2008-07-14", {}},
     {"nc-notifications", "2008-07-14", {}},
+    {"ietf-netconf-notifications", "2012-02-06", {}},
 };
 
 int read_database_path(const schema_config &config, std::string *ret_path)
@@ -290,5 +292,5 @@ int schema_load_yang()
     log_error("have sen-k only.");
     return -1;
   }
-  return 0;
+  return schema_protect_sensitive(); // not before: the records tell the leaves' own types
 }
