@@ -178,7 +178,7 @@ WRONG_TYPE check_parameters(const subscription_request_t &request, const notific
 // 0, or -1 with the error.
 int begin_replay(client_subscription_t *subscription, reply_error_ptr *ret_error)
 {
-  if (event_store_open() != 0) {
+  if (event_store_refresh() != 0) {
     *ret_error = rpc_make_error(REPLY_ERR_OP_FAILED, "The stored events cannot be read.");
     return -1;
   }
