@@ -179,6 +179,12 @@ int event_store_open()
   return connect_database() == 0 ? find_out() : give_up();
 }
 
+int event_store_refresh()
+{
+  g_is_known = false;
+  return event_store_open();
+}
+
 void event_store_close()
 {
   g_connection.reset();

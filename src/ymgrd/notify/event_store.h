@@ -23,6 +23,7 @@ std::string event_store_address();
 // Finds out what is stored, unless it is known. 0, or -1 (logged) without the database: it is tried again at the next
 // use, but not within a second.
 int event_store_open();
+int event_store_refresh(); // the same, also when it is known: others may have written
 void event_store_close();
 bool event_store_is_usable(); // false within a second after a failure
 

@@ -65,6 +65,9 @@ int notifier_reg_operation()
 
 int notifier_reg_status()
 {
+  if (notification_get_config() == nullptr) {
+    return 0; // there are no streams
+  }
   if (lys_find_path(schema_ctx(), nullptr, STREAMS_STATE_PATH, 0) == nullptr) {
     log_info("The event streams' state is not published: its module is not loaded.");
     return 0;

@@ -30,13 +30,11 @@ int nc_notifications_status(int, const char *)
     return -1;
   }
   batch.remove(STREAMS_STATE_PATH);
-  if (const notification_config *config = notification_get_config()) {
-    std::string streams = std::string(STREAMS_STATE_PATH) + "/streams";
-    batch.set(STREAMS_STATE_PATH);
-    batch.set(streams);
-    for (const notification_config_stream &stream : config->stream) {
-      write_stream(&batch, streams, stream);
-    }
+  std::string streams = std::string(STREAMS_STATE_PATH) + "/streams";
+  batch.set(STREAMS_STATE_PATH);
+  batch.set(streams);
+  for (const notification_config_stream &stream : notification_get_config()->stream) {
+    write_stream(&batch, streams, stream);
   }
   return batch.commit();
 }
