@@ -100,8 +100,8 @@ int validate_with(lyd_node *operation, lyd_node *running, lyd_type type)
   return lyd_validate_op(operation, running, type, nullptr) == LY_SUCCESS ? 0 : -1;
 }
 
-// Parses and validates an operation's input or output, in which sensitive values are clear. 0 with the whole tree and the operation's node in it, or -1 with
-// the cause in libyang's record.
+// Parses and validates an operation's input or output, in which sensitive values are clear. 0 with the whole tree and
+// the operation's node in it, or -1 with the cause in libyang's record.
 int parse_operation(const char *text, lyd_type type, lyd_tree_ptr *ret_tree, lyd_node **ret_operation)
 {
   ly_in *made = nullptr;
