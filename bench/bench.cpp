@@ -1,11 +1,12 @@
 // Measures a daemon from outside, as an agent sees it, and prints Markdown tables: what each operation takes at growing
 // sizes of the datastore, how it grows, and how far it is from the floors.
-//   ymgr-bench [ENTRIES...]     1000, 10000 and 100000 when none are given
+//   ymgr-bench [ENTRIES...] [events] [secrets]
+//     1000, 10000 and 100000 entries, events and secrets when nothing is given
 #include <charconv>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -13,8 +14,10 @@
 #include "bench_device.h"
 #include "bench_document.h"
 #include "bench_floor.h"
+#include "bench_notifications.h"
 #include "bench_operations.h"
 #include "bench_plugins.h"
+#include "bench_secrets.h"
 #include "bench_session.h"
 #include "client/client.h"
 #include "libredisapi/redisapi.h"
@@ -298,19 +301,48 @@ void print_table(const char *title, const bench_row_t (&table)[rows], const std:
   }
 }
 
-int read_sizes(int argc, char **argv, std::vector<int> *ret_sizes)
-{
+typedef struct _bench_choice {
   std::vector<int> sizes;
+  bool has_events = false;
+  bool has_secrets = false;
+} bench_choice_t;
+
+int read_choice(int argc, char **argv, bench_choice_t *ret_choice)
+{
+  bench_choice_t choice;
   for (int i = 1; i < argc; ++i) {
+    const std::string_view word = argv[i];
+    if (word == "events" || word == "secrets") {
+      (word == "events" ? choice.has_events : choice.has_secrets) = true;
+      continue;
+    }
     int size = 0;
-    const char *end = argv[i] + std::strlen(argv[i]);
-    auto [rest, error] = std::from_chars(argv[i], end, size);
-    if (error != std::errc() || rest != end || size < 1) {
+    auto [rest, error] = std::from_chars(word.data(), word.data() + word.size(), size);
+    if (error != std::errc() || rest != word.data() + word.size() || size < 1) {
       return -1;
     }
-    sizes.push_back(size);
+    choice.sizes.push_back(size);
   }
-  *ret_sizes = sizes.empty() ? std::vector<int>{1000, 10000, 100000} : sizes;
+  *ret_choice = argc > 1 ? choice : bench_choice_t{{1000, 10000, 100000}, true, true};
+  return 0;
+}
+
+int measure_sizes(const std::vector<int> &sizes)
+{
+  std::vector<bench_result_t> results;
+  for (int size : sizes) {
+    std::fprintf(stderr, "measuring %d entries\n", size);
+    bench_result_t result;
+    if (measure(size, &result) != 0) {
+      return -1;
+    }
+    results.push_back(result);
+  }
+  if (!results.empty()) {
+    print_table("what", time_rows, results);
+    print_table("ratio to floor", ratio_rows, results);
+    print_table("with plugins", plugin_rows, results);
+  }
   return 0;
 }
 
@@ -318,25 +350,14 @@ int read_sizes(int argc, char **argv, std::vector<int> *ret_sizes)
 
 int main(int argc, char **argv)
 {
-  std::vector<int> sizes;
-  if (read_sizes(argc, argv, &sizes) != 0) {
-    std::fprintf(stderr, "usage: ymgr-bench [ENTRIES...]\n");
+  bench_choice_t choice;
+  if (read_choice(argc, argv, &choice) != 0) {
+    std::fprintf(stderr, "usage: ymgr-bench [ENTRIES...] [events] [secrets]\n");
     return 2;
   }
   // A peer that ends shows as a failed write, not as the end of this program.
   std::signal(SIGPIPE, SIG_IGN);
-
-  std::vector<bench_result_t> results;
-  for (int size : sizes) {
-    std::fprintf(stderr, "measuring %d entries\n", size);
-    bench_result_t result;
-    if (measure(size, &result) != 0) {
-      return 1;
-    }
-    results.push_back(result);
-  }
-  print_table("what", time_rows, results);
-  print_table("ratio to floor", ratio_rows, results);
-  print_table("with plugins", plugin_rows, results);
-  return 0;
+  bool is_measured = measure_sizes(choice.sizes) == 0 && (!choice.has_events || bench_notifications() == 0) &&
+                     (!choice.has_secrets || bench_secrets() == 0);
+  return is_measured ? 0 : 1;
 }

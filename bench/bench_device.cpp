@@ -21,7 +21,8 @@ namespace {
 constexpr char PROFILE_BEGIN[] = R"({
   "daemonize": false,
   "session-spec": 32,
-  "modules": [
+)";
+constexpr char PROFILE_MODULES[] = R"(  "modules": [
     {"name": "ietf-netconf", "revision": "2011-06-01", "deviation": [],
      "feature": ["writable-running", "candidate", "rollback-on-error", "startup"]},
     {"name": "zentra-ymgrd", "revision": "2026-11-22", "feature": [], "deviation": []},
@@ -101,7 +102,15 @@ void bench_process::stop()
   pid_ = 0;
 }
 
-bench_device::bench_device()
+int bench_process::wait()
+{
+  int status = -1;
+  bool has_ended = pid_ > 0 && waitpid(pid_, &status, 0) == pid_;
+  pid_ = 0;
+  return has_ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bench_device::bench_device(const bench_device_options_t &options)
 {
   // Not in TMPDIR: the path of a unix socket must be short.
   char name[] = "/tmp/ymgr-bench.XXXXXX";
@@ -113,8 +122,20 @@ bench_device::bench_device()
   copy_modules(BENCH_MODULES, dir_ + "/modules");
   copy_modules(BENCH_SAMPLES, dir_ + "/modules");
   std::ofstream(dir_ + "/modules/ex-bench-parts.yang") << bench_parts_module();
+  write_profile(options);
+  bench_process keytool;
+  if (options.has_working_key &&
+      (keytool.start({BENCH_KEYTOOL, "provision", "--config-dir", dir_}, dir_ + "/keytool.log") != 0 ||
+       keytool.wait() != 0)) {
+    std::fprintf(stderr, "ymgr-bench: no working key, see %s/keytool.log\n", dir_.c_str());
+    dir_.clear();
+  }
+}
+
+void bench_device::write_profile(const bench_device_options_t &options) const
+{
   std::ofstream profile(dir_ + "/ymgrd.conf");
-  profile << PROFILE_BEGIN << redis_socket() << "\"}},\n"
+  profile << PROFILE_BEGIN << options.sections << PROFILE_MODULES << redis_socket() << "\"}},\n"
           << R"(  "schema": {"db-enabled": true, "path": "unix://)" << redis_socket() << "\"}\n}\n";
 }
 
@@ -143,6 +164,9 @@ int bench_device::wait_for(bench_process *process, const std::string &socket)
 
 int bench_device::start_redis()
 {
+  if (dir_.empty()) {
+    return -1;
+  }
   if (redis_.start({"redis-server", "--port", "0", "--unixsocket", redis_socket(), "--save", "", "--dir", dir_},
                    dir_ + "/redis.log") != 0) {
     return -1;

@@ -19,15 +19,21 @@ public:
   int start(const std::vector<std::string> &command, const std::string &log);
   bool runs(); // false as well when it has just ended
   void stop();
+  int wait(); // until it ends by itself: its exit status, -1 when it has none
   pid_t pid() const { return pid_; }
 
 private:
   pid_t pid_ = 0;
 };
 
+typedef struct _bench_device_options {
+  std::string sections;         // further members of the profile, each with a comma behind it
+  bool has_working_key = false; // for sensitive leaves
+} bench_device_options_t;
+
 class bench_device {
 public:
-  bench_device();
+  explicit bench_device(const bench_device_options_t &options = {});
   ~bench_device();
 
   int start_redis(); // 0 or -1
@@ -41,9 +47,10 @@ public:
   double cpu_ms() const;      // that the daemon has used
 
 private:
+  void write_profile(const bench_device_options_t &options) const;
   int wait_for(bench_process *process, const std::string &socket);
 
-  std::string dir_;
+  std::string dir_; // empty when the device could not be made
   bench_process redis_;
   bench_process daemon_;
 };

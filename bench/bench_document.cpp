@@ -4,6 +4,7 @@ namespace {
 
 constexpr char BEGIN[] = "<bench xmlns=\"urn:ex-bench\">";
 constexpr char END[] = "</bench>";
+constexpr char BENCH_NAMESPACE[] = " xmlns=\"urn:ex-bench\">";
 constexpr char PARTS_NAMESPACE[] = " xmlns=\"urn:ex-bench-parts\">";
 
 std::string entry_name(int entry)
@@ -58,7 +59,8 @@ std::string bench_parts_module()
     text += "container part-" + std::to_string(i) + " { uses part; }\n";
   }
   return text + "container state { config false; leaf text { type string; } }\n}\n"
-                "rpc echo { input { leaf text { type string; } } output { leaf text { type string; } } }\n}\n";
+                "rpc echo { input { leaf text { type string; } } output { leaf text { type string; } } }\n"
+                "notification happened { leaf number { type uint32; } leaf text { type string; } }\n}\n";
 }
 
 std::string bench_part_path(int part)
@@ -88,4 +90,40 @@ std::string bench_parts_echo()
 std::string bench_parts_echoed()
 {
   return std::string("<text") + PARTS_NAMESPACE + BENCH_PARTS_WORDS + "</text>";
+}
+
+std::string bench_word(int entry, unsigned value)
+{
+  return "word-" + std::to_string(entry) + "-" + std::to_string(value);
+}
+
+std::string bench_words_edit(const std::string &list, int first, int last, unsigned value)
+{
+  std::string entries;
+  for (int i = first; i <= last; ++i) {
+    entries += leaf(list.c_str(), leaf("name", entry_name(i)) + leaf("word", bench_word(i, value)));
+  }
+  return bench_edit(std::string("<accounts") + BENCH_NAMESPACE + entries + "</accounts>");
+}
+
+std::string bench_words_filter(const std::string &list)
+{
+  return std::string("<accounts") + BENCH_NAMESPACE + "<" + list + "/></accounts>";
+}
+
+std::string bench_words_filter(const std::string &list, int entry)
+{
+  return std::string("<accounts") + BENCH_NAMESPACE + leaf(list.c_str(), leaf("name", entry_name(entry))) +
+         "</accounts>";
+}
+
+std::string bench_event(long number)
+{
+  return std::string("<happened") + PARTS_NAMESPACE + leaf("number", std::to_string(number)) +
+         leaf("text", BENCH_PARTS_WORDS) + "</happened>";
+}
+
+std::string bench_event_filter()
+{
+  return std::string("<happened") + PARTS_NAMESPACE + leaf("text", BENCH_PARTS_WORDS) + "</happened>";
 }

@@ -24,3 +24,16 @@ std::string bench_parts_edit(int first, int last, unsigned value);
 std::string bench_parts_state(); // the markup of the state
 std::string bench_parts_echo();  // the operation; its output is bench_parts_echoed()
 std::string bench_parts_echoed();
+
+// Entries of the list "user" or "keeper", which differ in nothing but the profile's sensitive leaf.
+constexpr char BENCH_SENSITIVE_LEAF[] = "/ex-bench:accounts/keeper/word";
+// edit-config of candidate that gives the entries from `first` to `last` their words, which depend on `value`.
+std::string bench_words_edit(const std::string &list, int first, int last, unsigned value);
+std::string bench_word(int entry, unsigned value);
+std::string bench_words_filter(const std::string &list); // the whole list
+std::string bench_words_filter(const std::string &list, int entry);
+
+// An event that a plugin may send; `number` stands in its element <number>.
+std::string bench_event(long number);
+// The content of a filter that selects it by its text.
+std::string bench_event_filter();

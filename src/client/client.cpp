@@ -22,6 +22,7 @@ using steady_clock = std::chrono::steady_clock;
 
 constexpr uint32_t FRAME_MAGIC = 0xFEDCBAFFU;
 constexpr size_t FIRST_READ = 65536; // a payload's first room; it doubles as the bytes really arrive
+constexpr size_t MOST_FRAMES = 64;   // taken in before anybody looks at them: notifications may come without end
 constexpr time_t CONNECT_SECONDS = 10;
 constexpr char BASE_NAMESPACE[] = "urn:ietf:params:xml:ns:netconf:base:1.0";
 constexpr char PRIVATE_NAMESPACE[] = "com:zentra:netconf:private:opal:device:ymgrd";
@@ -121,12 +122,13 @@ read_result read_payload(ymgr_client_t *client)
   return result;
 }
 
-// Takes in what has arrived. Complete frames go to the inbox.
+// Takes in what has arrived, but for frames beyond the first MOST_FRAMES. Complete frames go to the inbox.
 void drain(ymgr_client_t *client)
 {
   incoming_t &in = client->incoming;
   read_result result = client->ended ? read_result::ended : read_result::progress;
-  while (result == read_result::progress) {
+  for (size_t most = client->inbox.size() + MOST_FRAMES;
+       result == read_result::progress && client->inbox.size() < most;) {
     if (in.head_bytes < sizeof(in.head)) {
       result = read_head(client);
     } else if (in.payload_bytes < in.head.length) {

@@ -86,14 +86,22 @@ parser_ptr new_parser()
 
 // Making a parser takes longer than parsing a short message, so it is kept. It remembers the names that it has met:
 // one that has met too many is replaced. Null when memory is short.
+thread_local parser_ptr kept_parser;
+
 xmlParserCtxt *thread_parser()
 {
   constexpr int NAMES_MAX = 10000;
-  thread_local parser_ptr parser;
-  if (parser == nullptr || xmlDictSize(parser->dict) > NAMES_MAX) {
-    parser = new_parser();
+  if (kept_parser == nullptr || xmlDictSize(kept_parser->dict) > NAMES_MAX) {
+    kept_parser = new_parser();
   }
-  return parser.get();
+  return kept_parser.get();
+}
+
+// What is no XML may have had its texts taken for names, which the parser and the last error keep.
+void forget_failed_message()
+{
+  kept_parser.reset();
+  xmlResetLastError();
 }
 
 xmlNode *element_from(xmlNode *node)
@@ -331,6 +339,11 @@ plugin_doc_ptr plugin_parse_message(std::string_view text)
   plugin_doc_ptr doc(xmlCtxtReadMemory(parser, text.data(), static_cast<int>(text.size()), nullptr, "UTF-8",
                                        PARSE_OPTIONS | (is_huge ? XML_PARSE_HUGE : 0)));
   bool is_sound = doc != nullptr && parser->nsWellFormed != 0 && xmlDocGetRootElement(doc.get()) != nullptr;
+  if (is_sound) {
+    xmlCtxtReset(parser); // it would hold the message until the next one
+  } else {
+    forget_failed_message();
+  }
   return is_sound ? std::move(doc) : nullptr;
 }
 

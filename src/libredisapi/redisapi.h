@@ -45,6 +45,11 @@ int redis_ensure_connected(rContext *connection);
 // Any command. Null when the connection failed; a reply of type REDIS_REPLY_ERROR is returned as it is.
 redis_reply_ptr redis_command(rContext *connection, const std::vector<std::string_view> &words);
 bool redis_reply_is_error(const redisReply *reply);
+// The bytes of a string reply, borrowed.
+inline std::string_view redis_reply_text(const redisReply *reply)
+{
+  return {reply->str, reply->len};
+}
 
 // --- Batches: commands are queued and sent together; one round trip for each window of commands, not for each command.
 

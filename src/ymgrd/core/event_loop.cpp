@@ -28,8 +28,8 @@ constexpr int MOST_EVENTS = 5;
 constexpr int WAIT_MS = 1000;
 constexpr int PASSES_PER_HEARTBEAT = 10;
 
-constexpr auto MOST_BETWEEN_PLUGIN_DEADLINES = std::chrono::seconds(1);
-std::chrono::steady_clock::time_point plugin_deadlines_checked;
+constexpr auto MOST_BETWEEN_TRUE_SECONDS = std::chrono::seconds(1);
+std::chrono::steady_clock::time_point true_second_begun;
 
 // By event type. `para` is the instance id of the tag.
 typedef int (*wakeup_fn)(int para, uint32_t events);
@@ -52,16 +52,15 @@ void dispatch_event(const epoll_event &event)
   }
 }
 
-void check_plugin_deadlines()
+// What must be looked at also while sessions keep every second busy: a plugin that does not answer holds up the others'
+// requests, and subscriptions end at their stop time.
+void run_true_second()
 {
-  plugin_deadlines_checked = std::chrono::steady_clock::now();
-  plugin_timeout();
-}
-
-// A plugin that does not answer holds up the others' requests, also while sessions keep every second busy.
-bool plugin_deadlines_are_due()
-{
-  return std::chrono::steady_clock::now() - plugin_deadlines_checked > MOST_BETWEEN_PLUGIN_DEADLINES;
+  if (std::chrono::steady_clock::now() - true_second_begun > MOST_BETWEEN_TRUE_SECONDS) {
+    true_second_begun = std::chrono::steady_clock::now();
+    notifier_timer();
+    plugin_timeout();
+  }
 }
 
 // A service that is not open has a negative descriptor; the exit test ends the loop for it.
@@ -139,7 +138,8 @@ void ymgrd_epoll_timeout()
   session_timeout();
   notifier_timer();
   broker_timeout();
-  check_plugin_deadlines();
+  plugin_timeout();
+  true_second_begun = std::chrono::steady_clock::now();
   memory_give_back();
 }
 
@@ -169,9 +169,7 @@ void ymgrd_epoll_dispatch()
     for (int i = 0; i < count; i++) {
       dispatch_event(events[i]);
     }
-    if (plugin_deadlines_are_due()) {
-      check_plugin_deadlines();
-    }
+    run_true_second();
     broker_run_pending();
     notifier_run_pending();
     wipe_stack();

@@ -10,7 +10,9 @@
 #include "ymgrd/core/paths.h"
 #include "ymgrd/core/startup.h"
 #include "ymgrd/core/stop_signal.h"
+#include "ymgrd/notify/notifier.h"
 #include "ymgrd/rpc/lyxml.h"
+#include "ymgrd/rpc/session.h"
 
 namespace {
 
@@ -54,6 +56,8 @@ void run(const ymgrd_options_t &options)
   xmlInitParser();
   if (ymgrd_init(options.keepalive_so, options.smooth) == 0) {
     ymgrd_run();
+    session_report_ends();
+    notifier_flush(); // what was reported since the loop's last pass
   } else if (ymgrd_stop_signal() == 0) {
     log_error("Ymgrd initialize failed.");
   }

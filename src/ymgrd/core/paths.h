@@ -9,6 +9,8 @@ constexpr const char DEFAULT_PLUGINS_DIR[] = "/usr/local/etc/ymgrd/plugins";
 constexpr const char DEFAULT_KEY_TABLE_PATH[] = "/usr/local/etc/ymgrd/table2.key";
 constexpr const char DEFAULT_INSTANCE_PATH[] = "/var/tmp/ymgrd.pid";
 constexpr const char DEFAULT_REDIS_SOCKET[] = "/tmp/redis.sock";
+// The device's offset from universal time, for a daemon without TZ in its environment.
+constexpr const char TIME_ZONE_PATH[] = "/tmp/pdt_lsw_timezone.txt";
 
 // The profile's modules-dir ("OPT-modules-dir"), else "modules" beside the profile. Valid until the option changes.
 const char *ymgrd_modules_dir();

@@ -13,6 +13,7 @@
 #include "ymgrd/datastore/datastore.h"
 #include "ymgrd/datastore/ds_error.h"
 #include "ymgrd/datastore/ds_restore.h"
+#include "ymgrd/notify/base_event.h"
 #include "ymgrd/notify/notifier.h"
 #include "ymgrd/rpc/rpc.h"
 #include "ymgrd/rpc/rpc_reply.h"
@@ -54,6 +55,7 @@ void end_of_session(int session_id)
 // After a shutdown request. Exit status 1 tells the daemon's supervisor that the end was asked for and is no crash.
 [[noreturn]] void end_after_shutdown()
 {
+  notifier_flush(); // the ends of the last sessions
   ymgrd_exit();
   std::exit(EXIT_FAILURE);
 }
@@ -82,6 +84,7 @@ void ymgrd_wire_components()
   session_set_hooks(session_hooks);
 
   rpc_set_next_subscriber_hook(broker_publish_operation_next);
+  base_notification_set_sink(base_event_emit);
 
   encrypt_schema_t schema = {};
   schema.check = schema_check_sensitive_value;

@@ -36,16 +36,23 @@ void wipe(void *block, size_t from, size_t to)
   (void)memset_s(static_cast<char *>(block) + from, to - from, 0, to - from);
 }
 
+// What a block may have lost by shrinking, while it stays where it is. Not all of a long tail: clearing that at each
+// step of a block that grows and shrinks would cost too much; it is cleared with the block.
+void wipe_tail(void *block, size_t from, size_t usable)
+{
+  constexpr size_t LONGEST_TAIL = 64U << 10;
+  if (from < usable) {
+    wipe(block, from, std::min(usable, from + LONGEST_TAIL));
+  }
+}
+
 // glibc would give a moved block's memory back as it is. Large blocks get room to grow: they often grow in small steps,
-// each of which copies. What a block that stays where it is may have lost by shrinking is cleared, but not all of a
-// long tail: that would cost as much as the copies, and is cleared with the block.
-void *resize(void *block, size_t size)
+// each of which copies.
+void *resize(void *block, size_t size, size_t usable)
 {
   constexpr size_t LARGE = 4096;
-  constexpr size_t LONGEST_TAIL = 64U << 10;
-  size_t usable = malloc_usable_size(block);
   if (size <= usable && size >= usable / 2) {
-    wipe(block, size, std::min(usable, size + LONGEST_TAIL));
+    wipe_tail(block, size, usable);
     return block;
   }
   bool grows_on = size > usable && usable >= LARGE && size < PTRDIFF_MAX / 2;
@@ -78,14 +85,19 @@ void free(void *block) noexcept
 
 void *realloc(void *block, size_t size) noexcept
 {
-  if (block == nullptr || !is_wiping.load(std::memory_order_relaxed) || is_mapped(block)) {
+  if (block == nullptr || !is_wiping.load(std::memory_order_relaxed)) {
     return __libc_realloc(block, size);
   }
   if (size == 0) { // frees, in glibc
     free(block);
     return nullptr;
   }
-  return resize(block, size);
+  size_t usable = malloc_usable_size(block);
+  if (is_mapped(block)) {
+    wipe_tail(block, size, usable); // of the last page that stays
+    return __libc_realloc(block, size);
+  }
+  return resize(block, size, usable);
 }
 }
 

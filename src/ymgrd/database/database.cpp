@@ -211,6 +211,14 @@ int database_recover()
   return db_drv_is_builtin(g_db_drv.get()) ? db_recover_all() : 0; // an external driver looks after itself
 }
 
+int database_protect_stored()
+{
+  if (!is_ready()) {
+    return -1;
+  }
+  return db_drv_is_builtin(g_db_drv.get()) ? db_protect_stored() : 0;
+}
+
 uint64_t database_foreign_writes()
 {
   static uint64_t unwatched = 0;

@@ -87,6 +87,10 @@ int database_flush(int hdb);
 
 // Undoes what an earlier life of the daemon left unfinished in any datastore. Before anything is read. 0 or -1.
 int database_recover();
+// Encrypts stored values of leaves that have become sensitive since the last start, and decrypts those of leaves that
+// are so no longer. Behind database_recover, before anything is read. 0, also when single values could not be converted
+// (logged, and tried again at the next start), or -1.
+int database_protect_stored();
 
 // Locks `path`'s module ("/": all modules) for the handle; never waits. The lock's id, greater than 0, or -1.
 int database_lock(int hdb, int type, const char *path);

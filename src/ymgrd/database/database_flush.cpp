@@ -8,11 +8,6 @@ namespace {
 // it.
 constexpr size_t MAX_LIST_SEARCHES = 64;
 
-std::string_view text_of(const redisReply *reply)
-{
-  return {reply->str, reply->len};
-}
-
 std::string number_text(int number)
 {
   return std::to_string(number);
@@ -109,7 +104,7 @@ int flush_plan::resolve_replacement()
     return -1;
   }
   for (size_t i = 0; i + 1 < modules->elements; i += 2) {
-    registered_before_.emplace_back(text_of(modules->element[i]));
+    registered_before_.emplace_back(redis_reply_text(modules->element[i]));
   }
   return 0;
 }
@@ -137,7 +132,7 @@ int flush_plan::note_deleted(const deleted_node_t &node, const redisReply *field
   }
   int32_t type = 0;
   std::string_view text;
-  if (db_read_value(text_of(field), &type, &text) != 0) {
+  if (db_read_value(redis_reply_text(field), &type, &text) != 0) {
     return 0; // no value of ours: the field goes, nothing can be below
   }
   if (type == DB_VALUE_LIST || text.empty()) {
@@ -173,7 +168,7 @@ void flush_plan::note_stored(const stored_node_t &node, const redisReply *reply,
   }
   if (node.is_list) {
     for (size_t i = 0; i < reply->elements; i++) {
-      std::string_view member = text_of(reply->element[i]);
+      std::string_view member = redis_reply_text(reply->element[i]);
       if (!member.empty() && member[0] != '.') {
         next->push_back({entry_key(node.key, member), false});
       }
@@ -183,8 +178,9 @@ void flush_plan::note_stored(const stored_node_t &node, const redisReply *reply,
   for (size_t i = 0; i + 1 < reply->elements; i += 2) {
     int32_t type = 0;
     std::string_view text;
-    if (db_read_value(text_of(reply->element[i + 1]), &type, &text) == 0 && (type == DB_VALUE_LIST || text.empty())) {
-      next->push_back({node.key + '/' + std::string(text_of(reply->element[i])), type == DB_VALUE_LIST});
+    if (db_read_value(redis_reply_text(reply->element[i + 1]), &type, &text) == 0 &&
+        (type == DB_VALUE_LIST || text.empty())) {
+      next->push_back({node.key + '/' + std::string(redis_reply_text(reply->element[i])), type == DB_VALUE_LIST});
     }
   }
 }
@@ -578,7 +574,7 @@ int db_load_order(hdb_t *handle, const std::string &list_key, pending_list_t *li
       return -1;
     }
     for (size_t i = 0; i < reply->elements; i++) {
-      order->append(text_of(reply->element[i]));
+      order->append(redis_reply_text(reply->element[i]));
     }
   }
   list->order = std::move(order);

@@ -124,6 +124,9 @@ int db_clean_backup(const ndb_t *ndb); // empties it instead: for a datastore th
 bool db_has_unfinished_discard(const ndb_t *ndb);
 void db_backups_forget();
 
+// Brings stored values in line with which leaves are sensitive now (database_protect.cpp). 0 or -1.
+int db_protect_stored();
+
 // --- Differences between datastores (database_differences.cpp).
 
 // The keys in which two datastores differ, when that is known; else null.

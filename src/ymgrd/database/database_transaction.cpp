@@ -21,11 +21,6 @@ backup_state_t *backup_of(const ndb_t *ndb)
   return &g_backups[static_cast<size_t>(ndb->ndb_idx)];
 }
 
-std::string_view text_of(const redisReply *reply)
-{
-  return {reply->str, reply->len};
-}
-
 bool is_healthy(const hdb_t *handle)
 {
   return handle->trans_state == TRANS_STATE_WORKING && !handle->uncertain &&
@@ -63,15 +58,15 @@ int load_saved(const ndb_t *ndb, const std::function<bool(std::string_view owner
   }
   db_saved_t saved;
   for (size_t i = 0; i + 1 < journal->elements; i += 2) {
-    std::string_view key = text_of(journal->element[i]);
-    if (is_wanted(text_of(journal->element[i + 1])) && !belong_module(key).empty()) {
+    std::string_view key = redis_reply_text(journal->element[i]);
+    if (is_wanted(redis_reply_text(journal->element[i + 1])) && !belong_module(key).empty()) {
       saved.keys.emplace(key);
       saved.modules.emplace(belong_module(key).substr(1), false);
     }
   }
   if (!saved.keys.empty()) {
     for (size_t i = 0; i + 1 < modules->elements; i += 2) {
-      saved.modules[std::string(text_of(modules->element[i]))] = true;
+      saved.modules[std::string(redis_reply_text(modules->element[i]))] = true;
     }
   }
   *ret_saved = std::move(saved);

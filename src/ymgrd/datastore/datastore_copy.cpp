@@ -3,6 +3,7 @@
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
+#include "ymgrd/datastore/ds_announce.h"
 #include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/datastore/ds_restore.h"
 #include "ymgrd/datastore/edit_config.h"
@@ -375,6 +376,9 @@ int ds_copy_config(int sid, const char *data, lyxml_elem *rpc)
     enter_state(work, E_TRANS_COMMIT_END);
     return rpc_answer_error(sid, rpc, std::move(error));
   }
+  if (work.target == ENUM_DATASTORE_STARTUP) {
+    ds_announce_startup(sid);
+  }
   return rpc_answer_ok(sid, rpc);
 }
 
@@ -402,5 +406,6 @@ int ds_delete_config(int sid, const char *, lyxml_elem *rpc)
     log_error("delete-config delete startup failed.");
     return ds_refuse(sid, rpc, REPLY_ERR_OP_FAILED, "delete-config delete startup failed");
   }
+  ds_announce_startup(sid);
   return rpc_answer_ok(sid, rpc);
 }

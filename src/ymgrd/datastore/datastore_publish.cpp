@@ -10,6 +10,7 @@
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore.h"
 #include "ymgrd/datastore/datastore_internal.h"
+#include "ymgrd/datastore/ds_announce.h"
 #include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/datastore/ds_publication.h"
 #include "ymgrd/datastore/ds_restore.h"
@@ -26,7 +27,9 @@ struct ds_publishing_t {
   int sid;
   int target_ds;
   ds_session_db db;
-  lyd_tree_ptr data; // of a running edit: what running holds once the change stands
+  lyd_tree_ptr data;                  // of a running edit: what running holds once the change stands
+  base_notification_info_t announced; // the session may be gone when it must be taken back
+  bool stands = false;                // running holds the change
 };
 
 std::unique_ptr<ds_publishing_t> take_publishing()
@@ -38,29 +41,15 @@ std::unique_ptr<ds_publishing_t> take_publishing()
   return record;
 }
 
-int announce_change(int sid, const differ_node_t *dtree, int target_ds)
-{
-  base_notification_info_t info;
-  info.session_id = sid;
-  const session_t *session = session_find(sid);
-  if (session != nullptr) {
-    info.username = session->username;
-    info.ipaddr = session_client_address(*session);
-  }
-  if (dtree != nullptr) {
-    info.edits.push_back({dtree->data_path, dtree->oper_type});
-  }
-  info.datastore = static_cast<ENUM_DATASTORE>(target_ds);
-  return send_base_notification_event(NCNTF_BASE_CFG_CHANGE, info);
-}
-
 // Makes the change of the database permanent. 0 or -1.
 int commit_change(ds_publishing_t *record)
 {
-  if (record->db.commit() != 0) {
+  if (record->db.commit() != 0 ||
+      (record->target_ds == ENUM_DATASTORE_CANDIDATE && database_copy(YMGRM_RUNNING_DB, YMGRM_CANDIDATE_DB) != 0)) {
     return -1;
   }
-  return record->target_ds == ENUM_DATASTORE_CANDIDATE ? database_copy(YMGRM_RUNNING_DB, YMGRM_CANDIDATE_DB) : 0;
+  record->stands = true;
+  return 0;
 }
 
 // With errors of plugins: a rolled back change never reaches the database; else what the plugins applied stays.
@@ -72,6 +61,8 @@ reply_error_ptr finish_failed(ds_publishing_t *record, int is_rollback, reply_er
   }
   if (record->db.commit() != 0) {
     errors.reset(rpc_append_error(errors.release(), REPLY_ERR_OP_FAILED));
+  } else {
+    record->stands = true;
   }
   return errors;
 }
@@ -185,20 +176,19 @@ reply_error_ptr undo_commit(commit_databases_t *databases)
 
 int datastore_publish(int sid, ds_session_db *db, lyd_tree_ptr *data, differ_node_t *dtree, int target_ds, int erropt)
 {
-  auto record = std::make_unique<ds_publishing_t>(ds_publishing_t{sid, target_ds, {}, nullptr});
+  auto record = std::make_unique<ds_publishing_t>(ds_publishing_t{sid, target_ds, {}, nullptr, {}, false});
   ds_publishing_t *publishing = record.get();
   if (context_save_record(PUBLISHING_OPTION, publishing) != 0) {
     log_error("Save %s option to context failed.", PUBLISHING_OPTION);
     return -1;
   }
   (void)record.release(); // the context store holds its address until the publication ends
-  if (announce_change(sid, dtree, target_ds) != 0) {
-    log_error("send base notif event failed(NCNTF_BASE_CFG_CHANGE).");
+  if (ds_announce_change(sid, dtree, &publishing->announced) != 0) {
     (void)take_publishing();
     return -1;
   }
   if (database_begin_publication(target_ds, ds_journal_of(dtree)) != 0) { // before anybody is told
-    (void)take_publishing();
+    ds_announce_undone(std::move(take_publishing()->announced));
     return -1;
   }
   publishing->db = std::move(*db); // the publication may end inside the next call
@@ -207,7 +197,7 @@ int datastore_publish(int sid, ds_session_db *db, lyd_tree_ptr *data, differ_nod
   }
   if (broker_publish_config(sid, erropt, dtree) != 0) {
     *db = std::move(publishing->db);
-    (void)take_publishing();
+    ds_announce_undone(std::move(take_publishing()->announced));
     (void)database_drop_publication(plugin_names_up_to_date()); // logged there; nobody was told anything
     log_error("error happened when publishing config");
     return -1;
@@ -238,6 +228,9 @@ int datastore_publish_callback(int is_rollback, reply_error_ptr errors)
   }
   reply_error_ptr error = finish_publication(record.get(), is_rollback, std::move(errors));
   g_daemon_counters.commits += error == nullptr ? 1 : 0;
+  if (!record->stands) {
+    ds_announce_undone(std::move(record->announced));
+  }
   keep_data(record.get(), error == nullptr);
   (void)database_end_publication(record->target_ds, plugin_names_up_to_date());
   record->db.end();

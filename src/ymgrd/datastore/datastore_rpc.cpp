@@ -1,4 +1,4 @@
-// Operations that modules define: their input, which clients send, and their output, which plugins give.
+// Operations that modules define: their input, which clients send, and their output, which plugins give. Notifications.
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -14,6 +14,7 @@
 #include "ymgrd/datastore/datastore_internal.h"
 #include "ymgrd/datastore/ds_clear_values.h"
 #include "ymgrd/datastore/ds_error.h"
+#include "ymgrd/datastore/ds_operation.h"
 #include "ymgrd/datastore/ds_plugin_data.h"
 #include "ymgrd/datastore/xpath_scan.h"
 #include "ymgrd/schema/schema.h"
@@ -21,7 +22,7 @@
 
 namespace {
 
-// Whether validating the operation's input can look at the configuration: it has a must, a when or a reference.
+// Whether validating the operation can look at the configuration: it has a must, a when or a reference.
 bool refers_to_config(const lysc_node *operation)
 {
   const lysc_node *node = nullptr;
@@ -100,36 +101,12 @@ int validate_with(lyd_node *operation, lyd_node *running, lyd_type type)
   return lyd_validate_op(operation, running, type, nullptr) == LY_SUCCESS ? 0 : -1;
 }
 
-// Parses and validates an operation's input or output, in which sensitive values are clear. 0 with the whole tree and the operation's node in it, or -1 with
-// the cause in libyang's record.
-int parse_operation(const char *text, lyd_type type, lyd_tree_ptr *ret_tree, lyd_node **ret_operation)
-{
-  ly_in *made = nullptr;
-  if (ly_in_new_memory(text, &made) != LY_SUCCESS) {
-    return -1;
-  }
-  std::unique_ptr<ly_in, ly_in_delete_t> in(made);
-  ds_clear_yang_errors();
-  lyd_node *tree = nullptr;
-  lyd_node *operation = nullptr;
-  LY_ERR result = lyd_parse_op(schema_ctx(), nullptr, made, LYD_XML, type, &tree, &operation);
-  lyd_tree_ptr owner(tree);
-  lyd_tree_ptr running;
-  if (result != LY_SUCCESS || (refers_to_config(operation->schema) && read_running(&running) != 0) ||
-      validate_with(operation, running.get(), type) != 0) {
-    return -1;
-  }
-  *ret_tree = std::move(owner);
-  *ret_operation = operation;
-  return 0;
-}
-
 int validate_input(lyxml_elem *operation)
 {
   std::string text = lyxml_print_self_contained(operation);
   lyd_tree_ptr tree;
   lyd_node *parsed = nullptr;
-  int result = parse_operation(text.c_str(), LYD_TYPE_RPC_YANG, &tree, &parsed);
+  int result = ds_parse_operation(text.c_str(), LYD_TYPE_RPC_YANG, &tree, &parsed);
   memset_s(text.data(), text.size(), 0, text.size());
   return result;
 }
@@ -210,6 +187,28 @@ wiped_string seal_output(std::string_view printed, const std::vector<std::string
 
 } // namespace
 
+int ds_parse_operation(const char *text, lyd_type type, lyd_tree_ptr *ret_tree, lyd_node **ret_operation)
+{
+  ly_in *made = nullptr;
+  if (ly_in_new_memory(text, &made) != LY_SUCCESS) {
+    return -1;
+  }
+  std::unique_ptr<ly_in, ly_in_delete_t> in(made);
+  ds_clear_yang_errors();
+  lyd_node *tree = nullptr;
+  lyd_node *operation = nullptr;
+  LY_ERR result = lyd_parse_op(schema_ctx(), nullptr, made, LYD_XML, type, &tree, &operation);
+  lyd_tree_ptr owner(tree);
+  lyd_tree_ptr running;
+  if (result != LY_SUCCESS || (refers_to_config(operation->schema) && read_running(&running) != 0) ||
+      validate_with(operation, running.get(), type) != 0) {
+    return -1;
+  }
+  *ret_tree = std::move(owner);
+  *ret_operation = operation;
+  return 0;
+}
+
 int datastore_parse_rpc(const char *, lyxml_elem *rpc)
 {
   for (lyxml_elem *operation = lyxml_first_child(rpc); operation != nullptr; operation = lyxml_next(operation)) {
@@ -237,7 +236,7 @@ int ds_plugin_check_output(const std::string &oper, const xmlNode *result, wiped
   lyd_node *operation = nullptr;
   bool is_complete = result == nullptr || plugin_append_markup(result, &document) == 0;
   document.append("</").append(name).append(">");
-  if (!is_complete || parse_operation(document.c_str(), LYD_TYPE_REPLY_YANG, &tree, &operation) != 0) {
+  if (!is_complete || ds_parse_operation(document.c_str(), LYD_TYPE_REPLY_YANG, &tree, &operation) != 0) {
     const char *message = ly_errmsg(schema_ctx());
     *ret_error = message == nullptr ? "The output does not fit the schema." : message;
     return -1;

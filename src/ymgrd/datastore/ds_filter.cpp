@@ -86,6 +86,18 @@ bool drop_unmarked(lyxml_elem *first)
   return any;
 }
 
+// The same without freeing anything.
+bool clear_marks(lyxml_elem *first)
+{
+  bool any = false;
+  for (lyxml_elem *elem = first; elem != nullptr; elem = lyxml_next(elem)) {
+    any |= parsed_data::mark(elem) != MARK_NONE;
+    parsed_data::set_mark(elem, MARK_NONE);
+    (void)clear_marks(lyxml_first_child(elem)); // a mark counts when it is on the top
+  }
+  return any;
+}
+
 // --- A filter's sibling list, prepared for look-ups.
 
 void add_name(std::vector<std::string_view> *names, std::string_view name)
@@ -182,6 +194,12 @@ bool ncxml_subtree_filter(lyxml_elem *config, const ds_prepared_filter &filter)
 {
   (void)selector<parsed_data>().select(config, filter.siblings()); // the marks say what was selected
   return drop_unmarked(config);
+}
+
+bool ncxml_subtree_selects(lyxml_elem *config, const ds_prepared_filter &filter)
+{
+  (void)selector<parsed_data>().select(config, filter.siblings());
+  return clear_marks(config);
 }
 
 lyxml_ptr ds_xml_subtree_filter(lyxml_ptr old, const ds_prepared_filter &filter)

@@ -55,8 +55,10 @@ private:
 // Cuts the sibling list that starts at `config` down to what the filter selects: the rest is unlinked and freed.
 // Whether something was selected.
 bool ncxml_subtree_filter(lyxml_elem *config, const ds_prepared_filter &filter);
-// The same for the children of `old`, which is returned; null when nothing was selected. Sensitive values may be sealed
-// (ds_seals_to_xml()): they are compared in clear.
+// Whether the filter selects anything of it; nothing is cut.
+bool ncxml_subtree_selects(lyxml_elem *config, const ds_prepared_filter &filter);
+// The same as the first for the children of `old`, which is returned; null when nothing was selected. Sensitive values
+// may be sealed (ds_seals_to_xml()): they are compared in clear.
 lyxml_ptr ds_xml_subtree_filter(lyxml_ptr old, const ds_prepared_filter &filter);
 
 // 0 when `node` fits the filter element `refer`: by namespace, by attributes.

@@ -10,3 +10,6 @@
 int event_time_parse(std::string_view text, time_t *ret_time);
 // With "Z", or the offset of the device's zone (TZ, else the zone file).
 std::string event_time_format(time_t time);
+
+// The offset that a zone file holds ("+HH:MM" or "-HH:MM" and a line end), in minutes. 0 or -1 (logged).
+int event_time_read_zone(const char *path, int *ret_minutes);

@@ -3,29 +3,44 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include "libconf/conf_service.h"
 #include "libconf/safe_string.h"
+#include "libconf/wiped_string.h"
+#include "ymgrd/broker/broker.h"
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/notify/base_event.h"
+#include "ymgrd/notify/create_subscription.h"
+#include "ymgrd/notify/event_store.h"
+#include "ymgrd/notify/notifier_send.h"
+#include "ymgrd/notify/plugin_event.h"
+#include "ymgrd/notify/streams_state.h"
+#include "ymgrd/schema/schema.h"
 #include "ymgrd/ymgrd.h"
 
 namespace {
 
-constexpr int SUBSCRIPTION_LIST_SIZE = 8;
 constexpr uint32_t SOCKET_FAILURE = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
 // Datagrams taken in one wake-up: a plugin that floods the socket must not keep the loop from the agents.
 constexpr int MOST_AT_ONCE = 64;
+// Of one event.
+constexpr size_t LONGEST_DATAGRAM = 256 * 1024;
 
 typedef std::array<char, 4097> notifier_buffer_t;
 
+std::vector<stored_event_t> g_taken_up; // since the last notifier_flush
+
 int create_resources()
 {
-  if (context_create_list("LIST-subscription", SUBSCRIPTION_LIST_SIZE) != 0) {
+  if (client_create_list() != 0) {
     return -1;
   }
   auto buffer = std::make_unique<notifier_buffer_t>(); // zeroed
@@ -34,6 +49,81 @@ int create_resources()
     return -1;
   }
   (void)buffer.release(); // freed by notifier_exit
+  return 0;
+}
+
+int notifier_reg_operation()
+{
+  const oper_registration_t operations[] = {{CREATE_SUBSCRIPTION, oper_create_subscription}};
+  const char *failed = "";
+  if (broker_reg_inside_operations(operations, std::size(operations), &failed) != 0) {
+    log_error("Notifier register operation %s callback failed.", failed);
+    return -1;
+  }
+  return 0;
+}
+
+int notifier_reg_status()
+{
+  if (notification_get_config() == nullptr) {
+    return 0; // there are no streams
+  }
+  if (lys_find_path(schema_ctx(), nullptr, STREAMS_STATE_PATH, 0) == nullptr) {
+    log_info("The event streams' state is not published: its module is not loaded.");
+    return 0;
+  }
+  econf_subpub_cb_t handler = {};
+  handler.status = nc_notifications_status;
+  return broker_reg_status_publisher(nullptr, STREAMS_STATE_PATH, handler);
+}
+
+bool is_announced(const char *capability)
+{
+  for (int i = 0; i < context_list_size("LIST-cpblt"); i++) {
+    const auto *announced = static_cast<const char *>(context_get_list_entry("LIST-cpblt", i));
+    if (announced != nullptr && std::strcmp(announced, capability) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Unless the profile lists them itself.
+void announce_capabilities()
+{
+  for (const char *capability :
+       {"urn:ietf:params:netconf:capability:notification:1.0", "urn:ietf:params:netconf:capability:interleave:1.0"}) {
+    if (!is_announced(capability) && schema_add_capability(capability) != 0) {
+      log_warn("Add capability <%s> failed.", capability);
+    }
+  }
+}
+
+// The stream whose events are stored; null when none are.
+const notification_config_stream *stored_stream()
+{
+  const notification_config_stream *stream = notification_find_stream(NETCONF_STREAM);
+  return stream != nullptr && notification_has_replay(*stream) ? stream : nullptr;
+}
+
+// A database that is not there now is asked again when there is something to store.
+void notifier_db_event_init()
+{
+  if (notification_get_config() == nullptr) {
+    return;
+  }
+  announce_capabilities();
+  if (stored_stream() != nullptr) {
+    (void)event_store_open();
+  }
+}
+
+int configure()
+{
+  if (notifier_reg_operation() != 0 || notifier_reg_status() != 0) {
+    return -1;
+  }
+  notifier_db_event_init();
   return 0;
 }
 
@@ -49,17 +139,58 @@ int enable_service()
     conf_plugin_notifier_disable(sock);
     return -1;
   }
+  if (notification_get_config() != nullptr) {
+    (void)base_event_compare_capabilities(); // logged there; there is no event then
+  }
   return 0;
 }
 
-// 1 when a datagram was taken, 0 when none waits, -1 when the socket fails.
-int drop_datagram(int sock, notifier_buffer_t *buffer)
+void take_plugin_event(std::string_view datagram)
 {
-  ssize_t length = recv(sock, buffer->data(), buffer->size(), MSG_DONTWAIT | MSG_TRUNC);
-  if (length >= 0) {
-    memset_s(buffer->data(), buffer->size(), 0, buffer->size());
-    log_info("Receive plugin notification, length is %d", static_cast<int>(length));
+  log_info("Receive plugin notification, length is %zu", datagram.size());
+  if (notification_get_config() == nullptr) {
     log_warn("If you want to use notification, Please configure it in ymgrd.conf first.");
+    return;
+  }
+  std::string content;
+  if (plugin_event_check(datagram, &content) == 0) {
+    (void)notifier_emit(time(nullptr), std::move(content)); // logged there
+  }
+}
+
+// Takes one datagram, of which `size` bytes are wanted, and clears the buffer behind it. Its length, or -1 with errno.
+ssize_t receive_into(int sock, char *bytes, size_t size)
+{
+  ssize_t length = recv(sock, bytes, size, MSG_DONTWAIT);
+  if (length >= 0) {
+    take_plugin_event(std::string_view(bytes, static_cast<size_t>(length)));
+  }
+  memset_s(bytes, size, 0, size);
+  return length;
+}
+
+// The next datagram of that length; a longer one than allowed is dropped.
+ssize_t receive_datagram(int sock, size_t length, notifier_buffer_t *buffer)
+{
+  if (length <= buffer->size()) {
+    return receive_into(sock, buffer->data(), buffer->size());
+  }
+  if (length > LONGEST_DATAGRAM) {
+    log_error("A plugin notification is too long(%zu bytes, %zu allowed).", length, LONGEST_DATAGRAM);
+    return recv(sock, nullptr, 0, MSG_DONTWAIT);
+  }
+  std::vector<char, wiping_allocator<char>> own(length);
+  return receive_into(sock, own.data(), own.size());
+}
+
+// 1 when a datagram was taken, 0 when none waits, -1 when the socket fails.
+int take_datagram(int sock, notifier_buffer_t *buffer)
+{
+  ssize_t length = recv(sock, nullptr, 0, MSG_DONTWAIT | MSG_PEEK | MSG_TRUNC);
+  if (length >= 0) {
+    length = receive_datagram(sock, static_cast<size_t>(length), buffer);
+  }
+  if (length >= 0) {
     return 1;
   }
   if (errno == EAGAIN || errno == EINTR) {
@@ -76,6 +207,8 @@ int notifier_init(int stage)
   switch (stage) {
   case STAGE_RESOURCE:
     return create_resources();
+  case STAGE_CONFIG:
+    return configure();
   case STAGE_KICKOFF:
     return enable_service();
   default:
@@ -92,29 +225,58 @@ void notifier_exit()
   }
   std::unique_ptr<notifier_buffer_t> buffer(context_get_record<notifier_buffer_t>("OPT-notifier-buffer"));
   context_remove_option("OPT-notifier-buffer");
-  if (context_get_option("LIST-subscription") != nullptr) {
-    context_destroy_list("LIST-subscription", nullptr); // holds no entries
+  client_destroy_list();
+  g_taken_up.clear();
+  event_store_close();
+  notification_free_config();
+}
+
+int notifier_emit(time_t eventtime, std::string content)
+{
+  if (notification_get_config() == nullptr) {
+    log_warn("If you want to use notification, Please configure it in ymgrd.conf first.");
+    return -1;
+  }
+  stored_event_t event;
+  event.eventtime = eventtime;
+  event.content = std::move(content);
+  g_taken_up.push_back(std::move(event));
+  return 0;
+}
+
+void notifier_flush()
+{
+  if (g_taken_up.empty()) {
+    return;
+  }
+  std::vector<stored_event_t> events = std::exchange(g_taken_up, {});
+  const notification_config_stream *stream = stored_stream();
+  // Without the database only the stored copy is lost.
+  if (stream == nullptr || event_store_append(events, stream->replay_max) != 0) {
+    notifier_send_live(events, nullptr);
+    return;
+  }
+  uint64_t first_number = event_store_end() - events.size();
+  notifier_send_live(events, &first_number);
+}
+
+void notifier_run_pending()
+{
+  notifier_flush();
+  if (client_is_any()) {
+    notifier_send_stored();
   }
 }
 
-void notifier_parse_notification(const cJSON *)
-{
-  log_warn("The profile's section <notification> is not served by this version.");
-}
-
-int notifier_emit(time_t, std::string)
-{
-  return -1;
-}
-
-void notifier_run_pending() {}
-
 bool notifier_has_work()
 {
-  return false;
+  return !g_taken_up.empty() || (client_is_any() && notifier_can_send_stored());
 }
 
-void notifier_del_client(int) {}
+void notifier_del_client(int session_id)
+{
+  client_delete(session_id);
+}
 
 int notifier_service_sock()
 {
@@ -135,12 +297,15 @@ int notifier_service_wakeup(uint32_t event)
   }
   int taken = 1;
   for (int i = 0; i < MOST_AT_ONCE && taken == 1; i++) {
-    taken = drop_datagram(notifier_service_sock(), buffer);
+    taken = take_datagram(notifier_service_sock(), buffer);
   }
   return taken < 0 ? -1 : 0;
 }
 
 void notifier_timer()
 {
-  // Without subscriptions nothing is due at any time.
+  if (client_is_any()) {
+    notifier_flush(); // events up to the stop time come before its end is told
+    notifier_send_complete();
+  }
 }

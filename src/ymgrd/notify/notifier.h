@@ -18,8 +18,9 @@ void notifier_timer(); // about once a second
 // Takes an event up: one element, complete with its namespaces. It is stored and sent by the next notifier_run_pending.
 // 0; -1 (logged) without notification configuration.
 int notifier_emit(time_t eventtime, std::string content);
-// Once per pass of the event loop: stores and sends what was taken up, in one round trip for all, and goes on with
-// replays for which sessions have room.
+// Stores what was taken up, in one round trip for all, and sends it to the live subscriptions.
+void notifier_flush();
+// Once per pass of the event loop: notifier_flush, and goes on with replays for which sessions have room.
 void notifier_run_pending();
 bool notifier_has_work();                 // whether the next pass must not wait for an event
 void notifier_del_client(int session_id); // the session ends: its subscriptions go

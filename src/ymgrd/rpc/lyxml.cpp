@@ -152,6 +152,7 @@ lyxml_ptr lyxml_parse_mem(std::string_view text)
   }
   xmlParseDocument(parser.get());
   if (parser->wellFormed == 0 || parser->nsWellFormed == 0) {
+    xmlResetLastError(); // it may name what was text, taken for markup
     return nullptr;
   }
   lyxml_ptr root(xmlDocGetRootElement(parser->myDoc));

@@ -1,17 +1,10 @@
 #include "ymgrd/rpc/rpc_reply_path.h"
 
 #include <cctype>
-#include <map>
-#include <string>
 
 #include "ymgrd/schema/schema.h"
 
 namespace {
-
-typedef struct _qualified_path {
-  std::string text;
-  std::map<std::string, std::string> namespaces; // by module
-} qualified_path_t;
 
 std::string_view leading_name(std::string_view text)
 {
@@ -29,14 +22,15 @@ bool is_node_name(std::string_view name)
   return !name.empty() && name != "." && std::isdigit(static_cast<unsigned char>(name.front())) == 0;
 }
 
-// False when a module has no namespace here.
-bool qualify(std::string_view path, qualified_path_t *qualified)
+} // namespace
+
+bool rpc_qualify_path(std::string_view path, qualified_path_t *ret_qualified)
 {
   std::string module; // of the step
   char quote = '\0';
   for (size_t at = 0; at < path.size(); at++) {
     char c = path[at];
-    qualified->text += c;
+    ret_qualified->text += c;
     if (quote != '\0' || c == '\'' || c == '"') {
       quote = quote == '\0' ? c : (c == quote ? '\0' : quote);
       continue;
@@ -49,30 +43,33 @@ bool qualify(std::string_view path, qualified_path_t *qualified)
     bool has_prefix = end < path.size() && path[end] == ':';
     std::string own = has_prefix ? std::string(name) : module;
     module = c == '/' ? own : module;
-    std::string &ns = qualified->namespaces[own];
+    std::string &ns = ret_qualified->namespaces[own];
     ns = ns.empty() ? schema_get_module_ns(own) : ns;
     if (ns.empty()) {
       return false;
     }
-    qualified->text += has_prefix ? "" : own + ":";
+    ret_qualified->text += has_prefix ? "" : own + ":";
   }
   return true;
 }
 
-} // namespace
+int rpc_declare_prefixes(lyxml_elem *elem, const std::map<std::string, std::string> &namespaces)
+{
+  for (const auto &[prefix, ns] : namespaces) {
+    auto text = [](const std::string &chars) { return reinterpret_cast<const xmlChar *>(chars.c_str()); };
+    if (xmlNewNs(elem, text(ns), text(prefix)) == nullptr) {
+      return -1;
+    }
+  }
+  return 0;
+}
 
 int rpc_add_error_path(lyxml_elem *rpc_error, const char *path)
 {
   qualified_path_t qualified;
-  if (!qualify(path, &qualified)) {
+  if (!rpc_qualify_path(path, &qualified)) {
     return lyxml_new_elem(rpc_error, "error-path", path) == nullptr ? -1 : 0;
   }
   lyxml_elem *elem = lyxml_new_elem(rpc_error, "error-path", qualified.text.c_str());
-  for (const auto &[module, ns] : qualified.namespaces) {
-    auto text = [](const std::string &chars) { return reinterpret_cast<const xmlChar *>(chars.c_str()); };
-    if (elem == nullptr || xmlNewNs(elem, text(ns), text(module)) == nullptr) {
-      return -1;
-    }
-  }
-  return elem == nullptr ? -1 : 0;
+  return elem == nullptr ? -1 : rpc_declare_prefixes(elem, qualified.namespaces);
 }

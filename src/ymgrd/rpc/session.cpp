@@ -113,6 +113,8 @@ int watch_socket(session_t &session)
 // Lets go of everything that belongs to the connection.
 void close_connection(session_t &session)
 {
+  bool is_sent_away = session.bit_exit || session_is_shutting_down();
+  session_report_end(&session, is_sent_away ? NC_SESSION_TERM_OTHER : NC_SESSION_TERM_DROPPED, 0);
   if (session_hooks.closing != nullptr) {
     session_hooks.closing(session.session_id);
   }
@@ -148,6 +150,7 @@ int receive_request(session_t *session)
   std::string_view payload;
   switch (session_get_rpc(*session, &head, &payload)) {
   case SESSION_RECV_ERROR:
+    session->bit_exit = true; // it is the daemon that ends it
     end_session(session_id);
     return -1;
   case SESSION_RECV_END:
@@ -541,6 +544,40 @@ std::string session_client_address(const session_t &session)
     inet_ntop(AF_INET, session.client_addr, text, sizeof(text));
   }
   return text;
+}
+
+base_notification_info_t session_describe(const session_t &session)
+{
+  base_notification_info_t info;
+  info.session_id = session.session_id;
+  info.username = session.username;
+  info.ipaddr = session_client_address(session);
+  return info;
+}
+
+void session_report_end(session_t *session, NC_SESSION_TERM_REASON reason, int killed_by)
+{
+  if (!session->bit_init || session->bit_end_told) {
+    return;
+  }
+  session->bit_end_told = true;
+  base_notification_info_t info = session_describe(*session);
+  info.termination_reason = reason;
+  info.killed_by = killed_by;
+  if (send_base_notification_event(NCNTF_BASE_SESSION_END, info) != 0) {
+    log_error("send base notif failed(NCNTF_BASE_SESSION_END).");
+  }
+}
+
+void session_report_ends()
+{
+  int size = context_list_size(SESSION_LIST);
+  for (int session_id = 1; session_id <= size; session_id++) {
+    session_t *session = session_find(session_id);
+    if (session != nullptr) {
+      session_report_end(session, NC_SESSION_TERM_OTHER, 0);
+    }
+  }
 }
 
 bool session_is_shutting_down()

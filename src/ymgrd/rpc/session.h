@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "libconf/conf_buffer.h"
+#include "ymgrd/notify/base_notification.h"
 #include "ymgrd/rpc/rpc_context.h"
 
 // A session is idle (bit_rpc set) or processes one request (bit_rpc clear): further requests stay in the socket.
@@ -19,10 +20,11 @@ typedef struct _session {
   int sock = -1;        // -1 once closed, when the record only waits for its publication to end
   std::string username; // of create-session, blanks stripped
   int agent_ppid = 0;
-  time_t login_time = 0; // of create-session
-  bool bit_init = false; // create-session has completed
-  bool bit_rpc = true;   // may take a new request
-  bool bit_exit = false; // to be closed once its reply has gone
+  time_t login_time = 0;     // of create-session
+  bool bit_init = false;     // create-session has completed
+  bool bit_rpc = true;       // may take a new request
+  bool bit_exit = false;     // to be closed once its reply has gone
+  bool bit_end_told = false; // its end was reported
   bool bit_ipv4 = false;
   bool bit_ipv6 = false;
   uint32_t client_addr[4] = {};
@@ -94,6 +96,11 @@ int session_check_operation(int session_id, const char *oper_name);
 
 // The client's address as text, empty when unknown.
 std::string session_client_address(const session_t &session);
+// What a base notification says of a session: number, user, address.
+base_notification_info_t session_describe(const session_t &session);
+// Reports that the session ends, once; a connection that never was a session is not reported.
+void session_report_end(session_t *session, NC_SESSION_TERM_REASON reason, int killed_by);
+void session_report_ends(); // of all, when the daemon ends in an orderly way
 
 bool session_is_shutting_down();
 // A daemon-wide shutdown, asked for by a session, whose reply is kept until the other sessions have gone.

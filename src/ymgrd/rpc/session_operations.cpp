@@ -22,8 +22,6 @@
 namespace {
 
 constexpr int SESSION_LIST_SIZE = 8;
-// Codes of RFC 6470's termination-reason.
-enum { SESSION_CLOSED = 0, SESSION_KILLED = 1 };
 
 std::string strip_blanks(const std::string &text)
 {
@@ -67,29 +65,10 @@ void look_up_client(session_t *session)
   (void)memcpy_s(session->client_addr, sizeof(session->client_addr), client.address, sizeof(client.address));
 }
 
-base_notification_info_t describe_session(const session_t &session)
-{
-  base_notification_info_t info;
-  info.session_id = session.session_id;
-  info.username = session.username;
-  info.ipaddr = session_client_address(session);
-  return info;
-}
-
 void notify_session_start(const session_t &session)
 {
-  if (send_base_notification_event(NCNTF_BASE_SESSION_START, describe_session(session)) != 0) {
+  if (send_base_notification_event(NCNTF_BASE_SESSION_START, session_describe(session)) != 0) {
     log_error("send base notif failed(NCNTF_BASE_SESSION_START).");
-  }
-}
-
-void notify_session_end(const session_t &session, int reason, int killed_by)
-{
-  base_notification_info_t info = describe_session(session);
-  info.termination_reason = reason;
-  info.killed_by = killed_by;
-  if (send_base_notification_event(NCNTF_BASE_SESSION_END, info) != 0) {
-    log_error("send base notif failed(NCNTF_BASE_SESSION_END).");
   }
 }
 
@@ -155,7 +134,7 @@ int oper_close_session(int session_id, const char *, lyxml_elem *rpc)
     return -1;
   }
   session->bit_exit = true;
-  notify_session_end(*session, SESSION_CLOSED, 0);
+  session_report_end(session, NC_SESSION_TERM_CLOSED, 0);
   return 0;
 }
 
@@ -191,16 +170,12 @@ int oper_kill_session(int session_id, const char *, lyxml_elem *rpc)
     log_error("Build reply for <kill-session> faild.");
     return -1;
   }
-  bool is_ending = victim->bit_exit;
+  session_report_end(victim, NC_SESSION_TERM_KILLED, session_id);
   victim->bit_exit = true;
   if (victim->sock >= 0) {
     (void)session_schedule(victim->session_id); // logged there; an idle pass closes it otherwise
   }
-  int result = rpc_send_reply(session_id, reply.get());
-  if (!is_ending) { // its end is announced once
-    notify_session_end(*victim, SESSION_KILLED, session_id);
-  }
-  return result;
+  return rpc_send_reply(session_id, reply.get());
 }
 
 int oper_shutdown(int session_id, const char *, lyxml_elem *rpc)

@@ -16,7 +16,7 @@ namespace {
 constexpr std::string_view UNIX_SCHEME = "unix:";
 
 // Without ietf-netconf in the context libyang drops nc:operation attributes without a word, and a delete becomes a
-// merge; without zentra-ymgrd no session can be created.
+// merge; without zentra-ymgrd no session can be created, without notifications no request to subscribe has a name.
 typedef struct _required_module {
   const char *name;
   const char *revision;
@@ -25,6 +25,9 @@ typedef struct _required_module {
 const required_module_t required_modules[] = {
     {"ietf-netconf", "2011-06-01", {"writable-running", "candidate", "rollback-on-error", "startup"}},
     {"zentra-ymgrd", "2026-11-22", {}},
+    {"notifications", "2008-07-14", {}},
+    {"nc-notifications", "2008-07-14", {}},
+    {"ietf-netconf-notifications", "2012-02-06", {}},
 };
 
 int read_database_path(const schema_config &config, std::string *ret_path)

@@ -71,6 +71,13 @@ void edit_fixture::SetUp()
   std::string modules_dir = dir / "modules";
   std::filesystem::copy(YMGR_MODULES_DIR, modules_dir);
   support::write_file(modules_dir + "/sample.yang", sample_module);
+  std::vector<std::string> names = {"ietf-netconf", "sample"};
+  for (const auto &[name, text] : more_modules) {
+    names.push_back(name);
+    if (!text.empty()) {
+      support::write_file(modules_dir + "/" + name + ".yang", text);
+    }
+  }
   init_components(STAGE_RESOURCE);
   const unsigned char key[16] = {};
   std::string address = "unix://" + redis.socket_path();
@@ -78,8 +85,8 @@ void edit_fixture::SetUp()
   context_save_option("OPT-modules-dir", modules_dir.c_str(), static_cast<int>(modules_dir.size()) + 1);
   context_save_int("OPT-smooth-start", 0);
   context_save_record("OPT-schema", new schema_config{1, address});
-  for (const char *name : {"ietf-netconf", "sample"}) {
-    ASSERT_EQ(0, schema_save_modelcfg(schema_create_modelcfg(name, "")));
+  for (const std::string &name : names) {
+    ASSERT_EQ(0, schema_save_modelcfg(schema_create_modelcfg(name.c_str(), "")));
   }
   init_components(STAGE_CONFIG);
 }

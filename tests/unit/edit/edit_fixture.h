@@ -2,6 +2,7 @@
 // user-ordered lists and leaf-lists at every level, choices in choices, defaults, presence containers, conditions.
 #pragma once
 
+#include <map>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -30,5 +31,7 @@ protected:
   static std::string text_of(const lyd_tree_ptr &data);
 
   support::temp_dir dir;
+  // To be loaded by SetUp: by name the text, which is empty when the source tree has the module.
+  std::map<std::string, std::string> more_modules;
   support::redis_server redis{dir.path()};
 };

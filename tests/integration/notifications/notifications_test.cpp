@@ -1,0 +1,442 @@
+// Event notifications as subscribers see them. The events are those of a module of the test, numbered by their sender;
+// other events of the daemon are passed over.
+#include <algorithm>
+#include <ctime>
+#include <regex>
+#include <thread>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "support/daemon_test.h"
+
+namespace {
+
+using texts = std::vector<std::string>;
+using namespace std::chrono_literals;
+
+constexpr char MODULE[] = "module ex-events { namespace \"urn:ex-events\"; prefix ev; revision 2026-01-01; "
+                          "notification tick { leaf number { type uint32; } leaf text { type string; } } }";
+constexpr char REPLAY_COMPLETE[] = "replayComplete";
+constexpr char NOTIFICATION_COMPLETE[] = "notificationComplete";
+
+std::string tick(int number, const std::string &text = "")
+{
+  return "<tick xmlns=\"urn:ex-events\"><number>" + std::to_string(number) + "</number><text>" + text +
+         "</text></tick>";
+}
+
+std::string time_text(time_t moment)
+{
+  char text[32] = "";
+  tm parts = {};
+  (void)std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&moment, &parts));
+  return text;
+}
+
+std::string subscribe(const std::string &parameters = "")
+{
+  return "<create-subscription xmlns=\"urn:ietf:params:xml:ns:netconf:notification:1.0\">" + parameters +
+         "</create-subscription>";
+}
+
+std::string from(time_t start, time_t stop = 0)
+{
+  return "<startTime>" + time_text(start) + "</startTime>" +
+         (stop == 0 ? "" : "<stopTime>" + time_text(stop) + "</stopTime>");
+}
+
+texts numbers(int first, int last)
+{
+  texts found;
+  for (int number = first; number <= last; number++) {
+    found.push_back(std::to_string(number));
+  }
+  return found;
+}
+
+// The bytes of a stored event.
+std::string record(time_t moment, const std::string &content)
+{
+  return std::string(reinterpret_cast<const char *>(&moment), sizeof(moment)) + content + '\0';
+}
+
+class notifications : public support::daemon_test {
+protected:
+  static constexpr int NOTIFY_DB = 10;
+
+  void SetUp() override
+  {
+    support::write_file(daemon.modules_dir() + "/ex-events.yang", MODULE);
+    for (const char *name : {"notifications", "nc-notifications", "ex-events"}) {
+      daemon.options().modules.push_back({name});
+    }
+  }
+  void TearDown() override
+  {
+    close(sender_);
+    daemon_test::TearDown();
+  }
+
+  // `section` behind the streams: more members of the section.
+  void start(const std::string &replay, const std::string &section = "", bool is_stored = true)
+  {
+    daemon.options().profile["notification"] = std::string("{\"db-enabled\": ") + (is_stored ? "true" : "false") +
+                                               ", \"streams\": [{\"name\": \"NETCONF\"" + replay + "}]" + section + "}";
+    ASSERT_TRUE(daemon.running() ? daemon.restart() : daemon.start());
+  }
+
+  // Blocks while the daemon does not take it.
+  void emit(const std::string &content)
+  {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::string path = daemon.run_dir() + "/notify.sock";
+    ASSERT_LT(path.copy(address.sun_path, sizeof(address.sun_path) - 1), sizeof(address.sun_path) - 1);
+    ASSERT_EQ(static_cast<ssize_t>(content.size()),
+              sendto(sender_, content.data(), content.size(), 0, reinterpret_cast<const sockaddr *>(&address),
+                     sizeof(address)))
+        << strerror(errno);
+  }
+  void emit(int first, int last, size_t length = 0)
+  {
+    for (int number = first; number <= last; number++) {
+      emit(tick(number, std::string(length, 'x')));
+    }
+  }
+  void plant(time_t moment, const std::string &content)
+  {
+    redis.command(NOTIFY_DB, {"RPUSH", "event_key_list", record(moment, content)});
+  }
+  // Without the daemon's own events.
+  texts stored()
+  {
+    texts records = redis.command(NOTIFY_DB, {"LRANGE", "event_key_list", "0", "-1"});
+    std::erase_if(records, [](const std::string &text) { return contains(text, "urn:ietf"); });
+    return records;
+  }
+
+  // The number of the next event of ours, or the name of a mark of the daemon. Empty when none comes.
+  static std::string next(support::netconf_session &session, std::chrono::milliseconds timeout = support::DEADLINE)
+  {
+    const std::regex form("</eventTime><(?:tick[^<]*<number>(\\d+)|(replayComplete|notificationComplete) )");
+    for (;;) {
+      std::string frame = session.notification(timeout).substr(0, 300);
+      std::smatch match;
+      if (frame.empty()) {
+        return "";
+      }
+      if (std::regex_search(frame, match, form)) {
+        return match[1].str() + match[2].str();
+      }
+    }
+  }
+  static texts take(support::netconf_session &session, size_t count)
+  {
+    texts found;
+    while (found.size() < count) {
+      found.push_back(next(session));
+      if (found.back().empty()) {
+        break;
+      }
+    }
+    return found;
+  }
+  // All up to the one that is named.
+  static texts take_up_to(support::netconf_session &session, const std::string &last)
+  {
+    texts found;
+    while (found.empty() || (found.back() != last && !found.back().empty())) {
+      found.push_back(next(session));
+    }
+    return found;
+  }
+  static bool is_quiet(support::netconf_session &session) { return next(session, 300ms).empty(); }
+
+  // The sum of what the log says was missed.
+  int told_missed()
+  {
+    int sum = 0;
+    const std::regex form("has missed (\\d+) events");
+    std::string log = daemon.log_text();
+    for (std::sregex_iterator match(log.begin(), log.end(), form), end; match != end; ++match) {
+      sum += std::stoi((*match)[1]);
+    }
+    return sum;
+  }
+  // A session that reads nothing while 3000 events of 1 KB come, which another one gets. What it gets afterwards.
+  texts leave_unread(support::netconf_session &slow, support::netconf_session &reader)
+  {
+    EXPECT_TRUE(slow.ok(subscribe()));
+    EXPECT_TRUE(reader.ok(subscribe()));
+    for (int first = 1; first <= 3000; first += 100) {
+      emit(first, first + 99, 1000);
+      texts found = take(reader, 100);
+      EXPECT_EQ(numbers(first, first + 99), found);
+      if (found.back().empty()) {
+        return {"0"};
+      }
+    }
+    EXPECT_TRUE(slow.send("<discard-changes/>")) << "a request of a session that is behind";
+    texts found;
+    do {
+      found.push_back(next(slow, 1000ms));
+    } while (!found.back().empty());
+    found.pop_back();
+    EXPECT_TRUE(support::is_ok(slow.receive()));
+    emit(3001, 3001);
+    found.push_back(next(slow));
+    return found;
+  }
+  static void expect_ascending(const texts &found)
+  {
+    for (size_t i = 1; i < found.size(); i++) {
+      ASSERT_LT(std::stoi(found[i - 1]), std::stoi(found[i]));
+    }
+  }
+
+  int sender_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const time_t now = time(nullptr);
+};
+
+} // namespace
+
+TEST_F(notifications, events_go_to_each_subscription_once)
+{
+  start(", \"replay\": true");
+  support::netconf_session &twice = connect(), &once = connect(), &none = connect();
+  EXPECT_TRUE(twice.ok(subscribe()));
+  EXPECT_TRUE(twice.ok(subscribe("<stream> NETCONF </stream>")));
+  EXPECT_TRUE(once.ok(subscribe(from(now - 10))));
+  EXPECT_EQ(REPLAY_COMPLETE, next(once));
+  emit(tick(1, std::string(200000, 'x'))); // longer than the usual buffer
+  emit(tick(2));
+  std::string frame = twice.notification();
+  EXPECT_TRUE(std::regex_match(frame.substr(0, 120) + "...",
+                               std::regex("<notification xmlns=\"urn:ietf:params:xml:ns:netconf:notification:1.0\">"
+                                          "<eventTime>[-0-9]{10}T[0-9:]{8}[^<]+</eventTime><.*")))
+      << frame.substr(0, 200);
+  EXPECT_EQ(support::find_text(frame, "text"), std::string(200000, 'x'));
+  EXPECT_EQ((texts{"1", "2", "2"}), take(twice, 3));
+  EXPECT_TRUE(twice.ok("<discard-changes/>"));
+  EXPECT_EQ((texts{"1", "2"}), take(once, 2));
+  EXPECT_TRUE(is_quiet(none) && is_quiet(once) && is_quiet(twice));
+  once.close();
+  emit(3, 3);
+  EXPECT_EQ((texts{"3", "3"}), take(twice, 2));
+}
+
+TEST_F(notifications, stored_events_are_replayed_between_start_and_stop)
+{
+  for (int age : {500, 400, 300, 200, 100}) {
+    plant(now - age, tick(age));
+  }
+  start(", \"replay\": true");
+  support::netconf_session &session = connect();
+  ASSERT_TRUE(session.ok(subscribe(from(now - 400, now - 200))));
+  EXPECT_EQ((texts{"400", "300", "200", REPLAY_COMPLETE, NOTIFICATION_COMPLETE}), take(session, 5));
+  emit(1, 1);
+  EXPECT_TRUE(is_quiet(session)) << "the subscription is over";
+  ASSERT_TRUE(session.ok(subscribe(from(now - 300))));
+  EXPECT_EQ((texts{"300", "200", "100", "1", REPLAY_COMPLETE}), take(session, 5));
+  emit(2, 2);
+  EXPECT_EQ("2", next(session)) << "live behind the replay";
+  // An end that is still to come: what happens up to then is sent, also while the daemon has no quiet second.
+  support::netconf_session &ending = connect();
+  ASSERT_TRUE(ending.ok(subscribe(from(now - 10, time(nullptr) + 2))));
+  texts found;
+  for (int number = 3; found.empty() || (found.back() != NOTIFICATION_COMPLETE && number < 2000); number++) {
+    emit(number, number);
+    std::this_thread::sleep_for(5ms);
+    found.push_back(next(ending, 100ms));
+  }
+  EXPECT_EQ((texts{"1", "2", REPLAY_COMPLETE, "3"}), texts(found.begin(), found.begin() + 4));
+  EXPECT_EQ(NOTIFICATION_COMPLETE, found.back());
+  EXPECT_TRUE(is_quiet(ending));
+}
+
+TEST_F(notifications, aged_and_damaged_records_are_removed_when_they_are_met)
+{
+  const time_t aged = now - 10000001 - 60, fresh = now - 10000000 + 600;
+  plant(aged, tick(1));
+  plant(fresh, tick(2));
+  redis.command(NOTIFY_DB, {"RPUSH", "event_key_list", "short"});
+  plant(aged, tick(3));
+  redis.command(NOTIFY_DB, {"RPUSH", "event_key_list", record(now, tick(4)) + "more"});
+  plant(now, tick(5));
+  start(", \"replay\": true");
+  support::netconf_session &one = connect(), &other = connect();
+  ASSERT_TRUE(one.ok(subscribe(from(now - 5000))));
+  EXPECT_EQ((texts{"5", REPLAY_COMPLETE}), take(one, 2));
+  EXPECT_EQ(4U, stored().size()) << "what is aged stays as long as nobody asks for it";
+  ASSERT_TRUE(one.ok(subscribe(from(aged - 10))));
+  ASSERT_TRUE(other.ok(subscribe(from(aged - 10))));
+  for (support::netconf_session *session : {&one, &other}) {
+    EXPECT_EQ((texts{"2", "5", REPLAY_COMPLETE}), take(*session, 3));
+  }
+  EXPECT_EQ((texts{record(fresh, tick(2)), record(now, tick(5))}), stored());
+}
+
+TEST_F(notifications, log_keeps_the_newest_events_up_to_its_bound)
+{
+  const struct {
+    const char *replay;
+    int bound;
+  } steps[] = {{", \"replay\": true, \"max-entries-num\": 0", 200},
+               {", \"replay\": {\"enabled\": true, \"max-entries-num\": 500}", 500},
+               {", \"replay\": {\"enabled\": true, \"max-entries-num\": 3}", 3}};
+  int last = 0;
+  for (const auto &step : steps) {
+    SCOPED_TRACE(step.replay);
+    start(step.replay);
+    support::netconf_session &session = connect();
+    ASSERT_TRUE(session.ok(subscribe()));
+    int first = last + 1;
+    last += step.bound + (step.bound == 3 ? 1 : 301);
+    emit(first, last, 10);
+    ASSERT_EQ(std::to_string(last), take_up_to(session, std::to_string(last)).back());
+    EXPECT_EQ(static_cast<size_t>(step.bound), stored().size());
+    ASSERT_TRUE(session.ok(subscribe(from(now - 10))));
+    texts expected = numbers(last - step.bound + 1, last);
+    expected.push_back(REPLAY_COMPLETE);
+    EXPECT_EQ(expected, take(session, expected.size()));
+  }
+}
+
+TEST_F(notifications, replays_run_side_by_side)
+{
+  start(", \"replay\": {\"enabled\": true, \"max-entries-num\": 20000}");
+  for (int number = 1; number <= 10000; number++) {
+    plant(now - 100, tick(number));
+  }
+  std::vector<support::netconf_session *> sessions = {&connect(), &connect(), &connect()};
+  for (support::netconf_session *session : sessions) {
+    ASSERT_TRUE(session->ok(subscribe(from(now - 200))));
+  }
+  EXPECT_EQ(numbers(1, 10), take(*sessions[0], 10));
+  sessions[0]->close();
+  emit(10001, 10001);
+  for (support::netconf_session *session : {sessions[1], sessions[2]}) {
+    texts found = take_up_to(*session, "10001");
+    found.erase(std::remove(found.begin(), found.end(), REPLAY_COMPLETE), found.end());
+    EXPECT_EQ(numbers(1, 10001), found);
+  }
+}
+
+TEST_F(notifications, slow_subscriber_goes_on_from_the_store)
+{
+  start(", \"replay\": true, \"max-entries-num\": 5000", ", \"max-queue\": 262144");
+  EXPECT_EQ(numbers(1, 3001), leave_unread(connect(), connect()));
+  EXPECT_EQ(std::string::npos, daemon.log_text().find("misses"));
+}
+
+TEST_F(notifications, slow_subscriber_loses_what_the_log_does_not_keep)
+{
+  start(", \"replay\": true, \"max-entries-num\": 1000", ", \"max-queue\": 262144");
+  texts found = leave_unread(connect(), connect());
+  expect_ascending(found);
+  EXPECT_EQ(numbers(2001, 3001), texts(found.end() - 1001, found.end()));
+  EXPECT_TRUE(daemon.wait_for_log("takes events too slowly and misses"));
+  EXPECT_EQ(3001, static_cast<int>(found.size()) + told_missed());
+}
+
+TEST_F(notifications, slow_subscriber_without_a_store_loses_what_it_has_no_room_for)
+{
+  start(", \"replay\": true", ", \"max-queue\": 262144", false);
+  texts found = leave_unread(connect(), connect());
+  expect_ascending(found);
+  EXPECT_EQ("3001", found.back());
+  EXPECT_TRUE(daemon.wait_for_log("misses 1: they are not stored."));
+  EXPECT_EQ(3001, static_cast<int>(found.size()) + told_missed());
+  EXPECT_EQ(texts(), stored());
+}
+
+TEST_F(notifications, live_events_need_no_database)
+{
+  start(", \"replay\": true");
+  support::netconf_session &session = connect();
+  ASSERT_TRUE(session.ok(subscribe()));
+  emit(1, 1);
+  EXPECT_EQ("1", next(session));
+  redis.stop();
+  emit(2, 3);
+  EXPECT_EQ((texts{"2", "3"}), take(session, 2));
+  EXPECT_EQ("operation-failed", session.error(subscribe(from(now - 10))).tag);
+  redis.start();
+  std::this_thread::sleep_for(1100ms); // it is asked again after a second
+  emit(4, 4);
+  EXPECT_EQ("4", next(session));
+  ASSERT_TRUE(session.ok(subscribe(from(now - 10))));
+  EXPECT_EQ((texts{"4", REPLAY_COMPLETE}), take(session, 2));
+}
+
+TEST_F(notifications, wrong_parameters_are_refused)
+{
+  start(", \"replay\": true");
+  support::netconf_session &session = connect();
+  auto start_time = [](const std::string &text) { return "<startTime>" + text + "</startTime>"; };
+  const std::string valid = start_time(time_text(now - 10));
+  const struct {
+    std::string parameters;
+    const char *tag;
+    const char *text; // of the message or the info
+  } cases[] = {
+      {"text", "bad-element", "packet format is wrong"},
+      {"<what/>", "unknown-element", "packet format is wrong"},
+      {"<stream xmlns=\"urn:x\">NETCONF</stream>", "unknown-element", "packet format is wrong"},
+      {valid + valid, "bad-element", "packet format is wrong"},
+      {"<stream>netconf</stream>", "invalid-value", "Requested stream does not exist.."},
+      {"<stream/>", "invalid-value", "Requested stream does not exist.."},
+      {"<stream>NETCONF<a/></stream>", "bad-element", "<bad-element>stream</bad-element>"},
+      {start_time("yesterday"), "bad-element", "<bad-element>startTime</bad-element>"},
+      {start_time(""), "bad-element", "<bad-element>startTime</bad-element>"},
+      {start_time(time_text(now + 3600)), "bad-element", "<bad-element>startTime</bad-element>"},
+      {"<stopTime>" + time_text(now) + "</stopTime>", "missing-element", "<bad-element>startTime</bad-element>"},
+      {valid + "<stopTime>x</stopTime>", "bad-element", "<bad-element>stopTime</bad-element>"},
+      {from(now - 10, now - 11), "bad-element", "<bad-element>stopTime</bad-element>"},
+  };
+  for (const auto &row : cases) {
+    std::string reply = session.rpc(subscribe(row.parameters));
+    EXPECT_EQ(row.tag, support::find_text(reply, "error-tag")) << row.parameters;
+    EXPECT_TRUE(support::find_text(reply, "error-message") == row.text ||
+                support::find_text(reply, "error-info") == row.text)
+        << reply;
+  }
+  for (int i = 0; i < 16; i++) {
+    EXPECT_TRUE(session.ok(subscribe()));
+  }
+  EXPECT_EQ("resource-denied", session.error(subscribe()).tag);
+  start(", \"replay\": false");
+  EXPECT_EQ("Do not support replay mode", connect().error(subscribe(valid)).message);
+  start(", \"enabled\": false");
+  EXPECT_EQ("Requested stream does not exist..", connect().error(subscribe()).message);
+  daemon.options().profile.erase("notification");
+  ASSERT_TRUE(daemon.restart());
+  EXPECT_EQ("get notification config from hash failed", connect().error(subscribe()).message);
+  emit(1, 1);
+  EXPECT_TRUE(daemon.wait_for_log("If you want to use notification, Please configure it in ymgrd.conf first."));
+}
+
+TEST_F(notifications, streams_and_capabilities_are_told)
+{
+  daemon.options().profile["capabilities"] =
+      "[{\"capid\": \"urn:ietf:params:netconf:capability:interleave:1.0\", \"enable\": true}]";
+  start(", \"replay\": true}, {\"name\": \"other\"");
+  support::netconf_session &session = connect();
+  std::string state = support::reply_data(
+      session.rpc("<get><filter><netconf xmlns=\"urn:ietf:params:xml:ns:netmod:notification\"/></filter></get>"));
+  EXPECT_TRUE(std::regex_search(
+      state, std::regex("<stream><name>NETCONF</name>\\s*<description>NETCONF Base Notifications</description>\\s*"
+                        "<replaySupport>true</replaySupport>\\s*"
+                        "<replayLogCreationTime>[-0-9]{10}T[0-9:]{8}[^<]+</replayLogCreationTime>\\s*</stream>\\s*"
+                        "<stream><name>other</name>\\s*<description>user defined notifications</description>\\s*"
+                        "<replaySupport>false</replaySupport>\\s*</stream>")))
+      << state;
+  std::string capabilities = session.rpc("<get-capability xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\"/>");
+  for (const char *name : {":notification:1.0<", ":interleave:1.0<"}) {
+    size_t first = capabilities.find(name);
+    EXPECT_NE(std::string::npos, first) << name;
+    EXPECT_EQ(first, capabilities.rfind(name)) << name;
+  }
+}
