@@ -2,7 +2,7 @@
 #include <filesystem>
 #include <random>
 
-#include "e2e/secrets/secret_scan.h"
+#include "e2e/secret_scan/secret_scan.h"
 #include "support/daemon_test.h"
 #include "support/plugin_peer.h"
 #include "support/working_key.h"
