@@ -214,8 +214,10 @@ class Plugin:
         self._call("push", field("path", path) + f"<data>{render(data)}</data>")
 
     def notify(self, event: Content) -> None:
-        """An event for the clients that subscribed to notifications: one element. It is sent as a datagram: nobody
-        tells whether it was wanted. PluginError when the daemon's socket does not take it."""
+        """An event for the clients that subscribed to notifications: one element, defined by a YANG notification; one
+        inside of containers and lists stands in all that is above it. It is sent as a datagram of at most 256 KiB:
+        nobody tells whether it was wanted, and what its notification does not admit is only logged by the daemon.
+        PluginError when the daemon's socket does not take it."""
         text = render(event)
         if len(parse(text)) != 1:
             raise ValueError("an event is one element")
