@@ -28,7 +28,7 @@ struct device_t {
   {
     daemon.options().modules.push_back({"ex-ext"});
     daemon.options().profile["notification"] =
-        R"({"db-enabled": true, "streams": [{"name": "NETCONF", "replay": true}]})";
+        R"({"db-enabled": true, "streams": [{"name": "NETCONF", "replay": true}, {"name": "other \"one\""}]})";
   }
   support::temp_dir dir;
   support::redis_server redis{dir.path()};
