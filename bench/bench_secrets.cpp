@@ -1,7 +1,10 @@
 #include "bench_secrets.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <functional>
+#include <iterator>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -13,17 +16,17 @@
 namespace {
 
 constexpr int ENTRIES = 10000;
-constexpr int SAMPLES = 200;
+constexpr int SAMPLES = 400;
 constexpr int MANY = 1000; // leaves in one edit
-constexpr int MANY_SAMPLES = 5;
-constexpr int READS = 5;
+constexpr int MANY_SAMPLES = 7;
+constexpr int READS = 7;
 
 constexpr char PLAIN_LIST[] = "user";
 constexpr char SENSITIVE_LIST[] = "keeper";
 
 typedef struct _bench_cost {
   double ms = 0;
-  double cpu_ms = 0; // of the daemon, mean: hardly disturbed by what else the machine does
+  double cpu_ms = 0; // of the daemon: less disturbed by what else the machine does
 } bench_cost_t;
 
 typedef struct _bench_words {
@@ -46,19 +49,34 @@ int ask(ymgr_client_t *client, const std::string &operation)
   return bench_ask(client, operation).empty() ? -1 : 0;
 }
 
-// `count` requests. 0 or -1.
-int measure_cost(const bench_device &device, int count, bench_cost_t *ret_cost, const std::function<int(int)> &request)
+// A list of a device.
+typedef struct _bench_words_place {
+  const bench_device *device;
+  ymgr_client_ptr client;
+  const char *list;
+  bench_words_t words;
+} bench_words_place_t;
+
+// `count` requests, medians. The places take turns, so that what else the machine does meets all of them. 0 or -1.
+int measure_cost(std::span<bench_words_place_t> places, int count, bench_cost_t bench_words_t::*cost,
+                 const std::function<int(const bench_words_place_t &, int)> &request)
 {
-  std::vector<double> samples;
-  const double cpu_before = device.cpu_ms();
+  std::vector<std::vector<double>> ms(places.size());
+  std::vector<std::vector<double>> cpu_ms(places.size());
   for (int i = 0; i < count; ++i) {
-    bench_watch watch;
-    if (request(i) != 0) {
-      return -1;
+    for (size_t place = 0; place < places.size(); ++place) {
+      const double cpu_before = places[place].device->cpu_ms();
+      bench_watch watch;
+      if (request(places[place], i) != 0) {
+        return -1;
+      }
+      ms[place].push_back(watch.ms());
+      cpu_ms[place].push_back(places[place].device->cpu_ms() - cpu_before);
     }
-    samples.push_back(watch.ms());
   }
-  *ret_cost = {bench_median(samples), (device.cpu_ms() - cpu_before) / count};
+  for (size_t place = 0; place < places.size(); ++place) {
+    places[place].words.*cost = {bench_median(ms[place]), bench_median(cpu_ms[place])};
+  }
   return 0;
 }
 
@@ -74,35 +92,40 @@ int read_words(ymgr_client_t *client, const std::string &filter, const std::stri
   return 0;
 }
 
-int measure_words(const bench_device &device, ymgr_client_t *client, const std::string &list, bench_words_t *ret_words)
+int change_words(const bench_words_place_t &place, int first, int last, unsigned value)
 {
-  auto change = [&](int first, int last, unsigned value) {
-    return ask(client, bench_words_edit(list, first, last, value)) | ask(client, "<commit/>");
-  };
-  auto any = [](int sample) { return static_cast<int>(7919LL * sample % ENTRIES); };
-  const unsigned last_value = 4000000000U;
-  const std::string last = bench_word(ENTRIES - 1, last_value);
-  auto read_all = [&](int) { return read_words(client, bench_words_filter(list), last); };
-  auto read_one = [&](int) { return read_words(client, bench_words_filter(list, ENTRIES - 1), last); };
-  bench_words_t words;
-  int result = measure_cost(device, 1, &words.load, [&](int) { return change(0, ENTRIES - 1, next_value()); });
-  result |= measure_cost(device, SAMPLES, &words.one, [&](int i) { return change(any(i), any(i), next_value()); });
-  result |= measure_cost(device, MANY_SAMPLES, &words.many, [&](int) { return change(0, MANY - 1, next_value()); });
-  result |= change(ENTRIES - 1, ENTRIES - 1, last_value);
-  result |= measure_cost(device, READS, &words.get, read_all);
-  result |= measure_cost(device, SAMPLES, &words.get_one, read_one);
-  *ret_words = words;
-  return result;
+  return ask(place.client.get(), bench_words_edit(place.list, first, last, value)) |
+         ask(place.client.get(), "<commit/>");
 }
 
-int measure_device(const bench_device_options_t &options, const char *list, bench_words_t *ret_words)
+int measure_words(std::span<bench_words_place_t> places)
 {
-  bench_device device(options);
-  if (device.start_redis() != 0 || device.start_daemon() != 0) {
-    return -1;
-  }
-  ymgr_client_ptr client = bench_open_session(device);
-  return client == nullptr ? -1 : measure_words(device, client.get(), list, ret_words);
+  using place_t = const bench_words_place_t &;
+  constexpr unsigned LAST_VALUE = 4000000000U;
+  const std::string last = bench_word(ENTRIES - 1, LAST_VALUE);
+  auto load = [](place_t place, int) { return change_words(place, 0, ENTRIES - 1, next_value()); };
+  auto change_one = [](place_t place, int i) {
+    const int entry = static_cast<int>(7919LL * i % ENTRIES);
+    return change_words(place, entry, entry, next_value());
+  };
+  auto change_many = [](place_t place, int) { return change_words(place, 0, MANY - 1, next_value()); };
+  auto change_last = [](place_t place) { return change_words(place, ENTRIES - 1, ENTRIES - 1, LAST_VALUE) == 0; };
+  auto get = [&](place_t place, int) { return read_words(place.client.get(), bench_words_filter(place.list), last); };
+  auto get_one = [&](place_t place, int) {
+    return read_words(place.client.get(), bench_words_filter(place.list, ENTRIES - 1), last);
+  };
+  bool is_measured = measure_cost(places, 1, &bench_words_t::load, load) == 0 &&
+                     measure_cost(places, SAMPLES, &bench_words_t::one, change_one) == 0 &&
+                     measure_cost(places, MANY_SAMPLES, &bench_words_t::many, change_many) == 0 &&
+                     std::all_of(places.begin(), places.end(), change_last) &&
+                     measure_cost(places, READS, &bench_words_t::get, get) == 0 &&
+                     measure_cost(places, SAMPLES, &bench_words_t::get_one, get_one) == 0;
+  return is_measured ? 0 : -1;
+}
+
+int start(bench_device *device)
+{
+  return device->start_redis() != 0 || device->start_daemon() != 0 ? -1 : 0;
 }
 
 typedef struct _bench_row {
@@ -120,13 +143,18 @@ const bench_row_t rows[] = {
 
 int bench_secrets()
 {
-  const bench_device_options_t sensitive = {
-      .sections = std::string("  \"sensitive-key\": [\"") + BENCH_SENSITIVE_LEAF + "\"],\n", .has_working_key = true};
-  bench_words_t none;
-  bench_words_t plain;
-  bench_words_t secret;
-  if (measure_device({}, PLAIN_LIST, &none) != 0 || measure_device(sensitive, PLAIN_LIST, &plain) != 0 ||
-      measure_device(sensitive, SENSITIVE_LIST, &secret) != 0) {
+  bench_device without;
+  bench_device with(
+      {.sections = std::string("  \"sensitive-key\": [\"") + BENCH_SENSITIVE_LEAF + "\"],\n", .has_working_key = true});
+  if (start(&without) != 0 || start(&with) != 0) {
+    return -1;
+  }
+  bench_words_place_t places[] = {{&without, bench_open_session(without), PLAIN_LIST, {}},
+                                  {&with, bench_open_session(with), PLAIN_LIST, {}},
+                                  {&with, bench_open_session(with), SENSITIVE_LIST, {}}};
+  bool has_sessions = std::all_of(std::begin(places), std::end(places),
+                                  [](const bench_words_place_t &place) { return place.client != nullptr; });
+  if (!has_sessions || measure_words(places) != 0) {
     return -1;
   }
   std::printf(
@@ -134,11 +162,13 @@ int bench_secrets()
       " plain / none | sensitive / plain |\n|---|---:|---:|---:|---:|---:|\n");
   for (const bench_row_t &row : rows) {
     std::printf("| %s |", row.name);
-    for (const bench_words_t *words : {&none, &plain, &secret}) {
-      std::printf(" %.4g (%.4g) |", (words->*row.cost).ms, (words->*row.cost).cpu_ms);
+    std::vector<double> cpu_ms;
+    for (const bench_words_place_t &place : places) {
+      const bench_cost_t &cost = place.words.*row.cost;
+      std::printf(" %.4g (%.4g) |", cost.ms, cost.cpu_ms);
+      cpu_ms.push_back(cost.cpu_ms);
     }
-    std::printf(" %.3g | %.3g |\n", (plain.*row.cost).cpu_ms / (none.*row.cost).cpu_ms,
-                (secret.*row.cost).cpu_ms / (plain.*row.cost).cpu_ms);
+    std::printf(" %.3g | %.3g |\n", cpu_ms[1] / cpu_ms[0], cpu_ms[2] / cpu_ms[1]);
   }
   return 0;
 }

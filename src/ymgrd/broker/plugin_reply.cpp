@@ -1,6 +1,7 @@
 #include "ymgrd/broker/plugin_internal.h"
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/crypto/sealed_text.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/ds_plugin_data.h"
 #include "ymgrd/rpc/rpc_reply.h"
@@ -178,6 +179,10 @@ void plugin_nbi_reply(const plugin_operation_t &operation, const xmlNode *result
     return;
   }
   lyxml_ptr reply = rpc_build_reply(rpc);
+  if (reply != nullptr && sealed_text_is_in(output)) { // no XML until it is opened
+    (void)rpc_send_data_reply(operation.session_id, reply.get(), output); // logged there
+    return;
+  }
   if (reply == nullptr || plugin_add_markup(reply.get(), output) != 0) {
     plugin_nbi_error(operation, -1, "The output of plugin " + operation.plugin_name + " can not be sent");
     return;

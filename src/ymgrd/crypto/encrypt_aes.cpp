@@ -21,6 +21,17 @@ struct cipher_ctx_delete_t {
   void operator()(EVP_CIPHER_CTX *ctx) const { EVP_CIPHER_CTX_free(ctx); }
 };
 
+struct cipher_delete_t {
+  void operator()(EVP_CIPHER *cipher) const { EVP_CIPHER_free(cipher); }
+};
+
+// Looked up once: that costs more than encrypting a short value.
+const EVP_CIPHER *aes_cbc()
+{
+  static const std::unique_ptr<EVP_CIPHER, cipher_delete_t> cipher(EVP_CIPHER_fetch(nullptr, "AES-128-CBC", nullptr));
+  return cipher.get();
+}
+
 // `length` is a multiple of the block. 0 or -1.
 int run_cbc(int mode, const unsigned char *key, const unsigned char *iv, const unsigned char *input, size_t length,
             unsigned char *output)
@@ -28,7 +39,7 @@ int run_cbc(int mode, const unsigned char *key, const unsigned char *iv, const u
   std::unique_ptr<EVP_CIPHER_CTX, cipher_ctx_delete_t> ctx(EVP_CIPHER_CTX_new()); // wipes its key when it goes
   int written = 0;
   int rest = 0;
-  if (ctx == nullptr || EVP_CipherInit_ex(ctx.get(), EVP_aes_128_cbc(), nullptr, key, iv, mode) != 1 ||
+  if (ctx == nullptr || aes_cbc() == nullptr || EVP_CipherInit_ex2(ctx.get(), aes_cbc(), key, iv, mode, nullptr) != 1 ||
       EVP_CIPHER_CTX_set_padding(ctx.get(), 0) != 1 ||
       EVP_CipherUpdate(ctx.get(), output, &written, input, static_cast<int>(length)) != 1 ||
       EVP_CipherFinal_ex(ctx.get(), output + written, &rest) != 1) {

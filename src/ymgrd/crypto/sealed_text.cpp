@@ -1,6 +1,8 @@
 #include "ymgrd/crypto/sealed_text.h"
 
 #include <algorithm>
+#include <iterator>
+#include <string>
 
 #include "ymgrd/crypto/encrypt.h"
 
@@ -9,28 +11,41 @@ namespace {
 constexpr char SEAL = '\x01';
 constexpr std::string_view MASK = "***";
 
-// Of what cipher texts and sensitive values can hold, these mean something in the text of an element.
+const struct {
+  char character;
+  std::string_view entity;
+} entities[] = {{'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'"', "&quot;"}, {'\'', "&apos;"}};
+
 void append_escaped(std::string_view value, wiped_string *text)
 {
   for (char c : value) {
-    switch (c) {
-    case '&':
-      text->append("&amp;");
-      break;
-    case '<':
-      text->append("&lt;");
-      break;
-    case '>':
-      text->append("&gt;");
-      break;
-    default:
+    auto found =
+        std::find_if(std::begin(entities), std::end(entities), [c](const auto &row) { return row.character == c; });
+    if (found == std::end(entities)) {
       text->push_back(c);
+    } else {
+      text->append(found->entity);
     }
   }
 }
 
-void append_opened(std::string_view cipher_text, wiped_string *text)
+// Cipher text has no characters of which entities are made: what looks like one is one.
+std::string unescaped(std::string_view cipher_text)
 {
+  std::string plain;
+  while (!cipher_text.empty()) {
+    auto found = std::find_if(std::begin(entities), std::end(entities),
+                              [&](const auto &row) { return cipher_text.starts_with(row.entity); });
+    bool is_entity = found != std::end(entities);
+    plain.push_back(is_entity ? found->character : cipher_text.front());
+    cipher_text.remove_prefix(is_entity ? found->entity.size() : 1);
+  }
+  return plain;
+}
+
+void append_opened(std::string_view sealed, wiped_string *text)
+{
+  std::string cipher_text = unescaped(sealed);
   wiped_string value;
   append_escaped(decrypt_sensitive(cipher_text, &value) == 0 ? std::string_view(value) : cipher_text, text);
 }

@@ -1,5 +1,6 @@
 // Markup on its way to a client: a sensitive value stands in it sealed, as cipher text between two bytes 0x01, which no
-// XML holds. It is opened when the message is queued, and never in what is logged.
+// XML holds. The cipher text may be escaped like other text, or not. It is opened when the message is queued, and never
+// in what is logged.
 #pragma once
 
 #include <string_view>

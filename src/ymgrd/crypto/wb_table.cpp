@@ -85,20 +85,26 @@ bool is_whole(const wb_table_file_t &file)
          std::equal(std::begin(digest), std::end(digest), file.digest);
 }
 
+uint8_t add(const uint8_t *table, uint8_t a, uint8_t b)
+{
+  int low = table[(a & 0x0F) << 4 | (b & 0x0F)];
+  int high = table[(a & 0xF0) | b >> 4];
+  return static_cast<uint8_t>((low & 0x0F) | (high & 0xF0));
+}
+
 void run_step(const wb_step_t &step, uint8_t *bytes)
 {
-  uint8_t sum[4];
-  std::copy_n(step.word[0][bytes[0]], 4, sum);
-  for (int row = 1; row < 4; row++) {
-    const uint8_t *word = step.word[row][bytes[row]];
-    for (int i = 0; i < 4; i++) {
-      const uint8_t *table = step.sum[row - 1][i];
-      int low = table[(sum[i] & 0x0F) << 4 | (word[i] & 0x0F)];
-      int high = table[(sum[i] & 0xF0) | word[i] >> 4];
-      sum[i] = static_cast<uint8_t>((low & 0x0F) | (high & 0xF0));
-    }
+  const uint8_t *words[4];
+  for (int row = 0; row < 4; row++) {
+    words[row] = step.word[row][bytes[row]];
   }
-  std::copy_n(sum, 4, bytes);
+  for (int i = 0; i < 4; i++) {
+    uint8_t sum = words[0][i];
+    for (int row = 1; row < 4; row++) {
+      sum = add(step.sum[row - 1][i], sum, words[row][i]);
+    }
+    bytes[i] = sum;
+  }
 }
 
 } // namespace

@@ -3,6 +3,8 @@
 #include <utility>
 #include <vector>
 
+#include "ymgrd/datastore/ds_clear_values.h"
+
 namespace {
 
 // A node without schema to hang a condition on, as libyang has it for absent nodes; gone with the object.
@@ -50,6 +52,10 @@ std::optional<bool> evaluate(const lyd_node *context, const lysc_node *schema, c
 std::optional<bool> absent_node_condition(lyd_node *parent, const lysc_node *schema, const lyxp_expr *condition,
                                           const lysc_prefix *prefixes, bool is_on_parent)
 {
+  ds_clear_values clear;
+  if (parent != nullptr) {
+    ds_open_clear_for(condition, parent, &clear);
+  }
   if (parent == nullptr || is_on_parent) {
     return evaluate(parent, schema, condition, prefixes);
   }

@@ -1,6 +1,7 @@
 #include "ymgrd/datastore/constraint_check.h"
 
 #include "ymgrd/datastore/constraint_run.h"
+#include "ymgrd/schema/schema_sensitive.h"
 
 namespace {
 
@@ -350,9 +351,21 @@ bool constraint_run::check_values()
   return true;
 }
 
+void constraint_run::open_unique(const due_unique_t &due)
+{
+  LY_ARRAY_COUNT_TYPE i;
+  LY_ARRAY_FOR(due.rule.leafs, i)
+  {
+    if (schema_is_sensitive(&due.rule.leafs[i]->node)) {
+      clear_.open(data_, due.parent, &due.rule.leafs[i]->node);
+    }
+  }
+}
+
 bool constraint_run::check_uniques()
 {
   for (const auto &[key, due] : due_uniques_) {
+    open_unique(due);
     if (!constraint_is_unique(due.rule, data_, due.parent, due.changed)) {
       return false;
     }
@@ -397,5 +410,6 @@ bool constraint_run::holds(const constraint_t *constraint, const lyd_node *conte
     return false;
   }
   evaluated_.insert(constraint);
+  clear_.open_for(index_, constraint->condition, data_, const_cast<lyd_node *>(context));
   return constraint_evaluate(constraint, context) == std::optional<bool>(true);
 }

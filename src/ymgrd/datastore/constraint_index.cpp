@@ -7,6 +7,7 @@
 #include <libyang/plugins_types.h>
 
 #include "ymgrd/datastore/xpath_scan.h"
+#include "ymgrd/schema/schema_sensitive.h"
 
 namespace {
 
@@ -269,6 +270,16 @@ const lysc_node *ancestor(const lysc_node *schema, int levels)
   return schema;
 }
 
+// Whether the node stands in configuration, not in an operation or notification.
+bool is_config(const lysc_node *schema)
+{
+  const lysc_node *top = schema;
+  while (top->parent != nullptr && !(top->nodetype & (LYS_RPC | LYS_ACTION | LYS_NOTIF))) {
+    top = top->parent;
+  }
+  return (schema->flags & LYS_CONFIG_W) != 0 && !(top->nodetype & (LYS_RPC | LYS_ACTION | LYS_NOTIF));
+}
+
 const lysc_node *region_of(const sight_t &sight, const lysc_node *context)
 {
   return sight.anywhere ? nullptr : ancestor(context, sight.ascent);
@@ -333,6 +344,28 @@ public:
         level->push_back(node);
       }
       add_node(node);
+    }
+  }
+
+  // To be called when all modules are added.
+  void add_secret(const lysc_node *leaf)
+  {
+    const node_rules_t &known = index_->rules(leaf);
+    bool is_looked_at = !known.uniques.empty();
+    for (const constraint_look_t &look : known.looks) {
+      if (look.constraint->condition != nullptr) {
+        index_->secret_looks_[look.constraint->condition].push_back({leaf, look.region});
+        is_looked_at = true;
+      }
+    }
+    for (const constraint_t *constraint : index_->anywhere_) {
+      if (constraint->condition != nullptr) {
+        index_->secret_looks_[constraint->condition].push_back({leaf, nullptr});
+        is_looked_at = true;
+      }
+    }
+    if (is_looked_at) {
+      index_->secrets_.push_back(leaf);
     }
   }
 
@@ -559,6 +592,21 @@ constraint_index::constraint_index(const ly_ctx *ctx)
       builder.add_module(module);
     }
   }
+  for (const lysc_node *leaf : schema_sensitive_leaves()) {
+    if (is_config(leaf)) {
+      builder.add_secret(leaf);
+    }
+  }
+}
+
+const std::vector<secret_look_t> &constraint_index::secrets(const lyxp_expr *condition) const
+{
+  static const std::vector<secret_look_t> none;
+  if (secret_looks_.empty()) {
+    return none;
+  }
+  auto found = secret_looks_.find(condition);
+  return found == secret_looks_.end() ? none : found->second;
 }
 
 const node_rules_t &constraint_index::rules(const lysc_node *schema) const

@@ -40,6 +40,13 @@ typedef struct _constraint_look {
   bool only_lost_values; // a reference: affected are those whose value went
 } constraint_look_t;
 
+// A sensitive leaf whose value a condition looks at: those instances that have the nearest ancestor of `region` in
+// common with the node on which it is evaluated; null: all.
+typedef struct _secret_look {
+  const lysc_node *leaf;
+  const lysc_node *region;
+} secret_look_t;
+
 typedef struct _unique_rule {
   const lysc_node_list *list;
   lysc_node_leaf **leafs; // sized array
@@ -77,6 +84,9 @@ public:
   const std::vector<const constraint_t *> &looking_anywhere() const { return anywhere_; }
   // Values that name an instance of any kind.
   const std::vector<const constraint_t *> &instance_identifiers() const { return instance_identifiers_; }
+  // The sensitive leaves at which a must or when looks; those at which any condition or unique statement does.
+  const std::vector<secret_look_t> &secrets(const lyxp_expr *condition) const;
+  const std::vector<const lysc_node *> &secrets() const { return secrets_; }
 
 private:
   friend class constraint_builder;
@@ -86,6 +96,8 @@ private:
   std::vector<std::unique_ptr<constraint_t>> constraints_;
   std::vector<const constraint_t *> anywhere_;
   std::vector<const constraint_t *> instance_identifiers_;
+  std::unordered_map<const lyxp_expr *, std::vector<secret_look_t>> secret_looks_;
+  std::vector<const lysc_node *> secrets_;
 };
 
 // Whether an absent node may count: something below it is mandatory, has a default, or is an empty container.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "ymgrd/datastore/constraint_check.h"
+#include "ymgrd/datastore/ds_clear_values.h"
 
 // Pairs of pointers, as a key.
 using pointer_pair_t = std::pair<const void *, const void *>;
@@ -112,6 +113,7 @@ private:
   bool check_musts();
   bool check_values();
   bool check_uniques();
+  void open_unique(const due_unique_t &due);
   bool check_maximums();
   // Nothing that was evaluated depends on nodes that are implied, not stored.
   bool check_implied();
@@ -131,6 +133,7 @@ private:
   const edit_changes &changes_;
   implied_nodes_t *implied_;
   reference_lookup references_;
+  ds_clear_values clear_; // what was evaluated so far looks at; nothing as a rule
 
   pointer_pair_set known_due_; // constraint and region
   std::vector<due_t> due_whens_;

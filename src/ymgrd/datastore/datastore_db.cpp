@@ -6,9 +6,11 @@
 #include "ymgrd/core/log.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
+#include "ymgrd/datastore/ds_clear_values.h"
 #include "ymgrd/datastore/ds_error.h"
 #include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/schema/schema.h"
+#include "ymgrd/schema/schema_sensitive.h"
 
 namespace {
 
@@ -197,6 +199,14 @@ void restore_validated(lyd_tree_ptr *data, size_t count_before)
   mark_all_explicit(data->get()); // validation looks for empty containers too
 }
 
+// Costs nothing where no condition looks at a sensitive leaf.
+void open_for_validation(lyd_node *first, ds_clear_values *values)
+{
+  if (!schema_sensitive_leaves().empty()) {
+    values->open_all(ds_constraints(), first);
+  }
+}
+
 } // namespace
 
 int ds_to_db(int datastore)
@@ -333,6 +343,8 @@ void ds_mark_way_explicit(lyd_node *node)
 int ds_add_implicit(lyd_node *top, lyd_tree_ptr *ret_created)
 {
   std::vector<lyd_node *> stored = empty_containers(top);
+  ds_clear_values clear; // conditions of defaults may look at them
+  open_for_validation(lyd_first_sibling(top), &clear);
   lyd_node *created = nullptr;
   LY_ERR result = lyd_new_implicit_tree(top, LYD_IMPLICIT_NO_STATE, &created);
   lyd_tree_ptr owner(created);
@@ -376,10 +388,13 @@ int datastore_validate(lyd_tree_ptr *data, int invalid_kind, reply_error_ptr *re
   ymgrd_send_keepalive_msg(VALIDATION_WARN_SECONDS, VALIDATION_KILL_SECONDS);
   ds_clear_yang_errors();
   size_t count = mark_nodes(data->get());
+  ds_clear_values clear;
+  open_for_validation(data->get(), &clear);
   lyd_node *tree = data->release(); // validation may replace the first node
   lyd_node *changes = nullptr;
   LY_ERR result = lyd_validate_all(&tree, schema_ctx(), LYD_VALIDATE_NO_STATE | LYD_VALIDATE_PRESENT, &changes);
   data->reset(tree);
+  clear.close(tree, [](const lyd_node *node) { return node->priv != nullptr; });
   lyd_tree_ptr owner(changes);
   ymgrd_send_keepalive_msg(0, 0);
   if (result != LY_SUCCESS) {

@@ -11,6 +11,7 @@
 #include "libconf/wiped_string.h"
 #include "ymgrd/broker/differ_tree.h"
 #include "ymgrd/core/handles.h"
+#include "ymgrd/datastore/constraint_index.h"
 #include "ymgrd/datastore/dbkey.h"
 #include "ymgrd/datastore/ds_filter.h"
 #include "ymgrd/datastore/ds_lock.h"
@@ -151,6 +152,8 @@ int ds_validate_edit(lyd_tree_ptr *data, edit_changes *changes, int invalid_kind
 // Undoes an edit that is not to stand, and keeps the tree for the next request; drops it when that is not surely what
 // it was. `*data` is null afterwards.
 void ds_undo_edit(lyd_tree_ptr *data, edit_changes *changes);
+// The constraints of the schema, looked up once.
+const constraint_index &ds_constraints();
 // Drops what is known of the tree that was validated last, and of the schema.
 void ds_forget_validated();
 // Adds the implicit nodes below a stored top node, marked as default; the stored ones stay unmarked. `*ret_created`

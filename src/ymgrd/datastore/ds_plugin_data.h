@@ -35,6 +35,7 @@ void ds_plugin_forget_pushed(int plugin_id); // the plugin has gone
 int ds_plugin_set_status(std::string_view path, const xmlNode *data, std::string *ret_error);
 
 // Checks the output of the operation `oper` ("/MODULE:NAME"): the child elements of `result`. 0 with the output as the
-// schema has it, ready to be put into a reply, in `*ret_text` (empty when the operation has no output). -1.
+// schema has it, ready to be put into a reply, in `*ret_text` (empty when the operation has no output), its sensitive
+// values sealed (crypto/sealed_text.h). -1.
 int ds_plugin_check_output(const std::string &oper, const xmlNode *result, wiped_string *ret_text,
                            std::string *ret_error);

@@ -8,6 +8,7 @@
 
 #include "libconf/plugin_message.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/crypto/encrypt_find.h"
 #include "ymgrd/datastore/datastore_internal.h"
 #include "ymgrd/datastore/ds_error.h"
 #include "ymgrd/datastore/ds_plugin_data.h"
@@ -104,9 +105,33 @@ int check_repeated(const xmlNode *parent, const lysc_node *schema, std::string *
   return 0;
 }
 
+// Sensitive values are encrypted in a copy: the plugin's message is not ours.
+int protect_state(const xmlNode *data, lyxml_ptr *ret_copy, std::string *ret_error)
+{
+  lyxml_ptr copy = lyxml_copy(const_cast<xmlNode *>(data));
+  reply_error_ptr error;
+  if (copy == nullptr) {
+    return fail(ret_error, "Memory is short.");
+  }
+  if (security_find_sensitive_in_lyxml(copy.get(), SENSITIVE_ENCRYPT, &error) != 0) {
+    bool has_message = error != nullptr && error->message != nullptr && error->path != nullptr;
+    return fail(ret_error, has_message ? std::string("\"") + error->path + "\": " + error->message
+                                       : "A sensitive value can not be encrypted.");
+  }
+  *ret_copy = std::move(copy);
+  return 0;
+}
+
 int parse_state(const xmlNode *data, const ds_steps_t &steps, lyd_tree_ptr *ret_tree, std::string *ret_error)
 {
   wiped_string text;
+  lyxml_ptr copy;
+  if (data != nullptr && encrypt_has_sensitive()) {
+    if (protect_state(data, &copy, ret_error) != 0) {
+      return -1;
+    }
+    data = copy.get();
+  }
   if (data != nullptr && check_repeated(data, nullptr, ret_error) != 0) {
     return -1;
   }

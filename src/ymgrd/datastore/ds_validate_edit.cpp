@@ -36,16 +36,21 @@ bool is_valid_by_changes(lyd_node *data, const edit_changes &changes)
   } else if (!was_valid(changes)) {
     return false;
   }
-  if (validated.index == nullptr) {
-    validated.index = std::make_unique<constraint_index>(schema_ctx());
-  }
   ymgrd_send_keepalive_msg(VALIDATION_WARN_SECONDS, VALIDATION_KILL_SECONDS);
-  bool is_valid = constraint_check(*validated.index, data, changes, &validated.implied);
+  bool is_valid = constraint_check(ds_constraints(), data, changes, &validated.implied);
   ymgrd_send_keepalive_msg(0, 0);
   return is_valid;
 }
 
 } // namespace
+
+const constraint_index &ds_constraints()
+{
+  if (validated.index == nullptr) {
+    validated.index = std::make_unique<constraint_index>(schema_ctx());
+  }
+  return *validated.index;
+}
 
 int ds_validate_edit(lyd_tree_ptr *data, edit_changes *changes, int invalid_kind, reply_error_ptr *ret_error)
 {

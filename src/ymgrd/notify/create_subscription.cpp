@@ -206,9 +206,11 @@ int make_subscription(const lyxml_elem *operation, client_subscription_t *subscr
     *ret_error = error_of(wrong);
     return -1;
   }
-  if (request.filter != nullptr &&
-      event_filter_create(request.filter, &subscription->su_filter) == EVENT_FILTER_UNSUPPORTED) {
-    *ret_error = reply_error_ptr(rpc_create_error(REPLY_ERR_OP_NOT_SUPPORTED));
+  int filtered =
+      request.filter == nullptr ? EVENT_FILTER_OK : event_filter_create(request.filter, &subscription->su_filter);
+  if (filtered != EVENT_FILTER_OK) {
+    int kind = filtered == EVENT_FILTER_UNSUPPORTED ? REPLY_ERR_OP_NOT_SUPPORTED : REPLY_ERR_RES_DENIED;
+    *ret_error = reply_error_ptr(rpc_create_error(kind));
     return -1;
   }
   const client_entry_t *entry = client_find(subscription->session_id);

@@ -56,14 +56,17 @@ public:
   {
     if (begin_.empty()) {
       begin_ = envelope_begin(event_.eventtime);
+      is_opened_ = event_content_for_client(event_.content, &opened_);
     }
-    const std::string_view pieces[] = {begin_, event_.content, ENVELOPE_END};
+    const std::string_view pieces[] = {begin_, is_opened_ ? std::string_view(opened_) : event_.content, ENVELOPE_END};
     return session_cache_send_pieces(session_id, SESSION_MSG_OTHER, pieces);
   }
 
 private:
   const stored_event_t &event_;
   std::string begin_;
+  wiped_string opened_; // the content with its sensitive values in clear
+  bool is_opened_ = false;
   lyxml_ptr content_;
   bool is_parsed_ = false;
 };

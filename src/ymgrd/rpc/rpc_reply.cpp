@@ -198,15 +198,16 @@ int rpc_send_reply(int session_id, const lyxml_elem *reply)
 
 int rpc_send_data_reply(int session_id, const lyxml_elem *reply, std::string_view data)
 {
-  const lyxml_elem *content = reply == nullptr ? nullptr : lyxml_first_child(reply);
-  if (content == nullptr || content->children != nullptr || lyxml_next(content) != nullptr) {
+  const lyxml_elem *child = reply == nullptr ? nullptr : lyxml_first_child(reply);
+  const lyxml_elem *content = child == nullptr ? reply : child;
+  if (content == nullptr || content->children != nullptr || (child != nullptr && lyxml_next(child) != nullptr)) {
     log_error("reply content is empty.");
     return -1;
   }
   if (is_held_back(session_id, reply)) {
     return 0;
   }
-  // The empty element is the last tag of that form: <rpc-reply ...><data/></rpc-reply>.
+  // The empty element is the last tag of that form: <rpc-reply ...><data/></rpc-reply>, or <rpc-reply .../>.
   std::string envelope = lyxml_print_mem(reply);
   size_t tag_end = envelope.rfind("/>");
   if (data.empty() || tag_end == std::string::npos) {

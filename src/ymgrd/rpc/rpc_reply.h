@@ -33,9 +33,9 @@ inline int xml_rpc_send_reply(int session_id, const xmlNode *reply)
 {
   return rpc_send_reply(session_id, reply);
 }
-// The same for a reply whose <data> content is markup text that is not parsed again: `reply` must hold an empty <data/>
-// as its only child, `data` becomes its content. Sensitive values stand sealed in `data` (crypto/sealed_text.h): they
-// are sent in clear and not logged.
+// The same for a reply whose content is markup text that is not parsed again. It becomes the content of the only child
+// of `reply`, an empty <data/>, or of `reply` itself when that has none. Sensitive values stand sealed in `data`
+// (crypto/sealed_text.h): they are sent in clear and not logged.
 int rpc_send_data_reply(int session_id, const lyxml_elem *reply, std::string_view data);
 
 bool rpc_reply_is_ok(const lyxml_elem *reply);

@@ -189,8 +189,8 @@ TEST_F(schema_records, database_follows_the_profile)
     SCOPED_TRACE(&step - steps);
     ASSERT_EQ(0, load(step.profile));
     EXPECT_TRUE(holds(step.content));
-    std::set<std::string> modules = {"ietf-netconf", "zentra-ymgrd", "notifications", "nc-notifications",
-                                     "ietf-netconf-notifications"};
+    std::set<std::string> modules = {"ietf-netconf", "ietf-netconf-notifications", "zentra-ymgrd", "notifications",
+                                     "nc-notifications"};
     for (const model_config_t &module : step.profile) {
       modules.insert({module.name, module.name == sys.name ? types.name : module.name}); // what it imports, too
       modules.insert(module.deviation.begin(), module.deviation.end());
