@@ -14,6 +14,7 @@
 #include "ymgrd/datastore/datastore_internal.h"
 #include "ymgrd/datastore/ds_clear_values.h"
 #include "ymgrd/datastore/ds_error.h"
+#include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/datastore/ds_operation.h"
 #include "ymgrd/datastore/ds_plugin_data.h"
 #include "ymgrd/datastore/xpath_scan.h"
@@ -76,15 +77,41 @@ bool may_look_at(const lysc_node *operation, const lysc_node *leaf)
   return false;
 }
 
-int read_running(lyd_tree_ptr *ret_running)
-{
-  ds_session_db db;
-  if (db.open(ENUM_DATASTORE_RUNNING) != 0 || ds_db_get_data_from_top(db.hdb(), 0, "/", ret_running) != 0) {
-    log_error("get running config error when parse rpc.");
-    return -1;
+// Running as data to refer to. The kept tree is lent where it is what running holds, so that an operation costs no
+// reading of it.
+class running_data {
+public:
+  running_data() = default;
+  running_data(const running_data &) = delete;
+  running_data &operator=(const running_data &) = delete;
+  ~running_data()
+  {
+    if (is_kept_) {
+      ds_kept_store(std::move(tree_));
+    }
   }
-  return 0;
-}
+
+  // libyang puts the operation into the tree while it is validated. Below a container that would leave the container
+  // marked as implicit, if it holds nothing else: such a tree cannot be kept.
+  int read(const lyd_node *operation)
+  {
+    ds_publication_t publication;
+    ds_session_db db;
+    bool is_lent = lyd_parent(operation) == nullptr && differ_nodes == nullptr && !ds_get_publication(&publication);
+    if (db.open(ENUM_DATASTORE_RUNNING) != 0 ||
+        (is_lent ? ds_take_data(db.hdb(), 0, "/", &tree_) : ds_db_get_data_from_top(db.hdb(), 0, "/", &tree_)) != 0) {
+      log_error("get running config error when parse rpc.");
+      return -1;
+    }
+    is_kept_ = is_lent;
+    return 0;
+  }
+  lyd_node *tree() { return tree_.get(); }
+
+private:
+  lyd_tree_ptr tree_;
+  bool is_kept_ = false;
+};
 
 struct ly_in_delete_t {
   void operator()(ly_in *in) const { ly_in_free(in, 0); }
@@ -202,9 +229,9 @@ int ds_parse_operation(const char *text, lyd_type type, lyd_tree_ptr *ret_tree, 
   lyd_node *operation = nullptr;
   LY_ERR result = lyd_parse_op(schema_ctx(), nullptr, made, LYD_XML, type, &tree, &operation);
   lyd_tree_ptr owner(tree);
-  lyd_tree_ptr running;
-  if (result != LY_SUCCESS || (refers_to_config(operation->schema) && read_running(&running) != 0) ||
-      validate_with(operation, running.get(), type) != 0) {
+  running_data running;
+  if (result != LY_SUCCESS || (refers_to_config(operation->schema) && running.read(operation) != 0) ||
+      validate_with(operation, running.tree(), type) != 0) {
     return -1;
   }
   *ret_tree = std::move(owner);
