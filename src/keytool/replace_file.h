@@ -13,6 +13,6 @@ typedef struct _file_owner {
 } file_owner_t;
 
 // Writes the content, mode 0600 from its beginning on, to a file beside `path`, brings it to the disk and moves it to
-// `path`. 0, or -1 with the cause: `path` is untouched then, unless it was the directory that could not be brought to the
-// disk.
+// `path`. 0, or -1 with the cause: `path` is untouched then, unless it was the directory that could not be brought to
+// the disk.
 int replace_file(const std::string &path, std::string_view content, const file_owner_t &owner, std::string *ret_error);

@@ -283,11 +283,6 @@ std::string netconf_session::next_notification(std::chrono::milliseconds timeout
   return notification;
 }
 
-std::string netconf_session::notification(std::chrono::milliseconds timeout)
-{
-  return ymgr_receive_notification(client(), timeout).value_or(ymgr_frame_t()).payload;
-}
-
 std::string netconf_session::conversation() const
 {
   return std::accumulate(lines_.begin(), lines_.end(), std::string());

@@ -86,8 +86,6 @@ public:
   // A request without waiting for its reply, and the payload of the next frame; empty when none comes.
   bool send(const std::string &operation);
   std::string receive();
-  // The payload of the next notification; empty when none comes.
-  std::string notification(std::chrono::milliseconds timeout = DEADLINE);
   // The next notification, whatever else has come; empty when none comes in time.
   std::string next_notification(std::chrono::milliseconds timeout = DEADLINE);
 

@@ -179,7 +179,7 @@ void plugin_nbi_reply(const plugin_operation_t &operation, const xmlNode *result
     return;
   }
   lyxml_ptr reply = rpc_build_reply(rpc);
-  if (reply != nullptr && sealed_text_is_in(output)) { // no XML until it is opened
+  if (reply != nullptr && sealed_text_is_in(output)) {                    // no XML until it is opened
     (void)rpc_send_data_reply(operation.session_id, reply.get(), output); // logged there
     return;
   }

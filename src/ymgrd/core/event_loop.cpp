@@ -52,12 +52,13 @@ void dispatch_event(const epoll_event &event)
   }
 }
 
-// What must be looked at also while sessions keep every second busy: a plugin that does not answer holds up the others'
-// requests, and subscriptions end at their stop time.
+// What must be looked at also while sessions and events keep every second busy: a plugin that does not answer holds up
+// the others' requests, subscriptions end at their stop time, and killed sessions and a shutdown are waited for.
 void run_true_second()
 {
   if (std::chrono::steady_clock::now() - true_second_begun > MOST_BETWEEN_TRUE_SECONDS) {
     true_second_begun = std::chrono::steady_clock::now();
+    session_timeout();
     notifier_timer();
     plugin_timeout();
   }

@@ -1,5 +1,7 @@
 #include "ymgrd/crypto/encrypt_find.h"
 
+#include <vector>
+
 #include "ymgrd/core/log.h"
 #include "ymgrd/crypto/encrypt.h"
 #include "ymgrd/ymgrd.h"
@@ -161,12 +163,21 @@ int encrypt_find_one_in_lyxml(const sensitive_config_t &leaf, lyxml_elem *elem, 
   return work->flag == SENSITIVE_DECRYPT ? decrypt_one(leaf, elem, work) : encrypt_one(leaf, elem, is_removed, work);
 }
 
-// In a filter an element matches any namespace when it has none, or only that of the operation around it.
-bool encrypt_find_snode(const sensitive_node_t &snode, const lyxml_elem *elem, data_kind_t kind)
+// Those of the steps that the element stands for. In a filter an element matches any namespace when it has none, or
+// only that of the operation around it: then they may be several.
+std::vector<const sensitive_node_t *> encrypt_find_snode(const sensitive_node_t &parent, const lyxml_elem *elem,
+                                                         data_kind_t kind)
 {
+  std::vector<const sensitive_node_t *> found;
   std::string_view ns = lyxml_ns(elem);
-  return (!ns.empty() && ns == encrypt_module_ns(snode.module)) ||
-         (kind == KIND_FILTER && (ns.empty() || ns == NETCONF_BASE_NS_1_0));
+  bool is_any = kind == KIND_FILTER && (ns.empty() || ns == NETCONF_BASE_NS_1_0);
+  auto [first, end] = parent.children.equal_range(lyxml_name(elem));
+  for (auto child = first; child != end; ++child) {
+    if (is_any || (!ns.empty() && ns == encrypt_module_ns(child->second.module))) {
+      found.push_back(&child->second);
+    }
+  }
+  return found;
 }
 
 bool is_removed_by(const lyxml_elem *elem, bool is_parent_removed)
@@ -179,20 +190,15 @@ bool is_removed_by(const lyxml_elem *elem, bool is_parent_removed)
 }
 
 // Walks the data beside the tree of sensitive leaves: only elements on the way to one are entered.
-int encrypt_find_node_recusive(lyxml_elem *parent, const sensitive_node_t &snodes, bool is_removed, find_work_t *work)
+int encrypt_find_node_recusive(lyxml_elem *parent, const sensitive_node_t &steps, bool is_removed, find_work_t *work)
 {
   for (lyxml_elem *elem = lyxml_first_child(parent); elem != nullptr; elem = lyxml_next(elem)) {
-    auto [first, end] = snodes.children.equal_range(lyxml_name(elem));
-    for (auto snode = first; snode != end; ++snode) {
-      if (!encrypt_find_snode(snode->second, elem, work->kind)) {
-        continue;
-      }
+    for (const sensitive_node_t *step : encrypt_find_snode(steps, elem, work->kind)) {
       bool is_elem_removed = work->kind == KIND_CONFIG && is_removed_by(elem, is_removed);
-      const sensitive_config_t *leaf = snode->second.leaf;
-      if (leaf != nullptr && encrypt_find_one_in_lyxml(*leaf, elem, is_elem_removed, work) != 0) {
+      if (step->leaf != nullptr && encrypt_find_one_in_lyxml(*step->leaf, elem, is_elem_removed, work) != 0) {
         return -1;
       }
-      if (encrypt_find_node_recusive(elem, snode->second, is_elem_removed, work) != 0) {
+      if (encrypt_find_node_recusive(elem, *step, is_elem_removed, work) != 0) {
         return -1;
       }
     }

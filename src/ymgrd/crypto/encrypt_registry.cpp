@@ -215,6 +215,7 @@ void encrypt_delete_sensitive(const char *module)
 {
   for (const sensitive_config_t *leaf : encrypt_sensitives()) {
     if (leaf->module == module) {
+      log_warn("Leaf <%.512s> is not protected any more: its module can not be used.", leaf->path.c_str());
       remove_from_list(leaf);
       encrypt_free_sensitive(registry().records.at(leaf->path));
     }

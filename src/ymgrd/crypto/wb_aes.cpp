@@ -8,6 +8,7 @@
 
 struct _wb_aes_ctx {
   wb_table_file_ptr file; // null until one is loaded
+  wb_table_fault_t fault = WB_TABLE_MISSING;
 };
 
 namespace {
@@ -38,7 +39,8 @@ int wb_aes_load_table(wb_aes_ctx_t *ctx, const char *filename)
   if (check_ctx_and_filename(ctx, filename) != 0) {
     return -1;
   }
-  switch (wb_table_read(filename, &ctx->file)) {
+  ctx->fault = wb_table_read(filename, &ctx->file);
+  switch (ctx->fault) {
   case WB_TABLE_WHOLE:
     return 0;
   case WB_TABLE_MISSING:
@@ -52,6 +54,11 @@ int wb_aes_load_table(wb_aes_ctx_t *ctx, const char *filename)
   }
   log_error("Invalid file format...");
   return -1;
+}
+
+wb_table_fault_t wb_aes_fault(const wb_aes_ctx_t *ctx)
+{
+  return ctx->fault;
 }
 
 int wb_aes_decrypt(const wb_aes_ctx_t *ctx, const unsigned char *input, unsigned char *output)

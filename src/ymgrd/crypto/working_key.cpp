@@ -24,8 +24,8 @@ typedef struct _file_state {
 } file_state_t;
 
 typedef struct _key_table {
-  wb_aes_ctx_ptr ctx; // null while none could be loaded
-  file_state_t file;  // as it was just before that
+  wb_aes_ctx_ptr ctx; // null when the file holds no tables
+  file_state_t file;  // as it was just before it was read
   bool is_settled = false;
 } key_table_t;
 
@@ -56,11 +56,14 @@ const wb_aes_ctx_t *take_key_table()
   file_state_t file = {status.st_dev, status.st_ino, status.st_size, nanoseconds(status.st_mtim),
                        nanoseconds(status.st_ctim)};
   bool is_known = is_there && kept.file == file;
-  if (is_known && kept.ctx != nullptr && kept.is_settled) {
+  if (is_known && kept.is_settled) {
+    if (kept.ctx == nullptr) {
+      log_error("wb load table: Load table failed.");
+    }
     return kept.ctx.get();
   }
+  kept = {};
   bool settled = is_settled(file); // before it is read
-  kept.ctx.reset();
   wb_aes_ctx_ptr ctx(wb_aes_ctx_new());
   if (ctx == nullptr) {
     log_error("wb load table: wb ctx new failed.");
@@ -68,6 +71,9 @@ const wb_aes_ctx_t *take_key_table()
   }
   if (wb_aes_load_table(ctx.get(), path) != 0) {
     log_error("wb load table: Load table failed.");
+    if (wb_aes_fault(ctx.get()) == WB_TABLE_INVALID) {
+      kept = {nullptr, file, settled}; // reading half a megabyte for each of many values would hold up the daemon
+    }
     return nullptr;
   }
   if (!is_known && (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {

@@ -125,6 +125,9 @@ int validate_with(lyd_node *operation, lyd_node *running, lyd_type type)
       clear.open(running, nullptr, leaf);
     }
   }
+  if (type == LYD_TYPE_NOTIF_YANG) { // encrypted already
+    clear.open_tree(operation);
+  }
   return lyd_validate_op(operation, running, type, nullptr) == LY_SUCCESS ? 0 : -1;
 }
 

@@ -71,6 +71,18 @@ void ds_clear_values::open(lyd_node *data, lyd_node *region, const lysc_node *le
   });
 }
 
+void ds_clear_values::open_tree(lyd_node *top)
+{
+  lyd_node *node = nullptr;
+  LYD_TREE_DFS_BEGIN(top, node)
+  {
+    if (schema_is_sensitive(node->schema)) {
+      open_node(node);
+    }
+    LYD_TREE_DFS_END(top, node);
+  }
+}
+
 void ds_clear_values::open_for(const constraint_index &index, const lyxp_expr *condition, lyd_node *data,
                                lyd_node *context)
 {

@@ -20,6 +20,8 @@ public:
   // The instances of the sensitive leaf below `region` (null: in the whole tree) show their clear values until the
   // object ends. Nothing but the values changes. What cannot be decrypted stays.
   void open(lyd_node *data, lyd_node *region, const lysc_node *leaf);
+  // All at `top` and below. Without close(): nothing of it may be freed meanwhile.
+  void open_tree(lyd_node *top);
   // Those that the condition looks at when it is evaluated on `context`.
   void open_for(const constraint_index &index, const lyxp_expr *condition, lyd_node *data, lyd_node *context);
   // Those that any condition or unique statement looks at.

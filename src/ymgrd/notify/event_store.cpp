@@ -96,8 +96,9 @@ stored_event_t decode(std::string_view record, uint64_t number)
   constexpr size_t HEAD = sizeof(time_t);
   stored_event_t event;
   event.number = number;
-  // The content is at least one character, and its end the only zero byte.
-  event.is_damaged = record.size() < HEAD + 2 || record.find('\0', HEAD) != record.size() - 1;
+  // The content is an element, and its end the only zero byte.
+  event.is_damaged = record.size() < HEAD + 2 || record.find('\0', HEAD) != record.size() - 1 || record[HEAD] != '<' ||
+                     record[record.size() - 2] != '>';
   if (event.is_damaged) {
     event.content = record;
     return event;

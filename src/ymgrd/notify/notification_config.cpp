@@ -46,9 +46,9 @@ int number_of(const cJSON *object, const char *name)
 void parse_replay(const cJSON *item, notification_config_stream *stream)
 {
   const cJSON *replay = member(item, "replay");
-  bool is_object = cJSON_IsObject(replay) != 0;
-  stream->replay_enabled = (is_object ? is_true(replay, "enabled") : cJSON_IsTrue(replay) != 0) ? 1 : 0;
-  stream->replay_max = number_of(is_object ? replay : item, "max-entries-num");
+  bool is_enabled = cJSON_IsObject(replay) ? is_true(replay, "enabled") : cJSON_IsTrue(replay) != 0;
+  stream->replay_enabled = is_enabled ? 1 : 0;
+  stream->replay_max = number_of(member(replay, "max-entries-num") != nullptr ? replay : item, "max-entries-num");
 }
 
 void parse_stream(const cJSON *item, notification_config *config)

@@ -126,6 +126,16 @@ void report_missed(client_subscription_t *subscription)
   }
 }
 
+// True when the event was queued.
+bool queue_or_miss(const client_entry_t &entry, client_subscription_t *subscription, outgoing_event *event)
+{
+  if (event->queue_for(entry.ce_session_id) == 0) {
+    return true;
+  }
+  note_missed(subscription, 1, "memory is short");
+  return false;
+}
+
 // --- Live events.
 
 // `number` is null when the event is not stored. True when it was queued.
@@ -138,7 +148,7 @@ bool send_live_event(const client_entry_t &entry, client_subscription_t *subscri
   bool is_missing = subscription->missed > 0;
   if (subscription->is_live && (is_missing ? has_much_room(entry) : has_room(entry))) {
     report_missed(subscription);
-    return event->queue_for(entry.ce_session_id) == 0;
+    return queue_or_miss(entry, subscription, event);
   }
   if (number != nullptr) {
     subscription->is_live = false;
@@ -214,7 +224,7 @@ std::vector<stored_event_t> send_slice(const client_entry_t &entry, client_subsc
     }
     outgoing_event outgoing(event);
     if (outgoing.is_wanted_by(*subscription)) {
-      (void)outgoing.queue_for(entry.ce_session_id); // logged there
+      (void)queue_or_miss(entry, subscription, &outgoing); // counted there
     }
   }
   return removed;

@@ -28,7 +28,7 @@ constexpr int MAX_SESSION_SPEC = 0xffff; // an id has 16 bits in the event tag
 constexpr size_t BUFFER_SIZE = 1024;
 constexpr uint32_t SOCKET_FAILED = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
 constexpr const char CREATE_SESSION[] = "/zentra-ymgrd:create-session";
-// Idle seconds for which a session that is to be closed waits for a peer that does not read, and for one that reads a
+// Seconds for which a session that is to be closed waits for a peer that does not read, and for one that reads a
 // little now and then.
 constexpr uint32_t MAX_LINGER_PASSES = 5;
 constexpr uint32_t MAX_LINGER_PASSES_IN_ALL = 60;
@@ -233,7 +233,7 @@ bool is_idle(const session_t &session)
   return session.bit_rpc || session.rpc_context == nullptr;
 }
 
-// Called once per idle pass: counts it when only unwritten messages keep the session.
+// Called about once a second: counts it when only unwritten messages keep the session.
 bool is_to_be_closed(session_t &session)
 {
   if (!session.bit_exit || is_publishing(session)) {

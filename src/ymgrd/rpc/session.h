@@ -28,7 +28,7 @@ typedef struct _session {
   bool bit_ipv4 = false;
   bool bit_ipv6 = false;
   uint32_t client_addr[4] = {};
-  uint32_t exit_cnt = 0;    // idle passes since the last write for which a session with bit_exit was kept open
+  uint32_t exit_cnt = 0;    // seconds since the last write for which a session with bit_exit was kept open
   uint32_t linger_cnt = 0;  // the same, writes or not
   uint32_t send_cursor = 0; // bytes of the first queued message already written
   size_t send_begin = 0;    // where that message begins in `send_buf`; what is before it has been written and cleared
@@ -70,7 +70,7 @@ int session_inst_init(int sock);                         // 0 or -1; on -1 the c
 int session_inst_wakeup(int session_id, uint32_t event); // 0 or -1
 // Closes the connection. The record stays, with its id, while a request of the session is still with its subscribers.
 void session_inst_exit(int session_id);
-void session_timeout(); // once per idle second
+void session_timeout(); // about once a second
 // At the end of the process: frees the records of the open sessions, leaving their sockets to the kernel.
 void session_forget_all();
 

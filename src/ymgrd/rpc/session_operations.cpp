@@ -173,7 +173,7 @@ int oper_kill_session(int session_id, const char *, lyxml_elem *rpc)
   session_report_end(victim, NC_SESSION_TERM_KILLED, session_id);
   victim->bit_exit = true;
   if (victim->sock >= 0) {
-    (void)session_schedule(victim->session_id); // logged there; an idle pass closes it otherwise
+    (void)session_schedule(victim->session_id); // logged there; session_timeout closes it otherwise
   }
   return rpc_send_reply(session_id, reply.get());
 }

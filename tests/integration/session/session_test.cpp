@@ -1,9 +1,12 @@
 // Sessions from create-session to their end, with frames and requests as a slow, broken or hostile agent writes them.
 #include <algorithm>
+#include <thread>
 
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 
+#include "libconf/unique_fd.h"
 #include "support/daemon_test.h"
 
 using support::is_closed_by_daemon;
@@ -217,6 +220,14 @@ TEST_F(daemon_session, a_connection_beyond_the_limit_is_closed_and_a_freed_place
 
 TEST_F(daemon_session, shutdown_closes_the_idle_rest_answers_and_ends_with_status_one)
 {
+  std::jthread events([this](const std::stop_token &stop) { // leave the daemon no idle second
+    sockaddr_un address = {AF_UNIX, ""};
+    (daemon.run_dir() + "/notify.sock").copy(address.sun_path, sizeof(address.sun_path) - 1);
+    unique_fd sock(socket(AF_UNIX, SOCK_DGRAM, 0));
+    for (; !stop.stop_requested(); std::this_thread::sleep_for(std::chrono::milliseconds(50))) {
+      (void)sendto(sock.get(), "<event/>", 8, 0, reinterpret_cast<sockaddr *>(&address), sizeof(address));
+    }
+  });
   ASSERT_TRUE(session->ok(SHUTDOWN));
   EXPECT_TRUE(is_closed_by_daemon(other->client()));
   EXPECT_TRUE(is_closed_by_daemon(agent));

@@ -8,6 +8,7 @@
 #include "unit/core/captured_log.h"
 #include "ymgrd/broker/plugin.h"
 #include "ymgrd/core/context.h"
+#include "ymgrd/crypto/encrypt_registry.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/database/database_config.h"
 #include "ymgrd/schema/schema.h"
@@ -86,6 +87,15 @@ TEST_F(profile, working_key_is_cut_at_sixteen_bytes_and_filled_with_zeros)
     EXPECT_EQ(std::vector<unsigned char>(config->working_key, config->working_key + WORKING_KEY_LENGTH), c.bytes);
     EXPECT_EQ(config->validate_level, -1);
   }
+}
+
+TEST_F(profile, sensitive_leaves_are_registered_once)
+{
+  std::string log = parse(R"({"sensitive-key": ["/a:b/c", 5, "b/c", "/a:b/a:c", "/a:d"]})");
+  EXPECT_EQ(log, "[ERROR] sensitive path format error.\n[WARN] Create sensitive key failed.\n"
+                 "[ERROR] Save sensitive yang-module <a> path </a:b/c> failed.\n"
+                 "[WARN] save sensitive <name=/a:b/a:c> failed.\n");
+  EXPECT_EQ(encrypt_sensitives().size(), 2U);
 }
 
 TEST_F(profile, broken_text_is_refused_without_showing_it)

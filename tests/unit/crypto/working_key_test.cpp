@@ -1,6 +1,7 @@
 // The key table: it decrypts as AES does, and nothing but a whole table of the right key is used.
 #include <fstream>
 #include <random>
+#include <thread>
 
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
@@ -154,7 +155,14 @@ TEST_F(working_key, only_a_whole_table_file_is_taken)
 TEST_F(working_key, what_becomes_of_the_table_counts_at_the_next_use)
 {
   const std::string whole = bytes_of(*make_table(TABLE_KEY, WORKING_KEY));
+  const auto until_kept = std::chrono::milliseconds(150); // what was changed a moment ago is read at each use
+  put_table(whole.substr(1));
+  std::this_thread::sleep_for(until_kept);
+  EXPECT_FALSE(deciphered(STORED_KEY));
+  EXPECT_EQ("[ERROR] wb load table: Load table failed.\n", logged_by([&] { EXPECT_FALSE(deciphered(STORED_KEY)); }));
   put_table(whole);
+  std::this_thread::sleep_for(until_kept);
+  EXPECT_EQ(WORKING_KEY, deciphered(STORED_KEY));
   EXPECT_EQ("", logged_by([&] { EXPECT_EQ(WORKING_KEY, deciphered(STORED_KEY)); }));
 
   ASSERT_EQ(0, unlink(path_.c_str()));

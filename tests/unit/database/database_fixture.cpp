@@ -7,6 +7,7 @@
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/log.h"
 #include "ymgrd/schema/schema.h"
+#include "ymgrd/schema/schema_sensitive.h"
 
 namespace {
 
@@ -30,6 +31,11 @@ bool schema_has_any(std::string_view)
 }
 
 bool schema_is_any(std::string_view)
+{
+  return false;
+}
+
+bool schema_is_sensitive(std::string_view)
 {
   return false;
 }
