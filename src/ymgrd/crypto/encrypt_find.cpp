@@ -206,11 +206,13 @@ int encrypt_find_node_recusive(lyxml_elem *parent, const sensitive_node_t &steps
   return 0;
 }
 
+// `data` may be null: an operation without data.
 int encrypt_find_node_in_lyxml(lyxml_elem *data, int flag, data_kind_t kind, reply_error_ptr *ret_error,
                                bool *ret_changed)
 {
   find_work_t work = {flag, kind, false, nullptr};
-  int result = encrypt_find_node_recusive(data, encrypt_sensitive_tree(), false, &work);
+  bool has_any = data != nullptr && encrypt_has_sensitive();
+  int result = has_any ? encrypt_find_node_recusive(data, encrypt_sensitive_tree(), false, &work) : 0;
   if (ret_changed != nullptr) {
     *ret_changed = work.changed;
   }
@@ -279,14 +281,7 @@ int security_find_sensitive_in_rpc(const char *oper, lyxml_elem *rpc, int flag, 
                                    bool *ret_changed)
 {
   const operation_data_t &operation = find_operation(oper);
-  lyxml_elem *data = encrypt_has_sensitive() ? encrypt_find_lyxml(rpc, operation) : nullptr;
-  if (data == nullptr) {
-    if (ret_changed != nullptr) {
-      *ret_changed = false;
-    }
-    return 0;
-  }
-  return encrypt_find_node_in_lyxml(data, flag, operation.kind, ret_error, ret_changed);
+  return encrypt_find_node_in_lyxml(encrypt_find_lyxml(rpc, operation), flag, operation.kind, ret_error, ret_changed);
 }
 
 std::string encrypt_print_masked(const lyxml_elem *rpc)
