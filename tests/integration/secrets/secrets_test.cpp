@@ -290,3 +290,35 @@ TEST_F(secrets, a_start_is_refused_when_a_leaf_can_not_be_protected)
   EXPECT_TRUE(daemon.wait());
   EXPECT_TRUE(contains(daemon.log_text(), "have sen-k only."));
 }
+
+TEST_F(secrets, stored_values_follow_the_profile)
+{
+  std::string &key_list = daemon.options().profile["sensitive-key"];
+  const std::string protected_leaves = std::exchange(key_list, "[]");
+  ASSERT_TRUE(daemon.restart());
+  session = &connect();
+  ASSERT_TRUE(session->ok(edit_vault("<master>open-sesame</master>" + user("anna", "<pin>8151</pin>"))));
+  ASSERT_TRUE(session->ok(support::copy_config("startup", "<running/>")));
+  EXPECT_EQ("open-sesame", stored(VAULT_KEY, "master"));
+
+  key_list = protected_leaves;
+  for (bool is_smooth : {false, true}) { // an ordinary start finds them in startup, a smooth one in running
+    if (is_smooth) {
+      store(VAULT_KEY, "master", "open-sesame");
+      redis.command(RUNNING_DB, {"DEL", "ymgrd-sensitive"});
+      daemon.options().arguments = {"--smooth"};
+    }
+    ASSERT_TRUE(daemon.restart());
+    session = &connect();
+    expect_nowhere({"open-sesame", "8151"});
+    EXPECT_TRUE(contains(session->rpc(support::get_config("running")), "<master>open-sesame</master>"));
+    EXPECT_TRUE(contains(session->rpc(filtered(user("anna", "<pin/>"))), "<pin>8151</pin>"));
+  }
+
+  key_list = "[]";
+  daemon.options().arguments.clear();
+  ASSERT_TRUE(daemon.restart());
+  session = &connect();
+  EXPECT_EQ("open-sesame", stored(VAULT_KEY, "master"));
+  EXPECT_TRUE(contains(session->rpc(support::get_config("running")), "<pin>8151</pin>"));
+}
