@@ -12,30 +12,44 @@
 
 namespace {
 
-// The key for one use: gone with its object.
-class working_key_t {
-public:
-  working_key_t() = default;
-  working_key_t(const working_key_t &) = delete;
-  working_key_t &operator=(const working_key_t &) = delete;
-  ~working_key_t() { OPENSSL_cleanse(bytes_, sizeof(bytes_)); }
-
-  int get()
-  {
-    if (ymgrm_decrypt_working(g_aes_key, bytes_) != 0) {
-      log_error("decrypt working failed.");
-      return -1;
-    }
-    return 0;
-  }
-  const unsigned char *bytes() const { return bytes_; }
-
-private:
-  unsigned char bytes_[AES_KEY_LENGTH] = {};
-};
-static_assert(AES_KEY_LENGTH == WORKING_KEY_LENGTH);
+encrypt_use *use_in_progress = nullptr;
 
 } // namespace
+
+// The key for one value, or for the use that it is a part of.
+class working_key_t {
+public:
+  // Null (logged) when there is none.
+  const unsigned char *get()
+  {
+    static_assert(encrypt_use::KEY_LENGTH == WORKING_KEY_LENGTH && AES_KEY_LENGTH == WORKING_KEY_LENGTH);
+    encrypt_use &use = *use_in_progress;
+    if (!use.has_key_ && ymgrm_decrypt_working(g_aes_key, use.key_) != 0) {
+      log_error("decrypt working failed.");
+      return nullptr;
+    }
+    use.has_key_ = true;
+    return use.key_;
+  }
+
+private:
+  encrypt_use own_use_; // unless one is in progress
+};
+
+encrypt_use::encrypt_use()
+{
+  if (use_in_progress == nullptr) {
+    use_in_progress = this;
+  }
+}
+
+encrypt_use::~encrypt_use()
+{
+  OPENSSL_cleanse(key_, sizeof(key_));
+  if (use_in_progress == this) {
+    use_in_progress = nullptr;
+  }
+}
 
 bool encrypt_is_printable(std::string_view value)
 {
@@ -44,8 +58,9 @@ bool encrypt_is_printable(std::string_view value)
 
 int encrypt_sensitive(std::string_view value, std::string *ret_cipher_text)
 {
-  working_key_t key;
-  if (key.get() != 0 || AES_Encrypt(key.bytes(), value, ret_cipher_text) != 0) {
+  working_key_t working_key;
+  const unsigned char *key = working_key.get();
+  if (key == nullptr || AES_Encrypt(key, value, ret_cipher_text) != 0) {
     log_error("fail to encrypt sensitive.");
     return -1;
   }
@@ -54,9 +69,10 @@ int encrypt_sensitive(std::string_view value, std::string *ret_cipher_text)
 
 int decrypt_sensitive(std::string_view cipher_text, wiped_string *ret_value)
 {
-  working_key_t key;
+  working_key_t working_key;
   // Without the marker no key is needed to say no.
-  if (!encrypt_is_marked(cipher_text) || key.get() != 0 || AES_Decrypt(key.bytes(), cipher_text, ret_value) != 0) {
+  const unsigned char *key = encrypt_is_marked(cipher_text) ? working_key.get() : nullptr;
+  if (key == nullptr || AES_Decrypt(key, cipher_text, ret_value) != 0) {
     log_error("fail to decrypt sensitive.");
     return -1;
   }
@@ -77,7 +93,8 @@ bool encrypt_has_form(std::string_view text)
 
 bool is_cipher_text(std::string_view text)
 {
-  working_key_t key;
+  working_key_t working_key;
   wiped_string value;
-  return encrypt_is_marked(text) && key.get() == 0 && AES_Decrypt(key.bytes(), text, &value) == 0;
+  const unsigned char *key = encrypt_is_marked(text) ? working_key.get() : nullptr;
+  return key != nullptr && AES_Decrypt(key, text, &value) == 0;
 }

@@ -10,6 +10,23 @@
 
 #include "libconf/wiped_string.h"
 
+// One use of the working key for many values: while the object lives the key is deciphered once, when the first value
+// needs it, and wiped with the object. A local variable of whoever handles a request's values; one inside another is the
+// outer one's use.
+class encrypt_use {
+public:
+  encrypt_use();
+  ~encrypt_use();
+  encrypt_use(const encrypt_use &) = delete;
+  encrypt_use &operator=(const encrypt_use &) = delete;
+
+private:
+  friend class working_key_t;
+  static constexpr int KEY_LENGTH = 16;
+  unsigned char key_[KEY_LENGTH] = {};
+  bool has_key_ = false;
+};
+
 // What a sensitive value may hold: the characters 0x21 to 0x7E. Others cannot be told from a failed decryption.
 bool encrypt_is_printable(std::string_view value);
 

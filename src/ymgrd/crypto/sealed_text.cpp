@@ -89,6 +89,7 @@ bool sealed_text_is_in(std::string_view text)
 
 void sealed_text_open(std::string_view text, wiped_string *ret_text)
 {
+  encrypt_use all_values;
   replace_sealed(text, append_opened, ret_text);
 }
 

@@ -176,6 +176,7 @@ int db_protect_stored()
   }
   size_t converted = 0;
   bool has_failed = false;
+  encrypt_use all_values;
   for (int rdb :
        {REDIS_STARTUP_DB_MASTER, REDIS_RUNNING_DB_MASTER, REDIS_CANDIDATE_DB_MASTER, REDIS_STATUS_DB_MASTER}) {
     value_converter converter(rdb, now, before);

@@ -6,6 +6,7 @@
 #include "ymgrd/broker/broker.h"
 #include "ymgrd/core/counters.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/crypto/encrypt.h"
 #include "ymgrd/crypto/encrypt_find.h"
 #include "ymgrd/datastore/ds_error.h"
 #include "ymgrd/rpc/rpc_reply.h"
@@ -118,6 +119,7 @@ bool is_with_further_subscriber(const rpc_oper_context_t &context)
 
 int rpc_recv_proc(int session_id, const msg_head_t *head, std::string_view payload)
 {
+  encrypt_use one_request;
   g_daemon_counters.requests++;
   lyxml_ptr rpc = lyxml_parse_mem(payload);
   if (rpc == nullptr) {

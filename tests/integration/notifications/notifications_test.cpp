@@ -121,7 +121,7 @@ protected:
   // The number of the next event of ours, or the name of a mark of the daemon. Empty when none comes.
   static std::string next(support::netconf_session &session, std::chrono::milliseconds timeout = support::DEADLINE)
   {
-    const std::regex form("</eventTime><(?:tick[^<]*<number>(\\d+)|(replayComplete|notificationComplete) )");
+    static const std::regex form("</eventTime><(?:tick[^<]*<number>(\\d+)|(replayComplete|notificationComplete) )");
     std::smatch match;
     std::string frame;
     do {
@@ -290,9 +290,11 @@ TEST_F(notifications, log_keeps_the_newest_events_up_to_its_bound)
 TEST_F(notifications, replays_run_side_by_side)
 {
   start(", \"replay\": {\"enabled\": true, \"max-entries-num\": 20000}");
+  texts planting = {"RPUSH", "event_key_list"};
   for (int number = 1; number <= 10000; number++) {
-    plant(now - 100, tick(number));
+    planting.push_back(record(now - 100, tick(number)));
   }
+  redis.command(NOTIFY_DB, planting);
   std::vector<support::netconf_session *> sessions = {&connect(), &connect(), &connect()};
   for (support::netconf_session *session : sessions) {
     ASSERT_TRUE(session->ok(subscribe(from(now - 200))));
