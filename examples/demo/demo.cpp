@@ -1,7 +1,7 @@
 // The main job of an agent against a running daemon: edits candidate, commits, reads running back. Prints what was
 // asked, what came back and which Redis keys stand, and ends with 0 only when all of it was right.
-// Two plugins are expected to run, which keep their files below ROOT.
-//   ymgr-demo RUN_DIR REDIS_SOCKET ROOT
+// Two plugins are expected to run, which keep their files below ROOT; LOG is the daemon's log.
+//   ymgr-demo RUN_DIR REDIS_SOCKET ROOT LOG
 #include <csignal>
 #include <cstdio>
 #include <string>
@@ -9,8 +9,10 @@
 
 #include <unistd.h>
 
+#include "demo_events.h"
 #include "demo_plugins.h"
 #include "demo_redis.h"
+#include "demo_secrets.h"
 #include "demo_steps.h"
 #include "demo_xml.h"
 
@@ -230,8 +232,8 @@ void close_session(demo_t *demo)
 
 int main(int argc, char **argv)
 {
-  if (argc != 4) {
-    std::fprintf(stderr, "usage: ymgr-demo RUN_DIR REDIS_SOCKET ROOT\n");
+  if (argc != 5) {
+    std::fprintf(stderr, "usage: ymgr-demo RUN_DIR REDIS_SOCKET ROOT LOG\n");
     return 2;
   }
   // A peer that ends shows as a failed write, not as the end of this program.
@@ -266,6 +268,8 @@ int main(int argc, char **argv)
   lock(&demo);
   save(&demo);
   demo_plugins(&demo, argv[3]);
+  demo_secrets(&demo, argv[4]);
+  demo_events(&demo);
   close_session(&demo);
 
   std::printf("\n%s\n", demo.wrong == 0 ? "All steps were right." : "Some steps were WRONG.");

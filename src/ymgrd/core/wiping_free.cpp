@@ -12,7 +12,7 @@
 #include "libconf/safe_string.h"
 #include "ymgrd/core/wiping_heap.h"
 
-#if defined(__GLIBC__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#ifdef YMGR_WIPING_HEAP
 
 extern "C" {
 void __libc_free(void *block);                  // NOLINT: glibc's names

@@ -25,9 +25,10 @@ protected:
 
 TEST_F(base_event, changed_nodes_are_named_whatever_their_keys)
 {
-  apply(ENUM_DATASTORE_RUNNING,
-        {"<top xmlns='urn:sample'><plain-list><k>it's/[1]</k></plain-list><rule><k>say \"x\"</k>"
-         "<n>,</n><v>1</v></rule><tag>back\\slash&lt;</tag></top>"});
+  free_differ_tree(apply(ENUM_DATASTORE_RUNNING,
+                         {"<top xmlns='urn:sample'><plain-list><k>it's/[1]</k></plain-list><rule><k>say \"x\"</k>"
+                          "<n>,</n><v>1</v></rule><tag>back\\slash&lt;</tag></top>"})
+                       .tree);
   base_notification_info_t info;
   info.session_id = 7;
   info.username = "<root>";
