@@ -242,23 +242,31 @@ TEST_F(notifications, stored_events_are_replayed_between_start_and_stop)
 TEST_F(notifications, aged_and_damaged_records_are_removed_when_they_are_met)
 {
   const time_t aged = now - 10000001 - 60, fresh = now - 10000000 + 600;
-  plant(aged, tick(1));
-  plant(fresh, tick(2));
-  redis.command(NOTIFY_DB, {"RPUSH", "event_key_list", "short"});
-  plant(aged, tick(3));
-  redis.command(NOTIFY_DB, {"RPUSH", "event_key_list", record(now, tick(4)) + "more"});
-  plant(now, tick(5));
-  start(", \"replay\": true");
-  support::netconf_session &one = connect(), &other = connect();
-  ASSERT_TRUE(one.ok(subscribe(from(now - 5000))));
-  EXPECT_EQ((texts{"5", REPLAYED}), take(one, 2));
-  EXPECT_EQ(4U, stored().size()) << "what is aged stays as long as nobody asks for it";
-  ASSERT_TRUE(one.ok(subscribe(from(aged - 10))));
-  ASSERT_TRUE(other.ok(subscribe(from(aged - 10))));
-  for (support::netconf_session *session : {&one, &other}) {
-    EXPECT_EQ((texts{"2", "5", REPLAYED}), take(*session, 3));
+  texts planting = {"RPUSH", "event_key_list", record(aged, tick(1)), record(fresh, tick(2)), "short"};
+  for (int number = 1001; number <= 2000; number++) {
+    planting.push_back(record(now, tick(number, std::string(1000, 'x'))));
   }
-  EXPECT_EQ((texts{record(fresh, tick(2)), record(now, tick(5))}), stored());
+  for (const std::string &text : {record(aged, tick(3)), record(now, tick(4)) + "more", record(now, tick(5))}) {
+    planting.push_back(text);
+  }
+  redis.command(NOTIFY_DB, planting);
+  start(", \"replay\": true, \"max-entries-num\": 5000", ", \"max-queue\": 65536");
+  support::netconf_session &slow = connect(), &fast = connect();
+  ASSERT_TRUE(fast.ok(subscribe(from(now - 5000))));
+  EXPECT_EQ("5", take(fast, 2000, REPLAYED)[1000]);
+  EXPECT_EQ(1004U, stored().size()) << "what is aged stays as long as nobody asks for it";
+  // The slow one has no room for all: the fast one removes records in front of it.
+  ASSERT_TRUE(slow.ok(subscribe(from(aged - 10))));
+  ASSERT_TRUE(fast.ok(subscribe(from(aged - 10))));
+  texts expected = numbers(1001, 2000);
+  expected.insert(expected.begin(), "2");
+  expected.insert(expected.end(), {"5", REPLAYED, "6"});
+  texts found = take(fast, 2000, REPLAYED);
+  emit(6, 6);
+  found.push_back(next(fast));
+  EXPECT_EQ(expected, found);
+  EXPECT_EQ(expected, take(slow, 2000, "6"));
+  EXPECT_EQ(1003U, stored().size());
 }
 
 TEST_F(notifications, log_keeps_the_newest_events_up_to_its_bound)
