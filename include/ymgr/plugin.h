@@ -147,9 +147,9 @@ int ymgr_plugin_locate(ymgr_plugin_t *plugin, const char *path, ymgr_moment_t mo
  * which lies at or below a path of ymgr_plugin_on_status(). "" takes it back. */
 int ymgr_plugin_push(ymgr_plugin_t *plugin, const char *path, const char *xml);
 /* An event for the NETCONF clients that subscribed to notifications (RFC 5277): `xml` is one element, defined by a YANG
- * notification; one inside of containers and lists stands in all that is above it. Sent as a datagram of at most 256 KiB
- * (less where the system's limit is lower): -1 when the daemon's socket does not take it. There is no answer: an event
- * that its notification does not admit is logged by the daemon and not sent to anybody. */
+ * notification; one inside of containers and lists stands in all that is above it. Sent as a datagram of at most 256
+ * KiB (less where the system's limit is lower): -1 when the daemon's socket does not take it. There is no answer: an
+ * event that its notification does not admit is logged by the daemon and not sent to anybody. */
 int ymgr_plugin_notify(ymgr_plugin_t *plugin, const char *xml);
 
 /* --- Running. In a local plugin these do nothing and return 0. */
