@@ -11,8 +11,8 @@
 #include "libconf/wiped_string.h"
 
 // One use of the working key for many values: while the object lives the key is deciphered once, when the first value
-// needs it, and wiped with the object. A local variable of whoever handles a request's values; one inside another is the
-// outer one's use.
+// needs it, and wiped with the object. A local variable of whoever handles a request's values; one inside another is
+// the outer one's use.
 class encrypt_use {
 public:
   encrypt_use();

@@ -221,7 +221,8 @@ int check_references()
 LY_ERR find_string(lysc_node *node, void *found, ly_bool *)
 {
   const lysc_type *type = type_of(node);
-  if (type == nullptr || type->basetype != LY_TYPE_STRING || !std::string_view(type->plugin->id).starts_with(STRING_PLUGIN)) {
+  if (type == nullptr || type->basetype != LY_TYPE_STRING ||
+      !std::string_view(type->plugin->id).starts_with(STRING_PLUGIN)) {
     return LY_SUCCESS;
   }
   const auto *string = reinterpret_cast<const lysc_type_str *>(type);

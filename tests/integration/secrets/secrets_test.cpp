@@ -77,10 +77,11 @@ protected:
 
 TEST_F(secrets, are_kept_as_cipher_text_and_read_back_in_clear)
 {
-  const std::string anna = user("anna", "<password>pa$$&lt;w&gt;&amp;\"o\"</password><pin>0815</pin><token>t-anna</token>"
-                                        "<otp xmlns=\"urn:ex-sec-more\">otp-anna</otp>");
-  ASSERT_TRUE(session->ok(edit_vault("<master>open-sesame</master><psk>pre-shared</psk><note>plain</note>" + anna,
-                                     "candidate")));
+  const std::string anna =
+      user("anna", "<password>pa$$&lt;w&gt;&amp;\"o\"</password><pin>0815</pin><token>t-anna</token>"
+                   "<otp xmlns=\"urn:ex-sec-more\">otp-anna</otp>");
+  ASSERT_TRUE(session->ok(
+      edit_vault("<master>open-sesame</master><psk>pre-shared</psk><note>plain</note>" + anna, "candidate")));
   ASSERT_TRUE(session->ok(COMMIT));
   ASSERT_TRUE(session->ok(support::copy_config("startup", "<running/>")));
   for (const std::string &request :
@@ -160,7 +161,8 @@ TEST_F(secrets, filters_compare_clear_values)
   }
   ASSERT_TRUE(session->ok(edit_vault("<note>n</note>" + users)));
   const std::string found = "<name>bert</name>";
-  for (const std::string &filter : {user("", "<password>pass-bert</password>"), user("", "<password> pass-bert </password><pin>007</pin>")}) {
+  for (const std::string &filter :
+       {user("", "<password>pass-bert</password>"), user("", "<password> pass-bert </password><pin>007</pin>")}) {
     std::string named = filter;
     named.replace(named.find("<name></name>"), 13, "<name/>");
     for (int round = 0; round < 2; round++) { // from memory, from Redis
@@ -222,7 +224,8 @@ TEST_F(secrets, of_state_and_operations_are_protected_too)
   ASSERT_TRUE(session->send(login("pass-anna")));
   call = peer.next();
   EXPECT_TRUE(contains(call.xml, "<password>pass-anna</password>")) << call.xml;
-  peer.accept(call, "<token xmlns=\"urn:ex-sec\">t&lt;o&gt;k&amp;n</token><greeting xmlns=\"urn:ex-sec\">hi</greeting>");
+  peer.accept(call,
+              "<token xmlns=\"urn:ex-sec\">t&lt;o&gt;k&amp;n</token><greeting xmlns=\"urn:ex-sec\">hi</greeting>");
   std::string reply = session->receive();
   EXPECT_TRUE(contains(reply, ">t&lt;o&gt;k&amp;n</token>") && contains(reply, ">hi</greeting>")) << reply;
   ASSERT_TRUE(session->send(login("pass-anna")));

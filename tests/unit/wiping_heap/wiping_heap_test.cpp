@@ -77,7 +77,7 @@ TEST_F(wiping_heap, nothing_is_left_on_the_stack)
   for (int depth : {0, 3, 400}) { // the last uses more than a megabyte
     uintptr_t lowest = use_stack(depth);
     size_t reach = reinterpret_cast<uintptr_t>(__builtin_frame_address(0)) - lowest;
-    EXPECT_GE(marks_at(lowest, reach), 1024U * static_cast<size_t>(depth + 1));
+    EXPECT_GE(marks_at(lowest, reach), 512U * static_cast<size_t>(depth + 1)); // looking writes over some
     (void)use_stack(depth);
     wipe_stack();
     EXPECT_EQ(marks_at(lowest, reach), 0U) << depth;
