@@ -45,30 +45,11 @@ std::set<std::string_view> tokens_of_path(std::string_view text)
   return tokens;
 }
 
-// The data path, without keys, of the element of the node with the Redis key `dkey`.
-std::string schema_path(std::string_view dkey, std::string_view ename)
-{
-  std::string path(dkey);
-  size_t open = 0;
-  size_t close = 0;
-  for (size_t from = 0; db_find_predicate(path, from, &open, &close); from = open) {
-    path.erase(open, close - open + 1);
-  }
-  size_t module_end = path.find('/', 1);
-  if (module_end == std::string::npos) {
-    path.append(":").append(ename); // a top node
-  } else {
-    path[module_end] = ':';
-    path.append("/").append(ename);
-  }
-  return path;
-}
-
 // Whether the schema knows the element as anyxml or anydata.
 bool is_any(std::string_view dkey, std::string_view ename)
 {
   return !dkey.empty() && schema_has_any(ename.substr(ename.find(':') + 1)) && // npos + 1 is the beginning
-         schema_is_any(schema_path(dkey, ename));
+         schema_is_any(db_path_without_keys(dkey, ename));
 }
 
 } // namespace
@@ -151,7 +132,7 @@ int db_element_writer::db_new_node(std::string_view dkey, std::string_view ename
     return db_new_any(dkey, ename, *text, buffer);
   }
   bool may_be_secret = secrets_ != DB_SECRETS_STORED && text.has_value() && encrypt_is_marked(*text);
-  if (may_be_secret && !dkey.empty() && schema_is_sensitive(schema_path(dkey, ename))) {
+  if (may_be_secret && !dkey.empty() && schema_is_sensitive(db_path_without_keys(dkey, ename))) {
     return db_new_sensitive(dkey, ename, *text, buffer);
   }
   std::string_view name;

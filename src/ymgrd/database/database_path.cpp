@@ -237,6 +237,24 @@ bool db_find_predicate(std::string_view path, size_t from, size_t *ret_open, siz
   return true;
 }
 
+std::string db_path_without_keys(std::string_view dkey, std::string_view ename)
+{
+  std::string path(dkey);
+  size_t open = 0;
+  size_t close = 0;
+  for (size_t from = 0; db_find_predicate(path, from, &open, &close); from = open) {
+    path.erase(open, close - open + 1);
+  }
+  size_t module_end = path.find('/', 1);
+  if (module_end == std::string::npos) {
+    path.append(":").append(ename); // a top node
+  } else {
+    path[module_end] = ':';
+    path.append("/").append(ename);
+  }
+  return path;
+}
+
 bool db_next_predicate_pair(std::string_view *predicate, std::string_view *ret_name, std::string *ret_value)
 {
   size_t equals = predicate->find('=');

@@ -41,6 +41,9 @@ void db_split_last_node(std::string_view data_key, std::string_view *ret_parent,
 
 // A predicate inside a path, at [open, close]. `from` must be outside of predicates. False when there is none.
 bool db_find_predicate(std::string_view path, size_t from, size_t *ret_open, size_t *ret_close);
+// The data path without keys of what the hash `key` has under `field`: "/MODULE:TOP/..." with modules where they
+// change.
+std::string db_path_without_keys(std::string_view key, std::string_view field);
 // Takes the next name=value pair off the front of `predicate`; the value without its quotes. False at the end, or when
 // the rest is no pair.
 bool db_next_predicate_pair(std::string_view *predicate, std::string_view *ret_name, std::string *ret_value);

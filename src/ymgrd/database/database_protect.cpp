@@ -45,23 +45,6 @@ std::string join_paths(const path_set_t &paths)
   return text;
 }
 
-// The leaf's path without keys, as the profile names it: that of the hash `key`, and the field.
-std::string path_of_field(std::string_view key, std::string_view field)
-{
-  std::string path(key);
-  size_t open = 0;
-  size_t close = 0;
-  for (size_t from = 0; db_find_predicate(path, from, &open, &close); from = open) {
-    path.erase(open, close - open + 1);
-  }
-  size_t module_end = path.find('/', 1);
-  if (module_end != std::string::npos) {
-    path[module_end] = ':';
-  }
-  path.append(module_end == std::string::npos ? ":" : "/").append(field);
-  return path;
-}
-
 class value_converter {
 public:
   value_converter(int rdb, const path_set_t &now, const path_set_t &before) : rdb_(rdb), now_(now), before_(before) {}
@@ -114,7 +97,7 @@ private:
       return;
     }
     const path_set_t &concerned = encrypt_is_marked(text) ? before_ : now_;
-    std::string path = path_of_field(key, field);
+    std::string path = db_path_without_keys(key, field);
     if (!concerned.contains(path) || (now_.contains(path) && is_cipher_text(text))) {
       return;
     }
