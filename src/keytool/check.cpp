@@ -24,7 +24,7 @@ bool check_mode(const std::string &path, mode_t mode)
   char text[64];
   bool is_private = (mode & (S_IRWXG | S_IRWXO)) == 0;
   snprintf_s(text, sizeof(text), "mode %04o%s", static_cast<unsigned>(mode),
-             is_private ? "" : ", others than its owner have access");
+             is_private ? "" : ", others than its owner have access: chmod 600");
   return report(is_private, path, text);
 }
 
@@ -85,11 +85,9 @@ int keytool_check(const keytool_options_t &options)
   bool has_key = false;
   bool in_order = check_profile(keytool_profile_path(options), &stored.value, &has_key);
   in_order = check_table(table_path, &table) && in_order;
-  if (has_key && table != nullptr) {
-    in_order = check_pair(table_path, *table, stored.value) && in_order;
-  }
-  if (!in_order) {
+  bool is_pair = has_key && table != nullptr && check_pair(table_path, *table, stored.value);
+  if (!is_pair) { // who has a pair must not be led to replace it: its values would be lost
     printf("\"ymgr-keytool provision\" makes key and table; with --force anew\n");
   }
-  return in_order ? KEYTOOL_OK : KEYTOOL_FAILED;
+  return in_order && is_pair ? KEYTOOL_OK : KEYTOOL_FAILED;
 }

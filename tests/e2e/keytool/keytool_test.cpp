@@ -118,6 +118,7 @@ TEST_F(keytool, check_names_each_fault)
     keytool_run_t run = check();
     EXPECT_EQ(1, run.exit_code);
     EXPECT_TRUE(says(run.output, row.line));
+    EXPECT_EQ(row.mode == 0600, says(run.output, "with --force anew")) << "a good pair is not to be replaced";
   }
   fs::remove(table_);
   EXPECT_TRUE(says(check().output, "FAULT: " + table_ + ": there is no key table"));
