@@ -256,11 +256,13 @@ bool mask_text(lyxml_elem *elem, bool is_applied)
   return true;
 }
 
-bool mask_below(lyxml_elem *elem, bool is_applied)
+// Of an element with such a name all texts below: nobody knows which one is the secret.
+bool mask_below(lyxml_elem *elem, bool is_applied, bool is_inside)
 {
-  bool is_found = encrypt_is_sensitive_name(lyxml_name(elem)) && mask_text(elem, is_applied);
+  is_inside = is_inside || encrypt_is_sensitive_name(lyxml_name(elem));
+  bool is_found = is_inside && mask_text(elem, is_applied);
   for (lyxml_elem *child = lyxml_first_child(elem); child != nullptr; child = lyxml_next(child)) {
-    is_found = mask_below(child, is_applied) || is_found;
+    is_found = mask_below(child, is_applied, is_inside) || is_found;
   }
   return is_found;
 }
@@ -287,8 +289,9 @@ int security_find_sensitive_in_rpc(const char *oper, lyxml_elem *rpc, int flag, 
 std::string encrypt_print_masked(const lyxml_elem *rpc)
 {
   enum { LOOK_ONLY = false, APPLY = true };
+  constexpr bool OUTSIDE = false;
   lyxml_elem *elem = const_cast<lyxml_elem *>(rpc); // only read: what is masked is a copy
-  if (!encrypt_has_sensitive() || !mask_below(elem, LOOK_ONLY)) {
+  if (!encrypt_has_sensitive() || !mask_below(elem, LOOK_ONLY, OUTSIDE)) {
     return lyxml_print_mem(rpc);
   }
   lyxml_ptr copy = lyxml_copy(elem);
@@ -296,6 +299,6 @@ std::string encrypt_print_masked(const lyxml_elem *rpc)
     log_error("Memory is short.");
     return {};
   }
-  mask_below(copy.get(), APPLY);
+  mask_below(copy.get(), APPLY, OUTSIDE);
   return lyxml_print_mem(copy.get());
 }

@@ -31,5 +31,5 @@ int security_find_sensitive_in_rpc(const char *oper, lyxml_elem *rpc, int flag, 
                                    bool *ret_changed = nullptr);
 
 // The request as it may be logged: an element that has the name of a sensitive leaf and text that is not cipher
-// text, because it does not stand where the schema has that leaf, is shown with "***".
+// text, because it does not stand where the schema has that leaf, is shown with "***", with all below it.
 std::string encrypt_print_masked(const lyxml_elem *rpc);

@@ -181,10 +181,11 @@ TEST_F(encrypt_find, refused_value_is_named_by_its_path_and_never_shown)
 TEST_F(encrypt_find, log_shows_no_text_of_elements_that_have_a_sensitive_name)
 {
   ASSERT_EQ(0, edit("<top xmlns=\"urn:a\"><user><password>abc</password></user><usr><password>SECRET</password>"
-                    "<password/><note>kept</note></usr></top>"));
+                    "<password/><note>kept</note></usr><password><old>SECRET</old></password></top>"));
   std::string before = lyxml_print_mem(rpc.get());
   std::string masked = encrypt_print_masked(rpc.get());
-  EXPECT_NE(std::string::npos, masked.find("<usr><password>***</password><password/><note>kept</note></usr>"))
+  EXPECT_NE(std::string::npos, masked.find("<usr><password>***</password><password/><note>kept</note></usr>"
+                                           "<password><old>***</old></password>"))
       << masked;
   EXPECT_NE(std::string::npos, masked.find("<user><password>#%")) << masked;
   EXPECT_EQ(before, lyxml_print_mem(rpc.get()));
