@@ -210,6 +210,7 @@ int encrypt_find_node_recusive(lyxml_elem *parent, const sensitive_node_t &steps
 int encrypt_find_node_in_lyxml(lyxml_elem *data, int flag, data_kind_t kind, reply_error_ptr *ret_error,
                                bool *ret_changed)
 {
+  encrypt_use all_values;
   find_work_t work = {flag, kind, false, nullptr};
   bool has_any = data != nullptr && encrypt_has_sensitive();
   int result = has_any ? encrypt_find_node_recusive(data, encrypt_sensitive_tree(), false, &work) : 0;

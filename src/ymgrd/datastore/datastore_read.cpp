@@ -1,5 +1,6 @@
 // get-config (RFC 6241, section 7.1), and what get shares with it.
 #include "ymgrd/core/log.h"
+#include "ymgrd/crypto/encrypt.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
 #include "ymgrd/datastore/ds_filter_plan.h"
@@ -94,6 +95,7 @@ int ds_glock_transact_start(int ds, const nc_filter_t *filter, ds_session_db *re
 
 int ds_get_query_result(int hdb, int ds, const nc_filter_t *filter, wiped_string *ret_text)
 {
+  encrypt_use all_values; // that are compared with the filter's
   ds_source source(hdb, ds, DB_SECRETS_SEALED);
   if (filter == nullptr) {
     return source.read_text({}, ret_text);

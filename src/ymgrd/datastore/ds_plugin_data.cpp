@@ -5,6 +5,7 @@
 
 #include "libconf/plugin_path.h"
 #include "ymgrd/core/log.h"
+#include "ymgrd/crypto/encrypt.h"
 #include "ymgrd/database/database.h"
 #include "ymgrd/datastore/datastore_internal.h"
 #include "ymgrd/datastore/ds_kept.h"
@@ -115,6 +116,7 @@ int ds_plugin_pull(std::string_view path, ds_moment_t moment, wiped_string *ret_
   if (ds_parse_plugin_path(path, &steps, ret_error) != 0 || check_way(steps, ret_error) != 0) {
     return -1;
   }
+  encrypt_use all_values;
   wiped_string text;
   if (data.open(moment) != 0 || append_with_way(data.source(), ds_path_of(steps), &text) != 0) {
     return fail(ret_error, "The configuration can not be read.");
