@@ -91,19 +91,29 @@ std::string encode(const stored_event_t &event)
   return record;
 }
 
+// A moment of the years that a date-time can have.
+bool is_time(time_t eventtime)
+{
+  constexpr time_t YEAR_0 = -62167219200;
+  constexpr time_t YEAR_10000 = 253402300800;
+  return eventtime >= YEAR_0 && eventtime < YEAR_10000;
+}
+
 stored_event_t decode(std::string_view record, uint64_t number)
 {
   constexpr size_t HEAD = sizeof(time_t);
   stored_event_t event;
   event.number = number;
+  if (record.size() >= HEAD) {
+    std::memcpy(&event.eventtime, record.data(), HEAD);
+  }
   // The content is an element, and its end the only zero byte.
   event.is_damaged = record.size() < HEAD + 2 || record.find('\0', HEAD) != record.size() - 1 || record[HEAD] != '<' ||
-                     record[record.size() - 2] != '>';
+                     record[record.size() - 2] != '>' || !is_time(event.eventtime);
   if (event.is_damaged) {
     event.content = record;
     return event;
   }
-  std::memcpy(&event.eventtime, record.data(), HEAD);
   event.content = record.substr(HEAD, record.size() - HEAD - 1);
   return event;
 }
