@@ -176,6 +176,24 @@ WRONG_TYPE check_parameters(const subscription_request_t &request, const notific
 }
 
 // 0, or -1 with the error.
+int take_filter(const subscription_request_t &request, client_subscription_t *subscription, reply_error_ptr *ret_error)
+{
+  if (request.filter == nullptr) {
+    return 0;
+  }
+  switch (event_filter_create(request.filter, &subscription->su_filter)) {
+  case EVENT_FILTER_OK:
+    return 0;
+  case EVENT_FILTER_UNSUPPORTED:
+    *ret_error = rpc_make_error(REPLY_ERR_OP_NOT_SUPPORTED, "unexpected filter type.");
+    return -1;
+  default:
+    *ret_error = reply_error_ptr(rpc_create_error(REPLY_ERR_RES_DENIED));
+    return -1;
+  }
+}
+
+// 0, or -1 with the error.
 int begin_replay(client_subscription_t *subscription, reply_error_ptr *ret_error)
 {
   if (event_store_refresh() != 0) {
@@ -206,16 +224,12 @@ int make_subscription(const lyxml_elem *operation, client_subscription_t *subscr
     *ret_error = error_of(wrong);
     return -1;
   }
-  int filtered =
-      request.filter == nullptr ? EVENT_FILTER_OK : event_filter_create(request.filter, &subscription->su_filter);
-  if (filtered != EVENT_FILTER_OK) {
-    int kind = filtered == EVENT_FILTER_UNSUPPORTED ? REPLY_ERR_OP_NOT_SUPPORTED : REPLY_ERR_RES_DENIED;
-    *ret_error = reply_error_ptr(rpc_create_error(kind));
+  if (take_filter(request, subscription, ret_error) != 0) {
     return -1;
   }
   const client_entry_t *entry = client_find(subscription->session_id);
   if (entry != nullptr && entry->ce_subscription.size() >= MOST_SUBSCRIPTIONS) {
-    *ret_error = reply_error_ptr(rpc_create_error(REPLY_ERR_RES_DENIED));
+    *ret_error = rpc_make_error(REPLY_ERR_RES_DENIED, "The session has too many subscriptions.");
     return -1;
   }
   subscription->su_stream = stream->name;
