@@ -211,15 +211,18 @@ std::string_view encrypt_module_ns(std::string_view module)
   return found == registry().namespaces.end() ? std::string_view() : std::string_view(found->second);
 }
 
-void encrypt_delete_sensitive(const char *module)
+size_t encrypt_delete_sensitive(const char *module)
 {
+  size_t deleted = 0;
   for (const sensitive_config_t *leaf : encrypt_sensitives()) {
     if (leaf->module == module) {
       log_warn("Leaf <%.512s> is not protected any more: its module can not be used.", leaf->path.c_str());
       remove_from_list(leaf);
       encrypt_free_sensitive(registry().records.at(leaf->path));
+      deleted++;
     }
   }
+  return deleted;
 }
 
 const sensitive_config_t *encrypt_find_sensitive(std::string_view path)

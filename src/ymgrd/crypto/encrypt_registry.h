@@ -32,8 +32,8 @@ std::vector<const sensitive_config_t *> encrypt_sensitives(); // borrowed
 // A module was loaded: completes its records, and makes its namespace known to encrypt_module_ns. 0 or -1.
 int encrypt_add_ns_prefix(const char *module, const char *ns, const char *prefix);
 std::string_view encrypt_module_ns(std::string_view module); // empty when unknown
-// A module is not to be had: its records go.
-void encrypt_delete_sensitive(const char *module);
+// A module is not to be had: its records go. How many there were.
+size_t encrypt_delete_sensitive(const char *module);
 
 // The record of a path in the form above; null when that leaf is not sensitive.
 const sensitive_config_t *encrypt_find_sensitive(std::string_view path);

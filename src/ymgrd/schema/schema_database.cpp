@@ -166,7 +166,9 @@ int schema_save_modules(rContext *srdc)
     } else {
       log_warn("Save module %s to schema-db failed", module->name);
       (void)schema_delete_module(srdc, module->name); // logged there; the database may be out of reach
-      encrypt_delete_sensitive(module->name);
+      if (encrypt_delete_sensitive(module->name) > 0) {
+        return -1; // clients would set in clear what the profile wants encrypted
+      }
     }
     ymgrd_send_keepalive_msg(0, 0);
   }

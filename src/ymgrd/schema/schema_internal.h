@@ -94,7 +94,8 @@ void schema_plan_update(const schema_stored_t &stored, const schema_names_t &loa
 // selected. 0 or -1.
 int schema_delete_module(rContext *srdc, const std::string &module_name);
 // Makes the schema database hold the loaded modules and no others, writing only what differs; announces each module
-// that it holds. 0 or -1. The connection as above.
+// that it holds. A module that cannot be saved is left out; it is -1 when that one has sensitive leaves. 0 or -1. The
+// connection as above.
 int schema_save_modules(rContext *srdc);
 // The revision under which the module is saved and announced: its own, or a newer one of its deviations.
 std::string schema_module_revision(const lys_module *module);

@@ -232,7 +232,8 @@ TEST_F(encrypt_find, leaves_are_named_by_one_form_of_path_and_go_with_their_modu
   EXPECT_EQ("urn:a", encrypt_find_sensitive("/a:top/b:key")->ns);
 
   ASSERT_EQ(0, encrypt_save_sensitive(encrypt_create_sensitives("/b:other/secret")));
-  encrypt_delete_sensitive("a");
+  size_t before = encrypt_sensitives().size();
+  EXPECT_EQ(before - 1, encrypt_delete_sensitive("a"));
   EXPECT_EQ(1U, encrypt_sensitives().size());
   EXPECT_FALSE(encrypt_is_sensitive_name("password"));
   EXPECT_TRUE(encrypt_is_sensitive_name("secret"));
