@@ -77,10 +77,10 @@ int protect_and_log(int session_id, const std::string &oper, lyxml_elem *rpc, bo
 int keep_request_text(rpc_oper_context_t *context, std::string_view payload, bool is_changed)
 {
   try {
-    if (is_changed) {
-      context->data = lyxml_print_mem(context->rpc.get());
-    } else {
-      context->data.assign(payload);
+    context->data = is_changed ? lyxml_print_mem(context->rpc.get()) : std::string(payload);
+    if (context->data.empty()) {
+      log_error("Print the request of session %d failed.", context->session_id);
+      return -1;
     }
     return 0;
   } catch (const std::bad_alloc &) {
@@ -155,6 +155,7 @@ int rpc_recv_proc(int session_id, const msg_head_t *head, std::string_view paylo
 
 int rpc_publish_request(int session_id)
 {
+  encrypt_use one_request; // which may have waited for its turn
   if (broker_publish_operation(session_id) == 0) {
     return 0;
   }
