@@ -24,16 +24,22 @@ public:
   {
     static_assert(encrypt_use::KEY_LENGTH == WORKING_KEY_LENGTH && AES_KEY_LENGTH == WORKING_KEY_LENGTH);
     encrypt_use &use = *use_in_progress;
-    if (!use.has_key_ && ymgrm_decrypt_working(g_aes_key, use.key_) != 0) {
-      log_error("decrypt working failed.");
-      return nullptr;
+    was_refused_ = use.state_ == encrypt_use::HAS_NO_KEY;
+    if (use.state_ == encrypt_use::NOT_TRIED) {
+      bool has_key = ymgrm_decrypt_working(g_aes_key, use.key_) == 0;
+      use.state_ = has_key ? encrypt_use::HAS_KEY : encrypt_use::HAS_NO_KEY;
+      if (!has_key) {
+        log_error("decrypt working failed.");
+      }
     }
-    use.has_key_ = true;
-    return use.key_;
+    return use.state_ == encrypt_use::HAS_KEY ? use.key_ : nullptr;
   }
+  // Whether an earlier value of the use has had the answer that there is no key.
+  bool was_refused() const { return was_refused_; }
 
 private:
   encrypt_use own_use_; // unless one is in progress
+  bool was_refused_ = false;
 };
 
 encrypt_use::encrypt_use()
@@ -73,7 +79,9 @@ int decrypt_sensitive(std::string_view cipher_text, wiped_string *ret_value)
   // Without the marker no key is needed to say no.
   const unsigned char *key = encrypt_is_marked(cipher_text) ? working_key.get() : nullptr;
   if (key == nullptr || AES_Decrypt(key, cipher_text, ret_value) != 0) {
-    log_error("fail to decrypt sensitive.");
+    if (!working_key.was_refused()) {
+      log_error("fail to decrypt sensitive.");
+    }
     return -1;
   }
   return 0;

@@ -12,7 +12,7 @@
 
 // One use of the working key for many values: while the object lives the key is deciphered once, when the first value
 // needs it, and wiped with the object. A local variable of whoever handles a request's values; one inside another is
-// the outer one's use.
+// the outer one's use. That there is no key is logged once in a use.
 class encrypt_use {
 public:
   encrypt_use();
@@ -24,7 +24,7 @@ private:
   friend class working_key_t;
   static constexpr int KEY_LENGTH = 16;
   unsigned char key_[KEY_LENGTH] = {};
-  bool has_key_ = false;
+  enum { NOT_TRIED, HAS_KEY, HAS_NO_KEY } state_ = NOT_TRIED;
 };
 
 // What a sensitive value may hold: the characters 0x21 to 0x7E. Others cannot be told from a failed decryption.
@@ -33,7 +33,8 @@ bool encrypt_is_printable(std::string_view value);
 // 0 with the cipher text, different at each call; -1 (logged) when there is no working key, or the value is not
 // printable.
 int encrypt_sensitive(std::string_view value, std::string *ret_cipher_text);
-// 0 with the value; -1 (logged) when the text is no cipher text, is damaged, or belongs to another key.
+// 0 with the value; -1 (logged, without a key once in a use) when the text is no cipher text, is damaged, or belongs to
+// another key.
 int decrypt_sensitive(std::string_view cipher_text, wiped_string *ret_value);
 // Whether the text begins and ends with the marker: cheap, and true of every cipher text.
 bool encrypt_is_marked(std::string_view text);

@@ -4,6 +4,7 @@
 #include <iterator>
 #include <string>
 
+#include "ymgrd/core/log.h"
 #include "ymgrd/crypto/encrypt.h"
 
 namespace {
@@ -43,21 +44,49 @@ std::string unescaped(std::string_view cipher_text)
   return plain;
 }
 
-void append_opened(std::string_view sealed, wiped_string *text)
+// The name of the element that was opened last in the markup.
+std::string open_element(std::string_view markup)
 {
-  std::string cipher_text = unescaped(sealed);
-  wiped_string value;
-  append_escaped(decrypt_sensitive(cipher_text, &value) == 0 ? std::string_view(value) : cipher_text, text);
+  size_t begin = markup.rfind('<');
+  std::string_view tag = begin == std::string_view::npos ? "" : markup.substr(begin + 1);
+  return std::string(tag.substr(0, tag.find_first_of(" >")));
 }
 
-void append_mask(std::string_view, wiped_string *text)
-{
-  text->append(MASK);
-}
+// Opens the values of one text. Without the key none of them can be: one line in the log has to do for all.
+class opener {
+public:
+  opener() = default;
+  opener(const opener &) = delete;
+  opener &operator=(const opener &) = delete;
+  ~opener()
+  {
+    if (failed_ > 1) {
+      log_error("So did %zu more of the same text.", failed_ - 1);
+    }
+  }
+
+  void operator()(std::string_view sealed, wiped_string *text)
+  {
+    std::string cipher_text = unescaped(sealed);
+    wiped_string value;
+    if (decrypt_sensitive(cipher_text, &value) == 0) {
+      append_escaped(value, text);
+      return;
+    }
+    if (++failed_ == 1) {
+      log_error("Decrypt text of node(%.512s) failed.", open_element(*text).c_str());
+    }
+    append_escaped(cipher_text, text);
+  }
+
+private:
+  encrypt_use all_values_;
+  size_t failed_ = 0;
+};
 
 // Copies the text, with what `append_value` makes of the sealed values. One that does not end is taken to the end.
-void replace_sealed(std::string_view text, void (*append_value)(std::string_view, wiped_string *),
-                    wiped_string *ret_text)
+template <class T>
+void replace_sealed(std::string_view text, T &&append_value, wiped_string *ret_text)
 {
   wiped_string replaced;
   replaced.reserve(text.size());
@@ -89,11 +118,11 @@ bool sealed_text_is_in(std::string_view text)
 
 void sealed_text_open(std::string_view text, wiped_string *ret_text)
 {
-  encrypt_use all_values;
-  replace_sealed(text, append_opened, ret_text);
+  replace_sealed(text, opener(), ret_text);
 }
 
 void sealed_text_mask(std::string_view text, wiped_string *ret_text)
 {
-  replace_sealed(text, append_mask, ret_text);
+  replace_sealed(
+      text, [](std::string_view, wiped_string *masked) { masked->append(MASK); }, ret_text);
 }
