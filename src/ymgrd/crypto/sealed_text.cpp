@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr char SEAL = '\x01';
 constexpr std::string_view MASK = "***";
 
 const struct {

@@ -7,6 +7,8 @@
 
 #include "libconf/wiped_string.h"
 
+constexpr char SEAL = '\x01';
+
 void sealed_text_append(std::string_view cipher_text, wiped_string *text);
 bool sealed_text_is_in(std::string_view text);
 // The markup with the values in clear, escaped. One that cannot be decrypted stays cipher text (logged).

@@ -6,7 +6,6 @@
 
 namespace {
 
-constexpr char SEAL = '\1';
 constexpr std::string_view PRIVATE = "\xEE\x80\x80"; // U+E000
 constexpr std::string_view XML_SEAL = "\xEE\x80\x80S";
 constexpr std::string_view XML_LITERAL = "\xEE\x80\x80L";
