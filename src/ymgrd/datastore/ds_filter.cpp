@@ -60,6 +60,9 @@ struct sealed_data : parsed_data {
     content_key_t key = parsed_data::content_key(elem, buffer);
     if (ds_is_sealed_in_xml(key.text)) {
       key.text = ds_open_sealed_in_xml(wiped_string(key.text), buffer);
+    } else if (ds_needs_xml_seals(key.text)) { // a private-use character of the data's own
+      *buffer = ds_seals_from_xml(key.text);
+      key.text = *buffer;
     }
     return key;
   }

@@ -6,6 +6,7 @@
 
 #include "ymgrd/datastore/ds_filter.h"
 #include "ymgrd/datastore/ds_filter_text.h"
+#include "ymgrd/datastore/ds_sealed.h"
 
 namespace {
 
@@ -99,4 +100,11 @@ TEST(filter_cut, text_that_needs_a_parser_is_left_alone)
     EXPECT_EQ(cut_text(data, "<a/>", 100, &taken), "") << data;
     EXPECT_EQ(taken, 0U) << data;
   }
+}
+
+TEST(filter_cut, characters_in_which_seals_are_written_for_a_parser_are_data_too)
+{
+  const std::string data = "<a><x>\xEE\x80\x80S1\xEE\x80\x80S</x><y>\1#%<&%\1</y></a><a><x>2</x></a>";
+  std::string left = cut(std::string(ds_seals_to_xml(data)), "<a><x>\xEE\x80\x80S1\xEE\x80\x80S</x><y/></a>");
+  EXPECT_EQ(std::string(ds_seals_from_xml(left)), data.substr(0, data.find("<a><x>2")));
 }
