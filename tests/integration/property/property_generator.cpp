@@ -31,6 +31,8 @@ const std::vector<std::string> strings = {
     "]",
     "#",
 };
+const std::vector<std::string> without_blanks = {"a",    "b", "<&>\"'",
+                                                 "#%#%", "",  std::string(40, 'x')}; // sensitive ones
 const std::vector<text_t> numbers = {{"1"}, {"2", "+2"}, {"3"}, {"4", "04"}, {"5"}, {"6"}, {"7"}, {"8", "008"}, {"9"}};
 const std::map<LY_DATA_TYPE, std::vector<text_t>> values = {
     {LY_TYPE_UINT8, numbers},
@@ -155,7 +157,8 @@ void generator::draw_value(node_t *leaf)
     leaf->spelling = text.spelling;
   } else {
     bool is_known = type == LY_TYPE_LEAFREF && !items_.empty() && chance(90);
-    leaf->value = leaf->spelling = one_of(is_known ? items_ : strings);
+    bool is_sensitive = SENSITIVE.contains(leaf->schema->name);
+    leaf->value = leaf->spelling = one_of(is_known ? items_ : is_sensitive ? without_blanks : strings);
   }
 }
 
