@@ -131,7 +131,9 @@ const fault_t faults[] = {
     {"invalid-value", refuses_some_text, [](node_t *node) { node->spelling = "no such value"; }},
     {"missing-element", [](const node_t &node) { return node.schema->nodetype == LYS_LIST; },
      [](node_t *node) { node->children.erase(node->children.begin()); }},
-    {"bad-attribute", is_any_node, [](node_t *node) { node->operation = "destroy"; }},
+    // The value of a sensitive leaf, which need not be one when the leaf is to be deleted, is looked at first.
+    {"bad-attribute", [](const node_t &node) { return !SENSITIVE.contains(node.schema->name); },
+     [](node_t *node) { node->operation = "destroy"; }},
     {"unknown-attribute", is_any_node, [](node_t *node) { node->extra = " operation=\"merge\""; }},
 };
 
