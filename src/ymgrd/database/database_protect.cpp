@@ -13,6 +13,7 @@
 namespace {
 
 constexpr const char PATHS_KEY[] = "ymgrd-sensitive"; // in running's database: the paths, each with a NUL behind it
+constexpr const char UNFINISHED[] = "";               // noted as a path while a conversion has not come to its end
 constexpr size_t KEYS_AT_ONCE = 1000;
 
 using path_set_t = std::set<std::string, std::less<>>;
@@ -96,15 +97,17 @@ private:
     if (db_read_value(value, &type, &text) != 0 || text.empty()) {
       return;
     }
-    const path_set_t &concerned = encrypt_is_marked(text) ? before_ : now_;
     std::string path = db_path_without_keys(key, field);
-    if (!concerned.contains(path) || (now_.contains(path) && is_cipher_text(text))) {
+    bool is_to_encrypt = now_.contains(path);
+    // A password may look like cipher text.
+    bool is_due = is_to_encrypt ? !is_cipher_text(text) : before_.contains(path) && encrypt_is_marked(text);
+    if (!is_due) {
       return;
     }
     std::string converted;
-    if (convert_text(text, now_.contains(path), &converted) != 0) {
+    if (convert_text(text, is_to_encrypt, &converted) != 0) {
       log_error("Stored value of %.512s could not be %s.", path.c_str(),
-                now_.contains(path) ? "encrypted: it is in clear until it is set again" : "decrypted");
+                is_to_encrypt ? "encrypted: it is in clear until it is set again" : "decrypted");
       has_failed_ = true;
       return;
     }
@@ -132,6 +135,12 @@ private:
   bool has_failed_ = false;
 };
 
+int note_paths(rContext *connection, const path_set_t &paths)
+{
+  redis_reply_ptr noted = redis_command(connection, {"SET", PATHS_KEY, join_paths(paths)});
+  return noted == nullptr || redis_reply_is_error(noted.get()) ? -1 : 0;
+}
+
 // The old values must not stay in the server's files either.
 void renew_files(rContext *connection)
 {
@@ -157,6 +166,13 @@ int db_protect_stored()
   if (now == before) {
     return 0;
   }
+  // Should it be cut off, the next start converts too, even if its profile is again the one of before.
+  path_set_t either = now;
+  either.insert(before.begin(), before.end());
+  either.insert(UNFINISHED);
+  if (note_paths(running.get(), either) != 0) {
+    return -1;
+  }
   size_t converted = 0;
   bool has_failed = false;
   encrypt_use all_values;
@@ -177,6 +193,5 @@ int db_protect_stored()
   if (has_failed) {
     return 0; // tried again at the next start
   }
-  redis_reply_ptr noted = redis_command(running.get(), {"SET", PATHS_KEY, join_paths(now)});
-  return noted == nullptr || redis_reply_is_error(noted.get()) ? -1 : 0;
+  return note_paths(running.get(), now);
 }

@@ -1,5 +1,6 @@
 #include "ymgrd/notify/event_store.h"
 
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cstring>
@@ -19,6 +20,9 @@ using std::chrono::steady_clock;
 constexpr std::string_view EVENT_LIST = "event_key_list";
 constexpr std::string_view CREATED_KEY = "event_key_created";
 constexpr std::string_view TCP_SCHEME = "tcp:";
+// Times that a date of four digits can tell.
+constexpr time_t EARLIEST = -62167219200; // 0000-01-01
+constexpr time_t LATEST = 253402300799;   // 9999-12-31
 constexpr auto RETRY_INTERVAL = std::chrono::seconds(1);
 
 std::string g_ndb_sock; // address of the notification database
@@ -91,29 +95,22 @@ std::string encode(const stored_event_t &event)
   return record;
 }
 
-// A moment of the years that a date-time can have.
-bool is_time(time_t eventtime)
-{
-  constexpr time_t YEAR_0 = -62167219200;
-  constexpr time_t YEAR_10000 = 253402300800;
-  return eventtime >= YEAR_0 && eventtime < YEAR_10000;
-}
-
 stored_event_t decode(std::string_view record, uint64_t number)
 {
   constexpr size_t HEAD = sizeof(time_t);
   stored_event_t event;
   event.number = number;
-  if (record.size() >= HEAD) {
-    std::memcpy(&event.eventtime, record.data(), HEAD);
-  }
+  time_t eventtime = 0;
+  std::memcpy(&eventtime, record.data(), std::min(record.size(), HEAD));
   // The content is an element, and its end the only zero byte.
-  event.is_damaged = record.size() < HEAD + 2 || record.find('\0', HEAD) != record.size() - 1 || record[HEAD] != '<' ||
-                     record[record.size() - 2] != '>' || !is_time(event.eventtime);
+  event.is_damaged = record.size() < HEAD + 3 || record.find('\0', HEAD) != record.size() - 1 || record[HEAD] != '<' ||
+                     record[HEAD + 1] == '?' || record[HEAD + 1] == '!' || record[record.size() - 2] != '>' ||
+                     eventtime < EARLIEST || eventtime > LATEST;
   if (event.is_damaged) {
     event.content = record;
     return event;
   }
+  event.eventtime = eventtime;
   event.content = record.substr(HEAD, record.size() - HEAD - 1);
   return event;
 }

@@ -29,8 +29,10 @@
 namespace {
 
 constexpr uint32_t SOCKET_FAILURE = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
-// Datagrams taken in one wake-up: a plugin that floods the socket must not keep the loop from the agents.
+// Datagrams, and their bytes, taken in one wake-up: a plugin that floods the socket must not keep the loop from the
+// agents.
 constexpr int MOST_AT_ONCE = 64;
+constexpr size_t MOST_BYTES_AT_ONCE = 64 * 1024; // the last one may go beyond
 // Of one event.
 constexpr size_t LONGEST_DATAGRAM = 256 * 1024;
 
@@ -183,11 +185,12 @@ ssize_t receive_datagram(int sock, size_t length, notifier_buffer_t *buffer)
   return receive_into(sock, own.data(), own.size());
 }
 
-// 1 when a datagram was taken, 0 when none waits, -1 when the socket fails.
-int take_datagram(int sock, notifier_buffer_t *buffer)
+// 1 when a datagram was taken, whose length is added; 0 when none waits, -1 when the socket fails.
+int take_datagram(int sock, notifier_buffer_t *buffer, size_t *bytes)
 {
   ssize_t length = recv(sock, nullptr, 0, MSG_DONTWAIT | MSG_PEEK | MSG_TRUNC);
   if (length >= 0) {
+    *bytes += static_cast<size_t>(length);
     length = receive_datagram(sock, static_cast<size_t>(length), buffer);
   }
   if (length >= 0) {
@@ -296,8 +299,9 @@ int notifier_service_wakeup(uint32_t event)
     return 0;
   }
   int taken = 1;
-  for (int i = 0; i < MOST_AT_ONCE && taken == 1; i++) {
-    taken = take_datagram(notifier_service_sock(), buffer);
+  size_t bytes = 0;
+  for (int i = 0; i < MOST_AT_ONCE && bytes < MOST_BYTES_AT_ONCE && taken == 1; i++) {
+    taken = take_datagram(notifier_service_sock(), buffer, &bytes);
   }
   return taken < 0 ? -1 : 0;
 }

@@ -42,14 +42,18 @@ public:
     if (!is_in_time(subscription, event_.eventtime)) {
       return false;
     }
-    if (subscription.su_filter == nullptr) {
-      return true;
-    }
+    return subscription.su_filter == nullptr ||
+           (is_one_element() && event_filter_selects(*subscription.su_filter, content_.get()));
+  }
+
+  // To be asked of stored events: anything else would make the message no XML for its reader.
+  bool is_one_element()
+  {
     if (!is_parsed_) {
       content_ = lyxml_parse_mem(event_.content);
       is_parsed_ = true;
     }
-    return content_ != nullptr && event_filter_selects(*subscription.su_filter, content_.get());
+    return content_ != nullptr;
   }
 
   int queue_for(int session_id)
@@ -215,14 +219,15 @@ std::vector<stored_event_t> send_slice(const client_entry_t &entry, client_subsc
     }
     skip_lost(subscription, event.number);
     subscription->position = event.number + 1;
-    if (event.is_damaged) {
+    outgoing_event outgoing(event);
+    bool is_damaged = event.is_damaged || !outgoing.is_one_element();
+    if (is_damaged) {
       log_warn("A damaged record of the event log is removed.");
     }
-    if (event.is_damaged || (is_in_time(*subscription, event.eventtime) && now - event.eventtime > AGE_MAX)) {
+    if (is_damaged || (is_in_time(*subscription, event.eventtime) && now - event.eventtime > AGE_MAX)) {
       removed.push_back(event);
       continue;
     }
-    outgoing_event outgoing(event);
     if (outgoing.is_wanted_by(*subscription)) {
       (void)queue_or_miss(entry, subscription, &outgoing); // counted there
     }

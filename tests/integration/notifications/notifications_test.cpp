@@ -247,7 +247,8 @@ TEST_F(notifications, aged_and_damaged_records_are_removed_when_they_are_met)
   for (int number = 1001; number <= 2000; number++) {
     planting.push_back(record(now, tick(number, std::string(1000, 'x'))));
   }
-  for (const std::string &text : {record(aged, tick(3)), record(now, tick(4)) + "more",
+  for (const std::string &text : {record(aged, tick(3)), record(now, tick(4)) + "more", record(now, "<a><b></a>"),
+                                  record(now, "<?xml version=\"1.0\"?><a/>"),
                                   record(std::numeric_limits<time_t>::max(), tick(4)), record(now, tick(5))}) {
     planting.push_back(text);
   }

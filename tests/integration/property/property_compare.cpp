@@ -97,6 +97,20 @@ std::string list_line(const std::string &key, std::vector<std::string> entries, 
   return escaped(text);
 }
 
+constexpr char SEALED[] = "cipher text";
+
+// A stored value as the model can tell it, too.
+std::string without_cipher_text(const std::string &field, const std::string &value)
+{
+  auto leaf = SENSITIVE.find(field.substr(field.find(':') + 1));
+  if (leaf == SENSITIVE.end() || value.size() <= 8) {
+    return value;
+  }
+  const std::string text = value.substr(4, value.size() - 8);
+  bool is_sealed = text == leaf->second || (text.size() > 40 && text.starts_with("#%") && text.ends_with("#%"));
+  return is_sealed ? value.substr(0, 4) + SEALED + value.substr(value.size() - 4) : value;
+}
+
 // "/module:top/x" is the key "/module/top/x"; the module's own key is "/module".
 void add_stored(const node_t &parent, const std::string &parent_key, lines_t *lines)
 {
@@ -118,7 +132,9 @@ void add_stored(const node_t &parent, const std::string &parent_key, lines_t *li
       is_ordered = lysc_is_userordered(child.schema);
       entry = "[" + predicate(child) + "]";
     }
-    lines->insert(field_line(key, name, entry.empty() ? VALUE_SINGLE : VALUE_LIST, entry.empty() ? child.value : ""));
+    bool is_sealed = SENSITIVE.contains(child.schema->name) && !child.value.empty();
+    lines->insert(field_line(key, name, entry.empty() ? VALUE_SINGLE : VALUE_LIST,
+                             entry.empty() ? (is_sealed ? SEALED : child.value) : ""));
     add_stored(child, key + "/" + name + entry, lines);
   }
   for (const auto &[key, list] : lists) {
@@ -166,7 +182,7 @@ lines_t stored_lines(const schema &yang, support::redis_server *redis, int db)
       lines.insert(list_line(key, value.texts, yang.is_ordered(key.substr(key.rfind('/') + 1))));
     }
     for (size_t i = 0; value.type == "hash" && key != "ymgrd-info" && i < value.texts.size(); i += 2) {
-      lines.insert(field_line(key, value.texts[i], value.texts[i + 1]));
+      lines.insert(field_line(key, value.texts[i], without_cipher_text(value.texts[i], value.texts[i + 1])));
     }
   }
   if (!content.contains(std::string("/") + MODULE)) { // a module whose data is gone may keep its field

@@ -31,6 +31,8 @@ const std::vector<std::string> strings = {
     "]",
     "#",
 };
+const std::vector<std::string> without_blanks = {"a",    "b", "<&>\"'",
+                                                 "#%#%", "",  std::string(40, 'x')}; // sensitive ones
 const std::vector<text_t> numbers = {{"1"}, {"2", "+2"}, {"3"}, {"4", "04"}, {"5"}, {"6"}, {"7"}, {"8", "008"}, {"9"}};
 const std::map<LY_DATA_TYPE, std::vector<text_t>> values = {
     {LY_TYPE_UINT8, numbers},
@@ -129,7 +131,9 @@ const fault_t faults[] = {
     {"invalid-value", refuses_some_text, [](node_t *node) { node->spelling = "no such value"; }},
     {"missing-element", [](const node_t &node) { return node.schema->nodetype == LYS_LIST; },
      [](node_t *node) { node->children.erase(node->children.begin()); }},
-    {"bad-attribute", is_any_node, [](node_t *node) { node->operation = "destroy"; }},
+    // The value of a sensitive leaf, which need not be one when the leaf is to be deleted, is looked at first.
+    {"bad-attribute", [](const node_t &node) { return !SENSITIVE.contains(node.schema->name); },
+     [](node_t *node) { node->operation = "destroy"; }},
     {"unknown-attribute", is_any_node, [](node_t *node) { node->extra = " operation=\"merge\""; }},
 };
 
@@ -155,7 +159,8 @@ void generator::draw_value(node_t *leaf)
     leaf->spelling = text.spelling;
   } else {
     bool is_known = type == LY_TYPE_LEAFREF && !items_.empty() && chance(90);
-    leaf->value = leaf->spelling = one_of(is_known ? items_ : strings);
+    bool is_sensitive = SENSITIVE.contains(leaf->schema->name);
+    leaf->value = leaf->spelling = one_of(is_known ? items_ : is_sensitive ? without_blanks : strings);
   }
 }
 

@@ -2,6 +2,7 @@
 // possible and without any of the daemon's code. Of libyang only the schema is looked at.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -13,6 +14,12 @@ namespace property {
 
 constexpr char MODULE[] = "prop";
 constexpr char AUGMENTING_MODULE[] = "prop-ext";
+// Sensitive leaves with their defaults, which are no secrets: no other node has the name of one. The profile's form of
+// all follows.
+const std::map<std::string, std::string> SENSITIVE = {{"title", ""}, {"number", "7"},   {"banner-text", ""},
+                                                      {"code", ""},  {"label", "none"}, {"width", ""}};
+constexpr char SENSITIVE_KEYS[] = R"(["/prop:title", "/prop:top/number", "/prop:top/banner-text", "/prop:top/item/code",
+  "/prop:top/item/label", "/prop:top/item/width"])";
 
 // The test's modules, in a context of their own.
 class schema {

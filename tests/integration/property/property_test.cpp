@@ -7,6 +7,7 @@
 #include "property_compare.h"
 #include "property_generator.h"
 #include "support/daemon_test.h"
+#include "support/working_key.h"
 
 namespace {
 
@@ -27,6 +28,8 @@ protected:
       std::filesystem::copy_file(PROPERTY_MODULES_DIR + file, daemon.modules_dir() + file);
       daemon.options().modules.push_back({module});
     }
+    daemon.options().profile["sensitive-key"] = property::SENSITIVE_KEYS;
+    daemon.options().working_key = support::provision_key(dir.path());
     daemon.options().arguments = {"--log-level", "info"};
     ASSERT_TRUE(daemon.start());
     session.emplace(daemon.run_dir());
