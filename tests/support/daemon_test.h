@@ -6,7 +6,10 @@
 #include <string>
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
+#include "libconf/unique_fd.h"
 #include "support/daemon_process.h"
 #include "support/netconf_session.h"
 #include "support/redis_server.h"
@@ -44,6 +47,16 @@ protected:
   netconf_session &connect(const std::string &username = "tester")
   {
     return sessions_.emplace_back(daemon.run_dir(), username);
+  }
+
+  // An event for the daemon, as plugins send it. Waits while the daemon does not take it; false when it is not there.
+  bool emit(const std::string &content)
+  {
+    unique_fd sock(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address = {AF_UNIX, {}};
+    (daemon.run_dir() + "/notify.sock").copy(address.sun_path, sizeof(address.sun_path) - 1);
+    auto *place = reinterpret_cast<sockaddr *>(&address);
+    return sendto(sock.get(), content.data(), content.size(), 0, place, sizeof(address)) >= 0;
   }
 
   static bool contains(const std::string &text, const std::string &part)

@@ -6,10 +6,6 @@
 #include <regex>
 #include <thread>
 
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include "support/daemon_test.h"
 
 namespace {
@@ -75,11 +71,6 @@ protected:
       daemon.options().modules.push_back({name});
     }
   }
-  void TearDown() override
-  {
-    close(sender_);
-    daemon_test::TearDown();
-  }
 
   // `section` behind the streams: more members of the section.
   void start(const std::string &replay, const std::string &section = "", bool is_stored = true)
@@ -89,22 +80,11 @@ protected:
     ASSERT_TRUE(daemon.running() ? daemon.restart() : daemon.start());
   }
 
-  // Blocks while the daemon does not take it.
-  void emit(const std::string &content)
-  {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    std::string path = daemon.run_dir() + "/notify.sock";
-    ASSERT_LT(path.copy(address.sun_path, sizeof(address.sun_path) - 1), sizeof(address.sun_path) - 1);
-    ASSERT_EQ(static_cast<ssize_t>(content.size()),
-              sendto(sender_, content.data(), content.size(), 0, reinterpret_cast<const sockaddr *>(&address),
-                     sizeof(address)))
-        << strerror(errno);
-  }
+  using daemon_test::emit;
   void emit(int first, int last, size_t length = 0)
   {
     for (int number = first; number <= last; number++) {
-      emit(tick(number, std::string(length, 'x')));
+      ASSERT_TRUE(emit(tick(number, std::string(length, 'x'))));
     }
   }
   void plant(time_t moment, const std::string &content)
@@ -178,7 +158,6 @@ protected:
     *ret_last = last;
   }
 
-  int sender_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   const time_t now = time(nullptr);
 };
 

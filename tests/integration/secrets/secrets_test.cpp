@@ -112,6 +112,8 @@ TEST_F(secrets, wrong_values_are_refused_without_naming_them)
                             "<token>with blank</token>", "<password><b>70815</b></password>"}) {
     support::rpc_error_t error = session->error(edit_vault(user("anna", wrong)));
     EXPECT_EQ(error.tag, "invalid-value") << wrong;
+    EXPECT_TRUE(error.path.starts_with("/ex-sec:vault/ex-sec:user[ex-sec:name='anna']/ex-sec:")) << error.path;
+    EXPECT_EQ(contains(error.message, "0x21 to 0x7E"), contains(wrong, "blank")) << error.message;
     EXPECT_FALSE(contains(error.message, "70815") || contains(error.message, "abc")) << error.message;
   }
   EXPECT_EQ(redis.dump(RUNNING_DB), before);
@@ -221,15 +223,19 @@ TEST_F(secrets, of_state_and_operations_are_protected_too)
     return "<login xmlns=\"urn:ex-sec\"><password>" + password + "</password></login>";
   };
   EXPECT_NE(session->error(login("pass-nobody")).tag, ""); // no such user: a condition on the configuration
+  plugin_peer second = plugin("second");
+  second.operation("/ex-sec:login").start();
   ASSERT_TRUE(session->send(login("pass-anna")));
-  call = peer.next();
+  peer.refuse(peer.next(), 5, "can not");
+  call = second.next(); // the request that was kept meanwhile
   EXPECT_TRUE(contains(call.xml, "<password>pass-anna</password>")) << call.xml;
-  peer.accept(call,
-              "<token xmlns=\"urn:ex-sec\">t&lt;o&gt;k&amp;n</token><greeting xmlns=\"urn:ex-sec\">hi</greeting>");
+  second.accept(call,
+                "<token xmlns=\"urn:ex-sec\">t&lt;o&gt;k&amp;n</token><greeting xmlns=\"urn:ex-sec\">hi</greeting>");
   std::string reply = session->receive();
   EXPECT_TRUE(contains(reply, ">t&lt;o&gt;k&amp;n</token>") && contains(reply, ">hi</greeting>")) << reply;
   ASSERT_TRUE(session->send(login("pass-anna")));
-  peer.accept(peer.next(), "<token xmlns=\"urn:ex-sec\">bad</token>");
+  peer.refuse(peer.next(), 5, "can not");
+  second.accept(second.next(), "<token xmlns=\"urn:ex-sec\">bad</token>");
   EXPECT_FALSE(contains(received_error().message, ">bad<"));
   expect_nowhere({"key-of-session", "pass-anna", "pass-nobody", "t&lt;o", "t<o>k"});
 }

@@ -6,7 +6,6 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 
-#include "libconf/unique_fd.h"
 #include "support/daemon_test.h"
 
 using support::is_closed_by_daemon;
@@ -192,14 +191,18 @@ TEST_F(daemon_session, what_is_no_acceptable_xml_is_an_invalid_value_with_the_fr
 TEST_F(daemon_session, create_session_comes_first_and_once)
 {
   ymgr_client_ptr early = connect_raw();
-  auto refused = [&early](const std::string &operation) {
+  auto refusal = [&early](const std::string &operation) {
     std::string reply = ymgr_rpc(early.get(), operation).value_or("");
-    return support::find_error(reply).value_or(support::rpc_error_t()).tag == "operation-failed";
+    return support::find_error(reply).value_or(support::rpc_error_t()).tag;
   };
-  EXPECT_TRUE(refused(support::get_config("running")));
-  EXPECT_TRUE(refused(SHUTDOWN));
+  EXPECT_EQ(refusal(support::get_config("running")), "operation-failed");
+  EXPECT_EQ(refusal(SHUTDOWN), "operation-failed");
+  EXPECT_EQ(
+      refusal("<create-session xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\"><agent-ppid>one</agent-ppid>"
+              "</create-session>"),
+      "invalid-value");
   ASSERT_TRUE(ymgr_create_session(early.get(), "tester"));
-  EXPECT_TRUE(refused(CREATE_SESSION));
+  EXPECT_EQ(refusal(CREATE_SESSION), "operation-failed");
   EXPECT_TRUE(contains(ymgr_rpc(early.get(), GET_CAPABILITY).value_or(""), "<capability>"));
 }
 
@@ -221,11 +224,8 @@ TEST_F(daemon_session, a_connection_beyond_the_limit_is_closed_and_a_freed_place
 TEST_F(daemon_session, shutdown_closes_the_idle_rest_answers_and_ends_with_status_one)
 {
   std::jthread events([this](const std::stop_token &stop) { // leave the daemon no idle second
-    sockaddr_un address = {AF_UNIX, ""};
-    (daemon.run_dir() + "/notify.sock").copy(address.sun_path, sizeof(address.sun_path) - 1);
-    unique_fd sock(socket(AF_UNIX, SOCK_DGRAM, 0));
     for (; !stop.stop_requested(); std::this_thread::sleep_for(std::chrono::milliseconds(50))) {
-      (void)sendto(sock.get(), "<event/>", 8, 0, reinterpret_cast<sockaddr *>(&address), sizeof(address));
+      (void)emit("<event/>");
     }
   });
   ASSERT_TRUE(session->ok(SHUTDOWN));

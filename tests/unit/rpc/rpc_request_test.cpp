@@ -1,19 +1,14 @@
 // What the ways of handlers to fail come to, and what only the inside of the daemon sees of sessions.
 #include <cstring>
-#include <filesystem>
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
-#include "libconf/conf_client_area.h"
-#include "libconf/conf_service.h"
 #include "ymgrd/broker/broker.h"
 #include "ymgrd/core/context.h"
 #include "ymgrd/core/handles.h"
 #include "ymgrd/core/log.h"
-#include "ymgrd/notify/base_notification.h"
 #include "ymgrd/rpc/rpc.h"
 #include "ymgrd/rpc/rpc_reply.h"
 #include "ymgrd/rpc/session.h"
@@ -63,8 +58,6 @@ int wait_for_plugin(int, const char *, lyxml_elem *)
   return 0;
 }
 
-std::vector<std::pair<notification_kind_t, base_notification_info_t>> notifications;
-
 class rpc_request : public testing::Test {
 protected:
   static void SetUpTestSuite()
@@ -89,11 +82,6 @@ protected:
     hooks.receive = rpc_recv_proc;
     session_set_hooks(hooks);
     rpc_set_next_subscriber_hook(broker_publish_operation_next);
-    notifications.clear();
-    base_notification_set_sink([](notification_kind_t kind, const base_notification_info_t &info) {
-      notifications.emplace_back(kind, info);
-      return 0;
-    });
     for (unique_fd &agent : agents) { // sessions 1 and 2
       int socks[2];
       ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, socks));
@@ -104,7 +92,6 @@ protected:
   void TearDown() override
   {
     rpc_set_next_subscriber_hook(nullptr);
-    base_notification_set_sink(nullptr);
     for (int session_id = 1; session_id <= context_list_size("LIST-session"); session_id++) {
       session_del_rpc_context(session_id);
       session_inst_exit(session_id);
@@ -214,37 +201,6 @@ TEST_F(rpc_request, each_request_is_answered_once_however_its_subscribers_fail)
       broker_unreg_oper_subscriber(nullptr, "/zentra-ymgrd:get-capability");
     }
   }
-}
-
-TEST_F(rpc_request, session_operations_tell_who_came_and_went_and_why)
-{
-  std::string dir = (std::filesystem::temp_directory_path() / "rpc-XXXXXX").string();
-  ASSERT_NE(nullptr, mkdtemp(dir.data()));
-  conf_set_run_dir(dir.c_str());
-  ASSERT_EQ(0, session_init(STAGE_RESTORE));
-  conf_client_info_t client = {getpid(), AF_INET6, {}};
-  inet_pton(AF_INET6, "2001:db8::7", client.address);
-  ASSERT_EQ(0, conf_register_client(dir, client));
-  std::string input = "<username>admin</username><agent-ppid>" + std::to_string(getpid()) + "</agent-ppid>";
-  EXPECT_TRUE(has(ask(1, own_operation("create-session", "<agent-ppid>one</agent-ppid>")), "invalid-value"));
-  EXPECT_TRUE(has(ask(1, own_operation("create-session", input)), ">1</ymgrd:session-id>"));
-  ASSERT_EQ(1U, notifications.size());
-  EXPECT_EQ(NCNTF_BASE_SESSION_START, notifications[0].first);
-  EXPECT_EQ("admin", notifications[0].second.username);
-  EXPECT_EQ("2001:db8::7", notifications[0].second.ipaddr);
-
-  open_session(2);
-  EXPECT_TRUE(has(ask(1, rpc_text("<kill-session><session-id>2</session-id></kill-session>")), "<ok/>"));
-  EXPECT_TRUE(has(ask(1, rpc_text("<close-session/>")), "<ok/>"));
-  ASSERT_EQ(4U, notifications.size());
-  for (int reason : {1, 0}) { // killed, closed
-    const auto &[kind, info] = notifications[3U - static_cast<size_t>(reason)];
-    EXPECT_EQ(NCNTF_BASE_SESSION_END, kind);
-    EXPECT_EQ(reason, info.termination_reason);
-    EXPECT_EQ(1 + reason, info.session_id);
-    EXPECT_EQ(reason, info.killed_by);
-  }
-  std::filesystem::remove_all(dir);
 }
 
 TEST_F(rpc_request, large_messages_pass_through_small_sockets_and_leave_small_buffers)
