@@ -102,6 +102,7 @@ void secrets::change_and_read()
   EXPECT_TRUE(session->ok(COMMIT));
   EXPECT_TRUE(session->ok(support::copy_config("startup", "<running/>")));
   session->rpc(filtered(door(pin())));
+  session->rpc("<get><filter>" + door(pin()) + "</filter></get>");
 }
 
 void secrets::ask_in_vain()
