@@ -336,9 +336,11 @@ plugin_doc_ptr plugin_parse_message(std::string_view text)
   if (parser == nullptr) {
     return nullptr;
   }
+  xmlResetLastError();
   plugin_doc_ptr doc(xmlCtxtReadMemory(parser, text.data(), static_cast<int>(text.size()), nullptr, "UTF-8",
                                        PARSE_OPTIONS | (is_huge ? XML_PARSE_HUGE : 0)));
-  bool is_sound = doc != nullptr && parser->nsWellFormed != 0 && xmlDocGetRootElement(doc.get()) != nullptr;
+  bool is_sound = doc != nullptr && parser->nsWellFormed != 0 && xml_is_complete(parser) &&
+                  xmlDocGetRootElement(doc.get()) != nullptr;
   if (is_sound) {
     xmlCtxtReset(parser); // it would hold the message until the next one
   } else {

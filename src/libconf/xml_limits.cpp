@@ -91,4 +91,12 @@ void xml_limit_parser(xmlParserCtxt *parser)
 {
   parser->sax->internalSubset = refuse_dtd;
   parser->sax->startElementNs = start_element;
+  parser->vctxt.error = nullptr; // told what is wrong even where XML_PARSE_NOERROR is set
+  parser->vctxt.warning = nullptr;
+}
+
+bool xml_is_complete(const xmlParserCtxt *parser)
+{
+  const xmlError *last = xmlGetLastError(); // text that could not be copied is not the parser's error
+  return parser->disableSAX == 0 && (last == nullptr || last->code != XML_ERR_NO_MEMORY);
 }

@@ -1,5 +1,6 @@
-// What a plugin sends is arbitrary here. The daemon, its own main in a thread, must survive it, go on serving a good
-// plugin, and answer the client once. The first byte of an input says when the rest is sent, and as what.
+// What a plugin sends is arbitrary here, and so are the filters of subscriptions and sensitive values. The daemon, its
+// own main in a thread, must survive it, go on serving a good plugin, and answer the client once. The first byte of an
+// input says when the rest is sent, and as what.
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -7,10 +8,15 @@
 #include <thread>
 #include <vector>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "libconf/unique_fd.h"
 #include "support/daemon_process.h"
 #include "support/netconf_session.h"
 #include "support/plugin_peer.h"
 #include "support/redis_server.h"
+#include "support/working_key.h"
 #include "ymgrd/core/context.h"
 
 int ymgrd_main(int argc, char **argv);
@@ -37,6 +43,13 @@ public:
 private:
   std::thread start()
   {
+    for (const char *module : {"notifications", "nc-notifications"}) {
+      profile_.options().modules.push_back({module});
+    }
+    profile_.options().profile = {
+        {"notification", R"({"db-enabled": true, "streams": [{"name": "NETCONF", "replay": true}]})"},
+        {"sensitive-key", R"(["/ex-sys:system/user/password"])"}};
+    profile_.options().working_key = support::provision_key(dir_.path());
     profile_.write_profile();
     std::vector<std::string> words = {"ymgrd", "--profile", profile_.profile_path(), "--run-dir", run_dir()};
     if (std::getenv("YMGR_FUZZ_LOG") != nullptr) {
@@ -71,8 +84,13 @@ enum moment_t {
   FRAME_WHEN_READY,
   ON_GET,
   ON_OPERATION,
-  ON_CHANGE
+  ON_CHANGE,
+  AS_EVENT,
+  AS_SUBSCRIPTION,
+  AS_SECRET,
+  MOMENTS
 };
+constexpr int MOMENT_DIGITS = 16; // "0" is the first moment
 
 void send_unasked(moment_t moment, plugin_peer *peer, const std::string &text)
 {
@@ -84,6 +102,15 @@ void send_unasked(moment_t moment, plugin_peer *peer, const std::string &text)
   } else {
     peer->send_text(text, 7);
   }
+}
+
+void send_event(const std::string &run_dir, const std::string &text)
+{
+  unique_fd sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  (void)(run_dir + "/notify.sock").copy(address.sun_path, sizeof(address.sun_path) - 1);
+  (void)sendto(sender.get(), text.data(), text.size(), 0, reinterpret_cast<sockaddr *>(&address), sizeof(address));
 }
 
 constexpr std::chrono::seconds ASKED_BY_NOW{5};
@@ -127,8 +154,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     EXPECT_TRUE(daemon.session.ok(system_with("<user><name>a</name></user><dns>10.0.0.1</dns><dns>10.0.0.2</dns>"
                                               "<rule><id>a</id></rule><rule><id>b</id></rule>")));
   }
-  auto moment = static_cast<moment_t>(data[0] % (ON_CHANGE + 1));
+  auto moment = static_cast<moment_t>(data[0] % MOMENT_DIGITS % MOMENTS);
   std::string text(reinterpret_cast<const char *>(data) + 1, size - 1);
+  if (moment >= AS_EVENT) {
+    support::netconf_session client(daemon.run_dir());
+    if (moment == AS_EVENT) {
+      EXPECT_TRUE(client.ok("<create-subscription xmlns=\"urn:ietf:params:xml:ns:netconf:notification:1.0\"/>"));
+      send_event(daemon.run_dir(), text);
+    }
+    EXPECT_NE(client.rpc(moment == AS_SECRET ? system_with("<user><name>a</name>" + text + "</user>") : text), "");
+    return 0;
+  }
   plugin_peer bad(daemon.run_dir(), "bad" + std::to_string(tries));
   if (moment >= WHEN_READY) {
     (void)bad.config("/ex-sys:system", 1).status("/ex-sys:state").operation("/ex-sys:restart-service").start();

@@ -150,8 +150,9 @@ lyxml_ptr lyxml_parse_mem(std::string_view text)
   if (parser == nullptr) {
     return nullptr;
   }
+  xmlResetLastError();
   xmlParseDocument(parser.get());
-  if (parser->wellFormed == 0 || parser->nsWellFormed == 0) {
+  if (parser->wellFormed == 0 || parser->nsWellFormed == 0 || !xml_is_complete(parser.get())) {
     xmlResetLastError(); // it may name what was text, taken for markup
     return nullptr;
   }
