@@ -277,15 +277,18 @@ int check_copied_nodes(ds_config_t *config, reply_error_ptr *ret_error)
 
 // --- Text for libyang.
 
-wiped_string content_text(const lyxml_elem *config)
+// 0, or -1 when memory was too short for a part: the rest alone would be another edit.
+int content_text(const lyxml_elem *config, wiped_string *text)
 {
-  wiped_string text;
   for (lyxml_elem *child = lyxml_first_child(config); child != nullptr; child = lyxml_next(child)) {
     std::string markup = lyxml_print_self_contained(child);
-    text.append(markup);
+    if (markup.empty()) {
+      return -1;
+    }
+    text->append(markup);
     memset_s(markup.data(), markup.size(), 0, markup.size());
   }
-  return text;
+  return 0;
 }
 
 int config_failure(reply_error_ptr *ret_error, int kind, const char *message)
@@ -319,7 +322,10 @@ lyxml_elem *find_config(lyxml_elem *rpc, NC_OP nc_op, reply_error_ptr *ret_error
 // request.
 int parse_content(const lyxml_elem *elem, ds_config_t *config, reply_error_ptr *ret_error)
 {
-  wiped_string text = content_text(elem);
+  wiped_string text;
+  if (content_text(elem, &text) != 0) {
+    return config_failure(ret_error, REPLY_ERR_OP_FAILED, "Memory is too short for the configuration.");
+  }
   if (text.empty()) {
     return 0;
   }

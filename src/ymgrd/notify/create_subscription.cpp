@@ -13,6 +13,7 @@
 namespace {
 
 constexpr size_t MOST_SUBSCRIPTIONS = 16; // of one session
+constexpr size_t MOST_FILTER = 65536;     // bytes: it is kept, and applied to each event
 
 typedef enum {
   NO_WRONG = 0,
@@ -180,6 +181,10 @@ int take_filter(const subscription_request_t &request, client_subscription_t *su
 {
   if (request.filter == nullptr) {
     return 0;
+  }
+  if (lyxml_print_mem(request.filter).size() > MOST_FILTER) {
+    *ret_error = rpc_make_error(REPLY_ERR_TOO_BIG, "The filter is too large.");
+    return -1;
   }
   switch (event_filter_create(request.filter, &subscription->su_filter)) {
   case EVENT_FILTER_OK:
