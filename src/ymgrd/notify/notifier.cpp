@@ -310,6 +310,7 @@ void notifier_timer()
 {
   if (client_is_any()) {
     notifier_flush(); // events up to the stop time come before its end is told
+    notifier_note_lost();
     notifier_send_complete();
   }
 }

@@ -155,6 +155,7 @@ bool send_live_event(const client_entry_t &entry, client_subscription_t *subscri
     return queue_or_miss(entry, subscription, event);
   }
   if (number != nullptr) {
+    log_info("Session %d has no room for events: they wait in the store.", subscription->session_id);
     subscription->is_live = false;
     subscription->position = *number;
     subscription->slice = FIRST_SLICE;
@@ -344,6 +345,17 @@ bool notifier_can_send_stored()
                             is_served(*entry) && has_much_room(*entry));
   });
   return can_send && event_store_is_usable();
+}
+
+void notifier_note_lost()
+{
+  client_for_each([](client_entry_t *entry) {
+    for (client_subscription_t &subscription : entry->ce_subscription) {
+      if (is_behind(subscription)) {
+        skip_lost(&subscription, event_store_begin());
+      }
+    }
+  });
 }
 
 void notifier_send_complete()

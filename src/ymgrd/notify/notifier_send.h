@@ -16,5 +16,7 @@ void notifier_send_live(std::span<const stored_event_t> events, const uint64_t *
 // Sends stored events to the subscriptions that are behind: a slice for each session that has room.
 void notifier_send_stored();
 bool notifier_can_send_stored();
+// Tells the log of subscriptions from which the bound of the store takes events before their sessions have read them.
+void notifier_note_lost();
 // Ends the subscriptions whose stop time has passed, unless they are behind.
 void notifier_send_complete();
