@@ -70,8 +70,8 @@ start_plugin() {
 
 mkdir "$dir/modules"
 cp "$repository"/modules/*.yang "$repository"/examples/plugins/interfaces/*.yang "$dir/modules/"
-sed -e "s|/tmp/ymgr/redis.sock|$dir/redis.sock|" -e '/"ex-/d' \
-  -e '/"zentra-ymgrd"/s|},$|},\n    {"name": "ex-interfaces", "revision": "2026-01-01", "feature": [], "deviation": []}|' \
+sed -e "s|/tmp/ymgr/redis.sock|$dir/redis.sock|" -e '/"ex-[bes]/d' \
+  -e '/"ex-types"/s|.*|    {"name": "ex-interfaces", "revision": "2026-01-01"}|' \
   "$repository/examples/ymgrd.conf" >"$dir/ymgrd.conf"
 redis-server --port 0 --unixsocket "$dir/redis.sock" --save '' --dir "$dir" >"$dir/redis.log" &
 pids+=($!)
@@ -92,6 +92,7 @@ wait_for "... and its mtu" has_mtu v0 1400
 wait_for "... and is up" is_up v0
 ip link set v1 up
 wait_for "an event changed the state" state_shows '<name>v0</name><oper-status>up'
+wait_for "... and is a notification" grep -q '<link-change' <(redis-cli -s "$dir/redis.sock" -n 10 lrange event_key_list 0 -1)
 
 commit "<interface><name>v0</name><mtu>1300</mtu></interface><interface><name>none</name></interface>" >/dev/null
 wait_for "an unknown interface is refused" is_refused "There is no interface none"
