@@ -45,7 +45,7 @@ int redis_ensure_connected(rContext *connection);
 // Any command. Null when the connection failed; a reply of type REDIS_REPLY_ERROR is returned as it is.
 redis_reply_ptr redis_command(rContext *connection, const std::vector<std::string_view> &words);
 bool redis_reply_is_error(const redisReply *reply);
-// The bytes of a string reply, borrowed.
+// The bytes of a string reply, borrowed; empty for other replies without text.
 inline std::string_view redis_reply_text(const redisReply *reply)
 {
   return {reply->str, reply->len};

@@ -15,11 +15,6 @@ constexpr int MAX_DEPTH = 4095;
 constexpr size_t WINDOW_SIBLINGS = 512; // list entries that are read together
 constexpr size_t PIECE_KEYS = 4096;     // keys that are read before they are written out
 
-std::string_view text_of(const redisReply *reply)
-{
-  return {reply->str, reply->len};
-}
-
 std::string child_key(std::string_view key, std::string_view name)
 {
   std::string child(key);
@@ -133,7 +128,7 @@ public:
       changed = handle_->saved.modules;
     }
     for (size_t i = 0; i + 1 < reply->elements; i += 2) {
-      std::string module(text_of(reply->element[i]));
+      std::string module(redis_reply_text(reply->element[i]));
       auto known = changed.find(module);
       if (known == changed.end() || known->second) {
         ret_modules->push_back(module);
@@ -224,10 +219,10 @@ wiped_string *text_at_end(read_piece_t *node)
 int tree_reader::add_hash(read_piece_t *node, const redisReply *reply)
 {
   for (size_t i = 0; i + 1 < reply->elements; i += 2) {
-    std::string_view field = text_of(reply->element[i]);
+    std::string_view field = redis_reply_text(reply->element[i]);
     int32_t type = 0;
     std::string_view text;
-    if (db_read_value(text_of(reply->element[i + 1]), &type, &text) != 0) {
+    if (db_read_value(redis_reply_text(reply->element[i + 1]), &type, &text) != 0) {
       log_error("Failed to new element(%.512s/%.512s).", node->key.c_str(), std::string(field).c_str());
       return -1;
     }
@@ -252,7 +247,7 @@ int tree_reader::add_hash(read_piece_t *node, const redisReply *reply)
 int tree_reader::add_list(read_piece_t *node, const redisReply *reply)
 {
   for (size_t i = 0; i < reply->elements; i++) {
-    std::string_view member = text_of(reply->element[i]);
+    std::string_view member = redis_reply_text(reply->element[i]);
     read_piece_t entry;
     if (writer_.db_add_list_entry(node->key, member, &entry.text, &entry.name) != 0) {
       log_error("Failed to new list xmlnode(%.512s[%.512s]).", node->key.c_str(), std::string(member).c_str());
@@ -374,10 +369,10 @@ int look_up(db_view *view, const std::string &key, const std::string &item, db_l
   view->add({"LPOS", key, item});
   int sent = view->run([&lookup](size_t index, const redisReply *reply) {
     if (index == 0) {
-      lookup.type = key_type(text_of(reply));
+      lookup.type = key_type(redis_reply_text(reply));
     } else if (reply->type == REDIS_REPLY_STRING && lookup.type == DB_KEY_HASH) {
       lookup.found = true;
-      lookup.value = text_of(reply);
+      lookup.value = redis_reply_text(reply);
     } else if (reply->type == REDIS_REPLY_INTEGER && lookup.type == DB_KEY_LIST) {
       lookup.found = true;
       lookup.position = reply->integer;
@@ -406,7 +401,7 @@ int format_path_to_dbkey(db_view *view, std::string_view path, std::string *ret_
     view->add({"LINDEX", list_key, position});
     int sent = view->run([&member](size_t, const redisReply *reply) {
       if (reply->type == REDIS_REPLY_STRING) {
-        member = text_of(reply);
+        member = redis_reply_text(reply);
       }
     });
     if (sent != 0) {
@@ -635,7 +630,7 @@ int db_list_entries(int hdb, int tflag, const char *path, char **result)
     for (size_t i = 0; i < reply->elements && failed == 0; i++) {
       wiped_string element;
       std::string name;
-      failed |= writer.db_add_list_entry(list_key, text_of(reply->element[i]), &element, &name);
+      failed |= writer.db_add_list_entry(list_key, redis_reply_text(reply->element[i]), &element, &name);
       if (!name.empty()) {
         db_add_etag(name, &element);
       }

@@ -73,11 +73,6 @@ void note_length(uint64_t length)
   g_replay_num = length;
 }
 
-std::string_view text_of(const redisReply *reply)
-{
-  return reply->str == nullptr ? std::string_view() : std::string_view(reply->str, reply->len);
-}
-
 bool is_number(const redisReply *reply)
 {
   return reply->type == REDIS_REPLY_INTEGER && reply->integer >= 0;
@@ -145,7 +140,7 @@ int find_out()
     if (index == 0 && is_number(reply)) {
       length = static_cast<uint64_t>(reply->integer);
     } else if (index == 2) {
-      std::string_view text = text_of(reply);
+      std::string_view text = redis_reply_text(reply);
       (void)std::from_chars(text.data(), text.data() + text.size(), created); // stays unknown
     }
   };
@@ -272,7 +267,7 @@ int event_store_read(uint64_t from, size_t most, std::vector<stored_event_t> *re
       return;
     }
     for (size_t i = 0; i < reply->elements; i++) {
-      events.push_back(decode(text_of(reply->element[i]), i));
+      events.push_back(decode(redis_reply_text(reply->element[i]), i));
     }
   };
   if (run(batch.get(), "event store in db: the event log cannot be read.", on_reply) != 0) {
