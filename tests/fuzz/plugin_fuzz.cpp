@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include <openssl/crypto.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -143,7 +144,10 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
+  // OpenSSL's own end at the exit must come behind that of the daemon's thread: what begins first ends last.
+  static const int openssl = OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CONFIG, nullptr);
   static daemon_in_a_thread daemon;
+  (void)openssl;
   static plugin_peer good(daemon.run_dir(), "good");
   static int tries = 0;
   if (size == 0) {
