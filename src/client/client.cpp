@@ -57,6 +57,7 @@ struct _ymgr_client {
   uint16_t last_seq = 0;
   uint64_t last_message_id = 0;
   std::string error;
+  ymgr_progress_hook progress; // may be empty
 };
 
 namespace {
@@ -364,6 +365,11 @@ std::optional<std::string> ymgr_rpc(ymgr_client_t *client, std::string_view oper
       "<rpc message-id=\"" + std::to_string(++client->last_message_id) + "\" xmlns=\"" + BASE_NAMESPACE + "\">";
   rpc.append(operation).append("</rpc>");
   return ymgr_request(client, rpc, timeout);
+}
+
+void ymgr_set_progress(ymgr_client_t *client, ymgr_progress_hook hook)
+{
+  client->progress = std::move(hook);
 }
 
 bool ymgr_send_raw(ymgr_client_t *client, std::string_view bytes)

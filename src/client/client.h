@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -43,6 +44,16 @@ std::optional<std::string> ymgr_request(ymgr_client_t *client, std::string_view 
 // The same for an operation: wraps `operation` (one element) in <rpc> with the next message-id.
 std::optional<std::string> ymgr_rpc(ymgr_client_t *client, std::string_view operation,
                                     ymgr_duration timeout = YMGR_DEFAULT_TIMEOUT);
+
+typedef struct _ymgr_progress {
+  size_t sent = 0; // bytes of the request
+  size_t size = 0; // of them in all
+} ymgr_progress_t;
+// For whoever waits with a person at the terminal: called while a request is sent and its reply awaited, after each
+// piece and at least ten times a second. When it returns false the wait ends as with a time-out, the error being
+// "interrupted"; unless all was sent the connection can then send nothing more, and the daemon drops what it has got.
+using ymgr_progress_hook = std::function<bool(const ymgr_progress_t &progress)>;
+void ymgr_set_progress(ymgr_client_t *client, ymgr_progress_hook hook);
 
 // Raw access, for tests of the framing: writes bytes as they are; the descriptor of the connection.
 bool ymgr_send_raw(ymgr_client_t *client, std::string_view bytes);

@@ -1,0 +1,11 @@
+#include "ctl/ctl_commands.h"
+
+ctl_action ctl_define_set(CLI::App *)
+{
+  return [](ctl_device &device) { return ctl_fail(device.output(), CTL_USAGE, "not there yet"); };
+}
+
+ctl_action ctl_define_delete(CLI::App *)
+{
+  return [](ctl_device &device) { return ctl_fail(device.output(), CTL_USAGE, "not there yet"); };
+}

@@ -1,0 +1,16 @@
+#include "ctl/ctl_commands.h"
+
+ctl_action ctl_define_kill_session(CLI::App *)
+{
+  return [](ctl_device &device) { return ctl_fail(device.output(), CTL_USAGE, "not there yet"); };
+}
+
+ctl_action ctl_define_sessions(CLI::App *)
+{
+  return [](ctl_device &device) { return ctl_fail(device.output(), CTL_USAGE, "not there yet"); };
+}
+
+ctl_action ctl_define_status(CLI::App *)
+{
+  return [](ctl_device &device) { return ctl_fail(device.output(), CTL_USAGE, "not there yet"); };
+}

@@ -1,0 +1,62 @@
+// The daemon as ymgrctl sees it: one session, opened with the first request, and the YANG modules that it serves.
+// Functions that return an exit code (ctl_output.h) have told the fault themselves when it is not CTL_OK.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <libyang/libyang.h>
+
+#include "client/client.h"
+#include "ctl/ctl_output.h"
+
+typedef struct _ctl_module {
+  std::string name;
+  std::string revision; // empty when it has none
+  std::string name_space;
+  std::vector<std::string> features; // that are enabled
+  std::vector<std::string> deviations;
+} ctl_module_t;
+
+struct ctl_tree_delete_t {
+  void operator()(lyd_node *tree) const { lyd_free_all(tree); }
+};
+using ctl_tree_ptr = std::unique_ptr<lyd_node, ctl_tree_delete_t>;
+
+class ctl_device {
+public:
+  ctl_device(std::string run_dir, ctl_output_t output);
+  ~ctl_device();
+  ctl_device(const ctl_device &) = delete;
+  ctl_device &operator=(const ctl_device &) = delete;
+
+  ctl_output_t &output() { return output_; }
+
+  // One operation, the content of <rpc>. The whole <rpc-reply> in `*ret_reply` (may be null). Connects when there is no
+  // session. An <rpc-error> is told, in one line for each, and is CTL_REFUSED.
+  int rpc(const std::string &operation, std::string *ret_reply);
+  // The same without telling an <rpc-error>: for whoever goes on differently.
+  int try_rpc(const std::string &operation, std::string *ret_reply);
+  // The connection, opened when there was none; null when it cannot be (told). Borrowed.
+  ymgr_client_t *client();
+  int session_id() const { return session_id_; } // 0 while there is none
+  void disconnect();
+
+  // All modules, with features and deviations as the daemon has them. Null when the modules cannot be had (told).
+  // Loaded once; lives as long as the device.
+  const ly_ctx *schema();
+  const std::vector<ctl_module_t> &modules(); // empty when they cannot be had (told)
+
+private:
+  int connect();
+
+  std::string run_dir_;
+  ctl_output_t output_;
+  ymgr_client_ptr client_;
+  int session_id_ = 0;
+  std::vector<ctl_module_t> modules_;
+  std::unique_ptr<ly_ctx, void (*)(ly_ctx *)> schema_{nullptr, ly_ctx_destroy};
+};

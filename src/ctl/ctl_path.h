@@ -1,0 +1,32 @@
+// Paths as an operator types them: "/ex-sys:system/hostname", "system/hostname" (the module where it is plain which),
+// "/ex-sys:routes/route[dest='10.0.0.0'][mask='8']", "route[10.0.0.0][8]" (keys in the order of the schema),
+// "/ex-sys:system/dns[.='192.0.2.53']". What they become on the wire.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ctl/ctl_device.h"
+
+typedef struct _ctl_step {
+  const lysc_node *schema = nullptr;
+  // Key and value, in the order of the schema; the name of a leaf-list's is ".". Fewer than the list has keys: all
+  // entries that fit.
+  std::vector<std::pair<std::string, std::string>> keys;
+} ctl_step_t;
+typedef std::vector<ctl_step_t> ctl_path_t; // from the top; empty: everything
+
+// The exit code; CTL_INPUT names the step that is wrong, and what was possible there.
+int ctl_parse_path(ctl_device &device, std::string_view text, ctl_path_t *ret_path);
+// In one form: prefixes where the module changes, keys in quotes that their values allow.
+std::string ctl_path_text(const ctl_path_t &path);
+
+// The subtree filter that selects the path (RFC 6241, section 6); empty for everything.
+std::string ctl_filter(const ctl_path_t &path);
+// <config>'s content for one edit at the path: `operation` is RFC 6241's ("merge", "replace", "delete", ...) at the
+// last node; `value` (may be null) its text. Keys that are missing are CTL_INPUT (told).
+int ctl_edit(ctl_device &device, const ctl_path_t &path, std::string_view operation, const std::string *value,
+             std::string *ret_config);
+// As text of an element or attribute.
+std::string ctl_xml_escape(std::string_view text);
