@@ -83,6 +83,9 @@ private:
 
 command_line::command_line(std::string program) : program_(std::move(program)), app_("", program_)
 {
+  app_.get_formatter()->label("Subcommands", "Commands");
+  app_.get_formatter()->label("SUBCOMMAND", "COMMAND");
+  app_.get_formatter()->label("Positionals", "Arguments");
   app_.set_help_flag("-h,--help", "print this and exit");
   app_.add_option("-o,--output", format_, "how data is written: tree, xml or json")
       ->type_name("FORMAT")
