@@ -1,6 +1,5 @@
 #include "ctl/ctl_output.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -58,10 +57,8 @@ bool ctl_wants_color(std::string_view choice, FILE *out)
 
 int ctl_fail(const ctl_output_t &output, int exit_code, std::string_view message)
 {
-  std::string line(message);
-  std::replace(line.begin(), line.end(), '\n', ' ');
   (void)fflush(output.out); // what was written before the fault also stands before it on a terminal
-  (void)fprintf(output.err, "ymgrctl: %s\n", line.c_str()); // nobody is left to be told
+  (void)fprintf(output.err, "ymgrctl: %.*s\n", static_cast<int>(message.size()), message.data());
   return exit_code;
 }
 

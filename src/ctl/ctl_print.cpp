@@ -81,8 +81,8 @@ const char *value_of(const lyd_node *node)
   if (node->schema != nullptr && (node->schema->nodetype & LYS_ANYDATA) != 0) {
     return reinterpret_cast<const lyd_node_any *>(node)->value.str;
   }
-  const char *value = node->schema == nullptr ? reinterpret_cast<const lyd_node_opaq *>(node)->value
-                                              : lyd_get_value(node);
+  const char *value =
+      node->schema == nullptr ? reinterpret_cast<const lyd_node_opaq *>(node)->value : lyd_get_value(node);
   return value == nullptr ? "" : value;
 }
 

@@ -60,9 +60,8 @@ std::string content_text(const lyd_node *node)
     const char *value = reinterpret_cast<const lyd_node_opaq *>(node)->value;
     return value == nullptr || *value == '\0' || lyd_child(node) != nullptr ? std::string() : ctl_value_text(node);
   }
-  const bool has_value =
-      (node->schema->nodetype & LYD_NODE_TERM) != 0 &&
-      reinterpret_cast<const lyd_node_term *>(node)->value.realtype->basetype != LY_TYPE_EMPTY;
+  const bool has_value = (node->schema->nodetype & LYD_NODE_TERM) != 0 &&
+                         reinterpret_cast<const lyd_node_term *>(node)->value.realtype->basetype != LY_TYPE_EMPTY;
   return has_value ? ctl_value_text(node) : std::string();
 }
 
