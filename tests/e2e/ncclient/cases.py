@@ -1,11 +1,12 @@
 """What the tests share: a client for each, a device without configuration, short ways to say and to see things."""
 
 import unittest
-from contextlib import contextmanager
+from contextlib import contextmanager, suppress
 
 from lxml import etree
 from ncclient.manager import Manager
 from ncclient.operations import RPCError
+from ncclient.transport.errors import TransportError
 
 from device import Device
 
@@ -60,8 +61,9 @@ class Case(unittest.TestCase):
         return client
 
     def close(self, client: Manager) -> None:
-        if client.connected:
-            client.close_session()
+        with suppress(TransportError):  # it may be ending by itself
+            if client.connected:
+                client.close_session()
 
     def edit(self, content: str, target: str = "running", client: Manager = None, **options):
         return (client or self.client).edit_config(config=config(content), target=target, **options)
