@@ -35,7 +35,7 @@ typedef struct _frame_head {
   uint16_t seq = 0;
   uint16_t format = 0;
 } frame_head_t;
-static_assert(sizeof(frame_head_t) == 12 && std::is_trivially_copyable_v<frame_head_t>);
+static_assert(sizeof(frame_head_t) == YMGR_FRAME_HEAD_SIZE && std::is_trivially_copyable_v<frame_head_t>);
 
 // The frame that is arriving. Payload bytes go straight to their place.
 typedef struct _incoming {
@@ -421,13 +421,27 @@ int ymgr_descriptor(const ymgr_client_t *client)
 
 std::string ymgr_frame(std::string_view payload, uint16_t seq)
 {
-  frame_head_t head;
-  head.length = static_cast<uint32_t>(payload.size());
-  head.seq = seq;
-  std::string frame;
-  frame.reserve(sizeof(head) + payload.size());
-  frame.append(reinterpret_cast<const char *>(&head), sizeof(head)).append(payload);
-  return frame;
+  std::string frame = ymgr_frame_head({static_cast<uint32_t>(payload.size()), seq});
+  return frame.append(payload);
+}
+
+std::string ymgr_frame_head(const ymgr_frame_head_t &head)
+{
+  frame_head_t raw;
+  raw.length = head.length;
+  raw.seq = head.seq;
+  return std::string(reinterpret_cast<const char *>(&raw), sizeof(raw));
+}
+
+bool ymgr_read_frame_head(const char *bytes, ymgr_frame_head_t *ret_head)
+{
+  frame_head_t raw;
+  std::memcpy(&raw, bytes, sizeof(raw));
+  if (raw.magic != FRAME_MAGIC) {
+    return false;
+  }
+  *ret_head = {raw.length, raw.seq};
+  return true;
 }
 
 const std::string &ymgr_last_error(const ymgr_client_t *client)
