@@ -226,9 +226,9 @@ bool loader::watch(progress_line *line, const ymgr_progress_t &progress)
   if (count > told_) {
     told_ = count;
     line->clear();
-    const std::string first = "the daemon has all of " + load_.name +
-                              (is_undoable() ? "; it is taken back as soon as it is carried out"
-                                             : "; waiting for its answer");
+    const std::string first =
+        "the daemon has all of " + load_.name +
+        (is_undoable() ? "; it is taken back as soon as it is carried out" : "; waiting for its answer");
     (void)ctl_fail(device_.output(), CTL_INTERRUPTED,
                    count == 1 ? first : "still waiting for the daemon: nothing is left half-done");
   }
