@@ -137,8 +137,9 @@ ctl_action ctl_define_set(CLI::App *app)
 {
   auto options = std::make_shared<edit_options_t>();
   add_options(app, options.get());
-  CLI::Option *value =
-      app->add_option("value", options->value, "its value; none for what has no value")->type_name("VALUE");
+  CLI::Option *value = app->add_option("value", options->value,
+                                       "its value, behind \"--\" when it begins with \"-\"; none for what has no value")
+                           ->type_name("VALUE");
   return [options, value](ctl_device &device) { return set_node(device, *options, value->count() > 0); };
 }
 
