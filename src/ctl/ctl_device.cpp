@@ -1,17 +1,67 @@
 #include "ctl/ctl_device.h"
 
+#include <cerrno>
+#include <cstring>
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include "ctl/ctl_reply.h"
+
+namespace {
+
+// A commit may take minutes while plugins work. A daemon that died is noticed by the end of the connection.
+constexpr ymgr_duration LONG_WORK = std::chrono::hours(24 * 365);
+
+constexpr char INTERRUPTED[] = "interrupted"; // the client's error when its progress hook ended the wait
+
+std::string login_name()
+{
+  const uid_t uid = getuid();
+  const passwd *entry = getpwuid(uid);
+  return entry != nullptr ? entry->pw_name : "uid-" + std::to_string(uid);
+}
+
+} // namespace
+
 ctl_device::ctl_device(std::string run_dir, ctl_output_t output) : run_dir_(std::move(run_dir)), output_(output) {}
 
 ctl_device::~ctl_device() = default;
 
 int ctl_device::rpc(const std::string &operation, std::string *ret_reply)
 {
-  return try_rpc(operation, ret_reply);
+  std::string reply;
+  int result = try_rpc(operation, &reply);
+  for (const ctl_reply_error_t &error : ctl_reply_errors(reply)) {
+    (void)ctl_fail(output_, CTL_REFUSED, (error.is_warning ? "warning: " : "") + ctl_error_line(error));
+  }
+  if (result == CTL_OK && ret_reply != nullptr) {
+    *ret_reply = std::move(reply);
+  }
+  return result;
 }
 
-int ctl_device::try_rpc(const std::string &, std::string *)
+int ctl_device::try_rpc(const std::string &operation, std::string *ret_reply)
 {
-  return ctl_fail(output_, CTL_UNREACHABLE, "not there yet");
+  ymgr_client_t *connection = client();
+  if (connection == nullptr) {
+    return CTL_UNREACHABLE;
+  }
+  std::optional<std::string> reply = ymgr_rpc(connection, operation, LONG_WORK);
+  if (!reply) {
+    const std::string cause = ymgr_last_error(connection);
+    disconnect(); // what still comes would be taken for the next reply
+    return cause == INTERRUPTED ? ctl_fail(output_, CTL_INTERRUPTED, cause)
+                                : ctl_fail(output_, CTL_UNREACHABLE, "the connection to the daemon is lost: " + cause);
+  }
+  int result = CTL_OK;
+  for (const ctl_reply_error_t &error : ctl_reply_errors(*reply)) {
+    result = error.is_warning ? result : CTL_REFUSED;
+  }
+  if (ret_reply != nullptr) {
+    *ret_reply = std::move(*reply);
+  }
+  return result;
 }
 
 ymgr_client_t *ctl_device::client()
@@ -37,5 +87,23 @@ const std::vector<ctl_module_t> &ctl_device::modules()
 
 int ctl_device::connect()
 {
-  return CTL_UNREACHABLE;
+  if (client_ != nullptr) {
+    return CTL_OK;
+  }
+  std::string cause;
+  ymgr_client_ptr connection = ymgr_connect(run_dir_, &cause);
+  if (connection == nullptr) {
+    std::string message = "no daemon answers in " + run_dir_ + " (" + cause + ")";
+    if (access((run_dir_ + "/agent.sock").c_str(), R_OK | W_OK) != 0 && errno == EACCES) {
+      message += "; only members of the daemon's group may connect: add " + login_name() + " to it, and log in anew";
+    }
+    return ctl_fail(output_, CTL_UNREACHABLE, message);
+  }
+  std::optional<int> id = ymgr_create_session(connection.get(), login_name());
+  if (!id) {
+    return ctl_fail(output_, CTL_UNREACHABLE, "no session could be opened: " + ymgr_last_error(connection.get()));
+  }
+  client_ = std::move(connection);
+  session_id_ = *id;
+  return CTL_OK;
 }

@@ -93,7 +93,7 @@ int netconf_hello_accept(std::string_view text, bool *ret_is_chunked, std::strin
   }
   const bool is_chunked = contains(capabilities, BASE_1_1);
   if (!is_chunked && !contains(capabilities, BASE_1_0)) {
-    return refuse("the client has no base capability in common with this server", ret_reason);
+    return refuse("the client has no base capability in common", ret_reason);
   }
   *ret_is_chunked = is_chunked;
   return 0;
