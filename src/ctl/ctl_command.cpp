@@ -192,6 +192,7 @@ int ctl_run(ctl_device &device, const std::vector<std::string> &words)
     return CTL_OK;
   }
   device.output() = line.adjust(usual);
+  device.set_goes_on(true);
   int exit_code = line.action()(device);
   device.output() = usual;
   return flush(usual, exit_code);

@@ -1,17 +1,24 @@
 #include "ctl/ctl_device.h"
 
 #include <cerrno>
-#include <cstring>
+#include <cstdlib>
 
 #include <pwd.h>
 #include <unistd.h>
 
 #include "ctl/ctl_reply.h"
+#include "ctl/ctl_schema.h"
+#include "ctl/ctl_xml.h"
 
 namespace {
 
 // A commit may take minutes while plugins work. A daemon that died is noticed by the end of the connection.
 constexpr ymgr_duration LONG_WORK = std::chrono::hours(24 * 365);
+
+constexpr char DAEMON_NAMESPACE[] = "com:zentra:netconf:private:opal:device:ymgrd";
+constexpr char MODULES_VARIABLE[] = "YMGR_MODULES_DIR";
+constexpr char MODULES_HINT[] = " (the environment variable YMGR_MODULES_DIR names another directory)";
+constexpr char DEFAULT_MODULES_DIR[] = "/usr/local/etc/ymgrd/modules"; // of daemons that do not say
 
 constexpr char INTERRUPTED[] = "interrupted"; // the client's error when its progress hook ended the wait
 
@@ -77,12 +84,54 @@ void ctl_device::disconnect()
 
 const ly_ctx *ctl_device::schema()
 {
-  return nullptr;
+  if (schema_ != nullptr || modules().empty()) {
+    return schema_.get();
+  }
+  std::string directory;
+  if (find_modules_directory(&directory) != CTL_OK) {
+    return nullptr;
+  }
+  std::string fault;
+  schema_.reset(ctl_load_modules(modules_, directory, &fault).release()); // the owner's type is the header's
+  if (schema_ == nullptr) {
+    (void)ctl_fail(output_, CTL_INPUT, fault + MODULES_HINT);
+  }
+  return schema_.get();
 }
 
 const std::vector<ctl_module_t> &ctl_device::modules()
 {
+  std::string reply;
+  if (modules_.empty() && rpc(std::string("<get-capability xmlns=\"") + DAEMON_NAMESPACE + "\"/>", &reply) == CTL_OK) {
+    modules_ = ctl_read_modules(reply);
+    if (modules_.empty()) {
+      (void)ctl_fail(output_, CTL_INPUT, "the daemon names no modules");
+    }
+  }
   return modules_;
+}
+
+int ctl_device::find_modules_directory(std::string *ret_directory)
+{
+  const char *wanted = getenv(MODULES_VARIABLE);
+  if (wanted != nullptr && *wanted != '\0') {
+    *ret_directory = wanted;
+    return CTL_OK;
+  }
+  std::string reply;
+  int result = try_rpc(std::string("<get><filter type=\"subtree\"><daemon xmlns=\"") + DAEMON_NAMESPACE +
+                           "\"><modules-directory/></daemon></filter></get>",
+                       &reply);
+  if (result != CTL_OK && result != CTL_REFUSED) {
+    return result;
+  }
+  ctl_xml_ptr doc = ctl_parse_xml(reply);
+  const xmlNode *node = doc == nullptr ? nullptr : xmlDocGetRootElement(doc.get());
+  for (const char *name : {"data", "daemon", "modules-directory"}) {
+    node = ctl_xml_child(node, name);
+  }
+  *ret_directory = node == nullptr ? DEFAULT_MODULES_DIR : ctl_xml_text(node);
+  return CTL_OK;
 }
 
 int ctl_device::connect()

@@ -1,42 +1,8 @@
 #include "ctl/ctl_reply.h"
 
-#include <climits>
-#include <cstring>
-
-#include <libxml/parser.h>
-#include <libxml/tree.h>
+#include "ctl/ctl_xml.h"
 
 namespace {
-
-struct xml_doc_delete_t {
-  void operator()(xmlDoc *doc) const { xmlFreeDoc(doc); }
-};
-using xml_doc_ptr = std::unique_ptr<xmlDoc, xml_doc_delete_t>;
-
-struct xml_text_delete_t {
-  void operator()(xmlChar *text) const { xmlFree(text); }
-};
-using xml_text_ptr = std::unique_ptr<xmlChar, xml_text_delete_t>;
-
-xml_doc_ptr parse(const std::string &reply)
-{
-  if (reply.size() > INT_MAX) {
-    return nullptr;
-  }
-  const int options = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_HUGE;
-  return xml_doc_ptr(xmlReadMemory(reply.data(), static_cast<int>(reply.size()), nullptr, nullptr, options));
-}
-
-bool is_named(const xmlNode *node, const char *name)
-{
-  return node->type == XML_ELEMENT_NODE && strcmp(reinterpret_cast<const char *>(node->name), name) == 0;
-}
-
-std::string text_of(const xmlNode *node)
-{
-  xml_text_ptr text(xmlNodeGetContent(node));
-  return text == nullptr ? "" : reinterpret_cast<const char *>(text.get());
-}
 
 ctl_reply_error_t read_error(const xmlNode *node)
 {
@@ -51,11 +17,11 @@ ctl_reply_error_t read_error(const xmlNode *node)
                 {"error-info", &error.info}};
   for (const xmlNode *child = node->children; child != nullptr; child = child->next) {
     for (const auto &field : fields) {
-      if (is_named(child, field.name)) {
-        *field.text = text_of(child);
+      if (ctl_xml_is(child, field.name)) {
+        *field.text = ctl_xml_text(child);
       }
     }
-    error.is_warning = error.is_warning || (is_named(child, "error-severity") && text_of(child) == "warning");
+    error.is_warning = error.is_warning || (ctl_xml_is(child, "error-severity") && ctl_xml_text(child) == "warning");
   }
   return error;
 }
@@ -68,11 +34,11 @@ std::vector<ctl_reply_error_t> ctl_reply_errors(const std::string &reply)
   if (reply.find("rpc-error") == std::string::npos) {
     return {};
   }
-  xml_doc_ptr doc = parse(reply);
+  ctl_xml_ptr doc = ctl_parse_xml(reply);
   const xmlNode *root = doc == nullptr ? nullptr : xmlDocGetRootElement(doc.get());
   std::vector<ctl_reply_error_t> errors;
   for (const xmlNode *child = root == nullptr ? nullptr : root->children; child != nullptr; child = child->next) {
-    if (is_named(child, "rpc-error")) {
+    if (ctl_xml_is(child, "rpc-error")) {
       errors.push_back(read_error(child));
     }
   }
@@ -94,7 +60,30 @@ std::string ctl_error_line(const ctl_reply_error_t &error)
   return line;
 }
 
-int ctl_reply_data(ctl_device &, const std::string &, ctl_tree_ptr *)
+int ctl_reply_data(ctl_device &device, const std::string &reply, ctl_tree_ptr *ret_tree)
 {
+  const ly_ctx *schema = device.schema();
+  if (schema == nullptr) {
+    return device.session_id() == 0 ? CTL_UNREACHABLE : CTL_INPUT;
+  }
+  // Data opens and closes the reply; to cut it out spares a second parse of what may be megabytes. What its elements
+  // need of namespaces they declare themselves.
+  size_t begin = reply.find("<data");
+  size_t end = reply.rfind("</data>");
+  begin = begin == std::string::npos ? begin : reply.find('>', begin);
+  if (begin == std::string::npos || end == std::string::npos || begin > end) {
+    ret_tree->reset(); // "<data/>"
+    return CTL_OK;
+  }
+  const std::string data = reply.substr(begin + 1, end - begin - 1);
+  lyd_node *tree = nullptr;
+  ly_err_clean(const_cast<ly_ctx *>(schema), nullptr);
+  // Nodes that our modules do not have become opaque ones, rather than losing all others.
+  if (lyd_parse_data_mem(schema, data.c_str(), LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_OPAQ, 0, &tree) != LY_SUCCESS) {
+    const ly_err_item *cause = ly_err_last(schema);
+    return ctl_fail(device.output(), CTL_INPUT,
+                    std::string("the daemon's data cannot be read: ") + (cause == nullptr ? "" : cause->msg));
+  }
+  ret_tree->reset(tree);
   return CTL_OK;
 }
