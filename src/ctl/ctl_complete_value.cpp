@@ -121,9 +121,8 @@ std::string as_offered(const lysc_node *leaf, const std::string &value)
 std::string default_of(const lysc_node *node)
 {
   const lysc_node_leaf *leaf = reinterpret_cast<const lysc_node_leaf *>(node);
-  return node->nodetype == LYS_LEAF && leaf->dflt != nullptr
-             ? lyd_value_get_canonical(node->module->ctx, leaf->dflt)
-             : "";
+  return node->nodetype == LYS_LEAF && leaf->dflt != nullptr ? lyd_value_get_canonical(node->module->ctx, leaf->dflt)
+                                                             : "";
 }
 
 } // namespace
