@@ -22,7 +22,7 @@ __ymgrctl_read() {
       quote=$char
       continue
     fi
-    if [[ $char == \\ && $quote != \' && -n ${line:i+1:1} ]] && [[ -z $quote || ${line:i+1:1} == [\"\\\$\`] ]]; then
+    if [[ $char == \\ && $quote != \' ]] && [[ -z $quote || ${line:i+1:1} == [\"\\\$\`] ]]; then
       (( ++i ))
       char=${line:i:1}
     fi
@@ -34,12 +34,12 @@ __ymgrctl_read() {
 _ymgrctl() {
   local words quote candidate i
   COMPREPLY=()
+  __ymgrctl_read "${COMP_LINE:0:COMP_POINT}"
+  local line=("${words[@]}") word=${words[-1]} open=$quote
   # What readline is going to replace begins behind an open quote, or behind one of COMP_WORDBREAKS (":", "=" and others).
   # The candidates are whole words, so what stands before that is taken off.
-  __ymgrctl_read "$2"
+  __ymgrctl_read "$open$2"
   local replaced=${words[-1]}
-  __ymgrctl_read "${COMP_LINE:0:COMP_POINT}"
-  local word=${words[-1]}
   local kept=$(( ${#word} - ${#replaced} ))
   [[ $word == *"$replaced" ]] || return 0
 
@@ -50,12 +50,12 @@ _ymgrctl() {
     candidate=${candidate% }
     [[ $candidate == "$word"* ]] || continue
     candidate=${candidate:kept}
-    if [[ -z $quote ]]; then
+    if [[ -z $open ]]; then
       printf -v candidate %q "$candidate"
       candidate=${candidate//\\[/[}
       candidate=${candidate//\\]/]}
     fi
     COMPREPLY+=("$candidate")
-  done < <("$1" complete "$(( ${#words[@]} - 2 ))" "${words[@]:1}" 2>/dev/null)
+  done < <("$1" complete "$(( ${#line[@]} - 2 ))" "${line[@]:1}" 2>/dev/null)
 }
 complete -F _ymgrctl ymgrctl

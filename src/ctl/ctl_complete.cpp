@@ -312,6 +312,13 @@ std::vector<ctl_candidate_t> ctl_complete(ctl_device &device, const std::vector<
     return {};
   }
   if (word.starts_with("-") && !line.options_ended) {
+    if (const size_t equals = word.find('='); equals != std::string::npos) {
+      candidates_t candidates = complete_option_value(device, word.substr(0, equals), word.substr(equals + 1), style);
+      for (ctl_candidate_t &candidate : candidates) {
+        candidate.text.insert(0, word, 0, equals + 1);
+      }
+      return candidates;
+    }
     return complete_option_name(line, word);
   }
   return line.command == nullptr ? complete_commands(word) : complete_argument(device, line, word, style);

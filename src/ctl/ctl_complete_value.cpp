@@ -85,7 +85,7 @@ const lysc_type *type_of(const lysc_node *node)
 const lysc_node *find_referred(const lysc_node *leaf, const lysc_type_leafref *type)
 {
   ly_set *touched = nullptr;
-  if (lys_find_expr_atoms(leaf, type->cur_mod, type->path, type->prefixes, 0, &touched) != LY_SUCCESS) {
+  if (lys_find_expr_atoms(leaf, leaf->module, type->path, type->prefixes, 0, &touched) != LY_SUCCESS) {
     return nullptr;
   }
   const lysc_node *found = nullptr;
