@@ -3,7 +3,7 @@
 //   bytes 0-10   newest revision "YYYY-MM-DD" and NUL, all zero when there is none
 //   bytes 11-42  prefix, padded with NUL; a longer one is cut and has no NUL
 //   bytes 43-    namespace and NUL
-// Its other hashes hold the records of the modules' nodes (docs/formats.md).
+// Its other hashes hold the records of the modules' nodes (docs/protocol.md).
 #include <algorithm>
 
 #include "ymgrd/core/keepalive.h"

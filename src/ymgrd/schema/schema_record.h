@@ -1,4 +1,4 @@
-// The record of a schema node in the schema database: what it tells, and its bytes (docs/formats.md). Knows nothing of
+// The record of a schema node in the schema database: what it tells, and its bytes (docs/protocol.md). Knows nothing of
 // libyang or Redis.
 #pragma once
 
