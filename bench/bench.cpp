@@ -1,10 +1,12 @@
 // Measures a daemon from outside, as an agent sees it, and prints Markdown tables: what each operation takes at growing
 // sizes of the datastore, how it grows, and how far it is from the floors.
-//   ymgr-bench [ENTRIES...] [events] [secrets]
-//     1000, 10000 and 100000 entries, events and secrets when nothing is given
+//   ymgr-bench [ENTRIES...] [events] [secrets] [netconf]
+//     1000, 10000 and 100000 entries and everything else when nothing is given
+#include <algorithm>
 #include <charconv>
 #include <csignal>
 #include <cstdio>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -14,6 +16,7 @@
 #include "bench_device.h"
 #include "bench_document.h"
 #include "bench_floor.h"
+#include "bench_netconf.h"
 #include "bench_notifications.h"
 #include "bench_operations.h"
 #include "bench_plugins.h"
@@ -305,15 +308,28 @@ typedef struct _bench_choice {
   std::vector<int> sizes;
   bool has_events = false;
   bool has_secrets = false;
+  bool has_netconf = false;
 } bench_choice_t;
+
+const struct {
+  std::string_view word;
+  bool bench_choice_t::*is_chosen;
+  int (*measure)();
+} sections[] = {
+    {"events", &bench_choice_t::has_events, bench_notifications},
+    {"secrets", &bench_choice_t::has_secrets, bench_secrets},
+    {"netconf", &bench_choice_t::has_netconf, bench_netconf},
+};
 
 int read_choice(int argc, char **argv, bench_choice_t *ret_choice)
 {
   bench_choice_t choice;
   for (int i = 1; i < argc; ++i) {
     const std::string_view word = argv[i];
-    if (word == "events" || word == "secrets") {
-      (word == "events" ? choice.has_events : choice.has_secrets) = true;
+    const auto *section = std::find_if(std::begin(sections), std::end(sections),
+                                       [word](const auto &candidate) { return candidate.word == word; });
+    if (section != std::end(sections)) {
+      choice.*section->is_chosen = true;
       continue;
     }
     int size = 0;
@@ -323,7 +339,7 @@ int read_choice(int argc, char **argv, bench_choice_t *ret_choice)
     }
     choice.sizes.push_back(size);
   }
-  *ret_choice = argc > 1 ? choice : bench_choice_t{{1000, 10000, 100000}, true, true};
+  *ret_choice = argc > 1 ? choice : bench_choice_t{{1000, 10000, 100000}, true, true, true};
   return 0;
 }
 
@@ -352,12 +368,14 @@ int main(int argc, char **argv)
 {
   bench_choice_t choice;
   if (read_choice(argc, argv, &choice) != 0) {
-    std::fprintf(stderr, "usage: ymgr-bench [ENTRIES...] [events] [secrets]\n");
+    std::fprintf(stderr, "usage: ymgr-bench [ENTRIES...] [events] [secrets] [netconf]\n");
     return 2;
   }
   // A peer that ends shows as a failed write, not as the end of this program.
   std::signal(SIGPIPE, SIG_IGN);
-  bool is_measured = measure_sizes(choice.sizes) == 0 && (!choice.has_events || bench_notifications() == 0) &&
-                     (!choice.has_secrets || bench_secrets() == 0);
+  bool is_measured = measure_sizes(choice.sizes) == 0;
+  for (const auto &section : sections) {
+    is_measured = is_measured && (!(choice.*section.is_chosen) || section.measure() == 0);
+  }
   return is_measured ? 0 : 1;
 }

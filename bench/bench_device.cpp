@@ -25,7 +25,7 @@ constexpr char PROFILE_BEGIN[] = R"({
 constexpr char PROFILE_MODULES[] = R"(  "modules": [
     {"name": "ietf-netconf", "revision": "2011-06-01", "deviation": [],
      "feature": ["writable-running", "candidate", "rollback-on-error", "startup"]},
-    {"name": "zentra-ymgrd", "revision": "2026-11-22", "feature": [], "deviation": []},
+    {"name": "zentra-ymgrd", "revision": "2026-11-23", "feature": [], "deviation": []},
     {"name": "ex-bench", "revision": "2026-01-01", "feature": [], "deviation": []},
     {"name": "ex-bench-parts", "revision": "2026-01-01", "feature": [], "deviation": []}
   ],

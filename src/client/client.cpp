@@ -24,6 +24,7 @@ constexpr uint32_t FRAME_MAGIC = 0xFEDCBAFFU;
 constexpr size_t FIRST_READ = 65536; // a payload's first room; it doubles as the bytes really arrive
 constexpr size_t MOST_FRAMES = 64;   // taken in before anybody looks at them: notifications may come without end
 constexpr time_t CONNECT_SECONDS = 10;
+constexpr ymgr_duration PROGRESS_PERIOD{100};
 constexpr char BASE_NAMESPACE[] = "urn:ietf:params:xml:ns:netconf:base:1.0";
 constexpr char PRIVATE_NAMESPACE[] = "com:zentra:netconf:private:opal:device:ymgrd";
 
@@ -34,7 +35,7 @@ typedef struct _frame_head {
   uint16_t seq = 0;
   uint16_t format = 0;
 } frame_head_t;
-static_assert(sizeof(frame_head_t) == 12 && std::is_trivially_copyable_v<frame_head_t>);
+static_assert(sizeof(frame_head_t) == YMGR_FRAME_HEAD_SIZE && std::is_trivially_copyable_v<frame_head_t>);
 
 // The frame that is arriving. Payload bytes go straight to their place.
 typedef struct _incoming {
@@ -57,7 +58,9 @@ struct _ymgr_client {
   uint16_t last_seq = 0;
   uint64_t last_message_id = 0;
   std::string error;
-  ymgr_progress_hook progress; // may be empty
+  ymgr_progress_hook progress_hook; // may be empty
+  ymgr_progress_t progress;         // of the last request
+  bool in_request = false;          // it is being sent, or its reply awaited: the hook is called
 };
 
 namespace {
@@ -142,12 +145,26 @@ void drain(ymgr_client_t *client)
   }
 }
 
+// Whether to go on, which the hook decides.
+bool report_progress(ymgr_client_t *client)
+{
+  if (!client->in_request || !client->progress_hook || client->progress_hook(client->progress)) {
+    return true;
+  }
+  fail(client, "interrupted", 0);
+  return false;
+}
+
 wait_result wait_for(ymgr_client_t *client, short events, steady_clock::time_point deadline)
 {
+  const int64_t longest = client->in_request && client->progress_hook ? PROGRESS_PERIOD.count() : INT_MAX;
   for (;;) {
+    if (!report_progress(client)) {
+      return wait_result::failed;
+    }
     auto left = std::chrono::ceil<ymgr_duration>(deadline - steady_clock::now()).count();
     pollfd state = {client->sock, events, 0};
-    int count = poll(&state, 1, static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX)));
+    int count = poll(&state, 1, static_cast<int>(std::clamp<int64_t>(left, 0, longest)));
     if (count > 0) {
       return wait_result::ready;
     }
@@ -155,7 +172,7 @@ wait_result wait_for(ymgr_client_t *client, short events, steady_clock::time_poi
       fail(client, "poll", errno);
       return wait_result::failed;
     }
-    if (count == 0 && left <= INT_MAX) {
+    if (count == 0 && left <= longest) {
       fail(client, "timed out", 0);
       return wait_result::timed_out;
     }
@@ -200,11 +217,17 @@ bool send_all(ymgr_client_t *client, std::string_view bytes, steady_clock::time_
   if (client->broken) {
     return false; // the error of the first failure stands
   }
-  size_t sent = 0;
+  size_t &sent = client->progress.sent;
+  client->progress = {0, bytes.size()};
   while (sent < bytes.size()) {
     ssize_t count = send(client->sock, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (count >= 0) {
       sent += static_cast<size_t>(count);
+      // Behind the last piece whoever awaits the reply looks at it: the request has its number, and its reply comes.
+      if (!report_progress(client) && sent < bytes.size()) {
+        client->broken = true;
+        return false;
+      }
       continue;
     }
     if (errno == EINTR) {
@@ -237,6 +260,18 @@ std::optional<uint16_t> send_request(ymgr_client_t *client, std::string_view pay
   client->last_seq = seq;
   return seq;
 }
+
+// The hook is called while one of these lives.
+class request_scope {
+public:
+  explicit request_scope(ymgr_client_t *client) : client_(client) { client_->in_request = true; }
+  ~request_scope() { client_->in_request = false; }
+  request_scope(const request_scope &) = delete;
+  request_scope &operator=(const request_scope &) = delete;
+
+private:
+  ymgr_client_t *client_;
+};
 
 // --- XML.
 
@@ -330,6 +365,7 @@ std::optional<int> ymgr_create_session(ymgr_client_t *client, const std::string 
 
 std::optional<uint16_t> ymgr_send(ymgr_client_t *client, std::string_view payload)
 {
+  request_scope scope(client);
   return send_request(client, payload, steady_clock::now() + YMGR_DEFAULT_TIMEOUT);
 }
 
@@ -351,6 +387,7 @@ std::optional<ymgr_frame_t> ymgr_receive_notification(ymgr_client_t *client, ymg
 std::optional<std::string> ymgr_request(ymgr_client_t *client, std::string_view payload, ymgr_duration timeout)
 {
   auto deadline = steady_clock::now() + timeout;
+  request_scope scope(client);
   drain(client);
   // What is here already answers earlier requests.
   size_t seen = client->inbox.size();
@@ -369,7 +406,7 @@ std::optional<std::string> ymgr_rpc(ymgr_client_t *client, std::string_view oper
 
 void ymgr_set_progress(ymgr_client_t *client, ymgr_progress_hook hook)
 {
-  client->progress = std::move(hook);
+  client->progress_hook = std::move(hook);
 }
 
 bool ymgr_send_raw(ymgr_client_t *client, std::string_view bytes)
@@ -384,13 +421,27 @@ int ymgr_descriptor(const ymgr_client_t *client)
 
 std::string ymgr_frame(std::string_view payload, uint16_t seq)
 {
-  frame_head_t head;
-  head.length = static_cast<uint32_t>(payload.size());
-  head.seq = seq;
-  std::string frame;
-  frame.reserve(sizeof(head) + payload.size());
-  frame.append(reinterpret_cast<const char *>(&head), sizeof(head)).append(payload);
-  return frame;
+  std::string frame = ymgr_frame_head({static_cast<uint32_t>(payload.size()), seq});
+  return frame.append(payload);
+}
+
+std::string ymgr_frame_head(const ymgr_frame_head_t &head)
+{
+  frame_head_t raw;
+  raw.length = head.length;
+  raw.seq = head.seq;
+  return std::string(reinterpret_cast<const char *>(&raw), sizeof(raw));
+}
+
+bool ymgr_read_frame_head(const char *bytes, ymgr_frame_head_t *ret_head)
+{
+  frame_head_t raw;
+  std::memcpy(&raw, bytes, sizeof(raw));
+  if (raw.magic != FRAME_MAGIC) {
+    return false;
+  }
+  *ret_head = {raw.length, raw.seq};
+  return true;
 }
 
 const std::string &ymgr_last_error(const ymgr_client_t *client)

@@ -61,4 +61,15 @@ int ymgr_descriptor(const ymgr_client_t *client);
 // A frame as it goes over the socket.
 std::string ymgr_frame(std::string_view payload, uint16_t seq);
 
+// For whoever reads and writes the descriptor by itself, from a moment on when no reply is awaited: the head in front
+// of each payload.
+constexpr size_t YMGR_FRAME_HEAD_SIZE = 12;
+typedef struct _ymgr_frame_head {
+  uint32_t length = 0; // of the payload
+  uint16_t seq = 0;
+} ymgr_frame_head_t;
+std::string ymgr_frame_head(const ymgr_frame_head_t &head);
+// False when the YMGR_FRAME_HEAD_SIZE bytes are none.
+bool ymgr_read_frame_head(const char *bytes, ymgr_frame_head_t *ret_head);
+
 const std::string &ymgr_last_error(const ymgr_client_t *client);

@@ -9,8 +9,3 @@ ctl_action ctl_define_sessions(CLI::App *)
 {
   return [](ctl_device &device) { return ctl_fail(device.output(), CTL_USAGE, "not there yet"); };
 }
-
-ctl_action ctl_define_status(CLI::App *)
-{
-  return [](ctl_device &device) { return ctl_fail(device.output(), CTL_USAGE, "not there yet"); };
-}

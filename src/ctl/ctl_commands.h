@@ -22,6 +22,7 @@ ctl_action ctl_define_copy(CLI::App *app);   // copy SOURCE TARGET
 // command_session.cpp
 ctl_action ctl_define_kill_session(CLI::App *app); // kill-session ID
 ctl_action ctl_define_sessions(CLI::App *app);
+// command_status.cpp
 ctl_action ctl_define_status(CLI::App *app);
 // command_diff.cpp
 ctl_action ctl_define_diff(CLI::App *app); // diff [PATH] --from DATASTORE --to DATASTORE --exit-code

@@ -1,17 +1,74 @@
 #include "ctl/ctl_device.h"
 
+#include <cerrno>
+#include <cstdlib>
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include "ctl/ctl_reply.h"
+#include "ctl/ctl_schema.h"
+#include "ctl/ctl_xml.h"
+
+namespace {
+
+// A commit may take minutes while plugins work. A daemon that died is noticed by the end of the connection.
+constexpr ymgr_duration LONG_WORK = std::chrono::hours(24 * 365);
+
+constexpr char DAEMON_NAMESPACE[] = "com:zentra:netconf:private:opal:device:ymgrd";
+constexpr char MODULES_VARIABLE[] = "YMGR_MODULES_DIR";
+constexpr char MODULES_HINT[] = " (the environment variable YMGR_MODULES_DIR names another directory)";
+constexpr char DEFAULT_MODULES_DIR[] = "/usr/local/etc/ymgrd/modules"; // of daemons that do not say
+
+constexpr char INTERRUPTED[] = "interrupted"; // the client's error when its progress hook ended the wait
+
+std::string login_name()
+{
+  const uid_t uid = getuid();
+  const passwd *entry = getpwuid(uid);
+  return entry != nullptr ? entry->pw_name : "uid-" + std::to_string(uid);
+}
+
+} // namespace
+
 ctl_device::ctl_device(std::string run_dir, ctl_output_t output) : run_dir_(std::move(run_dir)), output_(output) {}
 
 ctl_device::~ctl_device() = default;
 
 int ctl_device::rpc(const std::string &operation, std::string *ret_reply)
 {
-  return try_rpc(operation, ret_reply);
+  std::string reply;
+  int result = try_rpc(operation, &reply);
+  for (const ctl_reply_error_t &error : ctl_reply_errors(reply)) {
+    (void)ctl_fail(output_, CTL_REFUSED, (error.is_warning ? "warning: " : "") + ctl_error_line(error));
+  }
+  if (result == CTL_OK && ret_reply != nullptr) {
+    *ret_reply = std::move(reply);
+  }
+  return result;
 }
 
-int ctl_device::try_rpc(const std::string &, std::string *)
+int ctl_device::try_rpc(const std::string &operation, std::string *ret_reply)
 {
-  return ctl_fail(output_, CTL_UNREACHABLE, "not there yet");
+  ymgr_client_t *connection = client();
+  if (connection == nullptr) {
+    return CTL_UNREACHABLE;
+  }
+  std::optional<std::string> reply = ymgr_rpc(connection, operation, LONG_WORK);
+  if (!reply) {
+    const std::string cause = ymgr_last_error(connection);
+    disconnect(); // what still comes would be taken for the next reply
+    return cause == INTERRUPTED ? ctl_fail(output_, CTL_INTERRUPTED, cause)
+                                : ctl_fail(output_, CTL_UNREACHABLE, "the connection to the daemon is lost: " + cause);
+  }
+  int result = CTL_OK;
+  for (const ctl_reply_error_t &error : ctl_reply_errors(*reply)) {
+    result = error.is_warning ? result : CTL_REFUSED;
+  }
+  if (ret_reply != nullptr) {
+    *ret_reply = std::move(*reply);
+  }
+  return result;
 }
 
 ymgr_client_t *ctl_device::client()
@@ -27,15 +84,75 @@ void ctl_device::disconnect()
 
 const ly_ctx *ctl_device::schema()
 {
-  return nullptr;
+  if (schema_ != nullptr || modules().empty()) {
+    return schema_.get();
+  }
+  std::string directory;
+  if (find_modules_directory(&directory) != CTL_OK) {
+    return nullptr;
+  }
+  std::string fault;
+  schema_.reset(ctl_load_modules(modules_, directory, &fault).release()); // the owner's type is the header's
+  if (schema_ == nullptr) {
+    (void)ctl_fail(output_, CTL_INPUT, fault + MODULES_HINT);
+  }
+  return schema_.get();
 }
 
 const std::vector<ctl_module_t> &ctl_device::modules()
 {
+  std::string reply;
+  if (modules_.empty() && rpc(std::string("<get-capability xmlns=\"") + DAEMON_NAMESPACE + "\"/>", &reply) == CTL_OK) {
+    modules_ = ctl_read_modules(reply);
+    if (modules_.empty()) {
+      (void)ctl_fail(output_, CTL_INPUT, "the daemon names no modules");
+    }
+  }
   return modules_;
+}
+
+int ctl_device::find_modules_directory(std::string *ret_directory)
+{
+  const char *wanted = getenv(MODULES_VARIABLE);
+  if (wanted != nullptr && *wanted != '\0') {
+    *ret_directory = wanted;
+    return CTL_OK;
+  }
+  std::string reply;
+  int result = try_rpc(std::string("<get><filter type=\"subtree\"><daemon xmlns=\"") + DAEMON_NAMESPACE +
+                           "\"><modules-directory/></daemon></filter></get>",
+                       &reply);
+  if (result != CTL_OK && result != CTL_REFUSED) {
+    return result;
+  }
+  ctl_xml_ptr doc = ctl_parse_xml(reply);
+  const xmlNode *node = doc == nullptr ? nullptr : xmlDocGetRootElement(doc.get());
+  for (const char *name : {"data", "daemon", "modules-directory"}) {
+    node = ctl_xml_child(node, name);
+  }
+  *ret_directory = node == nullptr ? DEFAULT_MODULES_DIR : ctl_xml_text(node);
+  return CTL_OK;
 }
 
 int ctl_device::connect()
 {
-  return CTL_UNREACHABLE;
+  if (client_ != nullptr) {
+    return CTL_OK;
+  }
+  std::string cause;
+  ymgr_client_ptr connection = ymgr_connect(run_dir_, &cause);
+  if (connection == nullptr) {
+    std::string message = "no daemon answers in " + run_dir_ + " (" + cause + ")";
+    if (access((run_dir_ + "/agent.sock").c_str(), R_OK | W_OK) != 0 && errno == EACCES) {
+      message += "; only members of the daemon's group may connect: add " + login_name() + " to it, and log in anew";
+    }
+    return ctl_fail(output_, CTL_UNREACHABLE, message);
+  }
+  std::optional<int> id = ymgr_create_session(connection.get(), login_name());
+  if (!id) {
+    return ctl_fail(output_, CTL_UNREACHABLE, "no session could be opened: " + ymgr_last_error(connection.get()));
+  }
+  client_ = std::move(connection);
+  session_id_ = *id;
+  return CTL_OK;
 }

@@ -44,6 +44,9 @@ public:
   ymgr_client_t *client();
   int session_id() const { return session_id_; } // 0 while there is none
   void disconnect();
+  // Whether more commands follow on the session, as in the shell.
+  bool goes_on() const { return goes_on_; }
+  void set_goes_on(bool goes_on) { goes_on_ = goes_on; }
 
   // All modules, with features and deviations as the daemon has them. Null when the modules cannot be had (told).
   // Loaded once; lives as long as the device.
@@ -52,11 +55,13 @@ public:
 
 private:
   int connect();
+  int find_modules_directory(std::string *ret_directory);
 
   std::string run_dir_;
   ctl_output_t output_;
   ymgr_client_ptr client_;
   int session_id_ = 0;
+  bool goes_on_ = false;
   std::vector<ctl_module_t> modules_;
   std::unique_ptr<ly_ctx, void (*)(ly_ctx *)> schema_{nullptr, ly_ctx_destroy};
 };

@@ -1,22 +1,75 @@
 #include "ctl/ctl_output.h"
 
-std::string ctl_paint(const ctl_output_t &, ctl_color, std::string_view text)
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include <unistd.h>
+
+namespace {
+
+const char *escape_sequence(ctl_color color)
 {
-  return std::string(text);
+  switch (color) {
+  case ctl_color::added:
+    return "\033[32m";
+  case ctl_color::removed:
+    return "\033[31m";
+  case ctl_color::changed:
+    return "\033[33m";
+  case ctl_color::name:
+    return "\033[36m";
+  case ctl_color::faint:
+    return "\033[2m";
+  case ctl_color::fault:
+    return "\033[1;31m";
+  case ctl_color::plain:
+  case ctl_color::value:
+    return "";
+  }
+  return "";
 }
 
-bool ctl_wants_color(std::string_view, FILE *)
+bool environment_has(const char *name)
 {
-  return false;
+  const char *value = getenv(name);
+  return value != nullptr && *value != '\0';
+}
+
+} // namespace
+
+std::string ctl_paint(const ctl_output_t &output, ctl_color color, std::string_view text)
+{
+  std::string painted(output.color ? escape_sequence(color) : "");
+  const bool is_painted = !painted.empty() && !text.empty();
+  return is_painted ? painted.append(text).append("\033[0m") : std::string(text);
+}
+
+bool ctl_wants_color(std::string_view choice, FILE *out)
+{
+  if (choice == "always" || choice == "never") {
+    return choice == "always";
+  }
+  const char *terminal = getenv("TERM");
+  const bool is_dumb = terminal == nullptr || strcmp(terminal, "dumb") == 0;
+  return isatty(fileno(out)) != 0 && !is_dumb && !environment_has("NO_COLOR");
 }
 
 int ctl_fail(const ctl_output_t &output, int exit_code, std::string_view message)
 {
+  (void)fflush(output.out); // what was written before the fault also stands before it on a terminal
   (void)fprintf(output.err, "ymgrctl: %.*s\n", static_cast<int>(message.size()), message.data());
   return exit_code;
 }
 
 int ctl_write(const ctl_output_t &output, std::string_view text)
 {
-  return fwrite(text.data(), 1, text.size(), output.out) == text.size() ? CTL_OK : CTL_INPUT;
+  errno = 0;
+  // Flushed each time: a full disk is found where the text is, not when the program has ended well.
+  if (fwrite(text.data(), 1, text.size(), output.out) == text.size() && fflush(output.out) == 0) {
+    return CTL_OK;
+  }
+  // A pager that was closed has seen what it wanted.
+  return errno == EPIPE ? CTL_INPUT
+                        : ctl_fail(output, CTL_INPUT, std::string("the result cannot be written: ") + strerror(errno));
 }

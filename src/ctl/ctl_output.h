@@ -35,5 +35,6 @@ bool ctl_wants_color(std::string_view choice, FILE *out);
 
 // Tells a fault, one line: "ymgrctl: MESSAGE". `exit_code` comes back, so that `return ctl_fail(...)` ends a function.
 int ctl_fail(const ctl_output_t &output, int exit_code, std::string_view message);
-// Writes to `out`. CTL_OK, or CTL_INPUT when it cannot be written (told).
+// Writes to `out`, at once. CTL_OK, or CTL_INPUT when it cannot be written (told, unless the reader has gone: `|
+// head`).
 int ctl_write(const ctl_output_t &output, std::string_view text);

@@ -11,21 +11,30 @@
 
 typedef struct _ctl_step {
   const lysc_node *schema = nullptr;
-  // Key and value, in the order of the schema; the name of a leaf-list's is ".". Fewer than the list has keys: all
-  // entries that fit.
+  // Key and value (canonical), in the order of the schema; the name of a leaf-list's is ".". Fewer than the list has
+  // keys: all entries that fit.
   std::vector<std::pair<std::string, std::string>> keys;
 } ctl_step_t;
 typedef std::vector<ctl_step_t> ctl_path_t; // from the top; empty: everything
 
 // The exit code; CTL_INPUT names the step that is wrong, and what was possible there.
 int ctl_parse_path(ctl_device &device, std::string_view text, ctl_path_t *ret_path);
-// In one form: prefixes where the module changes, keys in quotes that their values allow.
+// The same for whoever has a schema and tells faults otherwise, or not at all: false, and the fault.
+bool ctl_read_path(const ly_ctx *schema, std::string_view text, ctl_path_t *ret_path, std::string *ret_fault);
+// In one form: prefixes where the module changes, keys in quotes that their values allow. A quote is doubled in a value
+// that has both kinds.
 std::string ctl_path_text(const ctl_path_t &path);
+// Whether each list and leaf-list that the path passes or ends in is given by all its keys: one node at most.
+bool ctl_is_instance(const ctl_path_t &path);
 
-// The subtree filter that selects the path (RFC 6241, section 6); empty for everything.
+// The subtree filter that selects the path (RFC 6241, section 6); empty for everything. Of a leaf-list it selects all
+// entries, as no filter tells them apart: ctl_find() does.
 std::string ctl_filter(const ctl_path_t &path);
+// The nodes of a tree that the path names, in their order.
+std::vector<lyd_node *> ctl_find(lyd_node *tree, const ctl_path_t &path);
 // <config>'s content for one edit at the path: `operation` is RFC 6241's ("merge", "replace", "delete", ...) at the
-// last node; `value` (may be null) its text. Keys that are missing are CTL_INPUT (told).
+// last node; `value` (may be null) its text. Keys that are missing, and values that the type does not allow, are
+// CTL_INPUT (told).
 int ctl_edit(ctl_device &device, const ctl_path_t &path, std::string_view operation, const std::string *value,
              std::string *ret_config);
 // As text of an element or attribute.

@@ -22,7 +22,7 @@ constexpr char HELP[] =
     "             DIR/table2.key. Refused when there is a key or a table.\n"
     "check        whether key and table are there, belong together, and are kept from others.\n"
     "\n"
-    "  --config-dir DIR  where profile and table are (default: /usr/local/etc/ymgrd)\n"
+    "  --config-dir DIR  where profile and table are (default: " YMGR_CONFIG_DIR ")\n"
     "  --force           replaces key and table; values that were encrypted until then are lost\n"
     "  --print           prints the enciphered key as a member of the profile's section \"database\" and leaves the\n"
     "                    profile alone\n"
@@ -75,7 +75,7 @@ int run_command(const char *name, const keytool_options_t &options)
 int run(int argc, char **argv)
 {
   keytool_options_t options;
-  options.config_dir = std::string(DEFAULT_PROFILE_PATH, strrchr(DEFAULT_PROFILE_PATH, '/'));
+  options.config_dir = DEFAULT_CONFIG_DIR;
   int code = 0;
   while ((code = getopt_long(argc, argv, "", long_options, nullptr)) != -1) {
     switch (code) {

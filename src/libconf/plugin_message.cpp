@@ -1,5 +1,6 @@
 #include "libconf/plugin_message.h"
 
+#include <algorithm>
 #include <charconv>
 #include <climits>
 
@@ -8,6 +9,8 @@
 #include "libconf/xml_limits.h"
 
 namespace {
+
+constexpr size_t LONGEST_CHARACTER = 4; // in UTF-8
 
 const xmlChar *xml_text(const char *text)
 {
@@ -155,17 +158,22 @@ bool is_xml_character(uint32_t code)
          (code >= 0xE000 && code <= 0xFFFD) || (code >= 0x10000 && code <= 0x10FFFF);
 }
 
+// Of the character at its beginning; 0 when XML can not carry it.
+size_t length_of_first(std::string_view text)
+{
+  int length = static_cast<int>(std::min<size_t>(text.size(), LONGEST_CHARACTER));
+  int code = xmlGetUTF8Char(reinterpret_cast<const unsigned char *>(text.data()), &length);
+  return code >= 0 && length > 0 && is_xml_character(static_cast<uint32_t>(code)) ? static_cast<size_t>(length) : 0;
+}
+
 bool can_be_carried(std::string_view text)
 {
-  const auto *at = reinterpret_cast<const unsigned char *>(text.data());
-  for (int left = static_cast<int>(text.size()); left > 0;) {
-    int length = left;
-    int code = xmlGetUTF8Char(at, &length);
-    if (code < 0 || length <= 0 || !is_xml_character(static_cast<uint32_t>(code))) {
+  while (!text.empty()) {
+    size_t length = length_of_first(text);
+    if (length == 0) {
       return false;
     }
-    at += length;
-    left -= length;
+    text.remove_prefix(length);
   }
   return true;
 }
@@ -272,6 +280,20 @@ xmlNode *plugin_add_text(xmlNode *parent, const char *name, std::string_view tex
     xmlNodeAddContentLen(node, reinterpret_cast<const xmlChar *>(text.data()), static_cast<int>(text.size()));
   }
   return node;
+}
+
+std::string plugin_printable(std::string_view text, size_t most)
+{
+  std::string printable;
+  while (!text.empty() && printable.size() < most) {
+    size_t length = length_of_first(text);
+    if (printable.size() + length > most) {
+      break;
+    }
+    printable.append(length == 0 ? "?" : text.substr(0, length));
+    text.remove_prefix(std::max<size_t>(length, 1));
+  }
+  return printable;
 }
 
 xmlNode *plugin_add_int(xmlNode *parent, const char *name, long value)

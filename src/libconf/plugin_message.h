@@ -50,6 +50,8 @@ xmlNode *plugin_result_of(const plugin_doc_ptr &reply);
 // A new last child; `text` is taken as characters. Null when memory is short, or the text is not UTF-8 or holds
 // characters that XML can not carry.
 xmlNode *plugin_add_text(xmlNode *parent, const char *name, std::string_view text);
+// The characters of `text` that XML can carry, a question mark for each other byte. At most `most` bytes.
+std::string plugin_printable(std::string_view text, size_t most);
 xmlNode *plugin_add_int(xmlNode *parent, const char *name, long value);
 // Parses `markup` (any number of elements) and appends them to `parent`. 0, or -1 when it is not well-formed.
 int plugin_add_markup(xmlNode *parent, std::string_view markup);

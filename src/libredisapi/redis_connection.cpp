@@ -19,6 +19,7 @@ constexpr std::string_view TCP_SCHEME = "tcp:";
 
 void (*g_log)(const char *text) = nullptr;
 void (*g_on_connect)(rContext *connection) = nullptr;
+uint64_t g_lost = 0;
 
 redisContext *open_tcp(std::string_view host_and_port)
 {
@@ -120,6 +121,7 @@ void redis_drop_link(rContext *connection, const char *during)
   redisContext *link = connection->link.get();
   redis_log("Redis connection (%.256s) failed during %.64s: %.256s", connection->address.c_str(), during,
             link != nullptr && link->errstr[0] != '\0' ? link->errstr : strerror(errno));
+  g_lost += link != nullptr && (link->flags & REDIS_CONNECTED) != 0 ? 1 : 0;
   connection->link.reset();
 }
 
@@ -163,6 +165,7 @@ int redis_ensure_connected(rContext *connection)
   if (link_is_alive(connection->link.get())) {
     return 0;
   }
+  g_lost += connection->link != nullptr ? 1 : 0;
   return establish(connection);
 }
 
@@ -173,6 +176,11 @@ int redis_select(rContext *connection, int db)
   }
   connection->db = db;
   return 0;
+}
+
+uint64_t redis_lost_connections()
+{
+  return g_lost;
 }
 
 int redis_selected(const rContext *connection)

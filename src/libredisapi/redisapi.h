@@ -39,6 +39,7 @@ rContext *redis_connect(const char *address);
 int redis_select(rContext *connection, int db); // 0, or -1
 int redis_selected(const rContext *connection);
 int redis_ping(rContext *connection); // 0 when the server answers and has loaded its data
+uint64_t redis_lost_connections();    // that the server has ended, or that have failed, of all that were made
 // Re-establishes the connection when the server has closed it; costs no round trip when it has not. 0 or -1.
 int redis_ensure_connected(rContext *connection);
 

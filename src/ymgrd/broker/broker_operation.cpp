@@ -3,6 +3,7 @@
 
 #include "ymgrd/broker/broker_internal.h"
 #include "ymgrd/core/context.h"
+#include "ymgrd/core/counters.h"
 #include "ymgrd/core/log.h"
 #include "ymgrd/crypto/encrypt_find.h"
 #include "ymgrd/rpc/rpc_reply.h"
@@ -94,6 +95,14 @@ int process_inside(const rpc_oper_context_t &context, const subscriber_t &subscr
   return 0;
 }
 
+// Of a name that somebody has registered: else clients could fill the memory with names.
+void count_request(const rpc_oper_context_t &context)
+{
+  if (context.have_subscriber == 0) {
+    g_daemon_counters.operations[context.oper]++;
+  }
+}
+
 // Offers the request to the first subscriber behind the one that was tried last.
 int publish_operation_core(int session_id)
 {
@@ -110,6 +119,7 @@ int publish_operation_core(int session_id)
     if (candidate.path != context->oper) {
       continue;
     }
+    count_request(*context);
     context->need_reply_ok++;
     context->have_subscriber = 1;
     const subscriber_t subscriber = candidate; // may be unregistered by what it does

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <deque>
 #include <memory>
 #include <string>
@@ -68,6 +69,16 @@ typedef struct _plugin_remote {
   conf_buffer_ptr send_buf;
 } plugin_remote_t;
 
+// What stays of a plugin when its connection ends, for the next one of its name.
+typedef struct _plugin_history {
+  time_t registered = 0;      // last
+  uint64_t registrations = 0; // since the daemon's start
+  uint64_t offered = 0;       // changed nodes
+  uint64_t refused = 0;       // those of them that it did not take
+  std::string last_error;     // characters that XML can carry
+  time_t last_error_time = 0; // 0: there was none
+} plugin_history_t;
+
 // At most one request is outstanding per plugin (remote.reply_id); the bits kickoff, pub_config, pub_oper and
 // sub_status also stand for those that wait for their turn.
 typedef struct _plugin_inst {
@@ -93,6 +104,7 @@ typedef struct _plugin_inst {
   int pub_oper_type = 0;                 // its CONFIG_OP_... bits
   std::string sub_path;                  // path of the state data asked for
   std::vector<std::string> status_paths; // below which it may push state data
+  plugin_history_t history;
 } plugin_inst_t;
 
 // Requests configuration restore (smooth start) for a plugin whose bit_cfgr (bit_smooth) is set, or resumes it when its

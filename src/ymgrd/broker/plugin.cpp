@@ -133,7 +133,7 @@ void plugin_lost(plugin_inst_t *plugin)
   log_info("Plugin %.512s has gone(id=%d).", label.c_str(), plugin_id);
   if (is_publishing) {
     std::string text = "Plugin " + label + " has gone while it was offered " + plugin->pub_path;
-    plugin_change_failed(*plugin, -1, text);
+    plugin_change_failed(plugin, -1, text);
   }
   plugin_destroy_inst(plugin);
   if (is_publishing) {
@@ -200,6 +200,7 @@ void plugin_exit()
     end_plugins();
     context_destroy_list(PLUGIN_LIST, nullptr); // holds no entries any more
   }
+  plugin_forget_gone();
 }
 
 plugin_inst_t *plugin_find(int plugin_id)
@@ -274,6 +275,7 @@ int plugin_add_inst(std::unique_ptr<plugin_inst_t> plugin)
 void plugin_destroy_inst(plugin_inst_t *plugin)
 {
   std::unique_ptr<plugin_inst_t> owned(plugin);
+  plugin_note_gone(*plugin);
   broker_cancel_plugin_subpub(plugin);
   ds_plugin_forget_pushed(plugin->plugin_id);
   if (plugin->local_flag) {

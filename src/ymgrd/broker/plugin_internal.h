@@ -64,7 +64,7 @@ void plugin_drop_requests(plugin_inst_t *plugin);
 void plugin_reply_dispatch(plugin_inst_t *plugin, const xmlNode *reply, uint16_t msg_id);
 void plugin_resume_publication(plugin_inst_t *plugin);
 // The change that is waited for was not taken.
-void plugin_change_failed(const plugin_inst_t &plugin, int code, const std::string &text);
+void plugin_change_failed(plugin_inst_t *plugin, int code, const std::string &text);
 // What a session's operation came to.
 typedef struct _plugin_operation {
   int session_id;
@@ -80,6 +80,12 @@ void plugin_status_reply(const std::string &name, const std::string &path, const
 int64_t plugin_clock(); // monotonic seconds
 // Something has come from an overdue plugin: it is brought up to date.
 void plugin_wake(plugin_inst_t *plugin);
+
+// --- plugin_state.cpp: what is told of plugins.
+void plugin_note_registered(plugin_inst_t *plugin); // takes over what was known of an earlier one of its name
+void plugin_note_error(plugin_inst_t *plugin, const std::string &text);
+void plugin_note_gone(const plugin_inst_t &plugin); // before it is freed; one that never registered is forgotten
+void plugin_forget_gone();
 
 // --- plugin_local.cpp, plugin_local_call.cpp
 void plugin_start_local(int stage);              // starts those of that stage

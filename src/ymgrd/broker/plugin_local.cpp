@@ -150,10 +150,12 @@ cjson_ptr load_profile(const std::string &name)
 
 int start_local(plugin_inst_t *plugin)
 {
-  std::string reason; // logged with its path
+  std::string reason = "It could not be installed."; // logged, with its path
   if (plugin_local_install(plugin) != 0 || plugin_register(plugin, plugin->local.registrations, &reason) != 0) {
+    plugin_note_error(plugin, reason);
     return -1;
   }
+  plugin_note_registered(plugin);
   log_info("Plugin register ok(name=%.512s, id=%d).", plugin->name.c_str(), plugin->plugin_id);
   plugin->bit_activate = true;
   plugin->wants_cfgr = true;
@@ -172,6 +174,20 @@ void bring_up_local(plugin_inst_t *plugin, int stage)
   (void)(is_smooth ? broker_plugin_smooth_start(plugin) : broker_plugin_cfgr(plugin)); // logged there
 }
 
+// Its shared object and its profile. 0 or -1 (logged).
+int load_local(plugin_inst_t *plugin, const char *so_path)
+{
+  plugin->local.so_handle.reset(dlopen(so_path, RTLD_NOW | RTLD_LOCAL));
+  if (plugin->local.so_handle == nullptr) {
+    log_error("Open plugin <%.512s>'s so failed(%.512s).", plugin->name.c_str(), dlerror());
+    return -1;
+  }
+  cjson_ptr profile = load_profile(plugin->name);
+  return profile == nullptr || read_base(plugin, profile.get()) != 0 || read_registrations(plugin, profile.get()) != 0
+             ? -1
+             : 0;
+}
+
 } // namespace
 
 int plugin_create_local_inst(const char *name, const char *so_path)
@@ -183,14 +199,9 @@ int plugin_create_local_inst(const char *name, const char *so_path)
   auto plugin = std::make_unique<plugin_inst_t>();
   plugin->name = name;
   plugin->local_flag = true;
-  plugin->local.so_handle.reset(dlopen(so_path, RTLD_NOW | RTLD_LOCAL));
-  if (plugin->local.so_handle == nullptr) {
-    log_error("Open plugin <%.512s>'s so failed(%.512s).", name, dlerror());
-    return -1;
-  }
-  cjson_ptr profile = load_profile(plugin->name);
-  if (profile == nullptr || read_base(plugin.get(), profile.get()) != 0 ||
-      read_registrations(plugin.get(), profile.get()) != 0) {
+  if (load_local(plugin.get(), so_path) != 0) {
+    plugin_note_error(plugin.get(), "It could not be loaded.");
+    plugin_note_gone(*plugin);
     return -1;
   }
   return plugin_add_inst(std::move(plugin));

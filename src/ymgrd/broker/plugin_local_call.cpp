@@ -206,11 +206,14 @@ void plugin_local_config(plugin_inst_t *plugin, const plugin_publish_info_t &inf
     // The flag stands before the priority here, unlike in the record.
     result = info.cb_func.config(info.session_id, item.oper_type, item.more_flag, item.priority, item.path);
   }
+  plugin->history.offered++;
   if (result == 0) {
     *status = SUBPUB_CONTINUE;
-  } else {
-    (void)broker_save_error(call.code, error_text(call).c_str()); // logged there
+    return;
   }
+  plugin->history.refused++;
+  plugin_note_error(plugin, error_text(call));
+  (void)broker_save_error(call.code, error_text(call).c_str()); // logged there
 }
 
 void plugin_local_operate(plugin_inst_t *plugin, const plugin_publish_info_t &info, const std::string &oper)
@@ -257,6 +260,7 @@ void plugin_local_status(plugin_inst_t *plugin, const plugin_subscibe_info_t &in
   if (result != 0) {
     log_warn("Plugin %.512s gives no state data of %.512s(%d: %.512s).", plugin->name.c_str(), info.path, call.code,
              error_text(call).c_str());
+    plugin_note_error(plugin, error_text(call));
     return;
   }
   plugin_doc_ptr data = parse_elements(text == nullptr ? "" : text);

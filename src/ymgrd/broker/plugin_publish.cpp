@@ -109,9 +109,12 @@ plugin_doc_ptr config_params(const plugin_publish_info_t &info)
   return params;
 }
 
-int fail_publish(const plugin_inst_t &plugin, const std::string &reason)
+int fail_publish(plugin_inst_t *plugin, const std::string &reason)
 {
-  (void)broker_save_error(-1, ("Plugin " + plugin.name + " " + reason).c_str()); // logged there
+  const std::string text = "Plugin " + plugin->name + " " + reason;
+  plugin->history.refused++;
+  plugin_note_error(plugin, text);
+  (void)broker_save_error(-1, text.c_str()); // logged there
   return -1;
 }
 
@@ -146,7 +149,7 @@ int publish_to_overdue(plugin_inst_t *plugin, const plugin_publish_info_t &info,
     *status = SUBPUB_CONTINUE;
     return 0;
   }
-  return fail_publish(*plugin, "does not answer");
+  return fail_publish(plugin, "does not answer");
 }
 
 int publish_remote_config(plugin_inst_t *plugin, const plugin_publish_info_t &info, int *status)
@@ -156,23 +159,24 @@ int publish_remote_config(plugin_inst_t *plugin, const plugin_publish_info_t &in
     *status = SUBPUB_CONTINUE;
     return 0;
   }
+  plugin->history.offered++;
   if (plugin->bit_overdue) {
     return publish_to_overdue(plugin, info, status);
   }
   if (plugin->bit_pub_config || (plugin_is_busy(*plugin) && !may_wait(*plugin, info.config.oper_type))) {
     log_info("Plugin %.512s is busy so can't do config-publish.", plugin->name.c_str());
-    return fail_publish(*plugin, "is busy with " + busy_with(*plugin));
+    return fail_publish(plugin, "is busy with " + busy_with(*plugin));
   }
   plugin_doc_ptr params = config_params(info);
   if (params == nullptr) {
     log_error("Build publish-config path failed.");
-    return fail_publish(*plugin, std::string("can not be offered ") + info.config.path);
+    return fail_publish(plugin, std::string("can not be offered ") + info.config.path);
   }
   plugin->pub_path = info.config.path;
   plugin->pub_oper_type = info.config.oper_type;
   if (request(plugin, PLUGIN_PUB_CONFIG, std::move(params)) != 0) {
     log_error("Cache publish-config rpc failed for plugin %.512s.", plugin->name.c_str());
-    return fail_publish(*plugin, std::string("can not be sent ") + info.config.path);
+    return fail_publish(plugin, std::string("can not be sent ") + info.config.path);
   }
   *status = SUBPUB_WAIT;
   return 0;

@@ -48,13 +48,14 @@ void finish_kickoff(plugin_inst_t *plugin, const plugin_outcome_t &outcome)
     }
   } else {
     log_warn("Plugin %.512s kickoff failed(%d: %.512s).", plugin->name.c_str(), outcome.code, outcome.message.c_str());
+    plugin_note_error(plugin, outcome.message);
   }
 }
 
 void finish_publish(plugin_inst_t *plugin, const plugin_outcome_t &outcome)
 {
   if (outcome.result == nullptr) {
-    plugin_change_failed(*plugin, outcome.code, outcome.message);
+    plugin_change_failed(plugin, outcome.code, outcome.message);
   }
   plugin_resume_publication(plugin);
 }
@@ -76,6 +77,7 @@ void finish_status(plugin_inst_t *plugin, const plugin_outcome_t &outcome)
   } else {
     log_warn("Plugin %.512s gives no state data of %.512s(%d: %.512s).", plugin->name.c_str(), plugin->sub_path.c_str(),
              outcome.code, outcome.message.c_str());
+    plugin_note_error(plugin, outcome.message);
   }
   broker_subscribe_continue(plugin->plugin_id);
 }
@@ -146,10 +148,12 @@ void plugin_resume_publication(plugin_inst_t *plugin)
   }
 }
 
-void plugin_change_failed(const plugin_inst_t &plugin, int code, const std::string &text)
+void plugin_change_failed(plugin_inst_t *plugin, int code, const std::string &text)
 {
-  if ((plugin.pub_oper_type & CONFIG_OP_ROLLBACK) != 0) {
-    log_warn("Config rollback failed on %.512s.", plugin.pub_path.c_str());
+  plugin->history.refused++;
+  plugin_note_error(plugin, text);
+  if ((plugin->pub_oper_type & CONFIG_OP_ROLLBACK) != 0) {
+    log_warn("Config rollback failed on %.512s.", plugin->pub_path.c_str());
   }
   (void)broker_save_error(code, text.c_str()); // logged there
 }

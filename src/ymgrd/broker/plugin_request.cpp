@@ -125,6 +125,7 @@ int plugin_register_proc(plugin_inst_t *plugin, const xmlNode *params, plugin_an
     plugin->name.clear(); // may be tried again
     return -1;
   }
+  plugin_note_registered(plugin);
   log_info("Plugin register ok(name=%.512s, id=%d).", plugin->name.c_str(), plugin->plugin_id);
   return 0;
 }

@@ -7,6 +7,8 @@
 
 namespace {
 
+constexpr const char NO_ANSWER[] = "Wait message reply timeout.";
+
 void log_publish_timeout(const plugin_inst_t &plugin)
 {
   const char *what = "publish configuration";
@@ -23,6 +25,7 @@ void log_publish_timeout(const plugin_inst_t &plugin)
 void make_overdue(plugin_inst_t *plugin)
 {
   plugin->bit_overdue = true;
+  plugin_note_error(plugin, NO_ANSWER);
   plugin->missed_config = plugin->missed_config || plugin->bit_pub_config;
   plugin_drop_requests(plugin);
 }
@@ -38,13 +41,13 @@ void plugin_rpc_timeout(plugin_inst_t *plugin)
     log_warn("Plugin %.512s kickoff timeout.", plugin->name.c_str());
   }
   if (is_publishing) {
-    plugin_change_failed(*plugin, -1, "Wait message reply timeout.");
+    plugin_change_failed(plugin, -1, NO_ANSWER);
     log_publish_timeout(*plugin);
     plugin_resume_publication(plugin);
   }
   if (is_operating) {
     log_warn("Plugin %.512s publish operate timeout.", plugin->name.c_str());
-    plugin_nbi_error(plugin_take_operation(plugin), -1, "Wait message reply timeout.");
+    plugin_nbi_error(plugin_take_operation(plugin), -1, NO_ANSWER);
   }
   if (is_subscribed) {
     log_warn("Plugin %.512s subscribe status timeout.", plugin->name.c_str());
@@ -96,7 +99,7 @@ void plugin_given_up(int plugin_id)
   bool is_operating = plugin->bit_pub_oper;
   make_overdue(plugin);
   if (is_operating) {
-    plugin_nbi_error(plugin_take_operation(plugin), -1, "Wait message reply timeout.");
+    plugin_nbi_error(plugin_take_operation(plugin), -1, NO_ANSWER);
   }
 }
 

@@ -5,7 +5,7 @@
 namespace {
 
 std::string profile_path = DEFAULT_PROFILE_PATH;
-std::string config_dir = "/usr/local/etc/ymgrd";
+std::string config_dir = DEFAULT_CONFIG_DIR;
 std::string key_table_path = DEFAULT_KEY_TABLE_PATH;
 std::string modules_dir = DEFAULT_MODULES_DIR; // where the profile names none
 std::string plugins_dir = DEFAULT_PLUGINS_DIR; // likewise

@@ -3,10 +3,16 @@
 
 #include <string>
 
-constexpr const char DEFAULT_PROFILE_PATH[] = "/usr/local/etc/ymgrd/ymgrd.conf";
-constexpr const char DEFAULT_MODULES_DIR[] = "/usr/local/etc/ymgrd/modules";
-constexpr const char DEFAULT_PLUGINS_DIR[] = "/usr/local/etc/ymgrd/plugins";
-constexpr const char DEFAULT_KEY_TABLE_PATH[] = "/usr/local/etc/ymgrd/table2.key";
+// A build for another place gives it (CMake's YMGR_CONFIG_DIR).
+#ifndef YMGR_CONFIG_DIR
+#define YMGR_CONFIG_DIR "/usr/local/etc/ymgrd"
+#endif
+
+constexpr const char DEFAULT_CONFIG_DIR[] = YMGR_CONFIG_DIR;
+constexpr const char DEFAULT_PROFILE_PATH[] = YMGR_CONFIG_DIR "/ymgrd.conf";
+constexpr const char DEFAULT_MODULES_DIR[] = YMGR_CONFIG_DIR "/modules";
+constexpr const char DEFAULT_PLUGINS_DIR[] = YMGR_CONFIG_DIR "/plugins";
+constexpr const char DEFAULT_KEY_TABLE_PATH[] = YMGR_CONFIG_DIR "/table2.key";
 constexpr const char DEFAULT_INSTANCE_PATH[] = "/var/tmp/ymgrd.pid";
 constexpr const char DEFAULT_REDIS_SOCKET[] = "/tmp/redis.sock";
 // The device's offset from universal time, for a daemon without TZ in its environment.

@@ -20,6 +20,7 @@
 #include "ymgrd/core/log.h"
 #include "ymgrd/core/paths.h"
 #include "ymgrd/core/profile.h"
+#include "ymgrd/core/service_manager.h"
 #include "ymgrd/core/stop_signal.h"
 #include "ymgrd/core/wiping_heap.h"
 #include "ymgrd/crypto/encrypt_registry.h"
@@ -82,6 +83,9 @@ void daemonize_unless_refused()
 {
   constexpr int KEEP_WORKING_DIR = 1;
   constexpr int KEEP_DESCRIPTORS = 1;
+  if (service_manager_waits()) {
+    return;
+  }
   if (context_get_int("OPT-daemonize", 1) == 1 && daemon(KEEP_WORKING_DIR, KEEP_DESCRIPTORS) != 0) {
     log_error("create process fail.");
   }
@@ -187,6 +191,7 @@ int ymgrd_init(const std::string &keepalive_so, bool smooth)
     return -1;
   }
   log_info("Ymgrd initialized successfully.");
+  service_manager_tell_ready();
   return 0;
 }
 

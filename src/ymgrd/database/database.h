@@ -100,6 +100,13 @@ void database_unlock(int hdb, int lock_id);
 int database_set_transaction_state(int target, transact_state_e state);
 transact_state_e database_get_transaction_state(int target); // E_TRANS_INVALID when there is none
 
+typedef struct _database_figures {
+  transact_state_e state = E_TRANS_INVALID;
+  uint64_t records = 0; // containers, lists and list entries, and a few of the daemon's own
+} database_figures_t;
+// Of each of the datastores (ENUM_DATASTORE_*), in one round trip for all. 0 or -1.
+int database_get_figures(const std::vector<int> &targets, std::vector<database_figures_t> *ret_figures);
+
 // The change that is handed out to plugins, in a form of the caller's: kept in Redis until it has been, so that a
 // daemon that starts after a kill learns what they may know. Set and removed with a transaction state, in one round
 // trip. 0 or -1.

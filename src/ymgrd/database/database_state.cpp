@@ -106,6 +106,18 @@ void add_in_running(redis_batch_t *batch, int target, std::initializer_list<std:
   }
 }
 
+// What stands in the field of the state.
+transact_state_e state_of(const redisReply &reply)
+{
+  int32_t number = 0;
+  if (reply.type != REDIS_REPLY_STRING || reply.len != sizeof(number)) {
+    return E_TRANS_INVALID;
+  }
+  memcpy(&number, reply.str, sizeof(number));
+  bool is_state = number >= E_TRANS_INVALID && number <= E_TRANS_COMMIT_END;
+  return is_state ? static_cast<transact_state_e>(number) : E_TRANS_INVALID;
+}
+
 } // namespace
 
 int database_set_transaction_state(int target, transact_state_e state)
@@ -181,12 +193,44 @@ transact_state_e database_get_transaction_state(int target)
     return E_TRANS_INVALID;
   }
   redis_reply_ptr reply = redis_hash_get_bin_safe(connection.get(), INFO_KEY, STATE_FIELD);
-  int32_t number = 0;
-  if (reply == nullptr || reply->type != REDIS_REPLY_STRING || reply->len != sizeof(number)) {
+  if (reply == nullptr || reply->type != REDIS_REPLY_STRING || reply->len != sizeof(int32_t)) {
     log_warn("Datbase(%d) has no transaction state flag.", target);
     return E_TRANS_INVALID;
   }
-  memcpy(&number, reply->str, sizeof(number));
-  bool is_state = number >= E_TRANS_INVALID && number <= E_TRANS_COMMIT_END;
-  return is_state ? static_cast<transact_state_e>(number) : E_TRANS_INVALID;
+  return state_of(*reply);
+}
+
+int database_get_figures(const std::vector<int> &targets, std::vector<database_figures_t> *ret_figures)
+{
+  constexpr size_t COMMANDS = 3; // for each datastore
+  int rdb = targets.empty() ? NO_DATABASE : master_of(targets.back());
+  db_connection connection = rdb == NO_DATABASE ? db_connection() : db_connect(rdb);
+  if (!connection) {
+    log_error("The figures of the datastores can not be read.");
+    return -1;
+  }
+  // The last database selected is the connection's own.
+  redis_batch_ptr batch(redis_batch_create());
+  for (int target : targets) {
+    redis_batch_add(batch.get(), {"SELECT", std::to_string(master_of(target))});
+    redis_batch_add(batch.get(), {"HGET", INFO_KEY, STATE_FIELD});
+    redis_batch_add(batch.get(), {"DBSIZE"});
+  }
+  std::vector<database_figures_t> figures(targets.size());
+  bool is_refused = false;
+  int sent = redis_batch_run(connection.get(), batch.get(), [&](size_t index, const redisReply *reply) {
+    database_figures_t &figure = figures[index / COMMANDS];
+    is_refused = is_refused || redis_reply_is_error(reply);
+    if (index % COMMANDS == 1) {
+      figure.state = state_of(*reply);
+    } else if (index % COMMANDS == 2) {
+      figure.records = static_cast<uint64_t>(reply->integer);
+    }
+  });
+  if (sent != 0 || is_refused) {
+    log_error("The figures of the datastores can not be read.");
+    return -1;
+  }
+  *ret_figures = std::move(figures);
+  return 0;
 }

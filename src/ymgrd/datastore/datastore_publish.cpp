@@ -55,7 +55,9 @@ int commit_change(ds_publishing_t *record)
 // With errors of plugins: a rolled back change never reaches the database; else what the plugins applied stays.
 reply_error_ptr finish_failed(ds_publishing_t *record, int is_rollback, reply_error_ptr errors)
 {
+  g_daemon_counters.changes_refused++;
   if (is_rollback) {
+    g_daemon_counters.rollbacks++;
     record->db.discard();
     return errors;
   }
@@ -228,7 +230,9 @@ int datastore_publish_callback(int is_rollback, reply_error_ptr errors)
   }
   reply_error_ptr error = finish_publication(record.get(), is_rollback, std::move(errors));
   g_daemon_counters.commits += error == nullptr ? 1 : 0;
-  if (!record->stands) {
+  if (record->stands) {
+    g_daemon_counters.last_change = time(nullptr);
+  } else {
     ds_announce_undone(std::move(record->announced));
   }
   keep_data(record.get(), error == nullptr);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "ymgrd/core/counters.h"
 #include "ymgrd/core/log.h"
 #include "ymgrd/notify/event_time.h"
 #include "ymgrd/notify/notification_config.h"
@@ -63,7 +64,11 @@ public:
       is_opened_ = event_content_for_client(event_.content, &opened_);
     }
     const std::string_view pieces[] = {begin_, is_opened_ ? std::string_view(opened_) : event_.content, ENVELOPE_END};
-    return session_cache_send_pieces(session_id, SESSION_MSG_OTHER, pieces);
+    if (session_cache_send_pieces(session_id, SESSION_MSG_OTHER, pieces) != 0) {
+      return -1;
+    }
+    g_daemon_counters.notifications_sent++;
+    return 0;
   }
 
 private:
@@ -119,6 +124,7 @@ void note_missed(client_subscription_t *subscription, uint64_t count, const char
              static_cast<unsigned long long>(count), reason);
   }
   subscription->missed += count;
+  g_daemon_counters.notifications_missed += count;
 }
 
 void report_missed(client_subscription_t *subscription)

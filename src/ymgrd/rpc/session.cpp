@@ -163,6 +163,7 @@ int receive_request(session_t *session)
     break;
   }
   session->bit_rpc = false;
+  session->requests++;
   session->wait_reply_seq = head.seq;
   int result = session_hooks.receive == nullptr ? -1 : session_hooks.receive(session_id, &head, payload);
 

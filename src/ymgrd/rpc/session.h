@@ -21,6 +21,7 @@ typedef struct _session {
   std::string username; // of create-session, blanks stripped
   int agent_ppid = 0;
   time_t login_time = 0;     // of create-session
+  uint64_t requests = 0;     // received
   bool bit_init = false;     // create-session has completed
   bool bit_rpc = true;       // may take a new request
   bool bit_exit = false;     // to be closed once its reply has gone

@@ -13,6 +13,7 @@
 #include "libconf/safe_string.h"
 #include "ymgrd/broker/broker.h"
 #include "ymgrd/core/context.h"
+#include "ymgrd/core/counters.h"
 #include "ymgrd/core/log.h"
 #include "ymgrd/notify/base_notification.h"
 #include "ymgrd/rpc/rpc_reply.h"
@@ -114,6 +115,7 @@ int oper_create_session(int session_id, const char *, lyxml_elem *rpc)
   }
   session->bit_init = true;
   session->login_time = time(nullptr);
+  g_daemon_counters.sessions++;
   notify_session_start(*session);
   return 0;
 }

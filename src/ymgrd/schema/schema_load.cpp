@@ -24,7 +24,7 @@ typedef struct _required_module {
 } required_module_t;
 const required_module_t required_modules[] = {
     {"ietf-netconf", "2011-06-01", {"writable-running", "candidate", "rollback-on-error", "startup"}},
-    {"zentra-ymgrd", "2026-11-22", {}},
+    {"zentra-ymgrd", "2026-11-23", {}},
     {"notifications", "2008-07-14", {}},
     {"nc-notifications", "2008-07-14", {}},
     {"ietf-netconf-notifications", "2012-02-06", {}},
