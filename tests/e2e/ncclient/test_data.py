@@ -67,7 +67,7 @@ class Editing(Case):
             for content in contents:
                 self.assertTrue(self.edit(content, target, **options).ok)
             self.assertEqual(self.read(NAMES, target), wanted)
-            self.setUp()
+            self.empty()
 
     def test_a_plugin_carries_a_change_out_and_supplies_state(self):
         self.edit("<dsys:system><dsys:hostname>gw</dsys:hostname></dsys:system><hello:hello><hello:name>world</hello:name></hello:hello>")
