@@ -391,6 +391,28 @@ void find_below(lyd_node *siblings, const ctl_path_t &path, size_t index, std::v
   }
 }
 
+// Whether anything of the path is left among the siblings.
+bool keep_below(lyd_node *siblings, const ctl_path_t &path, size_t index, lyd_node **ret_first)
+{
+  bool has_any = false;
+  lyd_node *first = siblings;
+  for (lyd_node *node = siblings, *next = nullptr; node != nullptr; node = next) {
+    next = node->next;
+    const bool is_key = index > 0 && node->schema != nullptr && lysc_is_key(node->schema);
+    const bool is_wanted =
+        fits(node, path[index]) && (index + 1 == path.size() || keep_below(lyd_child(node), path, index + 1, nullptr));
+    has_any = has_any || is_wanted;
+    if (!is_wanted && !is_key) {
+      first = node == first ? next : first;
+      lyd_free_tree(node);
+    }
+  }
+  if (ret_first != nullptr) {
+    *ret_first = first;
+  }
+  return has_any;
+}
+
 // --- Edits.
 
 // What speaks against an edit there; empty when nothing does.
@@ -525,6 +547,15 @@ std::vector<lyd_node *> ctl_find(lyd_node *tree, const ctl_path_t &path)
     find_below(tree, path, 0, &found);
   }
   return found;
+}
+
+lyd_node *ctl_keep_only(lyd_node *tree, const ctl_path_t &path)
+{
+  lyd_node *first = tree;
+  if (!path.empty()) {
+    (void)keep_below(tree, path, 0, &first); // nothing left: null is what comes back
+  }
+  return first;
 }
 
 int ctl_edit(ctl_device &device, const ctl_path_t &path, std::string_view operation, const std::string *value,

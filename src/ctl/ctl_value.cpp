@@ -179,10 +179,15 @@ std::string allowed_text(const lysc_node *node, const std::string &fault)
     parts.emplace_back("...");
   }
   for (const lysc_type *type : types_of(node)) {
+    std::vector<std::string> names;
+    append_names(type, &names);
     const bool is_other = type->basetype == LY_TYPE_STRING && fault.find("length") == std::string::npos;
-    std::string bounds = is_other ? "" : bounds_text(type);
+    const std::string bounds = is_other ? "" : bounds_text(type);
+    if (names.empty() && bounds.empty()) {
+      return ""; // half of what a union allows would mislead
+    }
     if (!bounds.empty() && std::find(parts.begin(), parts.end(), bounds) == parts.end()) {
-      parts.push_back(std::move(bounds));
+      parts.push_back(bounds);
     }
   }
   std::string text;
