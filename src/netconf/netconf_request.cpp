@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include <libxml/parser.h>
 
@@ -185,18 +186,22 @@ bool netconf_reply_is_to_no_xml(std::string_view reply, uint16_t seq, const netc
   return doc != nullptr && netconf_attribute(xmlDocGetRootElement(doc.get()), "message-id") == number;
 }
 
-std::string netconf_error_info(std::string_view reply)
+std::string netconf_standard_errors(std::string_view reply)
 {
-  netconf_doc_ptr doc = reply.find("<error-info>") == std::string_view::npos ? nullptr : netconf_parse(reply);
+  netconf_doc_ptr doc = netconf_parse(reply);
   if (doc == nullptr) {
     return std::string(reply);
   }
   const xmlNode *root = xmlDocGetRootElement(doc.get());
   for (const xmlNode *error = netconf_first_element(root); error != nullptr; error = netconf_next_element(error)) {
-    xmlNode *info = netconf_name(error) == "rpc-error" ? netconf_first_element(error) : nullptr;
-    for (; info != nullptr; info = netconf_next_element(info)) {
-      if (netconf_name(info) == "error-info") {
-        make_elements(info);
+    xmlNode *next = netconf_name(error) == "rpc-error" ? netconf_first_element(error) : nullptr;
+    while (next != nullptr) {
+      xmlNode *part = std::exchange(next, netconf_next_element(next));
+      if (netconf_name(part) == "error-info") {
+        make_elements(part);
+      } else if (netconf_name(part) == "error-path" && part->children == nullptr) {
+        xmlUnlinkNode(part);
+        xmlFreeNode(part);
       }
     }
   }

@@ -105,7 +105,7 @@ TEST(netconf_conversation, error_info_becomes_elements_where_it_is_xml)
       {INFO("&lt;a/&gt; &lt;b c=\"&amp;lt;\"/&gt;"), INFO("<a/> <b c=\"&lt;\"/>")},
       {INFO("&lt;a&gt;"), INFO("&lt;a&gt;")},
       {INFO("see &lt;a/&gt;"), INFO("see &lt;a/&gt;")},
-      {ERROR("<error-tag>invalid-value</error-tag>"), ERROR("<error-tag>invalid-value</error-tag>")},
+      {ERROR("<error-path/><error-tag>invalid-value</error-tag>"), ERROR("<error-tag>invalid-value</error-tag>")},
   };
   for (const auto &[daemons, clients] : cases) {
     EXPECT_EQ(say(request, daemons), clients);
