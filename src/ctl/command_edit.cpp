@@ -27,9 +27,12 @@ void add_options(CLI::App *app, edit_options_t *options)
   app->add_flag("--running", options->of_running, "change the running configuration at once, instead of candidate");
 }
 
+// Candidate takes the edit as it is: what is not complete after one edit may be so after the next, and the commit
+// checks it all. Running would never be without the check.
 int send_edit(ctl_device &device, const edit_options_t &options, std::string *config)
 {
-  std::string operation = std::string("<edit-config><target><") + options.target() + "/></target><config>" + *config +
+  std::string operation = std::string("<edit-config><target><") + options.target() + "/></target>" +
+                          (options.of_running ? "" : "<test-option>set</test-option>") + "<config>" + *config +
                           "</config></edit-config>";
   int result = device.rpc(operation, nullptr);
   explicit_bzero(operation.data(), operation.size());
@@ -137,8 +140,9 @@ ctl_action ctl_define_set(CLI::App *app)
 {
   auto options = std::make_shared<edit_options_t>();
   add_options(app, options.get());
-  CLI::Option *value =
-      app->add_option("value", options->value, "its value; none for what has no value")->type_name("VALUE");
+  CLI::Option *value = app->add_option("value", options->value,
+                                       "its value, behind \"--\" when it begins with \"-\"; none for what has no value")
+                           ->type_name("VALUE");
   return [options, value](ctl_device &device) { return set_node(device, *options, value->count() > 0); };
 }
 

@@ -25,25 +25,6 @@ std::string read_operation(const std::string &source, const std::string &filter)
   return "<get-config><source><" + source + "/></source>" + selection + "</get-config>";
 }
 
-// A filter selects all entries of a leaf-list; those that the path does not name go here.
-void drop_others(ctl_tree_ptr *tree, const ctl_path_t &path)
-{
-  if (path.empty() || path.back().schema->nodetype != LYS_LEAFLIST || path.back().keys.empty()) {
-    return;
-  }
-  ctl_path_t all = path;
-  all.back().keys.clear();
-  lyd_node *rest = tree->release();
-  for (lyd_node *node : ctl_find(rest, all)) {
-    if (path.back().keys.front().second == lyd_get_value(node)) {
-      continue;
-    }
-    rest = node == rest ? node->next : rest;
-    lyd_free_tree(node);
-  }
-  tree->reset(rest);
-}
-
 int print_values(ctl_device &device, const ctl_tree_ptr &tree, const ctl_path_t &path)
 {
   if (path.empty() || (path.back().schema->nodetype & LYD_NODE_TERM) == 0) {
@@ -73,7 +54,7 @@ int read_data(ctl_device &device, const read_options_t &options)
   if (result != CTL_OK) {
     return result;
   }
-  drop_others(&tree, path);
+  tree.reset(ctl_keep_only(tree.release(), path));
   return options.value_only ? print_values(device, tree, path) : ctl_print(device.output(), tree.get());
 }
 
@@ -194,6 +175,7 @@ ctl_action ctl_define_get_config(CLI::App *app)
       ->type_name("DATASTORE")
       ->check(CLI::IsMember({"running", "candidate", "startup"}))
       ->capture_default_str();
+  add_value_flag(app, &options->value_only);
   return [options](ctl_device &device) { return read_data(device, *options); };
 }
 

@@ -1,3 +1,4 @@
+#include <climits>
 #include <map>
 #include <memory>
 
@@ -74,7 +75,7 @@ ctl_action ctl_define_kill_session(CLI::App *app)
   app->add_option("session", *id, "its number, from \"sessions\"")
       ->type_name("ID")
       ->required()
-      ->check(CLI::PositiveNumber);
+      ->check(CLI::Range(1U, UINT_MAX));
   return [id](ctl_device &device) {
     return device.rpc("<kill-session><session-id>" + std::to_string(*id) + "</session-id></kill-session>", nullptr);
   };
