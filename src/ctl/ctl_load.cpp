@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <optional>
 
 #include <unistd.h>
 
@@ -123,6 +124,8 @@ private:
   int prepare();
   int send(std::string *ret_reply);
   bool watch(progress_line *line, const ymgr_progress_t &progress);
+  void answer_interrupts(progress_line *line);
+  int count_interrupts() const { return interrupt_ ? interrupt_->count() : 0; }
   int fail_unanswered(const std::string &cause);
   int tell_errors(const std::string &reply);
   int take_back();
@@ -130,7 +133,7 @@ private:
 
   ctl_device &device_;
   const ctl_load_t &load_;
-  const ctl_interrupt interrupt_;
+  std::optional<ctl_interrupt> interrupt_{std::in_place}; // while Ctrl-C is ours to answer
   bool is_locked_ = false;
   bool had_changes_ = false;
   std::string former_; // what candidate held, when it had changes
@@ -140,7 +143,12 @@ private:
 
 loader::~loader()
 {
-  if (is_locked_ && device_.session_id() != 0) {
+  interrupt_.reset(); // it is over, whatever becomes of the lock, which ends with the session at the latest
+  if (device_.session_id() == 0) {
+    return;
+  }
+  ymgr_set_progress(device_.client(), nullptr); // it knows us
+  if (is_locked_) {
     (void)device_.rpc("<unlock><target><candidate/></target></unlock>", nullptr); // told there
   }
 }
@@ -158,14 +166,15 @@ int loader::run()
   }
   result = tell_errors(reply);
   if (result != CTL_OK) {
-    return interrupt_.count() > 0 ? CTL_INTERRUPTED : result; // refused: candidate is as it was
+    return count_interrupts() > 0 ? CTL_INTERRUPTED : result; // refused: candidate is as it was
   }
-  if (load_.report != nullptr && interrupt_.count() == 0) {
+  if (load_.report != nullptr && count_interrupts() == 0) {
     result = load_.report();
   }
-  if (interrupt_.count() > 0) {
+  if (count_interrupts() > 0) {
     return take_back();
   }
+  interrupt_.reset(); // a commit cannot be stopped; to wait for it nobody need be made
   return result == CTL_OK && load_.is_committed ? device_.rpc("<commit/>", nullptr) : result;
 }
 
@@ -175,6 +184,8 @@ int loader::prepare()
   if (!is_undoable()) {
     return device_.client() == nullptr ? CTL_UNREACHABLE : CTL_OK;
   }
+  // Nothing has changed yet: whoever waits for a daemon that is busy may go.
+  ymgr_set_progress(device_.client(), [this](const ymgr_progress_t &) { return count_interrupts() == 0; });
   // Who has it already goes on with it; when another session has it, the load is refused.
   int result = device_.try_rpc("<lock><target><candidate/></target></lock>", nullptr);
   is_locked_ = result == CTL_OK;
@@ -190,7 +201,7 @@ int loader::prepare()
     result = device_.rpc("<get-config><source><candidate/></source></get-config>", &reply);
     former_ = data_content(reply);
   }
-  return result == CTL_OK && interrupt_.count() > 0 ? ctl_fail(device_.output(), CTL_INTERRUPTED, "interrupted")
+  return result == CTL_OK && count_interrupts() > 0 ? ctl_fail(device_.output(), CTL_INTERRUPTED, "interrupted")
                                                     : result;
 }
 
@@ -223,28 +234,34 @@ int loader::send(std::string *ret_reply)
 bool loader::watch(progress_line *line, const ymgr_progress_t &progress)
 {
   is_sent_ = progress.sent == progress.size;
-  const int count = interrupt_.count();
-  if (count > 0 && !is_sent_) {
+  if (count_interrupts() > 0 && !is_sent_) {
     return false;
   }
-  if (count > told_) {
-    told_ = count;
-    line->clear();
-    const std::string first =
-        "the daemon has all of " + load_.name +
-        (is_undoable() ? "; it is taken back as soon as it is carried out" : "; waiting for its answer");
-    (void)ctl_fail(device_.output(), CTL_INTERRUPTED,
-                   count == 1 ? first : "still waiting for the daemon: nothing is left half-done");
-  }
+  answer_interrupts(line);
   line->show(progress);
   return true;
+}
+
+void loader::answer_interrupts(progress_line *line)
+{
+  const int count = count_interrupts();
+  if (count <= told_) {
+    return;
+  }
+  const std::string first =
+      "the daemon has all of " + load_.name +
+      (is_undoable() ? "; it is taken back as soon as it is carried out" : "; waiting for its answer");
+  line->clear();
+  (void)ctl_fail(device_.output(), CTL_INTERRUPTED,
+                 told_ == 0 ? first : "still waiting for the daemon: nothing is left half-done");
+  told_ = count;
 }
 
 int loader::fail_unanswered(const std::string &cause)
 {
   const ctl_output_t &output = device_.output();
   is_locked_ = false; // it went with the session
-  if (interrupt_.count() > 0 && !is_sent_) {
+  if (count_interrupts() > 0 && !is_sent_) {
     return ctl_fail(output, CTL_INTERRUPTED, "interrupted; " + load_.target + " is as it was");
   }
   const std::string message = "the connection to the daemon is lost: " + cause;
@@ -273,8 +290,14 @@ int loader::take_back()
     return ctl_fail(output, CTL_INTERRUPTED, "interrupted, but " + load_.name + " was carried out in " + load_.target);
   }
   if (told_ == 0) {
+    told_ = count_interrupts();
     (void)ctl_fail(output, CTL_INTERRUPTED, "taking " + load_.name + " back");
   }
+  progress_line none(output, load_.name);
+  ymgr_set_progress(device_.client(), [&](const ymgr_progress_t &) {
+    answer_interrupts(&none);
+    return true;
+  });
   int result = device_.rpc("<discard-changes/>", nullptr);
   if (had_changes_) {
     // From running on, so that what is pending is what was pending, and no more.
@@ -298,5 +321,8 @@ int loader::save_former(int exit_code)
 
 int ctl_load(ctl_device &device, const ctl_load_t &load)
 {
+  if (device.client() == nullptr) {
+    return CTL_UNREACHABLE;
+  }
   return loader(device, load).run();
 }
