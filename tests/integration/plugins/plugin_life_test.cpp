@@ -110,7 +110,8 @@ TEST_F(plugin_life, one_that_dies_fails_what_it_was_asked_and_nothing_else)
 
   witness.emplace(started("witness", "/ex-sys:system/hostname", 10));
   EXPECT_EQ(restart(), texts()); // running is empty still
-  for (const std::string &request : {std::string(RESTART), std::string("<get/>")}) {
+  const std::string get = "<get><filter type=\"subtree\"><state xmlns=\"urn:ex-sys\"/></filter></get>";
+  for (const std::string &request : {std::string(RESTART), get}) {
     ASSERT_TRUE(session->send(request));
     EXPECT_NE(victim->next().method, "");
     victim->die();
