@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """What a manager and an operator see: NETCONF over SSH with ncclient, and the command line ymgrctl.
 
 Prints each step, and ends with 0 only when all of it was right. Expects the running system that scripts/demo starts.
@@ -10,9 +10,11 @@ import subprocess
 import sys
 import textwrap
 
+from lxml import etree
 from ncclient import manager
 from ncclient.operations import RPCError
 
+BASE = "urn:ietf:params:xml:ns:netconf:base:1.0"
 SYSTEM = "urn:ex-device-system"
 EVENTS = "urn:ietf:params:xml:ns:yang:ietf-netconf-notifications"
 BASE_1_1 = "urn:ietf:params:netconf:base:1.1"
@@ -38,6 +40,12 @@ class Story:
     def expect(self, is_right, what):
         print(f"   [{'right' if is_right else 'WRONG'}] {what}", flush=True)
         self.faults += not is_right
+
+
+def pretty(xml):
+    element = etree.fromstring(xml.encode())
+    etree.indent(element)
+    return etree.tostring(element, encoding="unicode")
 
 
 class Operator:
@@ -84,12 +92,12 @@ def manage(story, device, root):
     device.create_subscription()
     with device.locked("candidate"):
         device.edit_config(target="candidate", default_operation="merge", config=f"""
-            <config xmlns="urn:ietf:params:xml:ns:netconf:base:1.0">
+            <config xmlns="{BASE}">
               <system xmlns="{SYSTEM}"><hostname>gw-west</hostname></system>
             </config>""")
         device.commit()
     running = device.get_config("running", filter=("subtree", f'<system xmlns="{SYSTEM}"><hostname/></system>'))
-    story.show("running", running.data_xml)
+    story.show("running", pretty(running.data_xml))
     story.expect("gw-west" in running.data_xml, "running has the new name")
 
     story.step("the plugin has acted, and the event arrives on the same session")
@@ -97,7 +105,7 @@ def manage(story, device, root):
     story.show(f"{root}/etc/hostname", name)
     story.expect(name.strip() == "gw-west", "the device's file has the new name")
     event = next_change(device)
-    story.show("came", event)
+    story.show("came", pretty(event) if event else "nothing")
     story.expect("hostname" in event, "the event names the leaf")
 
 
@@ -118,9 +126,9 @@ def operate(story, device, operator, root):
     story.expect(refused.returncode == 1 and "dns" in refused.stderr, "commit fails with the plugin's message")
     story.expect(rules.read_text(encoding="utf-8") == before, "the rules are what they were")
 
-    story.step("the operator mends it and commits")
-    operator.types("set", f"{rule}/protocol", "udp")
-    operator.types("set", f"{rule}/action", "accept")
+    story.step("a refused commit has emptied candidate; the operator enters the rule as it should be")
+    for leaf, value in (("action", "accept"), ("protocol", "udp"), ("port", "53")):
+        operator.types("set", f"{rule}/{leaf}", value)
     story.expect(operator.types("commit").returncode == 0, "the commit is accepted")
     story.show(str(rules), rules.read_text(encoding="utf-8"))
     story.expect("53" in rules.read_text(encoding="utf-8"), "the rule is in force")
@@ -133,7 +141,7 @@ def look(story, device, operator):
     story.step("errors look the same from everywhere: an unknown place")
     try:
         device.edit_config(target="candidate",
-                           config=f'<config><system xmlns="{SYSTEM}"><hostnam/></system></config>')
+                           config=f'<config xmlns="{BASE}"><system xmlns="{SYSTEM}"><hostnam/></system></config>')
         story.expect(False, "the edit is refused")
     except RPCError as error:
         story.show("ncclient", f"{error.tag}: {error.message}\n{error.path}")

@@ -94,10 +94,9 @@ candidates_t complete_files(const std::string &word, bool directories_only)
       continue;
     }
     // By opening it: a link to a directory is one, too.
-    const bool is_directory =
-        entry->d_type == DT_DIR ||
-        (entry->d_type != DT_REG &&
-         std::unique_ptr<DIR, int (*)(DIR *)>(opendir((before + name).c_str()), closedir) != nullptr);
+    const bool is_directory = entry->d_type == DT_DIR ||
+                              (entry->d_type != DT_REG && std::unique_ptr<DIR, int (*)(DIR *)>(
+                                                              opendir((before + name).c_str()), closedir) != nullptr);
     if (is_directory || !directories_only) {
       const std::string shown = name + (is_directory ? "/" : "");
       candidates.push_back({before + shown, shown, !is_directory});
@@ -233,7 +232,8 @@ candidates_t complete_argument(ctl_device &device, const line_state_t &line, con
 // Faults go nowhere as long as it lives.
 class silence {
 public:
-  explicit silence(ctl_device &device) : device_(device), usual_(device.output()), nothing_(fopen("/dev/null", "we"), fclose)
+  explicit silence(ctl_device &device)
+      : device_(device), usual_(device.output()), nothing_(fopen("/dev/null", "we"), fclose)
   {
     if (nothing_ != nullptr) {
       device_.output().err = nothing_.get();
@@ -281,8 +281,7 @@ int print_candidates(ctl_device &device, words_t words)
   words.resize(std::min(index + 1, words.size() + 1));
   ctl_device other(run_dir, device.output());
   std::string text;
-  for (const ctl_candidate_t &candidate :
-       ctl_complete(run_dir.empty() ? device : other, words, ctl_key_style::plain)) {
+  for (const ctl_candidate_t &candidate : ctl_complete(run_dir.empty() ? device : other, words, ctl_key_style::plain)) {
     text += candidate.text + (candidate.is_final ? " \n" : "\n");
   }
   return ctl_write(device.output(), text);
@@ -313,6 +312,13 @@ std::vector<ctl_candidate_t> ctl_complete(ctl_device &device, const std::vector<
     return {};
   }
   if (word.starts_with("-") && !line.options_ended) {
+    if (const size_t equals = word.find('='); equals != std::string::npos) {
+      candidates_t candidates = complete_option_value(device, word.substr(0, equals), word.substr(equals + 1), style);
+      for (ctl_candidate_t &candidate : candidates) {
+        candidate.text.insert(0, word, 0, equals + 1);
+      }
+      return candidates;
+    }
     return complete_option_name(line, word);
   }
   return line.command == nullptr ? complete_commands(word) : complete_argument(device, line, word, style);

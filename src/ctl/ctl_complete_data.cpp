@@ -12,7 +12,8 @@ namespace {
 constexpr ymgr_duration PATIENCE{2000}; // of somebody who has pressed a key
 constexpr size_t MOST_VALUES = 1000;
 
-// Adds the texts of the elements at the path's depth that have its last name. The filter has selected nothing else there.
+// Adds the texts of the elements at the path's depth that have its last name. The filter has selected nothing else
+// there.
 void read_values(const std::string &reply, const ctl_path_t &path, std::string_view prefix,
                  std::vector<std::string> *values)
 {

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "ctl/ctl_schema.h"
+
 namespace {
 
 // A path on its way: PARENT/STEP PREDICATES[KEY
@@ -50,34 +52,21 @@ unfinished_path_t take_apart(std::string_view word)
 
 // --- Names.
 
-constexpr uint16_t DATA_NODES = LYS_CONTAINER | LYS_LEAF | LYS_LEAFLIST | LYS_LIST | LYS_ANYDATA;
-
-bool is_wanted(const lysc_node *node, const ctl_path_use_t &use)
+// Without what stands in libyang's own modules only: the daemon does not have them.
+bool is_served(ctl_device &device, const lysc_node *node)
 {
-  return (node->nodetype & DATA_NODES) != 0 && (use.with_state || (node->flags & LYS_CONFIG_W) != 0) &&
-         !(use.edits && lysc_is_key(node));
+  const std::vector<ctl_module_t> &modules = device.modules();
+  return std::any_of(modules.begin(), modules.end(),
+                     [&](const ctl_module_t &module) { return module.name == node->module->name; });
 }
 
-std::vector<const lysc_node *> children_of(const ly_ctx *schema, const lysc_node *parent, const ctl_path_use_t &use)
+std::vector<const lysc_node *> children_of(ctl_device &device, const lysc_node *parent, const ctl_path_use_t &use)
 {
-  std::vector<const lysc_node *> children;
-  auto add_all = [&](const lysc_module *module) {
-    for (const lysc_node *node = nullptr; (node = lys_getnext(node, parent, module, 0)) != nullptr;) {
-      if (is_wanted(node, use)) {
-        children.push_back(node);
-      }
-    }
-  };
-  if (parent != nullptr) {
-    add_all(nullptr);
-    return children;
-  }
-  uint32_t index = 0;
-  while (const lys_module *module = ly_ctx_get_module_iter(schema, &index)) {
-    if (module->implemented != 0 && module->compiled != nullptr) {
-      add_all(module->compiled);
-    }
-  }
+  std::vector<const lysc_node *> children = ctl_schema_children(device.schema(), parent);
+  std::erase_if(children, [&](const lysc_node *node) {
+    return (!use.with_state && (node->flags & LYS_CONFIG_W) == 0) || (use.edits && lysc_is_key(node)) ||
+           (parent == nullptr && !is_served(device, node));
+  });
   return children;
 }
 
@@ -148,16 +137,25 @@ std::vector<key_form_t> key_forms(const std::string &name, std::string_view type
   return forms;
 }
 
-// The value as that form has it; empty when it cannot.
+// The value as that form has it; empty when it cannot. A quote in it is doubled where the other kind is no way out.
 std::string write_key(const key_form_t &form, const std::string &value)
 {
-  const char *unusable = form.quote == '\0' ? " \t\n'\"[]=" : form.quote == '\'' ? "'" : "\"";
-  if (value.find_first_of(unusable) == std::string::npos) {
-    return form.name + (form.quote == '\0' ? value : form.quote + value + form.quote);
+  if (form.quote == '\0' && value.find_first_of(" \t'\"[]=") == std::string::npos) {
+    return form.name + value;
   }
-  const char other = form.quote == '"' ? '\'' : '"';
-  // A quote that was typed stays.
-  return !form.partial.empty() || value.find(other) != std::string::npos ? "" : form.name + other + value + other;
+  if (form.quote == '\0' && !form.partial.empty()) {
+    return "";
+  }
+  char quote = form.quote == '\0' ? '\'' : form.quote;
+  if (form.partial.empty() && value.find(quote) != std::string::npos) {
+    const char other = quote == '"' ? '\'' : '"';
+    quote = value.find(other) == std::string::npos ? other : quote;
+  }
+  std::string text = form.name + quote;
+  for (char c : value) {
+    text.append(c == quote ? 2 : 1, c);
+  }
+  return text + quote;
 }
 
 // The keys of a list that are not named yet; of a leaf-list itself.
@@ -239,8 +237,8 @@ std::vector<ctl_candidate_t> ctl_complete_path(ctl_device &device, std::string_v
   const std::string_view known =
       in_name ? text.parent : word.substr(0, word.size() - (text.in_key ? text.key.size() + 1 : 0));
   ctl_path_t path;
-  const ly_ctx *schema = device.schema();
-  if (schema == nullptr || ctl_parse_path(device, known, &path) != CTL_OK || (!known.empty() && path.empty())) {
+  if (device.schema() == nullptr || ctl_parse_path(device, known, &path) != CTL_OK ||
+      (!known.empty() && path.empty())) {
     return {};
   }
   if (text.in_key) {
@@ -249,7 +247,7 @@ std::vector<ctl_candidate_t> ctl_complete_path(ctl_device &device, std::string_v
   if (!in_name) {
     return complete_entry(path, word);
   }
-  const std::vector<const lysc_node *> nodes = children_of(schema, path.empty() ? nullptr : path.back().schema, use);
+  const std::vector<const lysc_node *> nodes = children_of(device, path.empty() ? nullptr : path.back().schema, use);
   unfinished_path_t name = text;
   name.before = word.empty() ? "/" : text.before;
   std::vector<ctl_candidate_t> candidates = complete_name(nodes, name, use, false);

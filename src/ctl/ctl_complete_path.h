@@ -16,8 +16,8 @@ std::vector<ctl_candidate_t> ctl_complete_path(ctl_device &device, std::string_v
 // Values for the leaf at `path`: what its type enumerates, what a leafref may refer to, what it is now.
 std::vector<ctl_candidate_t> ctl_complete_value(ctl_device &device, const std::string &path, std::string_view word);
 
-// ctl_complete_data.cpp: the values of the leaf or leaf-list at `path` that begin with `prefix`, in all entries that fit:
-// as they are in running and candidate, state as it is now. Each once; the first thousand.
+// ctl_complete_data.cpp: the values of the leaf or leaf-list at `path` that begin with `prefix`, in all entries that
+// fit: as they are in running and candidate, state as it is now. Each once; the first thousand.
 std::vector<std::string> ctl_find_values(ctl_device &device, const ctl_path_t &path, std::string_view prefix);
 // In candidate.
 std::vector<std::string> ctl_find_candidate_values(ctl_device &device, const ctl_path_t &path);

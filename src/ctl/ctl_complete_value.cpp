@@ -85,7 +85,7 @@ const lysc_type *type_of(const lysc_node *node)
 const lysc_node *find_referred(const lysc_node *leaf, const lysc_type_leafref *type)
 {
   ly_set *touched = nullptr;
-  if (lys_find_expr_atoms(leaf, type->cur_mod, type->path, type->prefixes, 0, &touched) != LY_SUCCESS) {
+  if (lys_find_expr_atoms(leaf, leaf->module, type->path, type->prefixes, 0, &touched) != LY_SUCCESS) {
     return nullptr;
   }
   const lysc_node *found = nullptr;
@@ -121,9 +121,8 @@ std::string as_offered(const lysc_node *leaf, const std::string &value)
 std::string default_of(const lysc_node *node)
 {
   const lysc_node_leaf *leaf = reinterpret_cast<const lysc_node_leaf *>(node);
-  return node->nodetype == LYS_LEAF && leaf->dflt != nullptr
-             ? lyd_value_get_canonical(node->module->ctx, leaf->dflt)
-             : "";
+  return node->nodetype == LYS_LEAF && leaf->dflt != nullptr ? lyd_value_get_canonical(node->module->ctx, leaf->dflt)
+                                                             : "";
 }
 
 } // namespace

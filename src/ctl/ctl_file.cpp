@@ -100,8 +100,8 @@ ctl_xml_ptr parse_document(const std::string &text, xml_fault_t *ret_fault)
   const xmlError &error = parser->lastError;
   ret_fault->code = error.code;
   ret_fault->line = error.line;
-  ret_fault->message = error.message == nullptr || parser->errNo == XML_ERR_USER_STOP ? "a document type is not taken"
-                                                                                      : error.message;
+  ret_fault->message =
+      error.message == nullptr || parser->errNo == XML_ERR_USER_STOP ? "a document type is not taken" : error.message;
   while (!ret_fault->message.empty() && ret_fault->message.back() == '\n') {
     ret_fault->message.pop_back();
   }
@@ -128,7 +128,10 @@ const xmlNode *find_top(const xmlDoc *document)
   if (reply_data != nullptr) {
     return reply_data;
   }
-  const bool is_wrapper = is_base(root) && (ctl_xml_is(root, "config") || ctl_xml_is(root, "data"));
+  bool is_wrapper = false;
+  for (const char *name : {"config", "data", "rpc"}) {
+    is_wrapper = is_wrapper || (is_base(root) && ctl_xml_is(root, name));
+  }
   return is_wrapper ? root : reinterpret_cast<const xmlNode *>(document);
 }
 
@@ -184,11 +187,11 @@ std::string dump_elements(xmlDoc *document, const xmlNode *top)
   return text;
 }
 
-int extract_config(const ctl_output_t &output, const std::string &path, const std::string &text,
-                   std::string *ret_config)
+int extract_elements(const ctl_output_t &output, const std::string &path, const std::string &text,
+                     std::string *ret_elements)
 {
   if (text.find_first_not_of(" \t\r\n") == std::string::npos) {
-    ret_config->clear();
+    ret_elements->clear();
     return CTL_OK;
   }
   xml_fault_t fault;
@@ -199,7 +202,7 @@ int extract_config(const ctl_output_t &output, const std::string &path, const st
   if (document == nullptr) {
     return fail_file(output, path, (fault.line > 0 ? "line " + std::to_string(fault.line) + ": " : "") + fault.message);
   }
-  *ret_config = dump_elements(document.get(), find_top(document.get()));
+  *ret_elements = dump_elements(document.get(), find_top(document.get()));
   return CTL_OK;
 }
 
@@ -248,8 +251,10 @@ bool is_removed_leaf(const lyd_node *node)
   return false;
 }
 
+// All that the schema does not take as it is.
 bool has_only_removed_leaves(const lyd_node *first)
 {
+  bool is_found = false;
   for (const lyd_node *top = first; top != nullptr; top = top->next) {
     const lyd_node *node = nullptr;
     LYD_TREE_DFS_BEGIN(top, node)
@@ -257,10 +262,11 @@ bool has_only_removed_leaves(const lyd_node *first)
       if (node->schema == nullptr && !is_removed_leaf(node)) {
         return false;
       }
+      is_found = is_found || node->schema == nullptr;
       LYD_TREE_DFS_END(top, node);
     }
   }
-  return true;
+  return is_found;
 }
 
 ctl_tree_ptr parse_config(const ly_ctx *schema, const std::string &text, LYD_FORMAT format, uint32_t strictness)
@@ -283,6 +289,19 @@ bool fits_schema(const ly_ctx *schema, const std::string &xml, std::string *ret_
   return tree != nullptr && has_only_removed_leaves(tree.get());
 }
 
+bool print_tree(const lyd_node *tree, LYD_FORMAT format, uint32_t options, std::string *ret_text)
+{
+  struct text_delete_t {
+    void operator()(char *text) const { free(text); }
+  };
+  char *printed = nullptr;
+  if (lyd_print_mem(&printed, tree, format, LYD_PRINT_WITHSIBLINGS | options) != LY_SUCCESS || printed == nullptr) {
+    return false;
+  }
+  *ret_text = std::unique_ptr<char, text_delete_t>(printed).get();
+  return true;
+}
+
 int convert_json(ctl_device &device, const ly_ctx *schema, const std::string &path, const std::string &text,
                  std::string *ret_config)
 {
@@ -294,16 +313,9 @@ int convert_json(ctl_device &device, const ly_ctx *schema, const std::string &pa
     ret_config->clear(); // "{}"
     return CTL_OK;
   }
-  struct text_delete_t {
-    void operator()(char *printed) const { free(printed); }
-  };
-  char *printed = nullptr;
-  const uint32_t options = LYD_PRINT_WITHSIBLINGS | LYD_PRINT_SHRINK;
-  if (lyd_print_mem(&printed, tree.get(), LYD_XML, options) != LY_SUCCESS || printed == nullptr) {
-    return fail_file(device.output(), path, "it cannot be put into XML");
-  }
-  *ret_config = std::unique_ptr<char, text_delete_t>(printed).get();
-  return CTL_OK;
+  return print_tree(tree.get(), LYD_XML, LYD_PRINT_SHRINK, ret_config)
+             ? CTL_OK
+             : fail_file(device.output(), path, "it cannot be put into XML");
 }
 
 // --- Layout.
@@ -327,9 +339,10 @@ void lay_out(const ly_ctx *schema, const lysc_node *place, xmlNode *element, int
     }
     has_children = true;
     insert_break(child, element, depth + 1);
-    const lys_module *module = child->ns == nullptr ? nullptr
-                                                    : ly_ctx_get_module_implemented_ns(
-                                                          schema, reinterpret_cast<const char *>(child->ns->href));
+    const lys_module *module =
+        child->ns == nullptr
+            ? nullptr
+            : ly_ctx_get_module_implemented_ns(schema, reinterpret_cast<const char *>(child->ns->href));
     const lysc_node *node = module == nullptr
                                 ? nullptr
                                 : lys_find_child(place, module, reinterpret_cast<const char *>(child->name), 0, 0, 0);
@@ -347,7 +360,7 @@ void lay_out(const ly_ctx *schema, const lysc_node *place, xmlNode *element, int
 int ctl_read_file(const ctl_output_t &output, const std::string &path, std::string *ret_text)
 {
   const bool is_input = path == "-";
-  file_descriptor file(is_input ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  file_descriptor file(is_input ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0) : open(path.c_str(), O_RDONLY | O_CLOEXEC));
   std::string text;
   char piece[65536];
   ssize_t count = file.get() < 0 ? -1 : 1;
@@ -356,7 +369,7 @@ int ctl_read_file(const ctl_output_t &output, const std::string &path, std::stri
     text.append(piece, count > 0 ? static_cast<size_t>(count) : 0);
   }
   if (count < 0) {
-    return errno == EINTR ? CTL_INTERRUPTED : fail_file(output, path, strerror(errno));
+    return fail_file(output, path, strerror(errno));
   }
   *ret_text = std::move(text);
   return CTL_OK;
@@ -396,6 +409,13 @@ ctl_format ctl_file_format(std::string_view choice, std::string_view path, std::
   return first != std::string_view::npos && text[first] == '{' ? ctl_format::json : ctl_format::xml;
 }
 
+int ctl_read_elements(const ctl_output_t &output, const std::string &path, std::string *ret_elements)
+{
+  std::string text;
+  const int result = ctl_read_file(output, path, &text);
+  return result == CTL_OK ? extract_elements(output, path, text, ret_elements) : result;
+}
+
 int ctl_read_config(ctl_device &device, const std::string &path, std::string_view format, std::string *ret_config)
 {
   std::string text;
@@ -411,7 +431,7 @@ int ctl_read_config(ctl_device &device, const std::string &path, std::string_vie
     return convert_json(device, schema, path, text, ret_config);
   }
   std::string config;
-  result = extract_config(device.output(), path, text, &config);
+  result = extract_elements(device.output(), path, text, &config);
   std::string fault;
   if (result == CTL_OK && !fits_schema(schema, config, &fault)) {
     result = fail_file(device.output(), path, fault);
@@ -420,6 +440,16 @@ int ctl_read_config(ctl_device &device, const std::string &path, std::string_vie
     *ret_config = std::move(config);
   }
   return result;
+}
+
+int ctl_encode_json(const ctl_output_t &output, const lyd_node *tree, std::string *ret_text)
+{
+  if (tree == nullptr) {
+    *ret_text = "{}\n";
+    return CTL_OK;
+  }
+  return print_tree(tree, LYD_JSON, 0, ret_text) ? CTL_OK
+                                                 : ctl_fail(output, CTL_INPUT, "the data cannot be put into JSON");
 }
 
 int ctl_layout_config(ctl_device &device, const std::string &reply, std::string *ret_xml)

@@ -332,18 +332,29 @@ std::string close_tag(const lysc_node *node)
   return std::string("</") + node->name + ">";
 }
 
-// The keys of a list's entry as elements. They are in the list's own module always.
-std::string key_elements(const ctl_step_t &step)
+// An entry's key as an element; without a value one that selects it.
+std::string key_element(const lysc_node *key, const std::string *value)
+{
+  const std::string name = key->name;
+  if (value == nullptr) {
+    return "<" + name + "/>";
+  }
+  std::string namespaces;
+  const std::string content = ctl_xml_escape(ctl_value_xml(key, *value, &namespaces));
+  return "<" + name + namespaces + ">" + content + "</" + name + ">";
+}
+
+// The keys of a list's entry as elements, which need no namespace of their own. Those that the step does not name are
+// selected, unless all of the entry is: without its keys a reply's entry is none.
+std::string key_elements(const ctl_step_t &step, bool selects_missing)
 {
   std::string text;
-  for (const auto &[name, value] : step.keys) {
-    for (const lysc_node_leaf *key : ctl_schema_keys(step.schema)) {
-      if (name == key->name) {
-        const auto *node = reinterpret_cast<const lysc_node *>(key);
-        std::string namespaces;
-        const std::string content = ctl_xml_escape(ctl_value_xml(node, value, &namespaces));
-        text.append("<").append(name).append(namespaces).append(">").append(content).append(close_tag(node));
-      }
+  for (const lysc_node_leaf *key : ctl_schema_keys(step.schema)) {
+    auto named =
+        std::find_if(step.keys.begin(), step.keys.end(), [&](const auto &pair) { return pair.first == key->name; });
+    if (named != step.keys.end() || selects_missing) {
+      text +=
+          key_element(reinterpret_cast<const lysc_node *>(key), named == step.keys.end() ? nullptr : &named->second);
     }
   }
   return text;
@@ -378,6 +389,28 @@ void find_below(lyd_node *siblings, const ctl_path_t &path, size_t index, std::v
       find_below(lyd_child(node), path, index + 1, found);
     }
   }
+}
+
+// Whether anything of the path is left among the siblings.
+bool keep_below(lyd_node *siblings, const ctl_path_t &path, size_t index, lyd_node **ret_first)
+{
+  bool has_any = false;
+  lyd_node *first = siblings;
+  for (lyd_node *node = siblings, *next = nullptr; node != nullptr; node = next) {
+    next = node->next;
+    const bool is_key = index > 0 && node->schema != nullptr && lysc_is_key(node->schema);
+    const bool is_wanted =
+        fits(node, path[index]) && (index + 1 == path.size() || keep_below(lyd_child(node), path, index + 1, nullptr));
+    has_any = has_any || is_wanted;
+    if (!is_wanted && !is_key) {
+      first = node == first ? next : first;
+      lyd_free_tree(node);
+    }
+  }
+  if (ret_first != nullptr) {
+    *ret_first = first;
+  }
+  return has_any;
 }
 
 // --- Edits.
@@ -495,8 +528,9 @@ std::string ctl_filter(const ctl_path_t &path)
   std::string begin;
   std::string end;
   for (size_t i = 0; i < path.size(); i++) {
-    const std::string keys = key_elements(path[i]);
-    if (i + 1 == path.size() && keys.empty()) {
+    const bool is_last = i + 1 == path.size();
+    const std::string keys = key_elements(path[i], !is_last);
+    if (is_last && keys.empty()) {
       begin += open_tag(path, i) + "/>";
       break;
     }
@@ -513,6 +547,15 @@ std::vector<lyd_node *> ctl_find(lyd_node *tree, const ctl_path_t &path)
     find_below(tree, path, 0, &found);
   }
   return found;
+}
+
+lyd_node *ctl_keep_only(lyd_node *tree, const ctl_path_t &path)
+{
+  lyd_node *first = tree;
+  if (!path.empty()) {
+    (void)keep_below(tree, path, 0, &first); // nothing left: null is what comes back
+  }
+  return first;
 }
 
 int ctl_edit(ctl_device &device, const ctl_path_t &path, std::string_view operation, const std::string *value,
@@ -537,7 +580,7 @@ int ctl_edit(ctl_device &device, const ctl_path_t &path, std::string_view operat
       text = (node->nodetype & LYD_NODE_TERM) == 0 ? "" : ctl_xml_escape(ctl_value_xml(node, text, &namespaces));
       begin += namespaces;
     }
-    begin += ">" + key_elements(path[i]);
+    begin += ">" + key_elements(path[i], false);
     end = close_tag(node) + end;
   }
   *ret_config = begin + text + end;

@@ -27,11 +27,14 @@ std::string ctl_path_text(const ctl_path_t &path);
 // Whether each list and leaf-list that the path passes or ends in is given by all its keys: one node at most.
 bool ctl_is_instance(const ctl_path_t &path);
 
-// The subtree filter that selects the path (RFC 6241, section 6); empty for everything. Of a leaf-list it selects all
-// entries, as no filter tells them apart: ctl_find() does.
+// The subtree filter that selects the path (RFC 6241, section 6); empty for everything. Entries
+// that hold nothing of it, and all entries of a leaf-list, are selected, too: ctl_keep_only() tells them apart.
 std::string ctl_filter(const ctl_path_t &path);
 // The nodes of a tree that the path names, in their order.
 std::vector<lyd_node *> ctl_find(lyd_node *tree, const ctl_path_t &path);
+// Frees what the path does not name, but for the nodes above and their keys: a filter cannot be that exact. The first
+// of the nodes that are left at the top; null when none are.
+lyd_node *ctl_keep_only(lyd_node *tree, const ctl_path_t &path);
 // <config>'s content for one edit at the path: `operation` is RFC 6241's ("merge", "replace", "delete", ...) at the
 // last node; `value` (may be null) its text. Keys that are missing, and values that the type does not allow, are
 // CTL_INPUT (told).

@@ -124,7 +124,7 @@ std::vector<const lysc_node *> ctl_schema_children(const ly_ctx *schema, const l
     collect(nullptr);
     return children;
   }
-  uint32_t index = 0;
+  uint32_t index = ly_ctx_internal_modules_count(schema); // data of libyang's own modules is nobody's here
   while (const lys_module *module = ly_ctx_get_module_iter(schema, &index)) {
     if (module->implemented != 0 && module->compiled != nullptr) {
       collect(module->compiled);

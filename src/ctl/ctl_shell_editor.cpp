@@ -135,7 +135,7 @@ unsigned char ctl_editor::on_tab(EditLine *editor, int)
 unsigned char ctl_editor::on_interrupt(EditLine *editor, int)
 {
   of(editor).is_interrupted_ = true;
-  (void)fputs("^C", stdout);
+  (void)fputs("^C\n", stdout);
   (void)fflush(stdout);
   return CC_NEWLINE;
 }

@@ -16,8 +16,8 @@
 
 namespace {
 
-constexpr std::string_view SECRET_NAMES[] = {"password", "passwd",    "passphrase", "secret", "key", "community",
-                                             "token",    "credential", "psk",        "pin"};
+constexpr std::string_view SECRET_NAMES[] = {"password",  "passwd", "passphrase", "secret", "key",
+                                             "community", "token",  "credential", "psk",    "pin"};
 
 std::string home()
 {
@@ -61,13 +61,16 @@ int locked_file::read_all(std::string *ret_text) const
 {
   std::string text;
   char piece[8192];
-  for (ssize_t count = 1; count > 0;) {
-    count = pread(descriptor_, piece, sizeof(piece), static_cast<off_t>(text.size()));
-    if (count < 0 && errno != EINTR) {
+  for (;;) {
+    const ssize_t count = pread(descriptor_, piece, sizeof(piece), static_cast<off_t>(text.size()));
+    if (count == 0) {
+      break;
+    }
+    if (count > 0) {
+      text.append(piece, static_cast<size_t>(count));
+    } else if (errno != EINTR) {
       return -1;
     }
-    count = std::max<ssize_t>(count, count < 0 ? 1 : 0) * (count < 0 ? 0 : 1);
-    text.append(piece, static_cast<size_t>(count));
   }
   *ret_text = std::move(text);
   return 0;

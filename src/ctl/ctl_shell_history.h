@@ -9,8 +9,8 @@ constexpr size_t CTL_MOST_HISTORY = 1000;
 
 // ${XDG_STATE_HOME:-~/.local/state}/ymgrctl/history
 std::string ctl_history_path();
-// The last CTL_MOST_HISTORY lines, the oldest first; shortens the file when it has grown to twice as many. Its folder is
-// made when it is missing. -1 when it cannot be read or made, with the reason in errno.
+// The last CTL_MOST_HISTORY lines, the oldest first; shortens the file when it has grown to twice as many. Its folder
+// is made when it is missing. -1 when it cannot be read or made, with the reason in errno.
 int ctl_load_history(const std::string &path, std::vector<std::string> *ret_lines);
 // Appends at once, so that several shells lose nothing of each other. 0 or -1.
 int ctl_append_history(const std::string &path, std::string_view line);

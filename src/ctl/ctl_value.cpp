@@ -170,7 +170,8 @@ std::string bounds_text(const lysc_type *type)
   return "";
 }
 
-std::string allowed_text(const lysc_node *node)
+// What a value may be, for one that may not be: the names, and the bounds that the fault is about.
+std::string allowed_text(const lysc_node *node, const std::string &fault)
 {
   std::vector<std::string> parts = ctl_value_names(node);
   if (parts.size() > MOST_NAMED) {
@@ -178,9 +179,15 @@ std::string allowed_text(const lysc_node *node)
     parts.emplace_back("...");
   }
   for (const lysc_type *type : types_of(node)) {
-    std::string bounds = bounds_text(type);
+    std::vector<std::string> names;
+    append_names(type, &names);
+    const bool is_other = type->basetype == LY_TYPE_STRING && fault.find("length") == std::string::npos;
+    const std::string bounds = is_other ? "" : bounds_text(type);
+    if (names.empty() && bounds.empty()) {
+      return ""; // half of what a union allows would mislead
+    }
     if (!bounds.empty() && std::find(parts.begin(), parts.end(), bounds) == parts.end()) {
-      parts.push_back(std::move(bounds));
+      parts.push_back(bounds);
     }
   }
   std::string text;
@@ -286,7 +293,7 @@ bool ctl_check_value(const lysc_node *node, std::string_view text, std::string *
   while (fault.ends_with('.')) {
     fault.pop_back();
   }
-  const std::string allowed = allowed_text(node);
+  const std::string allowed = allowed_text(node, fault);
   *ret_fault = allowed.empty() ? fault : fault + "; allowed: " + allowed;
   return false;
 }

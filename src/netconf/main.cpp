@@ -8,6 +8,7 @@
 #include <string>
 
 #include <getopt.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include "client/client.h"
@@ -96,6 +97,7 @@ int main(int argc, char **argv)
   }
   // A client that leaves shows as a failed write.
   std::signal(SIGPIPE, SIG_IGN);
+  openlog("ymgr-netconf", LOG_PID, LOG_DAEMON);
   try {
     return serve(run_dir);
   } catch (const std::exception &error) {

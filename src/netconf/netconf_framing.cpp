@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -13,6 +14,27 @@ constexpr uint64_t LARGEST_CHUNK = 4294967295U;
 // Kept of a message that is too long: where its root's start tag is looked for.
 constexpr size_t KEPT_BEGINNING = 4096;
 constexpr std::string_view BLANKS = " \t\r\n";
+
+// At the end of the text, of a character in UTF-8 of which not all is there.
+size_t bytes_of_cut_character(std::string_view text)
+{
+  for (size_t count = 1; count <= std::min<size_t>(3, text.size()); count++) {
+    const auto byte = static_cast<unsigned char>(text[text.size() - count]);
+    if ((byte & 0xC0) == 0x80) {
+      continue; // not its first
+    }
+    const size_t length = byte >= 0xF0 ? 4 : byte >= 0xE0 ? 3 : byte >= 0xC0 ? 2 : 1;
+    return length > count ? count : 0;
+  }
+  return 0;
+}
+
+void append_chunk(std::string_view bytes, wiped_string *out)
+{
+  if (!bytes.empty()) { // there is no chunk of no bytes
+    out->append("\n#").append(std::to_string(bytes.size())).append("\n").append(bytes);
+  }
+}
 
 } // namespace
 
@@ -148,11 +170,8 @@ void netconf_reader::store(std::string_view bytes)
 
 void netconf_writer::write(std::string_view piece, wiped_string *out)
 {
-  if (piece.empty()) {
-    return; // there is no chunk of no bytes
-  }
   if (framing_ == netconf_framing::chunked) {
-    out->append("\n#").append(std::to_string(piece.size())).append("\n").append(piece);
+    write_chunk(piece, out);
     return;
   }
   size_t pos = 0;
@@ -179,8 +198,22 @@ void netconf_writer::write(std::string_view piece, wiped_string *out)
   }
 }
 
+void netconf_writer::write_chunk(std::string_view piece, wiped_string *out)
+{
+  wiped_string joined;
+  if (!kept_.empty()) {
+    joined = std::exchange(kept_, wiped_string()).append(piece);
+    piece = joined;
+  }
+  const size_t cut = bytes_of_cut_character(piece);
+  kept_ = piece.substr(piece.size() - cut);
+  append_chunk(piece.substr(0, piece.size() - cut), out);
+}
+
 void netconf_writer::end(wiped_string *out)
 {
+  append_chunk(kept_, out); // what is no UTF-8 goes out as it came
+  kept_.clear();
   out->append(framing_ == netconf_framing::chunked ? END_OF_CHUNKS : DELIMITER);
   matched_ = 0;
 }

@@ -53,11 +53,15 @@ class netconf_writer {
 public:
   void set_framing(netconf_framing framing) { framing_ = framing; } // only between two messages
   // Appends the next piece of the message to `out`. With end-of-message, what would look like the delimiter is written
-  // as a reference to a character, which means the same wherever XML allows it at all.
+  // as a reference to a character, which means the same wherever XML allows it at all. A chunk ends with a whole
+  // character: RFC 6242 does not ask for that, but common clients decode each chunk for itself.
   void write(std::string_view piece, wiped_string *out);
   void end(wiped_string *out);
 
 private:
+  void write_chunk(std::string_view piece, wiped_string *out);
+
   netconf_framing framing_ = netconf_framing::end_of_message;
   size_t matched_ = 0; // bytes of the delimiter that were written last
+  wiped_string kept_;  // the beginning of a character that the next chunk begins with
 };

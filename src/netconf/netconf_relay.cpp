@@ -15,6 +15,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include "libconf/safe_string.h"
@@ -415,4 +416,5 @@ int netconf_relay(const netconf_relay_ends_t &ends, const std::string &hello)
 void netconf_tell(const std::string &message)
 {
   std::fprintf(stderr, "ymgr-netconf: %s\n", message.c_str());
+  syslog(LOG_DAEMON | LOG_NOTICE, "%s", message.c_str());
 }

@@ -112,7 +112,7 @@ void netconf_replies::end_reply()
     bool has_base_1_1 = framing_ == netconf_framing::chunked;
     write_whole(netconf_fault_reply(request_, netconf_fault::malformed, has_base_1_1));
   } else if (way_ == way::looked_at) {
-    write_whole(netconf_error_info(reply));
+    write_whole(netconf_standard_errors(reply));
   }
   awaited_seq_ = 0;
   request_ = netconf_request_t();

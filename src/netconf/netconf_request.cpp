@@ -2,20 +2,19 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include <libxml/parser.h>
 
 namespace {
 
-constexpr std::string_view BLANKS = " \t\r\n";
-constexpr std::string_view UTF8_BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 // A longer start tag is not looked at: no client writes one.
 constexpr size_t LONGEST_TAG = 4096;
 
 // --- The request's start tag.
 
-// Position of the first start tag from `pos` on, behind comments, declarations and blanks; npos when something else
-// comes first.
+// Position of the first start tag from `pos` on, behind text, comments and declarations; npos when something else comes
+// first. Text in front of a root is a fault, which the daemon finds.
 size_t find_start_tag(std::string_view text, size_t pos)
 {
   static constexpr struct {
@@ -23,12 +22,12 @@ size_t find_start_tag(std::string_view text, size_t pos)
     std::string_view end;
   } passed_over[] = {{"<!--", "-->"}, {"<?", "?>"}};
 
-  while ((pos = text.find_first_not_of(BLANKS, pos)) != std::string_view::npos) {
+  while ((pos = text.find('<', pos)) != std::string_view::npos) {
     const auto *section = std::find_if(std::begin(passed_over), std::end(passed_over), [&](const auto &candidate) {
       return text.compare(pos, candidate.begin.size(), candidate.begin) == 0;
     });
     if (section == std::end(passed_over)) {
-      bool is_start = text[pos] == '<' && pos + 1 < text.size() && text[pos + 1] != '!' && text[pos + 1] != '/';
+      bool is_start = pos + 1 < text.size() && text[pos + 1] != '!' && text[pos + 1] != '/';
       return is_start ? pos : std::string_view::npos;
     }
     size_t end = text.find(section->end, pos + section->begin.size());
@@ -132,7 +131,7 @@ void make_elements(xmlNode *info)
 netconf_request_t netconf_request_read(std::string_view message)
 {
   netconf_request_t request;
-  const size_t begin = find_start_tag(message, message.starts_with(UTF8_BYTE_ORDER_MARK) ? 3 : 0);
+  const size_t begin = find_start_tag(message, 0);
   const std::string_view tag = begin == std::string_view::npos ? std::string_view() : tag_at(message, begin);
   if (tag.size() < std::string_view("<a>").size()) {
     return request;
@@ -185,18 +184,22 @@ bool netconf_reply_is_to_no_xml(std::string_view reply, uint16_t seq, const netc
   return doc != nullptr && netconf_attribute(xmlDocGetRootElement(doc.get()), "message-id") == number;
 }
 
-std::string netconf_error_info(std::string_view reply)
+std::string netconf_standard_errors(std::string_view reply)
 {
-  netconf_doc_ptr doc = reply.find("<error-info>") == std::string_view::npos ? nullptr : netconf_parse(reply);
+  netconf_doc_ptr doc = netconf_parse(reply);
   if (doc == nullptr) {
     return std::string(reply);
   }
   const xmlNode *root = xmlDocGetRootElement(doc.get());
   for (const xmlNode *error = netconf_first_element(root); error != nullptr; error = netconf_next_element(error)) {
-    xmlNode *info = netconf_name(error) == "rpc-error" ? netconf_first_element(error) : nullptr;
-    for (; info != nullptr; info = netconf_next_element(info)) {
-      if (netconf_name(info) == "error-info") {
-        make_elements(info);
+    xmlNode *next = netconf_name(error) == "rpc-error" ? netconf_first_element(error) : nullptr;
+    while (next != nullptr) {
+      xmlNode *part = std::exchange(next, netconf_next_element(next));
+      if (netconf_name(part) == "error-info") {
+        make_elements(part);
+      } else if (netconf_name(part) == "error-path" && part->children == nullptr) {
+        xmlUnlinkNode(part);
+        xmlFreeNode(part);
       }
     }
   }

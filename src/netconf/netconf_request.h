@@ -29,6 +29,6 @@ std::string netconf_fault_reply(const netconf_request_t &request, netconf_fault 
 // answer to the frame `seq`; `request` must have another message-id.
 bool netconf_reply_is_to_no_xml(std::string_view reply, uint16_t seq, const netconf_request_t &request);
 
-// The daemon's <error-info> is text; clients expect elements. The reply with elements wherever that text is XML, else
-// as it was.
-std::string netconf_error_info(std::string_view reply);
+// An <rpc-reply> with errors, as clients expect it. The daemon's <error-info> is text: where that is XML it becomes
+// elements. An empty <error-path> goes. A reply that cannot be read is returned as it is.
+std::string netconf_standard_errors(std::string_view reply);

@@ -174,6 +174,18 @@ reply_error_ptr undo_commit(commit_databases_t *databases)
                             : rpc_make_error(REPLY_ERR_OP_FAILED, message);
 }
 
+// The layer check lets parameters that no module has pass when the request declares namespaces of others. A change that
+// is to be taken back unless it is confirmed must never stay for that.
+bool asks_for_confirmation(const lyxml_elem *commit)
+{
+  for (const char *parameter : {"confirmed", "confirm-timeout", "persist", "persist-id"}) {
+    if (lyxml_find_child(commit, parameter) != nullptr) {
+      return true;
+    }
+  }
+  return false;
+}
+
 } // namespace
 
 int datastore_publish(int sid, ds_session_db *db, lyd_tree_ptr *data, differ_node_t *dtree, int target_ds, int erropt)
@@ -250,6 +262,10 @@ int datastore_publish_callback(int is_rollback, reply_error_ptr errors)
 
 int ds_commit(int sid, const char *, lyxml_elem *rpc)
 {
+  if (asks_for_confirmation(lyxml_first_child(rpc))) {
+    log_error("Confirmed commit is not supported.");
+    return ds_refuse(sid, rpc, REPLY_ERR_OP_NOT_SUPPORTED, "Confirmed commit is not supported.");
+  }
   if (differ_nodes == nullptr) {
     log_debug("Nothing to be committed.");
     return rpc_answer_ok(sid, rpc);

@@ -9,6 +9,7 @@
 #include "ymgrd/notify/notifier.h"
 #include "ymgrd/notify/notifier_send.h"
 #include "ymgrd/rpc/rpc_reply.h"
+#include "ymgrd/ymgrd.h"
 
 namespace {
 
@@ -41,10 +42,17 @@ const parameter_t parameters[] = {{"stream", &subscription_request_t::stream},
                                   {"startTime", &subscription_request_t::start_time},
                                   {"stopTime", &subscription_request_t::stop_time}};
 
-const parameter_t *find_parameter(const lyxml_elem *elem, std::string_view ns)
+// RFC 5277 has the filter in the operation's namespace, as all parameters. Common clients send it in that of get and
+// get-config, where it means the same.
+bool is_namespace_of(const parameter_t &parameter, std::string_view ns, std::string_view operation_ns)
+{
+  return ns == operation_ns || (parameter.element == &subscription_request_t::filter && ns == NETCONF_BASE_NS_1_0);
+}
+
+const parameter_t *find_parameter(const lyxml_elem *elem, std::string_view operation_ns)
 {
   for (const parameter_t &parameter : parameters) {
-    if (lyxml_name(elem) == parameter.name && lyxml_ns(elem) == ns) {
+    if (lyxml_name(elem) == parameter.name && is_namespace_of(parameter, lyxml_ns(elem), operation_ns)) {
       return &parameter;
     }
   }

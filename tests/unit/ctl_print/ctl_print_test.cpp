@@ -91,7 +91,7 @@ TEST_F(ctl_text, every_kind_of_node_has_its_line)
       "      data x\n"
       "  dns 192.0.2.53\n"
       "  dns 192.0.2.54\n"
-            "  rule[id=\"o'neil\"]\n"
+      "  rule[id=\"o'neil\"]\n"
       "  dhcp\n"
       "  read-only\n"
       "  vendor-data\n"

@@ -81,6 +81,23 @@ TEST(netconf_reader, refuses_chunk_heads_that_are_none)
   EXPECT_EQ(read_all(netconf_framing::chunked, "\n#4294967295\nx"), messages_t{"(more)"});
 }
 
+TEST(netconf_writer, chunks_end_with_whole_characters)
+{
+  const std::string text = "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x8C\x8D"; // of two, three and four bytes
+  for (size_t cut = 0; cut <= text.size(); cut++) {
+    wiped_string out;
+    netconf_writer writer;
+    writer.set_framing(netconf_framing::chunked);
+    writer.write(std::string_view(text).substr(0, cut), &out);
+    writer.write(std::string_view(text).substr(cut), &out);
+    writer.end(&out);
+    EXPECT_EQ(read_all(netconf_framing::chunked, std::string(out)), messages_t{text});
+    const size_t whole = cut < 2 ? 0 : cut < 5 ? 2 : cut < 9 ? 5 : 9; // bytes of the first chunk, when there are two
+    const std::string first = "\n#" + std::to_string(whole == 0 ? text.size() : whole) + "\n";
+    EXPECT_TRUE(out.starts_with(first.c_str())) << cut << ": " << out;
+  }
+}
+
 // The messages that a reader finds in what the writer makes of random ones are these, wherever both are cut; random
 // bytes neither crash the reader nor make it depend on how they are cut.
 TEST(netconf_framing, random_messages_arrive_as_they_were_sent)
