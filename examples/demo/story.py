@@ -126,9 +126,9 @@ def operate(story, device, operator, root):
     story.expect(refused.returncode == 1 and "dns" in refused.stderr, "commit fails with the plugin's message")
     story.expect(rules.read_text(encoding="utf-8") == before, "the rules are what they were")
 
-    story.step("the operator mends it and commits")
-    operator.types("set", f"{rule}/protocol", "udp")
-    operator.types("set", f"{rule}/action", "accept")
+    story.step("a refused commit has emptied candidate; the operator enters the rule as it should be")
+    for leaf, value in (("action", "accept"), ("protocol", "udp"), ("port", "53")):
+        operator.types("set", f"{rule}/{leaf}", value)
     story.expect(operator.types("commit").returncode == 0, "the commit is accepted")
     story.show(str(rules), rules.read_text(encoding="utf-8"))
     story.expect("53" in rules.read_text(encoding="utf-8"), "the rule is in force")

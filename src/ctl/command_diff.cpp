@@ -33,7 +33,8 @@ int run_diff(ctl_device &device, const diff_options_t &options)
 {
   ctl_path_t path;
   int result = options.path.empty() ? CTL_OK : ctl_parse_path(device, options.path, &path);
-  const std::string filter = ctl_filter(path);
+  const std::string selection = ctl_filter(path);
+  const std::string filter = selection.empty() ? "" : "<filter type=\"subtree\">" + selection + "</filter>";
   std::string replies[2];
   const std::string *datastores[] = {&options.from, &options.to};
   for (size_t i = 0; i < 2 && result == CTL_OK; i++) {

@@ -175,6 +175,7 @@ ctl_action ctl_define_get_config(CLI::App *app)
       ->type_name("DATASTORE")
       ->check(CLI::IsMember({"running", "candidate", "startup"}))
       ->capture_default_str();
+  add_value_flag(app, &options->value_only);
   return [options](ctl_device &device) { return read_data(device, *options); };
 }
 

@@ -31,8 +31,9 @@ ctl_action ctl_define_load(CLI::App *app);    // load FILE --replace, --format x
 ctl_action ctl_define_backup(CLI::App *app);  // backup FILE --source
 ctl_action ctl_define_restore(CLI::App *app); // restore FILE: as candidate; --commit
 // command_rpc.cpp
-ctl_action ctl_define_rpc(CLI::App *app);   // rpc FILE ("-": standard input)
-ctl_action ctl_define_watch(CLI::App *app); // watch --start TIME --stop TIME --filter PATH
+ctl_action ctl_define_rpc(CLI::App *app); // rpc FILE ("-": standard input)
+// command_watch.cpp
+ctl_action ctl_define_watch(CLI::App *app); // watch --start TIME --stop TIME --filter NAME --count N
 // ctl_shell.cpp
 ctl_action ctl_define_shell(CLI::App *app);
 // ctl_complete.cpp: what the completion of bash calls; not in the help.

@@ -34,6 +34,7 @@ public:
   ctl_device &operator=(const ctl_device &) = delete;
 
   ctl_output_t &output() { return output_; }
+  const std::string &run_dir() const { return run_dir_; }
 
   // One operation, the content of <rpc>. The whole <rpc-reply> in `*ret_reply` (may be null). Connects when there is no
   // session. An <rpc-error> is told, in one line for each, and is CTL_REFUSED.

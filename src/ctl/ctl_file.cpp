@@ -128,7 +128,10 @@ const xmlNode *find_top(const xmlDoc *document)
   if (reply_data != nullptr) {
     return reply_data;
   }
-  const bool is_wrapper = is_base(root) && (ctl_xml_is(root, "config") || ctl_xml_is(root, "data"));
+  bool is_wrapper = false;
+  for (const char *name : {"config", "data", "rpc"}) {
+    is_wrapper = is_wrapper || (is_base(root) && ctl_xml_is(root, name));
+  }
   return is_wrapper ? root : reinterpret_cast<const xmlNode *>(document);
 }
 
@@ -184,11 +187,11 @@ std::string dump_elements(xmlDoc *document, const xmlNode *top)
   return text;
 }
 
-int extract_config(const ctl_output_t &output, const std::string &path, const std::string &text,
-                   std::string *ret_config)
+int extract_elements(const ctl_output_t &output, const std::string &path, const std::string &text,
+                     std::string *ret_elements)
 {
   if (text.find_first_not_of(" \t\r\n") == std::string::npos) {
-    ret_config->clear();
+    ret_elements->clear();
     return CTL_OK;
   }
   xml_fault_t fault;
@@ -199,7 +202,7 @@ int extract_config(const ctl_output_t &output, const std::string &path, const st
   if (document == nullptr) {
     return fail_file(output, path, (fault.line > 0 ? "line " + std::to_string(fault.line) + ": " : "") + fault.message);
   }
-  *ret_config = dump_elements(document.get(), find_top(document.get()));
+  *ret_elements = dump_elements(document.get(), find_top(document.get()));
   return CTL_OK;
 }
 
@@ -406,6 +409,13 @@ ctl_format ctl_file_format(std::string_view choice, std::string_view path, std::
   return first != std::string_view::npos && text[first] == '{' ? ctl_format::json : ctl_format::xml;
 }
 
+int ctl_read_elements(const ctl_output_t &output, const std::string &path, std::string *ret_elements)
+{
+  std::string text;
+  const int result = ctl_read_file(output, path, &text);
+  return result == CTL_OK ? extract_elements(output, path, text, ret_elements) : result;
+}
+
 int ctl_read_config(ctl_device &device, const std::string &path, std::string_view format, std::string *ret_config)
 {
   std::string text;
@@ -421,7 +431,7 @@ int ctl_read_config(ctl_device &device, const std::string &path, std::string_vie
     return convert_json(device, schema, path, text, ret_config);
   }
   std::string config;
-  result = extract_config(device.output(), path, text, &config);
+  result = extract_elements(device.output(), path, text, &config);
   std::string fault;
   if (result == CTL_OK && !fits_schema(schema, config, &fault)) {
     result = fail_file(device.output(), path, fault);

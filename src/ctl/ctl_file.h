@@ -14,6 +14,9 @@ int ctl_replace_file(const ctl_output_t &output, const std::string &path, std::s
 
 // XML or JSON: by what was asked for ("xml", "json", "auto"), by the ending of the name, by how the text begins.
 ctl_format ctl_file_format(std::string_view choice, std::string_view path, std::string_view text);
+// The top elements of an XML file as they are, without what only wraps them: <config>, <data>, <rpc-reply>, <rpc>. The
+// exit code; CTL_INPUT names the line of the fault.
+int ctl_read_elements(const ctl_output_t &output, const std::string &path, std::string *ret_elements);
 // The content of <config> that the file says: in XML its top elements, alone or in <config>, <data> or <rpc-reply>,
 // with NETCONF's operation attributes as they are. Checked against the schema as far as that is possible without the
 // rest of the configuration; CTL_INPUT names line and place of the fault.

@@ -223,13 +223,14 @@ bool loader::watch(progress_line *line, const ymgr_progress_t &progress)
   if (count > 0 && !is_sent_) {
     return false;
   }
-  if (count > told_ && is_undoable()) {
+  if (count > told_) {
     told_ = count;
     line->clear();
+    const std::string first = "the daemon has all of " + load_.name +
+                              (is_undoable() ? "; it is taken back as soon as it is carried out"
+                                             : "; waiting for its answer");
     (void)ctl_fail(device_.output(), CTL_INTERRUPTED,
-                   count == 1
-                       ? "the daemon has all of " + load_.name + "; it is taken back as soon as it is carried out"
-                       : "still waiting for the daemon: nothing is left half-done");
+                   count == 1 ? first : "still waiting for the daemon: nothing is left half-done");
   }
   line->show(progress);
   return true;

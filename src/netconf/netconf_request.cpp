@@ -8,15 +8,13 @@
 
 namespace {
 
-constexpr std::string_view BLANKS = " \t\r\n";
-constexpr std::string_view UTF8_BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 // A longer start tag is not looked at: no client writes one.
 constexpr size_t LONGEST_TAG = 4096;
 
 // --- The request's start tag.
 
-// Position of the first start tag from `pos` on, behind comments, declarations and blanks; npos when something else
-// comes first.
+// Position of the first start tag from `pos` on, behind text, comments and declarations; npos when something else comes
+// first. Text in front of a root is a fault, which the daemon finds.
 size_t find_start_tag(std::string_view text, size_t pos)
 {
   static constexpr struct {
@@ -24,12 +22,12 @@ size_t find_start_tag(std::string_view text, size_t pos)
     std::string_view end;
   } passed_over[] = {{"<!--", "-->"}, {"<?", "?>"}};
 
-  while ((pos = text.find_first_not_of(BLANKS, pos)) != std::string_view::npos) {
+  while ((pos = text.find('<', pos)) != std::string_view::npos) {
     const auto *section = std::find_if(std::begin(passed_over), std::end(passed_over), [&](const auto &candidate) {
       return text.compare(pos, candidate.begin.size(), candidate.begin) == 0;
     });
     if (section == std::end(passed_over)) {
-      bool is_start = text[pos] == '<' && pos + 1 < text.size() && text[pos + 1] != '!' && text[pos + 1] != '/';
+      bool is_start = pos + 1 < text.size() && text[pos + 1] != '!' && text[pos + 1] != '/';
       return is_start ? pos : std::string_view::npos;
     }
     size_t end = text.find(section->end, pos + section->begin.size());
@@ -133,7 +131,7 @@ void make_elements(xmlNode *info)
 netconf_request_t netconf_request_read(std::string_view message)
 {
   netconf_request_t request;
-  const size_t begin = find_start_tag(message, message.starts_with(UTF8_BYTE_ORDER_MARK) ? 3 : 0);
+  const size_t begin = find_start_tag(message, 0);
   const std::string_view tag = begin == std::string_view::npos ? std::string_view() : tag_at(message, begin);
   if (tag.size() < std::string_view("<a>").size()) {
     return request;

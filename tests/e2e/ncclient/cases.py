@@ -24,7 +24,7 @@ PREFIXES = {
     "ncn": "urn:ietf:params:xml:ns:yang:ietf-netconf-notifications",
 }
 DECLARATIONS = " ".join(f'xmlns:{prefix}="{name}"' for prefix, name in PREFIXES.items())
-SESSIONS = 16  # as many as the profile of the device allows
+SESSIONS, MAX_MESSAGE = 16, 4000000  # as the profile of the device says
 PATIENCE = 20  # seconds
 
 
@@ -63,6 +63,9 @@ class Case(unittest.TestCase):
 
     def setUp(self) -> None:
         self.client = self.connect()
+        self.empty()
+
+    def empty(self) -> None:
         self.client.discard_changes()
         self.client.copy_config(source=f'<source xmlns="{BASE}"><config/></source>', target="running")
         self.client.copy_config(source="running", target="startup")

@@ -9,7 +9,7 @@ from ncclient.operations import RaiseMode
 from ncclient.transport.errors import TransportError
 from ncclient.transport.session import NetconfBase
 
-from cases import SESSIONS, Case, add_tests, subtree, system, texts
+from cases import MAX_MESSAGE, SESSIONS, Case, add_tests, subtree, system, texts
 
 OFFERED = (":base:1.0", ":base:1.1", ":candidate", ":startup", ":writable-running", ":rollback-on-error", ":notification", ":interleave")
 NOT_OFFERED = (":xpath", ":validate", ":url", ":confirmed-commit", ":with-defaults")
@@ -65,6 +65,12 @@ class Content(Case):
         for client in (self.client, self.connect(old=True)):
             data = client.get_config("running", subtree("<bench:bench/>")).data
             self.assertEqual(texts(data, "bench:bench/bench:entry/bench:weight"), [str(number) for number in range(ENTRIES)])
+
+    def test_message_beyond_the_limit_is_refused_and_the_session_goes_on(self):
+        for client in (self.client, self.connect(old=True)):
+            with self.refused("too-big"):
+                self.edit(system(f"<location>{MAX_MESSAGE * 'x'}</location>"), client=client)
+            self.assertEqual(client.get_config("running").data.find(".//{urn:ex-sys}location"), None)
 
     def test_outstanding_requests_get_their_own_replies(self):
         self.edit(entries(50))

@@ -1,5 +1,6 @@
 #include <cstring>
 #include <functional>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -136,6 +137,44 @@ TEST_F(ymgr_client, broken_framing_and_cut_frames_end_the_connection)
   EXPECT_FALSE(ymgr_receive(client_.get()));
   end();
   EXPECT_FALSE(ymgr_request(client_.get(), "<rpc/>")); // and no SIGPIPE
+}
+
+TEST_F(ymgr_client, a_hook_follows_the_request_and_may_end_the_wait)
+{
+  const std::string large(8U << 20, 'x');
+  std::promise<void> seen;
+  start([&](int sock) {
+    ymgr_frame_t first = read(sock);
+    seen.get_future().wait(); // nothing is answered before the hook was heard
+    write(sock, ymgr_frame("<first/>", first.seq));
+    EXPECT_EQ(read(sock).payload, "<rpc/>");
+    char byte = 0;
+    EXPECT_GT(recv(sock, &byte, 1, MSG_PEEK), 0); // the third one begins, and is cut off
+  });
+  // A reply that takes its time is still reported about, and what was sent only grows.
+  size_t most = 0;
+  int calls_after_all = 0;
+  ymgr_set_progress(client_.get(), [&](const ymgr_progress_t &progress) {
+    EXPECT_GE(progress.sent, most);
+    EXPECT_GT(progress.size, large.size());
+    most = progress.sent;
+    calls_after_all += progress.sent == progress.size ? 1 : 0;
+    if (calls_after_all == 3) {
+      seen.set_value();
+    }
+    return true;
+  });
+  EXPECT_EQ(ymgr_request(client_.get(), large), "<first/>") << ymgr_last_error(client_.get());
+
+  // Ended behind the request: the connection lives on. Ended within: nothing more can be sent.
+  ymgr_set_progress(client_.get(), [](const ymgr_progress_t &progress) { return progress.sent < progress.size; });
+  EXPECT_FALSE(ymgr_request(client_.get(), "<rpc/>"));
+  EXPECT_EQ(ymgr_last_error(client_.get()), "interrupted");
+  ymgr_set_progress(client_.get(), [](const ymgr_progress_t &progress) { return progress.sent == 0; });
+  EXPECT_FALSE(ymgr_request(client_.get(), large));
+  EXPECT_EQ(ymgr_last_error(client_.get()), "interrupted");
+  ymgr_set_progress(client_.get(), nullptr);
+  EXPECT_FALSE(ymgr_send(client_.get(), "<rpc/>"));
 }
 
 } // namespace

@@ -40,15 +40,13 @@ TEST(client_identity, address_is_taken_from_the_ssh_server)
 
 TEST(netconf_hello, server_names_each_capability_once)
 {
-  auto capabilities = netconf_hello_capabilities("<rpc-reply " RPC_NS "><capabilities xmlns=\"urn:d\"><capability>" BASE
-                                                 "1.1</capability>"
-                                                 "<capability>urn:m?revision=2026-01-01&amp;module=m&amp;feature=a,b&"
-                                                 "amp;deviations=d</capability></capabilities></rpc-reply>");
-  EXPECT_EQ(
-      netconf_hello(capabilities, 7),
-      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<hello " RPC_NS "><capabilities><capability>" BASE "1.0</capability>"
-      "<capability>" BASE "1.1</capability><capability>urn:m?revision=2026-01-01&amp;module=m&amp;features=a,b&amp;"
-      "deviations=d</capability></capabilities><session-id>7</session-id></hello>");
+#define MODULE(features)                                                                                               \
+  "<capability>urn:m?revision=2026-01-01&amp;module=m&amp;" features "=a,b&amp;deviations=d</capability>"
+  auto capabilities = netconf_hello_capabilities("<rpc-reply " RPC_NS "><capabilities xmlns=\"urn:d\">" CAPABILITY(
+      "1.1") MODULE("feature") "</capabilities></rpc-reply>");
+  EXPECT_EQ(netconf_hello(capabilities, 7),
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<hello " RPC_NS "><capabilities>" CAPABILITY("1.0")
+                CAPABILITY("1.1") MODULE("features") "</capabilities><session-id>7</session-id></hello>");
 }
 
 TEST(netconf_hello, client_decides_on_the_framing_or_is_refused)
@@ -93,7 +91,6 @@ std::string say(const std::string &message, const std::string &daemons_reply)
 }
 
 #define ERROR(content) "<rpc-reply " RPC_NS " message-id=\"1\"><rpc-error>" content "</rpc-error></rpc-reply>"
-
 #define INFO(content) ERROR("<error-info>" content "</error-info>")
 
 TEST(netconf_conversation, error_info_becomes_elements_where_it_is_xml)
