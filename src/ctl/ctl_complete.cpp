@@ -14,7 +14,7 @@ namespace {
 using words_t = std::vector<std::string>;
 using candidates_t = std::vector<ctl_candidate_t>;
 
-enum class kind { none, words, path, all_path, directory, file };
+enum class kind { none, words, path, directory };
 
 // What stands behind an option that takes something. The same name means the same in every command.
 typedef struct _option_value {
@@ -34,7 +34,7 @@ const option_value_t option_values[] = {
     {"--target", kind::words, DATASTORES},
     {"--from", kind::words, DATASTORES},
     {"--to", kind::words, DATASTORES},
-    {"--filter", kind::all_path},
+    {"--filter", kind::path},
 };
 const words_t options_before_command = {"--run-dir", "--output", "--color", "--version", "--help"};
 const words_t options_of_all_commands = {"--output", "--color", "--help"};
@@ -193,11 +193,9 @@ candidates_t complete_option_value(ctl_device &device, const std::string &option
     add_fitting(value->words, word, &candidates);
     return candidates;
   case kind::path:
-  case kind::all_path:
-    return ctl_complete_path(device, word, {.with_state = value->what == kind::all_path}, style);
+    return ctl_complete_path(device, word, {.with_state = true}, style);
   case kind::directory:
-  case kind::file:
-    return complete_files(word, value->what == kind::directory);
+    return complete_files(word, true);
   case kind::none:
     break;
   }

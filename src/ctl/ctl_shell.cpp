@@ -1,10 +1,12 @@
 // The shell of ymgrctl: commands at a terminal, or from a script.
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <clocale>
 #include <csignal>
 #include <cstring>
 #include <iostream>
+#include <memory>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -18,7 +20,7 @@
 
 namespace {
 
-constexpr ymgr_duration PROMPT_PATIENCE{1000}; // for what the prompt shows
+constexpr ymgr_duration PROMPT_PATIENCE{500}; // for what the prompt shows
 constexpr char DATASTORE_STATE[] = "<get><filter type=\"subtree\">"
                                    "<daemon xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\"><datastore>"
                                    "<name>candidate</name><pending-changes/><lock-holder/></datastore></daemon>"
@@ -31,7 +33,7 @@ void note_interrupt(int)
   interrupted = 1;
 }
 
-// A signal's disposition, for as long as it lives.
+// What is done about a signal as long as it lives. One that is ignored stays so: who started the program wants that.
 class signal_scope {
 public:
   signal_scope(int number, void (*handler)(int)) : number_(number)
@@ -39,6 +41,9 @@ public:
     struct sigaction action = {};
     action.sa_handler = handler;
     (void)sigaction(number, &action, &usual_);
+    if (usual_.sa_handler == SIG_IGN) {
+      (void)sigaction(number, &usual_, nullptr);
+    }
   }
   ~signal_scope() { (void)sigaction(number_, &usual_, nullptr); }
   signal_scope(const signal_scope &) = delete;
@@ -128,12 +133,10 @@ int shell::run_command(const std::vector<std::string> &words)
     }
     ymgr_set_progress(client, [](const ymgr_progress_t &) { return interrupted == 0; });
   }
-  const bool held_lock = candidate_.lock_holder != 0 && candidate_.lock_holder == device_.session_id();
   const int exit_code = editor_ == nullptr || words.front() == "watch" ? ctl_run(device_, words) : run_paged(words);
   if (exit_code == CTL_INTERRUPTED && device_.session_id() == 0) {
     (void)ctl_fail(device_.output(), exit_code,
-                   std::string("the daemon may still carry it out; the session is closed") +
-                       (held_lock ? ", and its lock of candidate given back" : ""));
+                   "the daemon may still carry it out; the session is closed, and its locks are given back");
   }
   return exit_code;
 }
@@ -231,7 +234,8 @@ candidate_state_t shell::look_at_candidate()
   const xmlNode *changed = ctl_xml_child(node, "pending-changes");
   const xmlNode *holder = ctl_xml_child(node, "lock-holder");
   state.is_changed = changed != nullptr && ctl_xml_text(changed) == "true";
-  state.lock_holder = holder == nullptr ? 0 : std::atoi(ctl_xml_text(holder).c_str());
+  const std::string session = holder == nullptr ? "" : ctl_xml_text(holder);
+  (void)std::from_chars(session.data(), session.data() + session.size(), state.lock_holder); // stays 0: nobody
   return state;
 }
 
@@ -275,6 +279,7 @@ int shell::run_terminal()
 {
   (void)setlocale(LC_CTYPE, ""); // characters of more than one byte in lines
   signal_scope on_closed_pipe(SIGPIPE, SIG_IGN);
+  signal_scope on_late_interrupt(SIGINT, note_interrupt); // between two commands there is nothing to end
   ctl_editor editor([this](const std::vector<std::string> &words) { return complete(words); });
   if (!editor.is_usable()) {
     return ctl_fail(device_.output(), CTL_INPUT, "the terminal cannot be used");

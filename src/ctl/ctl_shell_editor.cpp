@@ -1,6 +1,7 @@
 #include "ctl/ctl_shell_editor.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -78,8 +79,10 @@ ctl_read ctl_editor::read(const std::string &prompt, std::string *ret_line)
   prompt_ = prompt;
   is_interrupted_ = false;
   int count = 0;
+  el_resize(editor_.get()); // it may have changed while a command ran
+  errno = 0;
   const char *line = el_gets(editor_.get(), &count);
-  if (is_interrupted_) {
+  if (is_interrupted_ || (line == nullptr && count < 0 && errno == EINTR)) {
     return ctl_read::cleared;
   }
   if (line == nullptr || count <= 0) {
