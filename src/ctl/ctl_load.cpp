@@ -262,7 +262,9 @@ int loader::fail_unanswered(const std::string &cause)
   const ctl_output_t &output = device_.output();
   is_locked_ = false; // it went with the session
   if (count_interrupts() > 0 && !is_sent_) {
-    return ctl_fail(output, CTL_INTERRUPTED, "interrupted; " + load_.target + " is as it was");
+    return ctl_fail(output, CTL_INTERRUPTED,
+                    "interrupted; " + load_.target + " is as it was" +
+                        (device_.goes_on() ? "; the session has ended, with its locks" : ""));
   }
   const std::string message = "the connection to the daemon is lost: " + cause;
   return ctl_fail(output, CTL_UNREACHABLE,
