@@ -115,7 +115,10 @@ int delete_entries(ctl_device &device, const edit_options_t &options, const ctl_
   if (result != CTL_OK) {
     return result;
   }
-  return ctl_write(device.output(), std::to_string(found.size()) + (found.size() == 1 ? " entry" : " entries") +
+  const bool is_entries = (path.back().schema->nodetype & (LYS_LIST | LYS_LEAFLIST)) != 0;
+  const std::string one = is_entries ? "entry" : "node";
+  const std::string many = is_entries ? "entries" : "nodes";
+  return ctl_write(device.output(), std::to_string(found.size()) + " " + (found.size() == 1 ? one : many) +
                                         " deleted from " + options.target() + "\n");
 }
 

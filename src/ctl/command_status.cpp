@@ -1,3 +1,4 @@
+#include <charconv>
 #include <cinttypes>
 #include <cstring>
 
@@ -36,7 +37,8 @@ std::string value(const lyd_node *parent, const char *name)
 // "3 days 02:11:09"
 std::string duration(const std::string &seconds)
 {
-  const uint64_t count = strtoull(seconds.c_str(), nullptr, 10); // the schema knows it as a number
+  uint64_t count = 0; // stays so when there is no number
+  (void)std::from_chars(seconds.data(), seconds.data() + seconds.size(), count);
   const uint64_t days = count / 86400;
   char text[64];
   (void)snprintf(text, sizeof(text), "%02" PRIu64 ":%02" PRIu64 ":%02" PRIu64, count / 3600 % 24, count / 60 % 60,

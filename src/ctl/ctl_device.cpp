@@ -3,7 +3,9 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include <grp.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "ctl/ctl_reply.h"
@@ -27,6 +29,18 @@ std::string login_name()
   const uid_t uid = getuid();
   const passwd *entry = getpwuid(uid);
   return entry != nullptr ? entry->pw_name : "uid-" + std::to_string(uid);
+}
+
+// Why a daemon that may well be there cannot be reached, and what to do about it; empty when that is not the reason.
+std::string permission_hint(const std::string &run_dir)
+{
+  if (access((run_dir + "/agent.sock").c_str(), R_OK | W_OK) == 0 || errno != EACCES) {
+    return "";
+  }
+  struct stat state = {};
+  const group *owner = stat(run_dir.c_str(), &state) == 0 ? getgrgid(state.st_gid) : nullptr;
+  const std::string name = owner == nullptr ? "the daemon's group" : std::string("the group ") + owner->gr_name;
+  return "; only members of " + name + " may connect: add " + login_name() + " to it, and log in anew";
 }
 
 } // namespace
@@ -142,11 +156,8 @@ int ctl_device::connect()
   std::string cause;
   ymgr_client_ptr connection = ymgr_connect(run_dir_, &cause);
   if (connection == nullptr) {
-    std::string message = "no daemon answers in " + run_dir_ + " (" + cause + ")";
-    if (access((run_dir_ + "/agent.sock").c_str(), R_OK | W_OK) != 0 && errno == EACCES) {
-      message += "; only members of the daemon's group may connect: add " + login_name() + " to it, and log in anew";
-    }
-    return ctl_fail(output_, CTL_UNREACHABLE, message);
+    return ctl_fail(output_, CTL_UNREACHABLE,
+                    "no daemon answers in " + run_dir_ + " (" + cause + ")" + permission_hint(run_dir_));
   }
   std::optional<int> id = ymgr_create_session(connection.get(), login_name());
   if (!id) {

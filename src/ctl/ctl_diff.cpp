@@ -142,7 +142,7 @@ private:
 
   ctl_tree_writer *writer_;
   ctl_diff_counts_t counts_;
-  node_list path_;         // of `to`, from the top to where the walk is
+  node_list path_;         // from the top to where the walk is
   size_t shown_depth_ = 0; // how many of them have their line
 };
 
@@ -163,12 +163,15 @@ void tree_differ::siblings(const lyd_node *from, const lyd_node *to)
 
 void tree_differ::single(const lyd_node *from, const lyd_node *to)
 {
-  if (from == nullptr) {
+  const lysc_node *schema = to == nullptr ? from->schema : to->schema;
+  const bool is_container = schema->nodetype == LYS_CONTAINER;
+  // A container without presence is only a place: what is in it came, or went.
+  if (is_container && ((from != nullptr && to != nullptr) || (schema->flags & LYS_PRESENCE) == 0)) {
+    inside(from, to);
+  } else if (from == nullptr) {
     added(to);
   } else if (to == nullptr) {
     removed(from);
-  } else if (to->schema->nodetype == LYS_CONTAINER) {
-    inside(from, to);
   } else if (lyd_compare_single(from, to, LYD_COMPARE_FULL_RECURSION) != LY_SUCCESS) {
     counts_.changed++;
     show(from, ctl_mark::removed);
@@ -204,8 +207,8 @@ void tree_differ::instances(const node_list &from, const node_list &to, bool is_
 
 void tree_differ::inside(const lyd_node *from, const lyd_node *to)
 {
-  path_.push_back(to);
-  siblings(lyd_child_no_keys(from), lyd_child_no_keys(to));
+  path_.push_back(to == nullptr ? from : to);
+  siblings(from == nullptr ? nullptr : lyd_child_no_keys(from), to == nullptr ? nullptr : lyd_child_no_keys(to));
   path_.pop_back();
   shown_depth_ = std::min(shown_depth_, path_.size());
 }

@@ -79,7 +79,9 @@ typedef struct _xml_fault {
 
 void refuse_doctype(void *parser, const xmlChar *, const xmlChar *, const xmlChar *)
 {
-  xmlStopParser(static_cast<xmlParserCtxt *>(parser));
+  auto *context = static_cast<xmlParserCtxt *>(parser);
+  context->wellFormed = 0; // to stop it does not
+  xmlStopParser(context);
 }
 
 // Null with the fault. No document type: it could bring in other files.

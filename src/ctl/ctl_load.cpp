@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <chrono>
 
+#include <unistd.h>
+
+#include "ctl/ctl_file.h"
 #include "ctl/ctl_interrupt.h"
 #include "ctl/ctl_reply.h"
 
@@ -123,6 +126,7 @@ private:
   int fail_unanswered(const std::string &cause);
   int tell_errors(const std::string &reply);
   int take_back();
+  int save_former(int exit_code);
 
   ctl_device &device_;
   const ctl_load_t &load_;
@@ -226,9 +230,9 @@ bool loader::watch(progress_line *line, const ymgr_progress_t &progress)
   if (count > told_) {
     told_ = count;
     line->clear();
-    const std::string first = "the daemon has all of " + load_.name +
-                              (is_undoable() ? "; it is taken back as soon as it is carried out"
-                                             : "; waiting for its answer");
+    const std::string first =
+        "the daemon has all of " + load_.name +
+        (is_undoable() ? "; it is taken back as soon as it is carried out" : "; waiting for its answer");
     (void)ctl_fail(device_.output(), CTL_INTERRUPTED,
                    count == 1 ? first : "still waiting for the daemon: nothing is left half-done");
   }
@@ -271,10 +275,23 @@ int loader::take_back()
   if (told_ == 0) {
     (void)ctl_fail(output, CTL_INTERRUPTED, "taking " + load_.name + " back");
   }
-  const int result = device_.rpc(
-      had_changes_ ? edit_operation("candidate", "replace", UNCHECKED, former_) : "<discard-changes/>", nullptr);
+  int result = device_.rpc("<discard-changes/>", nullptr);
+  if (had_changes_) {
+    // From running on, so that what is pending is what was pending, and no more.
+    result =
+        result == CTL_OK ? device_.rpc(edit_operation("candidate", "replace", UNCHECKED, former_), nullptr) : result;
+    result = result == CTL_OK ? result : save_former(result);
+  }
   return result == CTL_OK ? ctl_fail(output, CTL_INTERRUPTED, "interrupted; candidate is as it was")
                           : ctl_fail(output, result, load_.name + " could not be taken back");
+}
+
+// Nobody has a copy of what candidate held but we.
+int loader::save_former(int exit_code)
+{
+  const std::string path = "ymgrctl-candidate-" + std::to_string(getpid()) + ".xml";
+  const bool is_saved = ctl_replace_file(device_.output(), path, "<config>" + former_ + "</config>\n") == CTL_OK;
+  return is_saved ? ctl_fail(device_.output(), exit_code, "what candidate held is in " + path) : exit_code;
 }
 
 } // namespace

@@ -31,15 +31,6 @@ protected:
     ASSERT_NE(context, nullptr) << fault;
     ASSERT_EQ(lys_parse_mem(context.get(), TWIN, LYS_IN_YANG, nullptr), LY_SUCCESS) << ly_errmsg(context.get());
     ASSERT_EQ(ly_ctx_compile(context.get()), LY_SUCCESS) << ly_errmsg(context.get());
-    errors = open_memstream(&error_text, &error_size);
-    ctl_output_t output;
-    output.err = errors;
-    device = std::make_unique<ctl_device>("/nowhere", output);
-  }
-  void TearDown() override
-  {
-    (void)fclose(errors);
-    free(error_text);
   }
 
   ctl_path_t read(const std::string &text) const
@@ -57,25 +48,18 @@ protected:
     return fault;
   }
   // The edit, or the fault that was told.
-  std::string edit(const std::string &text, const char *operation, const char *value)
+  std::string edit(const std::string &text, const char *operation, const char *value) const
   {
-    const ctl_path_t path = read(text);
     const std::string given = value == nullptr ? "" : value;
     std::string config;
-    (void)fflush(errors);
-    const size_t before = error_size;
-    if (ctl_edit(*device, path, operation, value == nullptr ? nullptr : &given, &config) == CTL_OK) {
-      return config;
-    }
-    (void)fflush(errors);
-    return std::string(error_text + before, error_size - before);
+    ctl_device device("/nowhere", {});
+    testing::internal::CaptureStderr();
+    int result = ctl_edit(device, read(text), operation, value == nullptr ? nullptr : &given, &config);
+    const std::string told = testing::internal::GetCapturedStderr();
+    return result == CTL_OK ? config : told;
   }
 
   ctl_context_ptr context;
-  std::unique_ptr<ctl_device> device;
-  FILE *errors = nullptr;
-  char *error_text = nullptr;
-  size_t error_size = 0;
 };
 
 TEST_F(ctl_path, has_one_form_however_it_was_typed)

@@ -148,7 +148,7 @@ TEST_F(ctl_text, difference_shows_what_came_went_changed_and_moved)
        "    rule[id='a']\n~     port 2 moved first\n"},
       // A presence container by itself, one case of a choice for another, a container that only holds what is new.
       {"<telnet/><dhcp><client-id>i</client-id></dhcp>", "<gateway>10.0.0.1</gateway><ftp><root>/</root></ftp>",
-       "-   dhcp\n-     client-id i\n-   telnet\n+   gateway 10.0.0.1\n+   ftp\n+     root /\n"},
+       "-   dhcp\n-     client-id i\n-   telnet\n+   gateway 10.0.0.1\n    ftp\n+     root /\n"},
       {"<vendor-data><a xmlns=\"urn:a\"><b>1</b></a></vendor-data>",
        "<vendor-data><a xmlns=\"urn:a\"><b>2</b></a></vendor-data>",
        "-   vendor-data\n-     a\n-       b 1\n+   vendor-data\n+     a\n+       b 2\n"},
@@ -158,8 +158,8 @@ TEST_F(ctl_text, difference_shows_what_came_went_changed_and_moved)
                                   system(row.to + std::string("<location>l</location>")));
     EXPECT_EQ(text, (*row.text == '\0' ? "" : "  system\n") + std::string(row.text)) << row.from << "\n" << row.to;
   }
-  EXPECT_EQ(diff("", system("<hostname>a</hostname>")), "+ system\n+   hostname a\n");
-  EXPECT_EQ(diff(system("<hostname>a</hostname>"), ""), "- system\n-   hostname a\n");
+  EXPECT_EQ(diff("", system("<hostname>a</hostname>")), "  system\n+   hostname a\n");
+  EXPECT_EQ(diff(system("<hostname>a</hostname>"), ""), "  system\n-   hostname a\n");
   EXPECT_NE(diff("", system("<hostname>a</hostname>"), ctl_format::xml).find("yang:operation=\"create\""),
             std::string::npos);
   EXPECT_EQ(diff("", "", ctl_format::json), "{}\n");
