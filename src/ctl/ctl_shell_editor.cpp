@@ -63,9 +63,10 @@ ctl_editor::ctl_editor(ctl_complete_fn complete)
   (void)el_set(editor, EL_PROMPT_ESC, on_prompt, '\1');
   (void)el_set(editor, EL_HIST, ::history, history_.get());
   (void)el_source(editor, nullptr); // ~/.editrc: how its owner likes to edit
-  (void)el_set(editor, EL_ADDFN, "ymgr-complete", "completes the word", on_tab);
-  (void)el_set(editor, EL_ADDFN, "ymgr-interrupt", "gives the line up", on_interrupt);
-  (void)el_set(editor, EL_ADDFN, "ymgr-suspend", "suspends the program", on_suspend);
+  // Wide texts, as the library keeps them: of others it makes copies that it never frees.
+  (void)el_wset(editor, EL_ADDFN, L"ymgr-complete", L"completes the word", on_tab);
+  (void)el_wset(editor, EL_ADDFN, L"ymgr-interrupt", L"gives the line up", on_interrupt);
+  (void)el_wset(editor, EL_ADDFN, L"ymgr-suspend", L"suspends the program", on_suspend);
   // Keys and not signals while a line is edited: a signal would end the program, or be lost between two reads.
   (void)el_set(editor, EL_SETTY, "-d", "-isig", nullptr);
   (void)el_set(editor, EL_BIND, "\t", "ymgr-complete", nullptr);
