@@ -37,6 +37,28 @@ int validate(ctl_device &device)
                           : ctl_write(device.output(), "candidate is valid; plugins are asked by the commit only\n");
 }
 
+bool has_pending_changes(ctl_device &device)
+{
+  std::string reply;
+  return device.try_rpc("<get><filter type=\"subtree\"><daemon "
+                        "xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\"><datastore><name>candidate</name>"
+                        "<pending-changes/></datastore></daemon></filter></get>",
+                        &reply) == CTL_OK &&
+         reply.find("<pending-changes>true<") != std::string::npos;
+}
+
+// A candidate that is invalid stays to be mended; one that a plugin has refused becomes running again. Who goes on as
+// after the first would commit nothing.
+int commit(ctl_device &device)
+{
+  const bool had_changes = has_pending_changes(device);
+  int result = device.rpc("<commit/>", nullptr);
+  if (result == CTL_REFUSED && had_changes && !has_pending_changes(device)) {
+    return ctl_fail(device.output(), result, "the changes in candidate are gone: it is equal to running again");
+  }
+  return result;
+}
+
 ctl_action define_lock(CLI::App *app, const char *name, const char *help)
 {
   auto datastore = std::make_shared<std::string>("candidate");
@@ -60,7 +82,7 @@ ctl_action ctl_define_validate(CLI::App *)
 
 ctl_action ctl_define_commit(CLI::App *)
 {
-  return operation("<commit/>");
+  return commit;
 }
 
 ctl_action ctl_define_discard(CLI::App *)

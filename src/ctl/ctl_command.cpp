@@ -144,7 +144,8 @@ int command_line::tell_usage_fault(const ctl_output_t &output, const CLI::ParseE
     message = "there is no command \"" + rest.front() + "\"" + ctl_did_you_mean(rest.front(), command_names());
   }
   std::replace(message.begin(), message.end(), '\n', ' ');
-  return ctl_fail(output, CTL_USAGE, message + "\nTry \"" + help + (help.empty() ? "" : " ") + "--help\".");
+  help += help.empty() ? "help" : " --help"; // without a name it is the shell
+  return ctl_fail(output, CTL_USAGE, message + "\nTry \"" + help + "\".");
 }
 
 ctl_output_t command_line::adjust(ctl_output_t output) const
@@ -216,5 +217,7 @@ int ctl_main(int argc, char **argv)
   if (isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0) {
     return ctl_run(device, {"shell"});
   }
-  return ctl_fail(output, CTL_USAGE, std::string("which command?\nTry \"") + PROGRAM + " --help\".");
+  return ctl_fail(output, CTL_USAGE,
+                  std::string("which command?\nTry \"") + PROGRAM + " --help\"; \"" + PROGRAM +
+                      " shell\" takes a script from standard input.");
 }

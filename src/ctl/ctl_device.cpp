@@ -16,6 +16,7 @@ namespace {
 
 // A commit may take minutes while plugins work. A daemon that died is noticed by the end of the connection.
 constexpr ymgr_duration LONG_WORK = std::chrono::hours(24 * 365);
+constexpr ymgr_duration CLOSING{500};
 
 constexpr char DAEMON_NAMESPACE[] = "com:zentra:netconf:private:opal:device:ymgrd";
 constexpr char MODULES_VARIABLE[] = "YMGR_MODULES_DIR";
@@ -47,7 +48,14 @@ std::string permission_hint(const std::string &run_dir)
 
 ctl_device::ctl_device(std::string run_dir, ctl_output_t output) : run_dir_(std::move(run_dir)), output_(output) {}
 
-ctl_device::~ctl_device() = default;
+// Closed rather than dropped, so that events of lost sessions tell of those only. A daemon that is at something else is
+// not waited for.
+ctl_device::~ctl_device()
+{
+  if (client_ != nullptr) {
+    (void)ymgr_rpc(client_.get(), "<close-session/>", CLOSING);
+  }
+}
 
 int ctl_device::rpc(const std::string &operation, std::string *ret_reply)
 {
@@ -138,6 +146,12 @@ int ctl_device::find_modules_directory(std::string *ret_directory)
                        &reply);
   if (result != CTL_OK && result != CTL_REFUSED) {
     return result;
+  }
+  if (result == CTL_REFUSED && access(DEFAULT_MODULES_DIR, R_OK) != 0) { // as when its database is away
+    for (const ctl_reply_error_t &error : ctl_reply_errors(reply)) {
+      (void)ctl_fail(output_, CTL_REFUSED, ctl_error_line(error));
+    }
+    return CTL_REFUSED;
   }
   ctl_xml_ptr doc = ctl_parse_xml(reply);
   const xmlNode *node = doc == nullptr ? nullptr : xmlDocGetRootElement(doc.get());

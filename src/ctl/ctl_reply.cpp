@@ -26,6 +26,22 @@ ctl_reply_error_t read_error(const xmlNode *node)
   return error;
 }
 
+// What RFC 6241 has as elements, one "NAME TEXT" for each; other text as it is.
+std::string info_in_words(const std::string &info)
+{
+  ctl_xml_ptr doc = ctl_parse_xml("<info>" + info + "</info>");
+  std::string words;
+  for (const xmlNode *node = doc == nullptr ? nullptr : xmlDocGetRootElement(doc.get())->children; node != nullptr;
+       node = node->next) {
+    if (node->type != XML_ELEMENT_NODE) {
+      return info;
+    }
+    words += (words.empty() ? "" : ", ") + std::string(reinterpret_cast<const char *>(node->name)) + " " +
+             ctl_xml_text(node);
+  }
+  return words.empty() ? info : words;
+}
+
 } // namespace
 
 std::vector<ctl_reply_error_t> ctl_reply_errors(const std::string &reply)
@@ -55,7 +71,7 @@ std::string ctl_error_line(const ctl_reply_error_t &error)
     line += " at " + error.path;
   }
   if (!error.info.empty()) {
-    line += ": " + error.info;
+    line += ": " + info_in_words(error.info);
   }
   return line;
 }
