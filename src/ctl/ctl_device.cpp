@@ -175,7 +175,9 @@ int ctl_device::connect()
   }
   std::optional<int> id = ymgr_create_session(connection.get(), login_name());
   if (!id) {
-    return ctl_fail(output_, CTL_UNREACHABLE, "no session could be opened: " + ymgr_last_error(connection.get()));
+    return ctl_fail(output_, CTL_UNREACHABLE,
+                    "no session could be opened: " + ymgr_last_error(connection.get()) +
+                        "; all that the daemon's profile allows (session-spec) may be open");
   }
   client_ = std::move(connection);
   session_id_ = *id;
