@@ -1,6 +1,11 @@
 #include "ctl/ctl_schema.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <utility>
 
 #include "ctl/ctl_xml.h"
 
@@ -53,6 +58,27 @@ std::string first_error(const ly_ctx *context)
   return "libyang does not say why";
 }
 
+// The file that the daemon takes for a module, whatever revision it announces: a profile may name another than the
+// file has, and a deviation's newer one is announced in place of the module's own.
+LY_ERR read_module_file(const char *name, const char *, const char *submodule, const char *, void *directory,
+                        LYS_INFORMAT *ret_format, const char **ret_text, ly_module_imp_data_free_clb *ret_free)
+{
+  const std::string stem =
+      *static_cast<const std::string *>(directory) + "/" + (submodule == nullptr ? name : submodule);
+  for (const auto &[ending, format] : {std::pair(".yin", LYS_IN_YIN), std::pair(".yang", LYS_IN_YANG)}) {
+    std::ifstream file(stem + ending);
+    if (file) {
+      std::ostringstream text;
+      text << file.rdbuf();
+      *ret_format = format;
+      *ret_text = strdup(text.str().c_str()); // libyang gives it back to the function below
+      *ret_free = [](void *given, void *) { free(given); };
+      return *ret_text == nullptr ? LY_EMEM : LY_SUCCESS;
+    }
+  }
+  return LY_ENOT; // libyang looks for files with a revision in their names
+}
+
 bool load_module(ly_ctx *context, const ctl_module_t &module)
 {
   std::vector<const char *> features;
@@ -60,8 +86,7 @@ bool load_module(ly_ctx *context, const ctl_module_t &module)
     features.push_back(feature.c_str());
   }
   features.push_back(nullptr);
-  const char *revision = module.revision.empty() ? nullptr : module.revision.c_str();
-  return ly_ctx_load_module(context, module.name.c_str(), revision, features.data()) != nullptr;
+  return ly_ctx_load_module(context, module.name.c_str(), nullptr, features.data()) != nullptr;
 }
 
 } // namespace
@@ -94,10 +119,12 @@ ctl_context_ptr ctl_load_modules(const std::vector<ctl_module_t> &modules, const
     *ret_fault = "the modules directory " + directory + " cannot be used";
     return nullptr;
   }
+  std::string folder = directory;
+  ly_ctx_set_module_imp_clb(context.get(), read_module_file, &folder);
   for (const ctl_module_t &module : modules) {
     if (!load_module(context.get(), module)) {
-      *ret_fault = "module " + module.name + (module.revision.empty() ? "" : "@" + module.revision) +
-                   " of the daemon cannot be loaded from " + directory + ": " + first_error(context.get());
+      *ret_fault = "module " + module.name + " of the daemon cannot be loaded from " + directory + ": " +
+                   first_error(context.get());
       return nullptr;
     }
   }
@@ -105,6 +132,7 @@ ctl_context_ptr ctl_load_modules(const std::vector<ctl_module_t> &modules, const
     *ret_fault = "the modules in " + directory + " do not fit together: " + first_error(context.get());
     return nullptr;
   }
+  ly_ctx_set_module_imp_clb(context.get(), nullptr, nullptr); // the folder's name ends here
   return context;
 }
 
