@@ -350,9 +350,9 @@ void tell(const misfits_t &misfits)
     for (size_t i = 0; i < std::min(paths.size(), MAX_NAMED); i++) {
       names.append(i == 0 ? "" : ", ").append(paths[i]);
     }
-    log_warn("What is stored of module %.512s does not fit it in %zu places, which are set aside until startup is "
-             "written: %.512s%s.",
-             module.c_str() + 1, paths.size(), names.c_str(), paths.size() > MAX_NAMED ? ", ..." : "");
+    log_warn(
+        "What is stored of module %.512s does not fit it and is set aside until startup is written (%zu): %.512s%s.",
+        module.c_str() + 1, paths.size(), names.c_str(), paths.size() > MAX_NAMED ? ", ..." : "");
   }
 }
 
