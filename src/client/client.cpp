@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstring>
 #include <deque>
+#include <initializer_list>
 #include <type_traits>
 
 #include <libxml/parser.h>
@@ -16,6 +17,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "libconf/wiped_string.h"
+
 namespace {
 
 using steady_clock = std::chrono::steady_clock;
@@ -25,8 +28,6 @@ constexpr size_t FIRST_READ = 65536; // a payload's first room; it doubles as th
 constexpr size_t MOST_FRAMES = 64;   // taken in before anybody looks at them: notifications may come without end
 constexpr time_t CONNECT_SECONDS = 10;
 constexpr ymgr_duration PROGRESS_PERIOD{100};
-constexpr char BASE_NAMESPACE[] = "urn:ietf:params:xml:ns:netconf:base:1.0";
-constexpr char PRIVATE_NAMESPACE[] = "com:zentra:netconf:private:opal:device:ymgrd";
 
 // Machine byte order, followed directly by the payload.
 typedef struct _frame_head {
@@ -247,14 +248,27 @@ bool send_all(ymgr_client_t *client, std::string_view bytes, steady_clock::time_
   return true;
 }
 
-std::optional<uint16_t> send_request(ymgr_client_t *client, std::string_view payload, steady_clock::time_point deadline)
+// A payload in pieces, so that only the frame holds all of it: requests may be large. They may hold secrets, too.
+using pieces_t = std::initializer_list<std::string_view>;
+
+std::optional<uint16_t> send_request(ymgr_client_t *client, pieces_t payload, steady_clock::time_point deadline)
 {
-  if (payload.size() > UINT32_MAX) {
+  size_t length = 0;
+  for (std::string_view piece : payload) {
+    length += piece.size();
+  }
+  if (length > UINT32_MAX) {
     fail(client, "send", EMSGSIZE);
     return std::nullopt;
   }
   auto seq = static_cast<uint16_t>(client->last_seq == UINT16_MAX ? 1 : client->last_seq + 1);
-  if (!send_all(client, ymgr_frame(payload, seq), deadline)) {
+  wiped_string frame;
+  frame.reserve(YMGR_FRAME_HEAD_SIZE + length);
+  frame.append(ymgr_frame_head({static_cast<uint32_t>(length), seq}));
+  for (std::string_view piece : payload) {
+    frame.append(piece);
+  }
+  if (!send_all(client, frame, deadline)) {
     return std::nullopt;
   }
   client->last_seq = seq;
@@ -273,6 +287,18 @@ private:
   ymgr_client_t *client_;
 };
 
+std::optional<std::string> exchange(ymgr_client_t *client, pieces_t payload, ymgr_duration timeout)
+{
+  auto deadline = steady_clock::now() + timeout;
+  request_scope scope(client);
+  drain(client);
+  // What is here already answers earlier requests.
+  size_t seen = client->inbox.size();
+  std::optional<uint16_t> seq = send_request(client, payload, deadline);
+  std::optional<ymgr_frame_t> frame = seq ? take_frame(client, seen, *seq, deadline) : std::nullopt;
+  return frame ? std::optional(std::move(frame->payload)) : std::nullopt;
+}
+
 // --- XML.
 
 std::string escaped(const std::string &text)
@@ -282,31 +308,30 @@ std::string escaped(const std::string &text)
   return markup == nullptr ? std::string() : reinterpret_cast<const char *>(markup.get());
 }
 
-// The number in the reply's <session-id>; nothing when it holds none (an error reply).
-std::optional<int> find_session_id(const std::string &reply)
+// Null when the reply is no XML.
+std::unique_ptr<xmlDoc, void (*)(xmlDoc *)> parse(const std::string &reply)
 {
-  if (reply.size() > INT_MAX) {
-    return std::nullopt;
+  const int options = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
+  const bool is_readable = reply.size() <= INT_MAX;
+  return {is_readable ? xmlReadMemory(reply.data(), static_cast<int>(reply.size()), nullptr, nullptr, options)
+                      : nullptr,
+          xmlFreeDoc};
+}
+
+const xmlNode *find_child(const xmlNode *parent, const char *name)
+{
+  const xmlNode *child = parent == nullptr ? nullptr : parent->children;
+  while (child != nullptr &&
+         (child->type != XML_ELEMENT_NODE || std::strcmp(reinterpret_cast<const char *>(child->name), name) != 0)) {
+    child = child->next;
   }
-  std::unique_ptr<xmlDoc, void (*)(xmlDoc *)> document(
-      xmlReadMemory(reply.data(), static_cast<int>(reply.size()), nullptr, nullptr,
-                    XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING),
-      xmlFreeDoc);
-  const xmlNode *root = document == nullptr ? nullptr : xmlDocGetRootElement(document.get());
-  for (xmlNode *child = root == nullptr ? nullptr : root->children; child != nullptr; child = child->next) {
-    if (child->type != XML_ELEMENT_NODE ||
-        std::strcmp(reinterpret_cast<const char *>(child->name), "session-id") != 0) {
-      continue;
-    }
-    std::unique_ptr<xmlChar, void (*)(void *)> content(xmlNodeGetContent(child), xmlFree);
-    std::string_view text = content == nullptr ? "" : reinterpret_cast<const char *>(content.get());
-    int id = 0;
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), id);
-    if (error == std::errc() && end == text.data() + text.size() && id > 0) {
-      return id;
-    }
-  }
-  return std::nullopt;
+  return child;
+}
+
+std::string text_of(const xmlNode *node)
+{
+  std::unique_ptr<xmlChar, void (*)(void *)> text(node == nullptr ? nullptr : xmlNodeGetContent(node), xmlFree);
+  return text == nullptr ? "" : reinterpret_cast<const char *>(text.get());
 }
 
 } // namespace
@@ -349,16 +374,22 @@ ymgr_client_ptr ymgr_connect(const std::string &run_dir, std::string *ret_error)
 
 std::optional<int> ymgr_create_session(ymgr_client_t *client, const std::string &username)
 {
-  std::string operation = std::string("<create-session xmlns=\"") + PRIVATE_NAMESPACE + "\"><username>" +
+  std::string operation = std::string("<create-session xmlns=\"") + YMGR_DAEMON_NAMESPACE + "\"><username>" +
                           escaped(username) + "</username><agent-ppid>" + std::to_string(getpid()) +
                           "</agent-ppid></create-session>";
   std::optional<std::string> reply = ymgr_rpc(client, operation);
   if (!reply) {
     return std::nullopt;
   }
-  std::optional<int> id = find_session_id(*reply);
-  if (!id) {
-    client->error = "create-session was refused: " + *reply;
+  const auto document = parse(*reply);
+  const xmlNode *root = document == nullptr ? nullptr : xmlDocGetRootElement(document.get());
+  const std::string number = text_of(find_child(root, "session-id"));
+  int id = 0;
+  auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), id);
+  if (error != std::errc() || end != number.data() + number.size() || id <= 0) {
+    const std::string message = text_of(find_child(find_child(root, "rpc-error"), "error-message"));
+    client->error = "the session was refused: " + (message.empty() ? *reply : message);
+    return std::nullopt;
   }
   return id;
 }
@@ -366,7 +397,7 @@ std::optional<int> ymgr_create_session(ymgr_client_t *client, const std::string 
 std::optional<uint16_t> ymgr_send(ymgr_client_t *client, std::string_view payload)
 {
   request_scope scope(client);
-  return send_request(client, payload, steady_clock::now() + YMGR_DEFAULT_TIMEOUT);
+  return send_request(client, {payload}, steady_clock::now() + YMGR_DEFAULT_TIMEOUT);
 }
 
 std::optional<ymgr_frame_t> ymgr_receive(ymgr_client_t *client, ymgr_duration timeout)
@@ -386,22 +417,14 @@ std::optional<ymgr_frame_t> ymgr_receive_notification(ymgr_client_t *client, ymg
 
 std::optional<std::string> ymgr_request(ymgr_client_t *client, std::string_view payload, ymgr_duration timeout)
 {
-  auto deadline = steady_clock::now() + timeout;
-  request_scope scope(client);
-  drain(client);
-  // What is here already answers earlier requests.
-  size_t seen = client->inbox.size();
-  std::optional<uint16_t> seq = send_request(client, payload, deadline);
-  std::optional<ymgr_frame_t> frame = seq ? take_frame(client, seen, *seq, deadline) : std::nullopt;
-  return frame ? std::optional(std::move(frame->payload)) : std::nullopt;
+  return exchange(client, {payload}, timeout);
 }
 
 std::optional<std::string> ymgr_rpc(ymgr_client_t *client, std::string_view operation, ymgr_duration timeout)
 {
-  std::string rpc =
-      "<rpc message-id=\"" + std::to_string(++client->last_message_id) + "\" xmlns=\"" + BASE_NAMESPACE + "\">";
-  rpc.append(operation).append("</rpc>");
-  return ymgr_request(client, rpc, timeout);
+  const std::string begin =
+      "<rpc message-id=\"" + std::to_string(++client->last_message_id) + "\" xmlns=\"" + YMGR_BASE_NAMESPACE + "\">";
+  return exchange(client, {begin, operation, "</rpc>"}, timeout);
 }
 
 void ymgr_set_progress(ymgr_client_t *client, ymgr_progress_hook hook)

@@ -9,6 +9,10 @@
 #include <string>
 #include <string_view>
 
+// Namespaces of what goes over the socket: NETCONF's own (RFC 6241), and the daemon's operations and state.
+constexpr char YMGR_BASE_NAMESPACE[] = "urn:ietf:params:xml:ns:netconf:base:1.0";
+constexpr char YMGR_DAEMON_NAMESPACE[] = "com:zentra:netconf:private:opal:device:ymgrd";
+
 typedef struct _ymgr_client ymgr_client_t;
 
 struct ymgr_client_delete_t {
@@ -27,7 +31,8 @@ constexpr ymgr_duration YMGR_DEFAULT_TIMEOUT{30000};
 // Connects to agent.sock in `run_dir`. Null on failure, with the reason in `ret_error` (may be null).
 ymgr_client_ptr ymgr_connect(const std::string &run_dir, std::string *ret_error);
 
-// Performs create-session. The session id, or nothing on failure.
+// Performs create-session. The session id, or nothing on failure: ymgr_last_error() has the daemon's words when it has
+// refused.
 std::optional<int> ymgr_create_session(ymgr_client_t *client, const std::string &username);
 
 // Sends one request: `payload` is the <rpc> document. Its sequence number (never 0), or nothing when the connection

@@ -1,8 +1,9 @@
 #include <cstring>
 #include <memory>
-#include <optional>
 
 #include "ctl/ctl_commands.h"
+#include "ctl/ctl_operations.h"
+#include "ctl/ctl_options.h"
 #include "ctl/ctl_path.h"
 #include "ctl/ctl_reply.h"
 
@@ -23,7 +24,7 @@ struct edit_options_t {
 
 void add_options(CLI::App *app, edit_options_t *options)
 {
-  app->add_option("path", options->path, "the node, such as /ex-sys:system/hostname")->type_name("PATH")->required();
+  ctl_add_path(app, "the node, such as /ex-sys:system/hostname", &options->path)->required();
   app->add_flag("--running", options->of_running, "change the running configuration at once, instead of candidate");
 }
 
@@ -31,11 +32,7 @@ void add_options(CLI::App *app, edit_options_t *options)
 // checks it all. Running would never be without the check.
 int send_edit(ctl_device &device, const edit_options_t &options, std::string *config)
 {
-  std::string operation = std::string("<edit-config><target><") + options.target() + "/></target>" +
-                          (options.of_running ? "" : "<test-option>set</test-option>") + "<config>" + *config +
-                          "</config></edit-config>";
-  int result = device.rpc(operation, nullptr);
-  explicit_bzero(operation.data(), operation.size());
+  int result = device.rpc(ctl_edit_config(options.target(), *config, {.test = options.of_running ? "" : "set"}));
   explicit_bzero(config->data(), config->size());
   return result;
 }
@@ -60,11 +57,7 @@ ctl_tree_ptr marked_copy(const lyd_node *node)
   if (lyd_dup_single(node, nullptr, LYD_DUP_WITH_PARENTS | LYD_DUP_NO_META, &copy) != LY_SUCCESS) {
     return nullptr;
   }
-  lyd_node *top = copy;
-  while (lyd_parent(top) != nullptr) {
-    top = lyd_parent(top);
-  }
-  ctl_tree_ptr owner(top);
+  ctl_tree_ptr owner(ctl_top(copy));
   return lyd_new_meta(nullptr, copy, nullptr, "ietf-netconf:operation", "delete", 0, nullptr) == LY_SUCCESS
              ? std::move(owner)
              : nullptr;
@@ -78,19 +71,10 @@ bool merge_into(ctl_tree_ptr *tree, ctl_tree_ptr addition)
   return result == LY_SUCCESS;
 }
 
-int read_config(ctl_device &device, const edit_options_t &options, const ctl_path_t &path, ctl_tree_ptr *ret_tree)
-{
-  std::string reply;
-  int result = device.rpc(std::string("<get-config><source><") + options.target() +
-                              "/></source><filter type=\"subtree\">" + ctl_filter(path) + "</filter></get-config>",
-                          &reply);
-  return result == CTL_OK ? ctl_reply_data(device, reply, ret_tree) : result;
-}
-
 int delete_entries(ctl_device &device, const edit_options_t &options, const ctl_path_t &path)
 {
   ctl_tree_ptr data;
-  int result = read_config(device, options, path, &data);
+  int result = ctl_read_data(device, ctl_get_config(options.target(), ctl_filter(path)), &data);
   if (result != CTL_OK) {
     return result;
   }
@@ -105,12 +89,10 @@ int delete_entries(ctl_device &device, const edit_options_t &options, const ctl_
       return ctl_fail(device.output(), CTL_INPUT, "the edit cannot be built: not enough memory");
     }
   }
-  char *text = nullptr;
-  if (lyd_print_mem(&text, edits.get(), LYD_XML, LYD_PRINT_SHRINK | LYD_PRINT_WITHSIBLINGS) != LY_SUCCESS) {
+  std::string config;
+  if (!ctl_encode(edits.get(), LYD_XML, LYD_PRINT_SHRINK, &config)) {
     return ctl_fail(device.output(), CTL_INPUT, "the edit cannot be built: not enough memory");
   }
-  std::unique_ptr<char, void (*)(void *)> owner(text, free);
-  std::string config = text;
   result = send_edit(device, options, &config);
   if (result != CTL_OK) {
     return result;

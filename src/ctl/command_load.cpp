@@ -4,6 +4,8 @@
 #include "ctl/ctl_diff.h"
 #include "ctl/ctl_file.h"
 #include "ctl/ctl_load.h"
+#include "ctl/ctl_operations.h"
+#include "ctl/ctl_options.h"
 #include "ctl/ctl_reply.h"
 
 namespace {
@@ -20,53 +22,40 @@ typedef struct _file_options {
 
 void add_file(CLI::App *app, const char *description, file_options_t *options)
 {
-  app->add_option("file", options->path, description)->required()->type_name("FILE");
+  ctl_add_file(app, description, &options->path);
   app->add_option("--format", options->format, "xml, json, or auto: by the name's ending, or what the file begins with")
       ->type_name("FORMAT")
       ->check(CLI::IsMember({"xml", "json", "auto"}))
       ->capture_default_str();
 }
 
-void add_datastore(CLI::App *app, const char *option, const char *description, std::vector<std::string> possible,
-                   file_options_t *options)
+int load_file(ctl_device &device, const file_options_t &options, ctl_load_t load)
 {
-  options->datastore = possible.front();
-  app->add_option(option, options->datastore, description)
-      ->type_name("DATASTORE")
-      ->check(CLI::IsMember(std::move(possible)))
-      ->capture_default_str();
-}
-
-int get_config(ctl_device &device, const std::string &datastore, std::string *ret_reply)
-{
-  return device.rpc("<get-config><source><" + datastore + "/></source></get-config>", ret_reply);
+  load.name = options.path;
+  const int result = ctl_read_config(device, options.path, options.format, &load.config);
+  return result == CTL_OK ? ctl_load(device, load) : result;
 }
 
 int run_load(ctl_device &device, const file_options_t &options)
 {
   ctl_load_t load;
-  int result = ctl_read_config(device, options.path, options.format, &load.config);
-  if (result != CTL_OK) {
-    return result;
-  }
-  load.name = options.path;
   load.target = options.datastore;
   load.is_replacement = options.replaces;
   load.is_test = options.is_test;
-  return ctl_load(device, load);
+  return load_file(device, options, std::move(load));
 }
 
 int run_backup(ctl_device &device, const file_options_t &options)
 {
   std::string reply;
-  int result = get_config(device, options.datastore, &reply);
+  int result = device.rpc(ctl_get_config(options.datastore), &reply);
   if (result != CTL_OK) {
     return result;
   }
   std::string text;
   if (ctl_file_format(options.format, options.path, "") == ctl_format::json) {
     ctl_tree_ptr tree;
-    result = ctl_reply_data(device, reply, &tree);
+    result = ctl_reply_data(device, std::move(reply), &tree);
     result = result == CTL_OK ? ctl_encode_json(device.output(), tree.get(), &text) : result;
   } else {
     result = ctl_layout_config(device, reply, &text);
@@ -80,14 +69,10 @@ int run_backup(ctl_device &device, const file_options_t &options)
 // What committing would change.
 int report_restored(ctl_device &device, const std::string &path)
 {
-  std::string running;
-  std::string candidate;
   ctl_tree_ptr from;
   ctl_tree_ptr to;
-  int result = get_config(device, "running", &running);
-  result = result == CTL_OK ? get_config(device, "candidate", &candidate) : result;
-  result = result == CTL_OK ? ctl_reply_data(device, running, &from) : result;
-  result = result == CTL_OK ? ctl_reply_data(device, candidate, &to) : result;
+  int result = ctl_read_data(device, ctl_get_config("running"), &from);
+  result = result == CTL_OK ? ctl_read_data(device, ctl_get_config("candidate"), &to) : result;
   if (result != CTL_OK) {
     return result;
   }
@@ -100,15 +85,10 @@ int report_restored(ctl_device &device, const std::string &path)
 int run_restore(ctl_device &device, const file_options_t &options)
 {
   ctl_load_t load;
-  int result = ctl_read_config(device, options.path, options.format, &load.config);
-  if (result != CTL_OK) {
-    return result;
-  }
-  load.name = options.path;
   load.is_replacement = true;
   load.is_committed = options.commits;
   load.report = [&] { return report_restored(device, options.path); };
-  return ctl_load(device, load);
+  return load_file(device, options, std::move(load));
 }
 
 } // namespace
@@ -120,7 +100,8 @@ ctl_action ctl_define_load(CLI::App *app)
   CLI::Option *merge = app->add_flag("--merge", options->merges, "the file adds to what is there (the default)");
   app->add_flag("--replace", options->replaces, "nothing else is there afterwards")->excludes(merge);
   app->add_flag("--dry-run", options->is_test, "only ask the daemon whether it would do it");
-  add_datastore(app, "--target", "what is changed", {"candidate", "running"}, options.get());
+  options->datastore = "candidate";
+  ctl_add_datastore(app, "--target", "what is changed", &options->datastore, {"candidate", "running"});
   return [options](ctl_device &device) { return run_load(device, *options); };
 }
 
@@ -128,7 +109,8 @@ ctl_action ctl_define_backup(CLI::App *app)
 {
   auto options = std::make_shared<file_options_t>();
   add_file(app, "is replaced once all is written; \"-\" is standard output", options.get());
-  add_datastore(app, "--source", "what is written", {"running", "candidate", "startup"}, options.get());
+  options->datastore = "running";
+  ctl_add_datastore(app, "--source", "what is written", &options->datastore);
   return [options](ctl_device &device) { return run_backup(device, *options); };
 }
 

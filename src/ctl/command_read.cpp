@@ -1,10 +1,13 @@
 #include <memory>
 
 #include "ctl/ctl_commands.h"
+#include "ctl/ctl_operations.h"
+#include "ctl/ctl_options.h"
 #include "ctl/ctl_path.h"
 #include "ctl/ctl_print.h"
 #include "ctl/ctl_reply.h"
 #include "ctl/ctl_table.h"
+#include "ctl/ctl_xml.h"
 
 namespace {
 
@@ -15,15 +18,6 @@ typedef struct _read_options {
   bool of_startup = false;
   bool value_only = false;
 } read_options_t;
-
-std::string read_operation(const std::string &source, const std::string &filter)
-{
-  const std::string selection = filter.empty() ? "" : "<filter type=\"subtree\">" + filter + "</filter>";
-  if (source.empty()) {
-    return "<get>" + selection + "</get>";
-  }
-  return "<get-config><source><" + source + "/></source>" + selection + "</get-config>";
-}
 
 int print_values(ctl_device &device, const ctl_tree_ptr &tree, const ctl_path_t &path)
 {
@@ -43,30 +37,23 @@ int read_data(ctl_device &device, const read_options_t &options)
 {
   ctl_path_t path;
   int result = ctl_parse_path(device, options.path, &path);
-  std::string reply;
-  if (result == CTL_OK) {
-    result = device.rpc(read_operation(options.source, ctl_filter(path)), &reply);
-  }
   ctl_tree_ptr tree;
   if (result == CTL_OK) {
-    result = ctl_reply_data(device, reply, &tree);
+    const std::string selection = ctl_filter(path);
+    result = ctl_read_data(
+        device, options.source.empty() ? ctl_get(selection) : ctl_get_config(options.source, selection), &tree);
   }
   if (result != CTL_OK) {
     return result;
   }
-  tree.reset(ctl_keep_only(tree.release(), path));
+  tree = ctl_keep_only(std::move(tree), path);
   return options.value_only ? print_values(device, tree, path) : ctl_print(device.output(), tree.get());
 }
 
-void add_path(CLI::App *app, std::string *path)
+void add_options(CLI::App *app, read_options_t *options)
 {
-  app->add_option("path", *path, "what to show, such as /ex-sys:system/user[name='admin']; everything without it")
-      ->type_name("PATH");
-}
-
-void add_value_flag(CLI::App *app, bool *value_only)
-{
-  app->add_flag("--value", *value_only, "print nothing but the values of that leaf, one a line");
+  ctl_add_path(app, "what to show, such as /ex-sys:system/user[name='admin']; everything without it", &options->path);
+  app->add_flag("--value", options->value_only, "print nothing but the values of that leaf, one a line");
 }
 
 // --- modules
@@ -162,30 +149,24 @@ ctl_action ctl_define_get(CLI::App *app)
 {
   auto options = std::make_shared<read_options_t>();
   options->source.clear();
-  add_path(app, &options->path);
-  add_value_flag(app, &options->value_only);
+  add_options(app, options.get());
   return [options](ctl_device &device) { return read_data(device, *options); };
 }
 
 ctl_action ctl_define_get_config(CLI::App *app)
 {
   auto options = std::make_shared<read_options_t>();
-  add_path(app, &options->path);
-  app->add_option("--source", options->source, "the datastore")
-      ->type_name("DATASTORE")
-      ->check(CLI::IsMember({"running", "candidate", "startup"}))
-      ->capture_default_str();
-  add_value_flag(app, &options->value_only);
+  add_options(app, options.get());
+  ctl_add_datastore(app, "--source", "the datastore", &options->source);
   return [options](ctl_device &device) { return read_data(device, *options); };
 }
 
 ctl_action ctl_define_show(CLI::App *app)
 {
   auto options = std::make_shared<read_options_t>();
-  add_path(app, &options->path);
+  add_options(app, options.get());
   CLI::Option *candidate = app->add_flag("--candidate", options->of_candidate, "what the next commit would make of it");
   app->add_flag("--startup", options->of_startup, "what the next start begins with")->excludes(candidate);
-  add_value_flag(app, &options->value_only);
   return [options](ctl_device &device) {
     read_options_t wanted = *options;
     wanted.source = wanted.of_candidate ? "candidate" : wanted.of_startup ? "startup" : "running";

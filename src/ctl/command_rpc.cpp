@@ -1,31 +1,20 @@
-#include <cstring>
 #include <memory>
 
 #include "ctl/ctl_commands.h"
 #include "ctl/ctl_file.h"
+#include "ctl/ctl_options.h"
 #include "ctl/ctl_print.h"
 #include "ctl/ctl_reply.h"
 #include "ctl/ctl_xml.h"
 
 namespace {
 
-struct input_delete_t {
-  void operator()(ly_in *input) const { ly_in_free(input, 0); }
-};
-using input_ptr = std::unique_ptr<ly_in, input_delete_t>;
-
-input_ptr input_of(const std::string &text)
-{
-  ly_in *input = nullptr;
-  return input_ptr(ly_in_new_memory(text.c_str(), &input) == LY_SUCCESS ? input : nullptr);
-}
-
 // The operation as a node that has the reply's output as children; null when the schema does not know it.
 ctl_tree_ptr parse_output(const ly_ctx *schema, const std::string &operation, const std::string &reply)
 {
   lyd_node *tree = nullptr;
   lyd_node *node = nullptr;
-  const input_ptr request = input_of(operation);
+  const ctl_input_ptr request = ctl_open_text(operation);
   if (request == nullptr ||
       lyd_parse_op(schema, nullptr, request.get(), LYD_XML, LYD_TYPE_RPC_YANG, &tree, &node) != LY_SUCCESS) {
     lyd_free_all(tree);
@@ -36,7 +25,7 @@ ctl_tree_ptr parse_output(const ly_ctx *schema, const std::string &operation, co
     lyd_free_tree(lyd_child(node)); // the input
   }
   lyd_node *envelope = nullptr;
-  const input_ptr output = input_of(reply);
+  const ctl_input_ptr output = ctl_open_text(reply);
   const bool is_known = output != nullptr && lyd_parse_op(schema, node, output.get(), LYD_XML, LYD_TYPE_REPLY_NETCONF,
                                                           &envelope, nullptr) == LY_SUCCESS;
   lyd_free_all(envelope);
@@ -104,8 +93,6 @@ int run_rpc(ctl_device &device, const std::string &path)
 ctl_action ctl_define_rpc(CLI::App *app)
 {
   auto path = std::make_shared<std::string>();
-  app->add_option("file", *path, "holds one operation, alone or in <rpc>; \"-\" is standard input")
-      ->required()
-      ->type_name("FILE");
+  ctl_add_file(app, "holds one operation, alone or in <rpc>; \"-\" is standard input", path.get());
   return [path](ctl_device &device) { return run_rpc(device, *path); };
 }

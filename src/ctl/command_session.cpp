@@ -3,35 +3,21 @@
 #include <memory>
 
 #include "ctl/ctl_commands.h"
+#include "ctl/ctl_operations.h"
 #include "ctl/ctl_print.h"
 #include "ctl/ctl_reply.h"
 #include "ctl/ctl_table.h"
 
 namespace {
 
-constexpr char SESSIONS[] =
-    "<get><filter type=\"subtree\"><daemon xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\">"
-    "<session/><datastore><name/><lock-holder/></datastore></daemon></filter></get>";
-
-std::string child_value(const lyd_node *node, const char *name)
-{
-  lyd_node *child = nullptr;
-  return lyd_find_path(node, name, 0, &child) == LY_SUCCESS ? lyd_get_value(child) : "";
-}
-
-bool is_named(const lyd_node *node, std::string_view name)
-{
-  return node->schema != nullptr && name == node->schema->name;
-}
-
 // The names of the datastores that each session has locked.
 std::map<std::string, std::string> read_locks(const lyd_node *daemon)
 {
   std::map<std::string, std::string> locks;
   for (const lyd_node *node = lyd_child(daemon); node != nullptr; node = node->next) {
-    if (is_named(node, "datastore")) {
-      std::string &names = locks[child_value(node, "lock-holder")];
-      names += (names.empty() ? "" : ",") + child_value(node, "name");
+    if (ctl_is_named(node, "datastore")) {
+      std::string &names = locks[ctl_child_value(node, "lock-holder")];
+      names += (names.empty() ? "" : ",") + ctl_child_value(node, "name");
     }
   }
   return locks;
@@ -43,10 +29,10 @@ int print_sessions_table(ctl_device &device, const lyd_node *daemon)
   const std::string own = std::to_string(device.session_id());
   std::vector<std::vector<std::string>> rows;
   for (const lyd_node *node = lyd_child(daemon); node != nullptr; node = node->next) {
-    if (is_named(node, "session")) {
-      const std::string id = child_value(node, "id");
-      rows.push_back({id + (id == own ? "*" : ""), child_value(node, "username"), child_value(node, "address"),
-                      child_value(node, "login"), locks[id]});
+    if (ctl_is_named(node, "session")) {
+      const std::string id = ctl_child_value(node, "id");
+      rows.push_back({id + (id == own ? "*" : ""), ctl_child_value(node, "username"), ctl_child_value(node, "address"),
+                      ctl_child_value(node, "login"), locks[id]});
     }
   }
   return ctl_print_table(device.output(), {"ID", "USER", "ADDRESS", "LOGIN", "LOCKS"}, rows);
@@ -54,12 +40,9 @@ int print_sessions_table(ctl_device &device, const lyd_node *daemon)
 
 int list_sessions(ctl_device &device)
 {
-  std::string reply;
   ctl_tree_ptr tree;
-  int result = device.rpc(SESSIONS, &reply);
-  if (result == CTL_OK) {
-    result = ctl_reply_data(device, reply, &tree);
-  }
+  const int result =
+      ctl_read_data(device, ctl_get_daemon("<session/><datastore><name/><lock-holder/></datastore>"), &tree);
   if (result != CTL_OK) {
     return result;
   }
@@ -75,10 +58,8 @@ ctl_action ctl_define_kill_session(CLI::App *app)
   app->add_option("session", *id, "its number, from \"sessions\"")
       ->type_name("ID")
       ->required()
-      ->check(CLI::Range(1U, UINT_MAX));
-  return [id](ctl_device &device) {
-    return device.rpc("<kill-session><session-id>" + std::to_string(*id) + "</session-id></kill-session>", nullptr);
-  };
+      ->check(CLI::Range(1U, UINT_MAX).description(""));
+  return [id](ctl_device &device) { return device.rpc(ctl_kill_session(*id)); };
 }
 
 ctl_action ctl_define_sessions(CLI::App *)

@@ -1,38 +1,15 @@
 #include <charconv>
 #include <cinttypes>
-#include <cstring>
 
 #include "ctl/ctl_commands.h"
+#include "ctl/ctl_operations.h"
 #include "ctl/ctl_print.h"
 #include "ctl/ctl_reply.h"
 #include "ctl/ctl_table.h"
 
 namespace {
 
-constexpr char STATUS[] = "<get><filter type=\"subtree\">"
-                          "<daemon xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\"/></filter></get>";
-
 using row_list = std::vector<std::vector<std::string>>;
-
-bool is_named(const lyd_node *node, const char *name)
-{
-  return node->schema != nullptr && strcmp(node->schema->name, name) == 0;
-}
-
-const lyd_node *child(const lyd_node *parent, const char *name)
-{
-  const lyd_node *node = parent == nullptr ? nullptr : lyd_child(parent);
-  while (node != nullptr && !is_named(node, name)) {
-    node = node->next;
-  }
-  return node;
-}
-
-std::string value(const lyd_node *parent, const char *name)
-{
-  const lyd_node *node = child(parent, name);
-  return node == nullptr ? "" : lyd_get_value(node);
-}
 
 // "3 days 02:11:09"
 std::string duration(const std::string &seconds)
@@ -49,8 +26,8 @@ std::string duration(const std::string &seconds)
 std::string user_of_session(const lyd_node *daemon, const std::string &id)
 {
   for (const lyd_node *node = lyd_child(daemon); node != nullptr; node = node->next) {
-    if (is_named(node, "session") && value(node, "id") == id) {
-      return value(node, "username");
+    if (ctl_is_named(node, "session") && ctl_child_value(node, "id") == id) {
+      return ctl_child_value(node, "username");
     }
   }
   return "";
@@ -58,18 +35,19 @@ std::string user_of_session(const lyd_node *daemon, const std::string &id)
 
 std::string lock_text(const lyd_node *daemon, const lyd_node *datastore)
 {
-  const std::string holder = value(datastore, "lock-holder");
+  const std::string holder = ctl_child_value(datastore, "lock-holder");
   if (holder.empty()) {
     return "";
   }
   const std::string user = user_of_session(daemon, holder);
-  return "session " + holder + (user.empty() ? "" : " (" + user + ")") + " since " + value(datastore, "locked-since");
+  return "session " + holder + (user.empty() ? "" : " (" + user + ")") + " since " +
+         ctl_child_value(datastore, "locked-since");
 }
 
 std::string datastore_state(const lyd_node *datastore)
 {
-  const std::string changed = value(datastore, "last-change");
-  const std::string state = value(datastore, "pending-changes") == "true" ? "holds uncommitted changes" : "";
+  const std::string changed = ctl_child_value(datastore, "last-change");
+  const std::string state = ctl_child_value(datastore, "pending-changes") == "true" ? "holds uncommitted changes" : "";
   return changed.empty() ? state : "changed " + changed;
 }
 
@@ -77,8 +55,9 @@ row_list datastore_rows(const lyd_node *daemon)
 {
   row_list rows;
   for (const lyd_node *node = lyd_child(daemon); node != nullptr; node = node->next) {
-    if (is_named(node, "datastore")) {
-      rows.push_back({value(node, "name"), value(node, "entries"), lock_text(daemon, node), datastore_state(node)});
+    if (ctl_is_named(node, "datastore")) {
+      rows.push_back({ctl_child_value(node, "name"), ctl_child_value(node, "entries"), lock_text(daemon, node),
+                      datastore_state(node)});
     }
   }
   return rows;
@@ -86,17 +65,18 @@ row_list datastore_rows(const lyd_node *daemon)
 
 std::string plugin_error(const lyd_node *plugin)
 {
-  const lyd_node *error = child(plugin, "last-error");
-  return error == nullptr ? "" : value(plugin, "last-error-time") + " " + ctl_value_text(error);
+  const lyd_node *error = ctl_child(plugin, "last-error");
+  return error == nullptr ? "" : ctl_child_value(plugin, "last-error-time") + " " + ctl_value_text(error);
 }
 
 row_list plugin_rows(const lyd_node *daemon)
 {
   row_list rows;
   for (const lyd_node *node = lyd_child(daemon); node != nullptr; node = node->next) {
-    if (is_named(node, "plugin")) {
-      rows.push_back({value(node, "name"), value(node, "kind"), value(node, "status"), value(node, "process-id"),
-                      value(node, "changes-offered"), value(node, "changes-refused"), plugin_error(node)});
+    if (ctl_is_named(node, "plugin")) {
+      rows.push_back({ctl_child_value(node, "name"), ctl_child_value(node, "kind"), ctl_child_value(node, "status"),
+                      ctl_child_value(node, "process-id"), ctl_child_value(node, "changes-offered"),
+                      ctl_child_value(node, "changes-refused"), plugin_error(node)});
     }
   }
   return rows;
@@ -106,20 +86,21 @@ size_t count_of(const lyd_node *daemon, const char *name)
 {
   size_t count = 0;
   for (const lyd_node *node = lyd_child(daemon); node != nullptr; node = node->next) {
-    count += is_named(node, name) ? 1 : 0;
+    count += ctl_is_named(node, name) ? 1 : 0;
   }
   return count;
 }
 
 std::string head_text(const lyd_node *daemon)
 {
-  std::string text = "ymgrd " + value(daemon, "version") + ", process " + value(daemon, "process-id") + ", up " +
-                     duration(value(daemon, "uptime")) + " since " + value(daemon, "started") + "\n";
-  const std::string profile = value(daemon, "profile");
+  std::string text = "ymgrd " + ctl_child_value(daemon, "version") + ", process " +
+                     ctl_child_value(daemon, "process-id") + ", up " + duration(ctl_child_value(daemon, "uptime")) +
+                     " since " + ctl_child_value(daemon, "started") + "\n";
+  const std::string profile = ctl_child_value(daemon, "profile");
   text += profile.empty() ? "" : "profile " + profile + "\n";
-  const std::string limit = value(daemon, "session-limit");
+  const std::string limit = ctl_child_value(daemon, "session-limit");
   text += std::to_string(count_of(daemon, "session")) + (limit.empty() ? "" : " of " + limit) + " sessions\n";
-  const std::string events = value(child(daemon, "event-log"), "stored-events");
+  const std::string events = ctl_child_value(ctl_child(daemon, "event-log"), "stored-events");
   text += events.empty() ? "" : events + " stored events\n";
   return text;
 }
@@ -128,7 +109,7 @@ std::string head_text(const lyd_node *daemon)
 std::string counters_text(const lyd_node *daemon)
 {
   std::string text;
-  const lyd_node *counters = child(daemon, "counters");
+  const lyd_node *counters = ctl_child(daemon, "counters");
   for (const lyd_node *node = counters == nullptr ? nullptr : lyd_child(counters); node != nullptr; node = node->next) {
     if (node->schema != nullptr && node->schema->nodetype == LYS_LEAF) {
       text += std::string("  ") + node->schema->name + " " + lyd_get_value(node) + "\n";
@@ -156,10 +137,8 @@ int print_summary(const ctl_output_t &output, const lyd_node *daemon)
 
 int run_status(ctl_device &device)
 {
-  std::string reply;
   ctl_tree_ptr tree;
-  int result = device.rpc(STATUS, &reply);
-  result = result == CTL_OK ? ctl_reply_data(device, reply, &tree) : result;
+  const int result = ctl_read_data(device, ctl_get_daemon(""), &tree);
   if (result != CTL_OK) {
     return result;
   }

@@ -2,8 +2,10 @@
 
 #include "ctl/ctl_commands.h"
 #include "ctl/ctl_interrupt.h"
-#include "ctl/ctl_path.h"
+#include "ctl/ctl_operations.h"
 #include "ctl/ctl_print.h"
+#include "ctl/ctl_tree.h"
+#include "ctl/ctl_xml.h"
 
 namespace {
 
@@ -38,7 +40,7 @@ const lysc_node *find_notification(const lys_module *module, std::string_view na
 int make_filter(const ctl_output_t &output, const ly_ctx *schema, const std::string &text, std::string *ret_filter)
 {
   if (text.empty() || text.starts_with("<")) {
-    *ret_filter = text.empty() ? "" : "<filter type=\"subtree\">" + text + "</filter>";
+    *ret_filter = ctl_subtree_filter(text);
     return CTL_OK;
   }
   const std::string path = text.starts_with("/") ? text.substr(1) : text;
@@ -55,18 +57,11 @@ int make_filter(const ctl_output_t &output, const ly_ctx *schema, const std::str
   if (filter.empty()) {
     return ctl_fail(output, CTL_INPUT, "no module has a notification \"" + text + "\"");
   }
-  *ret_filter = "<filter type=\"subtree\">" + filter + "</filter>";
+  *ret_filter = ctl_subtree_filter(filter);
   return CTL_OK;
 }
 
 // --- What comes.
-
-struct input_delete_t {
-  void operator()(ly_in *input) const { ly_in_free(input, 0); }
-};
-struct text_delete_t {
-  void operator()(char *text) const { free(text); }
-};
 
 typedef struct _event {
   ctl_tree_ptr envelope;          // <notification> and the time in it
@@ -78,11 +73,10 @@ typedef struct _event {
 event_t parse_event(const ly_ctx *schema, const std::string &payload)
 {
   event_t event;
-  ly_in *opened = nullptr;
-  if (ly_in_new_memory(payload.c_str(), &opened) != LY_SUCCESS) {
+  const ctl_input_ptr input = ctl_open_text(payload);
+  if (input == nullptr) {
     return event;
   }
-  const std::unique_ptr<ly_in, input_delete_t> input(opened);
   lyd_node *envelope = nullptr;
   lyd_node *node = nullptr;
   const LY_ERR result = lyd_parse_op(schema, nullptr, input.get(), LYD_XML, LYD_TYPE_NOTIF_NETCONF, &envelope, &node);
@@ -90,11 +84,7 @@ event_t parse_event(const ly_ctx *schema, const std::string &payload)
   if (result != LY_SUCCESS || node == nullptr) {
     return event;
   }
-  lyd_node *top = node;
-  while (lyd_parent(top) != nullptr) {
-    top = lyd_parent(top);
-  }
-  event.tree.reset(top);
+  event.tree.reset(ctl_top(node));
   event.node = node;
   const auto *time = reinterpret_cast<const lyd_node_opaq *>(lyd_child(envelope));
   event.time = time == nullptr || time->value == nullptr ? "" : time->value;
@@ -126,12 +116,11 @@ std::string event_line(const ctl_output_t &output, const event_t &event)
 // As in RFC 8040, section 6.4.
 std::string event_json(const event_t &event)
 {
-  char *printed = nullptr;
-  if (lyd_print_mem(&printed, event.tree.get(), LYD_JSON, LYD_PRINT_SHRINK) != LY_SUCCESS || printed == nullptr) {
+  std::string content;
+  if (!ctl_encode(event.tree.get(), LYD_JSON, LYD_PRINT_SHRINK, &content) || content.empty()) {
     return "";
   }
-  const std::unique_ptr<char, text_delete_t> content(printed);
-  return R"({"ietf-restconf:notification":{"eventTime":")" + event.time + "\"," + (content.get() + 1) + "}";
+  return R"({"ietf-restconf:notification":{"eventTime":")" + event.time + "\"," + content.substr(1) + "}";
 }
 
 // A newline can only stand in a text.
@@ -151,7 +140,7 @@ int print_event(const ctl_output_t &output, const ly_ctx *schema, const std::str
   }
   const event_t event = parse_event(schema, payload);
   if (event.node == nullptr) {
-    (void)ctl_fail(output, CTL_INPUT, "an event that no module knows: " + on_one_line(payload));
+    (void)ctl_fail(output, CTL_INPUT, "an event that no module knows: " + ctl_visible(payload));
     return CTL_OK; // others follow
   }
   return ctl_write(output, (output.format == ctl_format::json ? event_json(event) : event_line(output, event)) + "\n");
@@ -196,9 +185,8 @@ int run_watch(ctl_device &device, const watch_options_t &options)
   ctl_device subscriber(device.run_dir(), device.output());
   const ctl_interrupt interrupt;
   result = subscriber.rpc(std::string("<create-subscription xmlns=\"") + NOTIFICATION_NAMESPACE + "\">" +
-                              element("stream", options.stream) + filter + element("startTime", options.start) +
-                              element("stopTime", options.stop) + "</create-subscription>",
-                          nullptr);
+                          element("stream", options.stream) + filter + element("startTime", options.start) +
+                          element("stopTime", options.stop) + "</create-subscription>");
   return result == CTL_OK ? print_events(subscriber, schema, options.count, interrupt) : result;
 }
 

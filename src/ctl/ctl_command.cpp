@@ -83,9 +83,10 @@ private:
 
 command_line::command_line(std::string program) : program_(std::move(program)), app_("", program_)
 {
-  app_.get_formatter()->label("Subcommands", "Commands");
   app_.get_formatter()->label("SUBCOMMAND", "COMMAND");
   app_.get_formatter()->label("Positionals", "Arguments");
+  app_.get_formatter()->label("REQUIRED", ""); // the usage line shows it
+  app_.get_formatter()->label("Excludes", "not with");
   app_.set_help_flag("-h,--help", "print this and exit");
   app_.add_option("-o,--output", format_, "how data is written: tree, xml or json")
       ->type_name("FORMAT")
@@ -103,9 +104,7 @@ command_line::command_line(std::string program) : program_(std::move(program)), 
 void command_line::add_command(const ctl_command_t &command)
 {
   CLI::App *app = app_.add_subcommand(command.name, command.summary);
-  if (*command.summary == '\0') {
-    app->group("");
-  }
+  app->group(*command.summary == '\0' ? "" : "Commands");
   ctl_action action = command.define(app);
   app->final_callback([this, action = std::move(action)]() { action_ = action; });
 }

@@ -8,6 +8,7 @@
 
 #include "ctl/ctl_commands.h"
 #include "ctl/ctl_complete_path.h"
+#include "ctl/ctl_options.h"
 
 namespace {
 
@@ -23,17 +24,16 @@ typedef struct _option_value {
   words_t words = {};
 } option_value_t;
 
-const words_t DATASTORES = {"running", "candidate", "startup"};
 const option_value_t option_values[] = {
     {"--run-dir", kind::directory},
     {"-o", kind::words, {"tree", "xml", "json"}},
     {"--output", kind::words, {"tree", "xml", "json"}},
     {"--color", kind::words, {"auto", "always", "never"}},
     {"--format", kind::words, {"xml", "json"}},
-    {"--source", kind::words, DATASTORES},
-    {"--target", kind::words, DATASTORES},
-    {"--from", kind::words, DATASTORES},
-    {"--to", kind::words, DATASTORES},
+    {"--source", kind::words, ctl_datastores()},
+    {"--target", kind::words, ctl_datastores()},
+    {"--from", kind::words, ctl_datastores()},
+    {"--to", kind::words, ctl_datastores()},
     {"--filter", kind::path},
 };
 const words_t options_before_command = {"--run-dir", "--output", "--color", "--version", "--help"};
@@ -216,7 +216,7 @@ candidates_t complete_argument(ctl_device &device, const line_state_t &line, con
   case ctl_argument::value:
     return ctl_complete_value(device, line.arguments.front(), word);
   case ctl_argument::datastore:
-    add_fitting(DATASTORES, word, &candidates);
+    add_fitting(ctl_datastores(), word, &candidates);
     return candidates;
   case ctl_argument::session:
     return complete_sessions(device, word);

@@ -6,6 +6,7 @@
 #include <libxml/xmlreader.h>
 
 #include "ctl/ctl_complete_path.h"
+#include "ctl/ctl_operations.h"
 
 namespace {
 
@@ -47,28 +48,18 @@ void ask(ctl_device &device, const std::string &operation, const ctl_path_t &pat
   }
 }
 
-std::string get_config(const char *source, const std::string &filter)
-{
-  return std::string("<get-config><source><") + source + "/></source>" + filter + "</get-config>";
-}
-
-std::string filter_element(const ctl_path_t &path)
-{
-  return "<filter type=\"subtree\">" + ctl_filter(path) + "</filter>";
-}
-
 } // namespace
 
 std::vector<std::string> ctl_find_values(ctl_device &device, const ctl_path_t &path, std::string_view prefix)
 {
   std::vector<std::string> values;
-  const std::string filter = filter_element(path);
+  const std::string selection = ctl_filter(path);
   if ((path.back().schema->flags & LYS_CONFIG_W) == 0) {
-    ask(device, "<get>" + filter + "</get>", path, prefix, &values);
+    ask(device, ctl_get(selection), path, prefix, &values);
     return values;
   }
   for (const char *source : {"running", "candidate"}) {
-    ask(device, get_config(source, filter), path, prefix, &values);
+    ask(device, ctl_get_config(source, selection), path, prefix, &values);
   }
   return values;
 }
@@ -76,6 +67,6 @@ std::vector<std::string> ctl_find_values(ctl_device &device, const ctl_path_t &p
 std::vector<std::string> ctl_find_candidate_values(ctl_device &device, const ctl_path_t &path)
 {
   std::vector<std::string> values;
-  ask(device, get_config("candidate", filter_element(path)), path, "", &values);
+  ask(device, ctl_get_config("candidate", ctl_filter(path)), path, "", &values);
   return values;
 }

@@ -1,83 +1,36 @@
 // Values of leaves, from their types and from the data.
 #include <algorithm>
-#include <cctype>
+#include <map>
 
 #include "ctl/ctl_complete_path.h"
 #include "ctl/ctl_shell_history.h"
+#include "ctl/ctl_value.h"
 
 namespace {
-
-// Once each, with the module where two have one name.
-void add_identities(const lysc_ident *base, std::vector<const lysc_ident *> *identities)
-{
-  LY_ARRAY_COUNT_TYPE i = 0;
-  LY_ARRAY_FOR(base->derived, i)
-  {
-    if (std::find(identities->begin(), identities->end(), base->derived[i]) == identities->end()) {
-      identities->push_back(base->derived[i]);
-      add_identities(base->derived[i], identities);
-    }
-  }
-}
-
-void add_identity_names(const lysc_type_identityref *type, std::vector<std::string> *values)
-{
-  std::vector<const lysc_ident *> identities;
-  LY_ARRAY_COUNT_TYPE i = 0;
-  LY_ARRAY_FOR(type->bases, i)
-  {
-    add_identities(type->bases[i], &identities);
-  }
-  for (const lysc_ident *identity : identities) {
-    const std::string name = identity->name;
-    const bool is_shared = std::count_if(identities.begin(), identities.end(),
-                                         [&](const lysc_ident *other) { return name == other->name; }) > 1;
-    values->push_back(is_shared ? std::string(identity->module->name) + ":" + name : name);
-  }
-}
-
-// What the type itself enumerates.
-void add_enumerated(const lysc_type *type, std::vector<std::string> *values)
-{
-  LY_ARRAY_COUNT_TYPE i = 0;
-  switch (type->basetype) {
-  case LY_TYPE_BOOL:
-    values->insert(values->end(), {"true", "false"});
-    break;
-  case LY_TYPE_ENUM:
-    LY_ARRAY_FOR(reinterpret_cast<const lysc_type_enum *>(type)->enums, i)
-    {
-      values->push_back(reinterpret_cast<const lysc_type_enum *>(type)->enums[i].name);
-    }
-    break;
-  case LY_TYPE_BITS:
-    LY_ARRAY_FOR(reinterpret_cast<const lysc_type_bits *>(type)->bits, i)
-    {
-      values->push_back(reinterpret_cast<const lysc_type_bits *>(type)->bits[i].name);
-    }
-    break;
-  case LY_TYPE_IDENT:
-    add_identity_names(reinterpret_cast<const lysc_type_identityref *>(type), values);
-    break;
-  case LY_TYPE_UNION:
-    LY_ARRAY_FOR(reinterpret_cast<const lysc_type_union *>(type)->types, i)
-    {
-      add_enumerated(reinterpret_cast<const lysc_type_union *>(type)->types[i], values);
-    }
-    break;
-  case LY_TYPE_LEAFREF:
-    add_enumerated(reinterpret_cast<const lysc_type_leafref *>(type)->realtype, values);
-    break;
-  default:
-    break;
-  }
-}
 
 const lysc_type *type_of(const lysc_node *node)
 {
   return node->nodetype == LYS_LEAF       ? reinterpret_cast<const lysc_node_leaf *>(node)->type
          : node->nodetype == LYS_LEAFLIST ? reinterpret_cast<const lysc_node_leaflist *>(node)->type
                                           : nullptr;
+}
+
+// What the type itself enumerates. Identities without their module, but where two have one name.
+std::vector<std::string> enumerated(const lysc_node *leaf)
+{
+  std::vector<std::string> names = ctl_value_names(leaf);
+  if (type_of(leaf)->basetype != LY_TYPE_IDENT) {
+    return names;
+  }
+  auto plain = [](const std::string &name) { return name.substr(name.find(':') + 1); };
+  std::map<std::string, int> counts;
+  for (const std::string &name : names) {
+    counts[plain(name)]++;
+  }
+  for (std::string &name : names) {
+    name = counts[plain(name)] > 1 ? name : plain(name);
+  }
+  return names;
 }
 
 // The node that a leafref's path ends at; null when it is not found. The predicates of the path touch nodes as well:
@@ -129,12 +82,11 @@ std::string default_of(const lysc_node *node)
 
 std::vector<std::string> ctl_find_type_values(ctl_device &device, const lysc_node *leaf, std::string_view prefix)
 {
-  std::vector<std::string> values;
   const lysc_type *type = type_of(leaf);
   if (type == nullptr) {
-    return values;
+    return {};
   }
-  add_enumerated(type, &values);
+  std::vector<std::string> values = enumerated(leaf);
   std::erase_if(values, [&](const std::string &value) { return !value.starts_with(prefix); });
   if (type->basetype == LY_TYPE_LEAFREF) {
     const lysc_node *referred = find_referred(leaf, reinterpret_cast<const lysc_type_leafref *>(type));

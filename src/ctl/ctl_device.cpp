@@ -8,17 +8,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "ctl/ctl_operations.h"
 #include "ctl/ctl_reply.h"
 #include "ctl/ctl_schema.h"
-#include "ctl/ctl_xml.h"
 
 namespace {
 
-// A commit may take minutes while plugins work. A daemon that died is noticed by the end of the connection.
-constexpr ymgr_duration LONG_WORK = std::chrono::hours(24 * 365);
 constexpr ymgr_duration CLOSING{500};
-
-constexpr char DAEMON_NAMESPACE[] = "com:zentra:netconf:private:opal:device:ymgrd";
 constexpr char MODULES_VARIABLE[] = "YMGR_MODULES_DIR";
 constexpr char MODULES_HINT[] = " (the environment variable YMGR_MODULES_DIR names another directory)";
 constexpr char DEFAULT_MODULES_DIR[] = "/usr/local/etc/ymgrd/modules"; // of daemons that do not say
@@ -57,40 +53,45 @@ ctl_device::~ctl_device()
   }
 }
 
-int ctl_device::rpc(const std::string &operation, std::string *ret_reply)
+int ctl_device::rpc(std::string_view operation, std::string *ret_reply)
 {
   std::string reply;
-  int result = try_rpc(operation, &reply);
-  for (const ctl_reply_error_t &error : ctl_reply_errors(reply)) {
-    (void)ctl_fail(output_, CTL_REFUSED, (error.is_warning ? "warning: " : "") + ctl_error_line(error));
-  }
+  int result = exchange(operation, &reply);
+  result = result == CTL_OK ? ctl_tell_errors(output_, reply) : result;
   if (result == CTL_OK && ret_reply != nullptr) {
     *ret_reply = std::move(reply);
   }
   return result;
 }
 
-int ctl_device::try_rpc(const std::string &operation, std::string *ret_reply)
+int ctl_device::try_rpc(std::string_view operation, std::string *ret_reply)
+{
+  std::string reply;
+  const int result = exchange(operation, &reply);
+  if (result != CTL_OK || ctl_is_refused(reply)) {
+    return result == CTL_OK ? CTL_REFUSED : result;
+  }
+  if (ret_reply != nullptr) {
+    *ret_reply = std::move(reply);
+  }
+  return CTL_OK;
+}
+
+int ctl_device::exchange(std::string_view operation, std::string *ret_reply)
 {
   ymgr_client_t *connection = client();
   if (connection == nullptr) {
     return CTL_UNREACHABLE;
   }
-  std::optional<std::string> reply = ymgr_rpc(connection, operation, LONG_WORK);
+  std::optional<std::string> reply = ymgr_rpc(connection, operation, CTL_LONG_WORK);
   if (!reply) {
     const std::string cause = ymgr_last_error(connection);
-    disconnect(); // what still comes would be taken for the next reply
+    disconnect(); // whether it was carried out is unknown: nothing more is to be built on this session
     return cause == INTERRUPTED ? ctl_fail(output_, CTL_INTERRUPTED, cause)
                                 : ctl_fail(output_, CTL_UNREACHABLE, "the connection to the daemon is lost: " + cause);
   }
-  int result = CTL_OK;
-  for (const ctl_reply_error_t &error : ctl_reply_errors(*reply)) {
-    result = error.is_warning ? result : CTL_REFUSED;
-  }
-  if (ret_reply != nullptr) {
-    *ret_reply = std::move(*reply);
-  }
-  return result;
+  *ret_reply = std::move(*reply);
+  return CTL_OK;
 }
 
 ymgr_client_t *ctl_device::client()
@@ -124,7 +125,7 @@ const ly_ctx *ctl_device::schema()
 const std::vector<ctl_module_t> &ctl_device::modules()
 {
   std::string reply;
-  if (modules_.empty() && rpc(std::string("<get-capability xmlns=\"") + DAEMON_NAMESPACE + "\"/>", &reply) == CTL_OK) {
+  if (modules_.empty() && rpc(ctl_get_capability(), &reply) == CTL_OK) {
     modules_ = ctl_read_modules(reply);
     if (modules_.empty()) {
       (void)ctl_fail(output_, CTL_INPUT, "the daemon names no modules");
@@ -141,24 +142,14 @@ int ctl_device::find_modules_directory(std::string *ret_directory)
     return CTL_OK;
   }
   std::string reply;
-  int result = try_rpc(std::string("<get><filter type=\"subtree\"><daemon xmlns=\"") + DAEMON_NAMESPACE +
-                           "\"><modules-directory/></daemon></filter></get>",
-                       &reply);
+  const int result = try_rpc(ctl_get_daemon("<modules-directory/>"), &reply);
   if (result != CTL_OK && result != CTL_REFUSED) {
     return result;
   }
   if (result == CTL_REFUSED && access(DEFAULT_MODULES_DIR, R_OK) != 0) { // as when its database is away
-    for (const ctl_reply_error_t &error : ctl_reply_errors(reply)) {
-      (void)ctl_fail(output_, CTL_REFUSED, ctl_error_line(error));
-    }
-    return CTL_REFUSED;
+    return ctl_tell_errors(output_, reply);
   }
-  ctl_xml_ptr doc = ctl_parse_xml(reply);
-  const xmlNode *node = doc == nullptr ? nullptr : xmlDocGetRootElement(doc.get());
-  for (const char *name : {"data", "daemon", "modules-directory"}) {
-    node = ctl_xml_child(node, name);
-  }
-  *ret_directory = node == nullptr ? DEFAULT_MODULES_DIR : ctl_xml_text(node);
+  *ret_directory = ctl_daemon_text(reply, {"modules-directory"}).value_or(DEFAULT_MODULES_DIR);
   return CTL_OK;
 }
 

@@ -2,7 +2,6 @@
 // Functions that return an exit code (ctl_output.h) have told the fault themselves when it is not CTL_OK.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -13,6 +12,9 @@
 #include "client/client.h"
 #include "ctl/ctl_output.h"
 
+// A commit may take minutes while plugins work. A daemon that died is noticed by the end of the connection.
+constexpr ymgr_duration CTL_LONG_WORK = std::chrono::hours(24 * 365);
+
 typedef struct _ctl_module {
   std::string name;
   std::string revision; // empty when it has none
@@ -20,11 +22,6 @@ typedef struct _ctl_module {
   std::vector<std::string> features; // that are enabled
   std::vector<std::string> deviations;
 } ctl_module_t;
-
-struct ctl_tree_delete_t {
-  void operator()(lyd_node *tree) const { lyd_free_all(tree); }
-};
-using ctl_tree_ptr = std::unique_ptr<lyd_node, ctl_tree_delete_t>;
 
 class ctl_device {
 public:
@@ -38,9 +35,9 @@ public:
 
   // One operation, the content of <rpc>. The whole <rpc-reply> in `*ret_reply` (may be null). Connects when there is no
   // session. An <rpc-error> is told, in one line for each, and is CTL_REFUSED.
-  int rpc(const std::string &operation, std::string *ret_reply);
+  int rpc(std::string_view operation, std::string *ret_reply = nullptr);
   // The same without telling an <rpc-error>: for whoever goes on differently.
-  int try_rpc(const std::string &operation, std::string *ret_reply);
+  int try_rpc(std::string_view operation, std::string *ret_reply = nullptr);
   // The connection, opened when there was none; null when it cannot be (told). Borrowed.
   ymgr_client_t *client();
   int session_id() const { return session_id_; } // 0 while there is none
@@ -56,6 +53,7 @@ public:
 
 private:
   int connect();
+  int exchange(std::string_view operation, std::string *ret_reply);
   int find_modules_directory(std::string *ret_directory);
 
   std::string run_dir_;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "ctl/ctl_print.h"
+#include "ctl/ctl_tree.h"
 #include "ctl/ctl_tree_writer.h"
 
 namespace {

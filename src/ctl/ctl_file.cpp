@@ -11,13 +11,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "ctl/ctl_tree.h"
 #include "ctl/ctl_xml.h"
 
 namespace {
-
-constexpr char BASE_NAMESPACE[] = "urn:ietf:params:xml:ns:netconf:base:1.0";
-constexpr char CONFIG_BEGIN[] = "<config xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\">";
-constexpr char CONFIG_END[] = "</config>";
 
 class file_descriptor {
 public:
@@ -119,7 +116,7 @@ std::string without_declaration(std::string text)
 
 bool is_base(const xmlNode *node)
 {
-  return node->ns == nullptr || strcmp(reinterpret_cast<const char *>(node->ns->href), BASE_NAMESPACE) == 0;
+  return node->ns == nullptr || strcmp(reinterpret_cast<const char *>(node->ns->href), YMGR_BASE_NAMESPACE) == 0;
 }
 
 // Whose children the top elements of the configuration are: an element that only wraps them, or the document.
@@ -199,7 +196,9 @@ int extract_elements(const ctl_output_t &output, const std::string &path, const 
   xml_fault_t fault;
   ctl_xml_ptr document = parse_document(text, &fault);
   if (document == nullptr && fault.code == XML_ERR_DOCUMENT_END) {
-    document = parse_document(CONFIG_BEGIN + without_declaration(text) + CONFIG_END, &fault); // several top elements
+    document = parse_document(std::string("<config xmlns=\"") + YMGR_BASE_NAMESPACE + "\">" +
+                                  without_declaration(text) + "</config>",
+                              &fault); // several top elements
   }
   if (document == nullptr) {
     return fail_file(output, path, (fault.line > 0 ? "line " + std::to_string(fault.line) + ": " : "") + fault.message);
@@ -291,19 +290,6 @@ bool fits_schema(const ly_ctx *schema, const std::string &xml, std::string *ret_
   return tree != nullptr && has_only_removed_leaves(tree.get());
 }
 
-bool print_tree(const lyd_node *tree, LYD_FORMAT format, uint32_t options, std::string *ret_text)
-{
-  struct text_delete_t {
-    void operator()(char *text) const { free(text); }
-  };
-  char *printed = nullptr;
-  if (lyd_print_mem(&printed, tree, format, LYD_PRINT_WITHSIBLINGS | options) != LY_SUCCESS || printed == nullptr) {
-    return false;
-  }
-  *ret_text = std::unique_ptr<char, text_delete_t>(printed).get();
-  return true;
-}
-
 int convert_json(ctl_device &device, const ly_ctx *schema, const std::string &path, const std::string &text,
                  std::string *ret_config)
 {
@@ -315,7 +301,7 @@ int convert_json(ctl_device &device, const ly_ctx *schema, const std::string &pa
     ret_config->clear(); // "{}"
     return CTL_OK;
   }
-  return print_tree(tree.get(), LYD_XML, LYD_PRINT_SHRINK, ret_config)
+  return ctl_encode(tree.get(), LYD_XML, LYD_PRINT_SHRINK, ret_config)
              ? CTL_OK
              : fail_file(device.output(), path, "it cannot be put into XML");
 }
@@ -450,7 +436,7 @@ int ctl_encode_json(const ctl_output_t &output, const lyd_node *tree, std::strin
     *ret_text = "{}\n";
     return CTL_OK;
   }
-  return print_tree(tree, LYD_JSON, 0, ret_text) ? CTL_OK
+  return ctl_encode(tree, LYD_JSON, 0, ret_text) ? CTL_OK
                                                  : ctl_fail(output, CTL_INPUT, "the data cannot be put into JSON");
 }
 

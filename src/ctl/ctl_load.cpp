@@ -6,28 +6,19 @@
 
 #include <unistd.h>
 
+#include "ctl/ctl_commit.h"
 #include "ctl/ctl_file.h"
 #include "ctl/ctl_interrupt.h"
+#include "ctl/ctl_operations.h"
 #include "ctl/ctl_reply.h"
 
 namespace {
 
 using steady_clock = std::chrono::steady_clock;
 
-// The daemon may work as long as it needs; when it dies the connection ends.
-constexpr ymgr_duration LONG_WORK = std::chrono::hours(24 * 365);
 // Nobody wants to read about what is over at once.
 constexpr std::chrono::milliseconds QUIET_TIME{300};
-constexpr char UNCHECKED[] = "<test-option>set</test-option>"; // what candidate held need not have been valid
 constexpr char CLEAR_LINE[] = "\r\033[K";
-
-// `options`: elements between the default operation and the data.
-std::string edit_operation(const std::string &target, const char *default_operation, const std::string &options,
-                           const std::string &config)
-{
-  return "<edit-config><target><" + target + "/></target><default-operation>" + default_operation +
-         "</default-operation>" + options + "<config>" + config + "</config></edit-config>";
-}
 
 bool has_feature(ctl_device &device, const char *name)
 {
@@ -39,27 +30,17 @@ bool has_feature(ctl_device &device, const char *name)
   return false;
 }
 
-std::string load_operation(ctl_device &device, const ctl_load_t &load)
+wiped_string load_operation(ctl_device &device, const ctl_load_t &load)
 {
   if (load.is_replacement && !load.is_test) {
-    return "<copy-config><target><" + load.target + "/></target><source><config>" + load.config +
-           "</config></source></copy-config>";
+    return ctl_replace_config(load.target, load.config);
   }
-  std::string options = load.is_test ? "<test-option>test-only</test-option>" : "";
+  ctl_edit_options_t options;
+  options.default_operation = load.is_replacement ? "replace" : "merge";
+  options.test = load.is_test ? "test-only" : "";
   // A plugin that refuses a part of it shall leave the device as it was.
-  options += has_feature(device, "rollback-on-error") ? "<error-option>rollback-on-error</error-option>" : "";
-  return edit_operation(load.target, load.is_replacement ? "replace" : "merge", options, load.config);
-}
-
-// What stands in <data>; its elements declare their namespaces themselves.
-std::string data_content(const std::string &reply)
-{
-  const size_t tag = reply.find("<data");
-  const size_t begin = tag == std::string::npos ? tag : reply.find('>', tag);
-  const size_t end = reply.rfind("</data>");
-  return begin == std::string::npos || end == std::string::npos || end < begin
-             ? ""
-             : reply.substr(begin + 1, end - begin - 1);
+  options.on_error = has_feature(device, "rollback-on-error") ? "rollback-on-error" : "";
+  return ctl_edit_config(load.target, load.config, options);
 }
 
 // How far a request got, on a line that is written over and over.
@@ -127,7 +108,6 @@ private:
   void answer_interrupts(progress_line *line);
   int count_interrupts() const { return interrupt_ ? interrupt_->count() : 0; }
   int fail_unanswered(const std::string &cause);
-  int tell_errors(const std::string &reply);
   int take_back();
   int save_former(int exit_code);
 
@@ -149,7 +129,7 @@ loader::~loader()
   }
   ymgr_set_progress(device_.client(), nullptr); // it knows us
   if (is_locked_) {
-    (void)device_.rpc("<unlock><target><candidate/></target></unlock>", nullptr); // told there
+    (void)device_.rpc(ctl_unlock("candidate")); // told there
   }
 }
 
@@ -164,7 +144,7 @@ int loader::run()
   if (result != CTL_OK) {
     return result;
   }
-  result = tell_errors(reply);
+  result = ctl_tell_errors(device_.output(), reply);
   if (result != CTL_OK) {
     return count_interrupts() > 0 ? CTL_INTERRUPTED : result; // refused: candidate is as it was
   }
@@ -175,7 +155,7 @@ int loader::run()
     return take_back();
   }
   interrupt_.reset(); // a commit cannot be stopped; to wait for it nobody need be made
-  return result == CTL_OK && load_.is_committed ? device_.rpc("<commit/>", nullptr) : result;
+  return result == CTL_OK && load_.is_committed ? ctl_commit(device_) : result;
 }
 
 // Nobody else's changes shall be lost when the load is taken back.
@@ -187,19 +167,18 @@ int loader::prepare()
   // Nothing has changed yet: whoever waits for a daemon that is busy may go.
   ymgr_set_progress(device_.client(), [this](const ymgr_progress_t &) { return count_interrupts() == 0; });
   // Who has it already goes on with it; when another session has it, the load is refused.
-  int result = device_.try_rpc("<lock><target><candidate/></target></lock>", nullptr);
+  int result = device_.try_rpc(ctl_lock("candidate"));
   is_locked_ = result == CTL_OK;
   if (result != CTL_OK && result != CTL_REFUSED) {
     return result;
   }
   std::string reply;
-  result = device_.rpc("<get><filter type=\"subtree\"><daemon xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\">"
-                       "<datastore><name>candidate</name><pending-changes/></datastore></daemon></filter></get>",
-                       &reply);
-  had_changes_ = reply.find("<pending-changes>false<") == std::string::npos;
+  result = device_.rpc(ctl_get_candidate_state(), &reply);
+  const std::optional<ctl_candidate_state_t> candidate = ctl_read_candidate_state(reply);
+  had_changes_ = !candidate || candidate->has_changes;
   if (result == CTL_OK && had_changes_) {
-    result = device_.rpc("<get-config><source><candidate/></source></get-config>", &reply);
-    former_ = data_content(reply);
+    result = device_.rpc(ctl_get_config("candidate"), &reply);
+    former_ = ctl_reply_content(reply);
   }
   return result == CTL_OK && count_interrupts() > 0 ? ctl_fail(device_.output(), CTL_INTERRUPTED, "interrupted")
                                                     : result;
@@ -211,13 +190,13 @@ int loader::send(std::string *ret_reply)
   if (client == nullptr) {
     return CTL_UNREACHABLE;
   }
-  const std::string operation = load_operation(device_, load_);
+  const wiped_string operation = load_operation(device_, load_);
   std::optional<std::string> reply;
   std::string cause;
   {
     progress_line line(device_.output(), load_.name);
     ymgr_set_progress(client, [&](const ymgr_progress_t &progress) { return watch(&line, progress); });
-    reply = ymgr_rpc(client, operation, LONG_WORK);
+    reply = ymgr_rpc(client, operation, CTL_LONG_WORK);
     ymgr_set_progress(client, nullptr);
     cause = reply ? "" : ymgr_last_error(client);
   }
@@ -272,16 +251,6 @@ int loader::fail_unanswered(const std::string &cause)
                            : message + "; " + load_.name + " was not loaded");
 }
 
-int loader::tell_errors(const std::string &reply)
-{
-  int result = CTL_OK;
-  for (const ctl_reply_error_t &error : ctl_reply_errors(reply)) {
-    (void)ctl_fail(device_.output(), CTL_REFUSED, (error.is_warning ? "warning: " : "") + ctl_error_line(error));
-    result = error.is_warning ? result : CTL_REFUSED;
-  }
-  return result;
-}
-
 int loader::take_back()
 {
   const ctl_output_t &output = device_.output();
@@ -300,11 +269,11 @@ int loader::take_back()
     answer_interrupts(&none);
     return true;
   });
-  int result = device_.rpc("<discard-changes/>", nullptr);
+  int result = device_.rpc(CTL_DISCARD);
   if (had_changes_) {
-    // From running on, so that what is pending is what was pending, and no more.
-    result =
-        result == CTL_OK ? device_.rpc(edit_operation("candidate", "replace", UNCHECKED, former_), nullptr) : result;
+    // From running on, so that what is pending is what was pending, and no more; which need not have been valid.
+    const ctl_edit_options_t as_it_was = {.default_operation = "replace", .test = "set"};
+    result = result == CTL_OK ? device_.rpc(ctl_edit_config("candidate", former_, as_it_was)) : result;
     result = result == CTL_OK ? result : save_former(result);
   }
   return result == CTL_OK ? ctl_fail(output, CTL_INTERRUPTED, "interrupted; candidate is as it was")

@@ -30,6 +30,10 @@ const char *escape_sequence(ctl_color color)
   return "";
 }
 
+// Control characters that are known by a letter.
+constexpr char LETTERED[] = "\n\r\t";
+constexpr char LETTERS[] = "nrt";
+
 bool environment_has(const char *name)
 {
   const char *value = getenv(name);
@@ -55,10 +59,37 @@ bool ctl_wants_color(std::string_view choice, FILE *out)
   return isatty(fileno(out)) != 0 && !is_dumb && !environment_has("NO_COLOR");
 }
 
+std::string ctl_visible(std::string_view text)
+{
+  std::string visible;
+  visible.reserve(text.size());
+  for (size_t i = 0; i < text.size(); i++) {
+    const auto code = static_cast<unsigned char>(text[i]);
+    // In UTF-8 the second control characters are two bytes.
+    const unsigned second = code == 0xc2 && i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0;
+    char escape[8] = "";
+    if (const char *place = code == 0 ? nullptr : strchr(LETTERED, text[i]); place != nullptr) {
+      (void)snprintf(escape, sizeof(escape), "\\%c", LETTERS[place - LETTERED]);
+    } else if (code < 0x20 || code == 0x7f) {
+      (void)snprintf(escape, sizeof(escape), "\\x%02x", code);
+    } else if (second >= 0x80 && second < 0xa0) {
+      (void)snprintf(escape, sizeof(escape), "\\u%04x", second);
+      i++;
+    }
+    if (*escape == '\0') {
+      visible.push_back(text[i]);
+    } else {
+      visible.append(escape);
+    }
+  }
+  return visible;
+}
+
 int ctl_fail(const ctl_output_t &output, int exit_code, std::string_view message)
 {
   (void)fflush(output.out); // what was written before the fault also stands before it on a terminal
-  (void)fprintf(output.err, "ymgrctl: %.*s\n", static_cast<int>(message.size()), message.data());
+  // A standard error that cannot be written leaves nobody to tell.
+  (void)fputs(std::string("ymgrctl: ").append(message).append("\n").c_str(), output.err);
   return exit_code;
 }
 

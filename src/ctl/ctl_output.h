@@ -33,6 +33,9 @@ std::string ctl_paint(const ctl_output_t &output, ctl_color color, std::string_v
 // --color=auto|always|never, and the environment variable NO_COLOR.
 bool ctl_wants_color(std::string_view choice, FILE *out);
 
+// One line whatever is in it, and nothing that a terminal would obey: control characters as "\n", "\x1b", "\u009b".
+std::string ctl_visible(std::string_view text);
+
 // Tells a fault, one line: "ymgrctl: MESSAGE". `exit_code` comes back, so that `return ctl_fail(...)` ends a function.
 int ctl_fail(const ctl_output_t &output, int exit_code, std::string_view message);
 // Writes to `out`, at once. CTL_OK, or CTL_INPUT when it cannot be written (told, unless the reader has gone: `|

@@ -1,14 +1,11 @@
 #include "ctl/ctl_print.h"
 
-#include <cstdio>
 #include <cstring>
 
+#include "client/client.h"
 #include "ctl/ctl_tree_writer.h"
 
 namespace {
-
-constexpr char DATA_BEGIN[] = "<data xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\">\n";
-constexpr char DATA_END[] = "</data>\n";
 
 // Some other module has a top node of that name.
 bool is_ambiguous(const lysc_node *top)
@@ -39,41 +36,13 @@ std::string opaque_name(const lyd_node *node)
   return name.prefix == nullptr || *name.prefix == '\0' ? name.name : std::string(name.prefix) + ":" + name.name;
 }
 
-// One line whatever is in it, and nothing that a terminal would obey.
-void append_visible(std::string *text, char byte)
+std::string quoted(std::string_view value)
 {
-  const auto code = static_cast<unsigned char>(byte);
-  char escape[8];
-  switch (byte) {
-  case '\n':
-    text->append("\\n");
-    break;
-  case '\r':
-    text->append("\\r");
-    break;
-  case '\t':
-    text->append("\\t");
-    break;
-  default:
-    if (code < 0x20 || code == 0x7f) {
-      (void)snprintf(escape, sizeof(escape), "\\x%02x", code);
-      text->append(escape);
-    } else {
-      text->push_back(byte);
-    }
+  std::string text;
+  for (char c : value) {
+    text.append(c == '"' || c == '\\' ? "\\" : "").push_back(c);
   }
-}
-
-std::string quoted(const char *value)
-{
-  std::string text = "\"";
-  for (; *value != '\0'; value++) {
-    if (*value == '"' || *value == '\\') {
-      text.push_back('\\');
-    }
-    append_visible(&text, *value);
-  }
-  return text.append("\"");
+  return "\"" + ctl_visible(text) + "\"";
 }
 
 const char *value_of(const lyd_node *node)
@@ -101,11 +70,11 @@ int print_encoded(const ctl_output_t &output, const lyd_node *tree)
   }
   ctl_tree_writer writer(output);
   const bool needs_root = is_xml && tree->next != nullptr;
-  writer.raw(needs_root ? DATA_BEGIN : "");
+  writer.raw(needs_root ? std::string("<data xmlns=\"") + YMGR_BASE_NAMESPACE + "\">\n" : "");
   if (lyd_print_clb(collect, &writer, tree, is_xml ? LYD_XML : LYD_JSON, LYD_PRINT_WITHSIBLINGS) != LY_SUCCESS) {
     return ctl_fail(output, CTL_INPUT, "the data cannot be printed");
   }
-  writer.raw(needs_root ? DATA_END : "");
+  writer.raw(needs_root ? "</data>\n" : "");
   return writer.finish();
 }
 
@@ -140,22 +109,16 @@ std::string ctl_key_text(const lyd_node *entry)
   for (const lyd_node *key = lyd_child(entry); key != nullptr && lysc_is_key(key->schema); key = key->next) {
     const char *value = lyd_get_value(key);
     const char quote = strchr(value, '\'') == nullptr ? '\'' : '"';
-    text.append("[").append(key->schema->name).append("=").push_back(quote);
-    for (; *value != '\0'; value++) {
-      append_visible(&text, *value);
-    }
-    text.append(1, quote).append("]");
+    text.append("[").append(key->schema->name).append("=").append(1, quote);
+    text.append(ctl_visible(value)).append(1, quote).append("]");
   }
   return text;
 }
 
 std::string ctl_value_text(const lyd_node *term)
 {
-  const char *value = value_of(term);
-  bool is_plain = *value != '\0';
-  for (const char *byte = value; *byte != '\0' && is_plain; byte++) {
-    const auto code = static_cast<unsigned char>(*byte);
-    is_plain = code > ' ' && code != 0x7f && strchr("\"'\\", *byte) == nullptr;
-  }
+  const std::string value = value_of(term);
+  const bool is_plain =
+      !value.empty() && value.find_first_of(" \"'\\") == std::string::npos && ctl_visible(value) == value;
   return is_plain ? value : quoted(value);
 }

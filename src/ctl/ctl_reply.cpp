@@ -1,5 +1,8 @@
 #include "ctl/ctl_reply.h"
 
+#include <algorithm>
+#include <charconv>
+
 #include "ctl/ctl_xml.h"
 
 namespace {
@@ -73,33 +76,88 @@ std::string ctl_error_line(const ctl_reply_error_t &error)
   if (!error.info.empty()) {
     line += ": " + info_in_words(error.info);
   }
-  return line;
+  return ctl_visible(line);
 }
 
-int ctl_reply_data(ctl_device &device, const std::string &reply, ctl_tree_ptr *ret_tree)
+bool ctl_is_refused(const std::string &reply)
+{
+  const std::vector<ctl_reply_error_t> errors = ctl_reply_errors(reply);
+  return std::any_of(errors.begin(), errors.end(), [](const ctl_reply_error_t &error) { return !error.is_warning; });
+}
+
+int ctl_tell_errors(const ctl_output_t &output, const std::string &reply)
+{
+  int result = CTL_OK;
+  for (const ctl_reply_error_t &error : ctl_reply_errors(reply)) {
+    (void)ctl_fail(output, CTL_REFUSED, (error.is_warning ? "warning: " : "") + ctl_error_line(error));
+    result = error.is_warning ? result : CTL_REFUSED;
+  }
+  return result;
+}
+
+std::string_view ctl_reply_content(std::string_view reply)
+{
+  // Data opens and closes the reply; to cut it out spares a parse of what may be megabytes.
+  const size_t tag = reply.find("<data");
+  const size_t begin = tag == std::string_view::npos ? tag : reply.find('>', tag);
+  const size_t end = reply.rfind("</data>");
+  const bool has_content = begin != std::string_view::npos && end != std::string_view::npos && begin < end;
+  return has_content ? reply.substr(begin + 1, end - begin - 1) : std::string_view(); // "<data/>"
+}
+
+int ctl_reply_data(ctl_device &device, std::string reply, ctl_tree_ptr *ret_tree)
 {
   const ly_ctx *schema = device.schema();
   if (schema == nullptr) {
     return device.session_id() == 0 ? CTL_UNREACHABLE : CTL_INPUT;
   }
-  // Data opens and closes the reply; to cut it out spares a second parse of what may be megabytes. What its elements
-  // need of namespaces they declare themselves.
-  size_t begin = reply.find("<data");
-  size_t end = reply.rfind("</data>");
-  begin = begin == std::string::npos ? begin : reply.find('>', begin);
-  if (begin == std::string::npos || end == std::string::npos || begin > end) {
-    ret_tree->reset(); // "<data/>"
+  const std::string_view content = ctl_reply_content(reply);
+  if (content.empty()) {
+    ret_tree->reset();
     return CTL_OK;
   }
-  const std::string data = reply.substr(begin + 1, end - begin - 1);
+  const size_t begin = static_cast<size_t>(content.data() - reply.data());
+  reply.resize(begin + content.size()); // libyang reads up to the end of a text
   lyd_node *tree = nullptr;
   ly_err_clean(const_cast<ly_ctx *>(schema), nullptr);
   // Nodes that our modules do not have become opaque ones, rather than losing all others.
-  if (lyd_parse_data_mem(schema, data.c_str(), LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_OPAQ, 0, &tree) != LY_SUCCESS) {
+  if (lyd_parse_data_mem(schema, reply.c_str() + begin, LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_OPAQ, 0, &tree) !=
+      LY_SUCCESS) {
     const ly_err_item *cause = ly_err_last(schema);
     return ctl_fail(device.output(), CTL_INPUT,
                     std::string("the daemon's data cannot be read: ") + (cause == nullptr ? "" : cause->msg));
   }
   ret_tree->reset(tree);
   return CTL_OK;
+}
+
+int ctl_read_data(ctl_device &device, std::string_view operation, ctl_tree_ptr *ret_tree)
+{
+  std::string reply;
+  const int result = device.rpc(operation, &reply);
+  return result == CTL_OK ? ctl_reply_data(device, std::move(reply), ret_tree) : result;
+}
+
+std::optional<std::string> ctl_daemon_text(const std::string &reply, std::initializer_list<const char *> names)
+{
+  const ctl_xml_ptr document = ctl_parse_xml(reply);
+  const xmlNode *node = document == nullptr ? nullptr : xmlDocGetRootElement(document.get());
+  node = ctl_xml_child(ctl_xml_child(node, "data"), "daemon");
+  for (const char *name : names) {
+    node = ctl_xml_child(node, name);
+  }
+  return node == nullptr ? std::nullopt : std::optional(ctl_xml_text(node));
+}
+
+std::optional<ctl_candidate_state_t> ctl_read_candidate_state(const std::string &reply)
+{
+  const std::optional<std::string> changes = ctl_daemon_text(reply, {"datastore", "pending-changes"});
+  if (!changes) {
+    return std::nullopt;
+  }
+  ctl_candidate_state_t state;
+  state.has_changes = *changes != "false";
+  const std::string holder = ctl_daemon_text(reply, {"datastore", "lock-holder"}).value_or("");
+  (void)std::from_chars(holder.data(), holder.data() + holder.size(), state.lock_holder); // stays 0: nobody
+  return state;
 }

@@ -163,8 +163,9 @@ std::vector<const lysc_node *> ctl_schema_children(const ly_ctx *schema, const l
 
 std::string ctl_schema_path(const lysc_node *node)
 {
-  char path[4096] = "/";
-  return node == nullptr ? path : lysc_path(node, LYSC_PATH_DATA, path, sizeof(path));
+  char room[4096];
+  const char *path = node == nullptr ? "/" : lysc_path(node, LYSC_PATH_DATA, room, sizeof(room));
+  return path == nullptr ? node->name : path; // null: longer than the room
 }
 
 std::vector<const lysc_node_leaf *> ctl_schema_keys(const lysc_node *node)

@@ -1,7 +1,6 @@
 // The shell of ymgrctl: commands at a terminal, or from a script.
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <clocale>
 #include <csignal>
 #include <cstring>
@@ -13,19 +12,15 @@
 
 #include "ctl/ctl_commands.h"
 #include "ctl/ctl_complete.h"
+#include "ctl/ctl_operations.h"
+#include "ctl/ctl_reply.h"
 #include "ctl/ctl_shell_editor.h"
 #include "ctl/ctl_shell_history.h"
 #include "ctl/ctl_shell_pager.h"
-#include "ctl/ctl_xml.h"
 
 namespace {
 
 constexpr ymgr_duration PROMPT_PATIENCE{500}; // for what the prompt shows
-constexpr char DATASTORE_STATE[] = "<get><filter type=\"subtree\">"
-                                   "<daemon xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\"><datastore>"
-                                   "<name>candidate</name><pending-changes/><lock-holder/></datastore></daemon>"
-                                   "</filter></get>";
-
 volatile sig_atomic_t interrupted = 0;
 
 void note_interrupt(int)
@@ -54,12 +49,6 @@ private:
   struct sigaction usual_ = {};
 };
 
-// What is known of candidate.
-typedef struct _candidate_state {
-  bool is_changed = false;
-  int lock_holder = 0; // a session; 0: none
-} candidate_state_t;
-
 class shell {
 public:
   explicit shell(ctl_device &device) : device_(device) {}
@@ -79,13 +68,13 @@ private:
   int leave(const std::vector<std::string> &words);
 
   void drop_lost_connection();
-  candidate_state_t look_at_candidate();
+  ctl_candidate_state_t look_at_candidate();
   std::string prompt();
   std::vector<ctl_candidate_t> complete(const std::vector<std::string> &words);
 
   ctl_device &device_;
   ctl_editor *editor_ = nullptr; // at a terminal
-  candidate_state_t candidate_;
+  ctl_candidate_state_t candidate_;
   bool was_warned_ = false; // of what is not committed, by the command before
   bool is_over_ = false;
 };
@@ -189,7 +178,7 @@ int shell::history(const std::vector<std::string> &)
 
 int shell::leave(const std::vector<std::string> &)
 {
-  if (editor_ != nullptr && candidate_.is_changed && !was_warned_) {
+  if (editor_ != nullptr && candidate_.has_changes && !was_warned_) {
     was_warned_ = true;
     return ctl_write(device_.output(), "candidate holds changes that are not committed; they stay there. "
                                        "Again to leave all the same.\n");
@@ -216,27 +205,17 @@ void shell::drop_lost_connection()
 }
 
 // Only when there is a session: a prompt opens none.
-candidate_state_t shell::look_at_candidate()
+ctl_candidate_state_t shell::look_at_candidate()
 {
-  candidate_state_t state;
   drop_lost_connection();
   if (device_.session_id() == 0) {
-    return state;
+    return {};
   }
   ymgr_client_t *client = device_.client();
   ymgr_set_progress(client, {});
-  const std::optional<std::string> reply = ymgr_rpc(client, DATASTORE_STATE, PROMPT_PATIENCE);
-  const ctl_xml_ptr document = reply ? ctl_parse_xml(*reply) : nullptr;
-  const xmlNode *node = document == nullptr ? nullptr : xmlDocGetRootElement(document.get());
-  for (const char *name : {"data", "daemon", "datastore"}) {
-    node = ctl_xml_child(node, name);
-  }
-  const xmlNode *changed = ctl_xml_child(node, "pending-changes");
-  const xmlNode *holder = ctl_xml_child(node, "lock-holder");
-  state.is_changed = changed != nullptr && ctl_xml_text(changed) == "true";
-  const std::string session = holder == nullptr ? "" : ctl_xml_text(holder);
-  (void)std::from_chars(session.data(), session.data() + session.size(), state.lock_holder); // stays 0: nobody
-  return state;
+  const std::optional<std::string> reply = ymgr_rpc(client, ctl_get_candidate_state(), PROMPT_PATIENCE);
+  const std::optional<ctl_candidate_state_t> state = reply ? ctl_read_candidate_state(*reply) : std::nullopt;
+  return state.value_or(ctl_candidate_state_t());
 }
 
 // --- At a terminal.
@@ -244,7 +223,7 @@ candidate_state_t shell::look_at_candidate()
 std::string shell::prompt()
 {
   candidate_ = look_at_candidate();
-  std::string state = candidate_.is_changed ? "candidate*" : "";
+  std::string state = candidate_.has_changes ? "candidate*" : "";
   if (candidate_.lock_holder != 0) {
     state += state.empty() ? "" : " ";
     state += candidate_.lock_holder == device_.session_id()

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <set>
 
-#include "ctl/ctl_path.h"
+#include "ctl/ctl_xml.h"
 
 namespace {
 

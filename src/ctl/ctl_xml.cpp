@@ -41,3 +41,31 @@ std::string ctl_xml_text(const xmlNode *node)
   std::unique_ptr<xmlChar, xml_text_delete_t> text(xmlNodeGetContent(node));
   return text == nullptr ? "" : reinterpret_cast<const char *>(text.get());
 }
+
+std::string ctl_xml_escape(std::string_view text)
+{
+  std::string escaped;
+  escaped.reserve(text.size());
+  for (char c : text) {
+    switch (c) {
+    case '&':
+      escaped += "&amp;";
+      break;
+    case '<':
+      escaped += "&lt;";
+      break;
+    case '>':
+      escaped += "&gt;";
+      break;
+    case '"':
+      escaped += "&quot;";
+      break;
+    case '\r': // a parser would make a line feed of it
+      escaped += "&#13;";
+      break;
+    default:
+      escaped += c;
+    }
+  }
+  return escaped;
+}

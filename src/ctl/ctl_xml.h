@@ -1,8 +1,9 @@
-// Reading a reply's XML with libxml2.
+// XML: reading a reply with libxml2, writing texts.
 #pragma once
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include <libxml/tree.h>
 
@@ -16,3 +17,6 @@ bool ctl_xml_is(const xmlNode *node, const char *name); // an element of that na
 // The first child element of that name; null when there is none, or no parent.
 const xmlNode *ctl_xml_child(const xmlNode *parent, const char *name);
 std::string ctl_xml_text(const xmlNode *node);
+
+// As text of an element or attribute.
+std::string ctl_xml_escape(std::string_view text);

@@ -50,13 +50,16 @@ int serve(const std::string &run_dir)
   }
   publish_address(run_dir);
   std::optional<int> session_id = ymgr_create_session(daemon.get(), user);
-  std::optional<std::string> reply =
-      session_id ? ymgr_rpc(daemon.get(), "<get-capability xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\"/>")
-                 : std::nullopt;
+  const std::string ask = std::string("<get-capability xmlns=\"") + YMGR_DAEMON_NAMESPACE + "\"/>";
+  std::optional<std::string> reply = session_id ? ymgr_rpc(daemon.get(), ask) : std::nullopt;
   if (!reply) {
     return fail(ymgr_last_error(daemon.get()));
   }
-  const std::string hello = netconf_hello(netconf_hello_capabilities(*reply), *session_id);
+  const std::vector<std::string> capabilities = netconf_hello_capabilities(*reply);
+  const std::string hello = netconf_hello(capabilities, *session_id);
+  if (capabilities.empty() || hello.empty()) {
+    return fail("the daemon names no capabilities");
+  }
   return netconf_relay({STDIN_FILENO, STDOUT_FILENO, daemon.get()}, hello);
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "client/client.h"
 #include "netconf/netconf_xml.h"
 
 namespace {
@@ -59,7 +60,8 @@ std::string netconf_hello(const std::vector<std::string> &capabilities, int sess
       all.push_back(capability);
     }
   }
-  netconf_doc_ptr doc = netconf_parse(std::string("<hello xmlns=\"") + NETCONF_BASE_NS + "\"><capabilities/></hello>");
+  netconf_doc_ptr doc =
+      netconf_parse(std::string("<hello xmlns=\"") + YMGR_BASE_NAMESPACE + "\"><capabilities/></hello>");
   if (doc == nullptr) {
     return {};
   }
@@ -75,7 +77,7 @@ int netconf_hello_accept(std::string_view text, bool *ret_is_chunked, std::strin
 {
   netconf_doc_ptr doc = netconf_parse(text);
   const xmlNode *hello = doc == nullptr ? nullptr : xmlDocGetRootElement(doc.get());
-  if (hello == nullptr || !netconf_is(hello, "hello", NETCONF_BASE_NS)) {
+  if (hello == nullptr || !netconf_is(hello, "hello", YMGR_BASE_NAMESPACE)) {
     return refuse("the client's first message is no hello", ret_reason);
   }
   std::vector<std::string> capabilities;

@@ -33,11 +33,15 @@ constexpr size_t LONGEST_HELLO = 1024 * 1024;
 constexpr std::chrono::seconds HELLO_PATIENCE{60};
 // Until the daemon has named its own, or when it names none.
 constexpr size_t USUAL_MAX_MESSAGE_SIZE = 64 * 1024 * 1024;
-constexpr char ASK_MAX_MESSAGE_SIZE[] =
-    "<rpc message-id=\"max-message-size\" xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"><get>"
-    "<filter type=\"subtree\"><daemon "
-    "xmlns=\"com:zentra:netconf:private:opal:device:ymgrd\"><max-message-size/></daemon>"
-    "</filter></get></rpc>";
+
+wiped_string max_message_size_request()
+{
+  return wiped_string("<rpc message-id=\"max-message-size\" xmlns=\"")
+      .append(YMGR_BASE_NAMESPACE)
+      .append("\"><get><filter type=\"subtree\"><daemon xmlns=\"")
+      .append(YMGR_DAEMON_NAMESPACE)
+      .append("\"><max-message-size/></daemon></filter></get></rpc>");
+}
 
 // The descriptor does not block while this lives.
 class non_blocking {
@@ -144,7 +148,7 @@ relay::relay(const netconf_relay_ends_t &ends, const std::string &hello)
 {
   replies_.say(hello);
   // Not asked before the hello: while a change is being handed out, the answer waits.
-  begin_request(wiped_string(ASK_MAX_MESSAGE_SIZE), netconf_request_t());
+  begin_request(max_message_size_request(), netconf_request_t());
   replies_.await_own(last_seq_);
 }
 
@@ -269,7 +273,11 @@ void relay::take_input()
     if (result == netconf_read::malformed) {
       end(1, "the client's framing is malformed");
     } else if (result == netconf_read::message) {
-      has_hello_ ? take_request() : take_hello();
+      if (has_hello_) {
+        take_request();
+      } else {
+        take_hello();
+      }
     }
   }
 }

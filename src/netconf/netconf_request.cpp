@@ -6,6 +6,8 @@
 
 #include <libxml/parser.h>
 
+#include "client/client.h"
+
 namespace {
 
 // A longer start tag is not looked at: no client writes one.
@@ -165,7 +167,7 @@ std::string netconf_fault_reply(const netconf_request_t &request, netconf_fault 
 {
   const auto *row = std::find_if(std::begin(fault_table), std::end(fault_table),
                                  [fault](const fault_row_t &candidate) { return candidate.fault == fault; });
-  netconf_doc_ptr doc = netconf_parse(std::string("<rpc-reply xmlns=\"") + NETCONF_BASE_NS + "\"><rpc-error>" +
+  netconf_doc_ptr doc = netconf_parse(std::string("<rpc-reply xmlns=\"") + YMGR_BASE_NAMESPACE + "\"><rpc-error>" +
                                       error_markup(*row, has_base_1_1) + "</rpc-error></rpc-reply>");
   xmlNode *reply = doc == nullptr ? nullptr : xmlDocGetRootElement(doc.get());
   if (reply != nullptr && request.tag != nullptr) {

@@ -8,8 +8,6 @@
 
 #include <libxml/tree.h>
 
-constexpr char NETCONF_BASE_NS[] = "urn:ietf:params:xml:ns:netconf:base:1.0";
-
 struct netconf_doc_delete_t {
   void operator()(xmlDoc *doc) const { xmlFreeDoc(doc); }
 };

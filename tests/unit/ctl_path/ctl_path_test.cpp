@@ -205,7 +205,7 @@ TEST_F(ctl_path, finds_its_nodes_in_data_and_keeps_only_them)
               LY_SUCCESS);
     const ctl_path_t path = read(row.typed);
     EXPECT_EQ(ctl_find(tree, path).size(), row.count) << row.typed;
-    ctl_tree_ptr kept(ctl_keep_only(tree, path));
+    ctl_tree_ptr kept = ctl_keep_only(ctl_tree_ptr(tree), path);
     char *text = nullptr;
     const uint32_t options = LYD_PRINT_SHRINK | LYD_PRINT_WITHSIBLINGS | LYD_PRINT_KEEPEMPTYCONT;
     ASSERT_EQ(lyd_print_mem(&text, kept.get(), LYD_XML, options), LY_SUCCESS);
