@@ -5,6 +5,7 @@
 #include "ctl/ctl_commands.h"
 #include "ctl/ctl_path.h"
 #include "ctl/ctl_reply.h"
+#include "ctl/ctl_xml.h"
 
 namespace {
 
@@ -110,7 +111,7 @@ int delete_entries(ctl_device &device, const edit_options_t &options, const ctl_
     return ctl_fail(device.output(), CTL_INPUT, "the edit cannot be built: not enough memory");
   }
   std::unique_ptr<char, void (*)(void *)> owner(text, free);
-  std::string config = text;
+  std::string config = ctl_xml_keep_returns(text);
   result = send_edit(device, options, &config);
   if (result != CTL_OK) {
     return result;

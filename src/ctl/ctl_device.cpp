@@ -133,10 +133,10 @@ int ctl_device::find_modules_directory(std::string *ret_directory)
     return CTL_OK;
   }
   std::string reply;
-  int result = try_rpc(std::string("<get><filter type=\"subtree\"><daemon xmlns=\"") + DAEMON_NAMESPACE +
-                           "\"><modules-directory/></daemon></filter></get>",
-                       &reply);
-  if (result != CTL_OK && result != CTL_REFUSED) {
+  const int result = rpc(std::string("<get><filter type=\"subtree\"><daemon xmlns=\"") + DAEMON_NAMESPACE +
+                             "\"><modules-directory/></daemon></filter></get>",
+                         &reply);
+  if (result != CTL_OK) {
     return result;
   }
   ctl_xml_ptr doc = ctl_parse_xml(reply);

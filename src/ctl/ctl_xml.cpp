@@ -41,3 +41,13 @@ std::string ctl_xml_text(const xmlNode *node)
   std::unique_ptr<xmlChar, xml_text_delete_t> text(xmlNodeGetContent(node));
   return text == nullptr ? "" : reinterpret_cast<const char *>(text.get());
 }
+
+std::string ctl_xml_keep_returns(std::string_view printed)
+{
+  std::string text;
+  text.reserve(printed.size());
+  for (char c : printed) {
+    c == '\r' ? (void)text.append("&#13;") : text.push_back(c);
+  }
+  return text;
+}

@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include <libxml/tree.h>
 
@@ -16,3 +17,5 @@ bool ctl_xml_is(const xmlNode *node, const char *name); // an element of that na
 // The first child element of that name; null when there is none, or no parent.
 const xmlNode *ctl_xml_child(const xmlNode *parent, const char *name);
 std::string ctl_xml_text(const xmlNode *node);
+// What libyang has printed, with its carriage returns as references: of those as they are a parser makes line feeds.
+std::string ctl_xml_keep_returns(std::string_view printed);
