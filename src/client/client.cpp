@@ -378,6 +378,10 @@ std::optional<int> ymgr_create_session(ymgr_client_t *client, const std::string 
                           escaped(username) + "</username><agent-ppid>" + std::to_string(getpid()) +
                           "</agent-ppid></create-session>";
   std::optional<std::string> reply = ymgr_rpc(client, operation);
+  if (!reply && (client->ended || client->broken)) {
+    // How a daemon refuses a session too many: it says nothing.
+    client->error += "; the daemon may have as many sessions as its profile allows";
+  }
   if (!reply) {
     return std::nullopt;
   }

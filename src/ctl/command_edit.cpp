@@ -6,6 +6,7 @@
 #include "ctl/ctl_options.h"
 #include "ctl/ctl_path.h"
 #include "ctl/ctl_reply.h"
+#include "ctl/ctl_xml.h"
 
 namespace {
 
@@ -93,6 +94,7 @@ int delete_entries(ctl_device &device, const edit_options_t &options, const ctl_
   if (!ctl_encode(edits.get(), LYD_XML, LYD_PRINT_SHRINK, &config)) {
     return ctl_fail(device.output(), CTL_INPUT, "the edit cannot be built: not enough memory");
   }
+  config = ctl_xml_keep_returns(config);
   result = send_edit(device, options, &config);
   if (result != CTL_OK) {
     return result;

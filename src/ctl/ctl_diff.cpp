@@ -261,7 +261,10 @@ int print_encoded_diff(const ctl_output_t &output, const lyd_node *from, const l
 {
   lyd_node *tree = nullptr;
   if (lyd_diff_siblings(from, to, 0, &tree) != LY_SUCCESS) {
-    return ctl_fail(output, CTL_INPUT, "the difference cannot be made");
+    const ly_err_item *cause = ly_err_last(LYD_CTX(from == nullptr ? to : from));
+    return ctl_fail(output, CTL_INPUT,
+                    std::string("the difference cannot be made: ") +
+                        (cause == nullptr || cause->msg == nullptr ? "" : cause->msg));
   }
   const ctl_tree_ptr diff(tree);
   *ret_different = diff != nullptr;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -11,10 +12,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "ctl/ctl_print.h"
 #include "ctl/ctl_tree.h"
 #include "ctl/ctl_xml.h"
 
 namespace {
+
+constexpr char BLANKS[] = " \t\r\n";
+constexpr size_t DEEPEST_JSON = 256; // as the parser of XML has it
 
 class file_descriptor {
 public:
@@ -189,7 +194,7 @@ std::string dump_elements(xmlDoc *document, const xmlNode *top)
 int extract_elements(const ctl_output_t &output, const std::string &path, const std::string &text,
                      std::string *ret_elements)
 {
-  if (text.find_first_not_of(" \t\r\n") == std::string::npos) {
+  if (text.find_first_not_of(BLANKS) == std::string::npos) {
     ret_elements->clear();
     return CTL_OK;
   }
@@ -290,10 +295,78 @@ bool fits_schema(const ly_ctx *schema, const std::string &xml, std::string *ret_
   return tree != nullptr && has_only_removed_leaves(tree.get());
 }
 
+// The number of a "\uXXXX" at that place; -1 when there is none.
+long escaped_unit(std::string_view text, size_t place)
+{
+  unsigned unit = 0;
+  if (text.size() < place + 6 || text.substr(place, 2) != "\\u") {
+    return -1;
+  }
+  const char *begin = text.data() + place + 2;
+  const auto [end, error] = std::from_chars(begin, begin + 4, unit, 16);
+  return error == std::errc() && end == begin + 4 ? static_cast<long>(unit) : -1;
+}
+
+// Characters that are written as a pair of escapes (RFC 8259, section 7), which libyang does not know, as themselves.
+std::string without_pairs(std::string_view json)
+{
+  std::string text;
+  for (size_t i = 0; i < json.size();) {
+    const long high = json[i] == '\\' ? escaped_unit(json, i) : -1;
+    const long low = high >= 0xD800 && high < 0xDC00 ? escaped_unit(json, i + 6) : -1;
+    if (low >= 0xDC00 && low < 0xE000) {
+      const long code = 0x10000 + ((high - 0xD800) << 10) + (low - 0xDC00);
+      for (int shift = 18; shift >= 0; shift -= 6) {
+        text += static_cast<char>(shift == 18 ? 0xF0 | (code >> shift) : 0x80 | ((code >> shift) & 0x3F));
+      }
+      i += 12;
+    } else {
+      const size_t size = json[i] == '\\' && i + 1 < json.size() ? 2 : 1; // "\\u" is no escape of a character
+      text.append(json.substr(i, size));
+      i += size;
+    }
+  }
+  return text;
+}
+
+// What libyang does not look at; empty when nothing is wrong. It goes down as deep as the text does, loses its way in
+// arrays of arrays (which only an anyxml could hold), and takes no notice of what stands behind the first object or
+// NUL.
+std::string json_fault(std::string_view json)
+{
+  std::string open; // brackets
+  size_t end = 0;   // of the object
+  bool in_text = false;
+  for (size_t i = 0; i < json.size() && end == 0; i++) {
+    const char c = json[i];
+    if (c == '\0') {
+      return "it is no text";
+    }
+    if (c == '"' || in_text) {
+      i += c == '\\' ? 1 : 0;
+      in_text = (c == '"') != in_text;
+    } else if (c == '{' || c == '[') {
+      if (open.size() == DEEPEST_JSON || (c == '[' && open.ends_with('['))) {
+        return open.size() == DEEPEST_JSON ? "it is nested too deeply" : "an array in an array is not taken";
+      }
+      open += c;
+    } else if ((c == '}' || c == ']') && !open.empty()) {
+      open.pop_back();
+      end = open.empty() ? i + 1 : 0;
+    }
+  }
+  const bool goes_on = end > 0 && json.find_first_not_of(BLANKS, end) != std::string_view::npos;
+  return goes_on ? "something follows the object" : "";
+}
+
 int convert_json(ctl_device &device, const ly_ctx *schema, const std::string &path, const std::string &text,
                  std::string *ret_config)
 {
-  const ctl_tree_ptr tree = parse_config(schema, text, LYD_JSON, LYD_PARSE_STRICT);
+  if (const std::string fault = json_fault(text); !fault.empty()) {
+    return fail_file(device.output(), path, fault);
+  }
+  const bool has_pairs = text.find("\\u") != std::string::npos;
+  const ctl_tree_ptr tree = parse_config(schema, has_pairs ? without_pairs(text) : text, LYD_JSON, LYD_PARSE_STRICT);
   if (tree == nullptr) {
     if (ly_err_first(schema) != nullptr) {
       return fail_file(device.output(), path, describe_fault(schema));
@@ -301,9 +374,12 @@ int convert_json(ctl_device &device, const ly_ctx *schema, const std::string &pa
     ret_config->clear(); // "{}"
     return CTL_OK;
   }
-  return ctl_encode(tree.get(), LYD_XML, LYD_PRINT_SHRINK, ret_config)
-             ? CTL_OK
-             : fail_file(device.output(), path, "it cannot be put into XML");
+  std::string printed;
+  if (!ctl_encode(tree.get(), LYD_XML, LYD_PRINT_SHRINK, &printed)) {
+    return fail_file(device.output(), path, "it cannot be put into XML");
+  }
+  *ret_config = ctl_xml_keep_returns(printed);
+  return CTL_OK;
 }
 
 // --- Layout.
@@ -353,6 +429,9 @@ int ctl_read_file(const ctl_output_t &output, const std::string &path, std::stri
   char piece[65536];
   ssize_t count = file.get() < 0 ? -1 : 1;
   while (count > 0) {
+    if (text.size() > INT_MAX) {
+      return fail_file(output, path, "it is too large"); // it may be a device that has no end
+    }
     count = read(file.get(), piece, sizeof(piece));
     text.append(piece, count > 0 ? static_cast<size_t>(count) : 0);
   }
@@ -393,7 +472,7 @@ ctl_format ctl_file_format(std::string_view choice, std::string_view path, std::
   if (choice == "json" || path.ends_with(".json")) {
     return ctl_format::json;
   }
-  const size_t first = text.find_first_not_of(" \t\r\n");
+  const size_t first = text.find_first_not_of(BLANKS);
   return first != std::string_view::npos && text[first] == '{' ? ctl_format::json : ctl_format::xml;
 }
 
@@ -410,6 +489,9 @@ int ctl_read_config(ctl_device &device, const std::string &path, std::string_vie
   int result = ctl_read_file(device.output(), path, &text);
   if (result != CTL_OK) {
     return result;
+  }
+  if (text.find_first_not_of(BLANKS) == std::string::npos) {
+    return fail_file(device.output(), path, "it is empty"); // a copy that went wrong, rather than no configuration
   }
   const ly_ctx *schema = device.schema();
   if (schema == nullptr) {
@@ -435,6 +517,10 @@ int ctl_encode_json(const ctl_output_t &output, const lyd_node *tree, std::strin
   if (tree == nullptr) {
     *ret_text = "{}\n";
     return CTL_OK;
+  }
+  if (const lyd_node *document = ctl_find_document(tree)) {
+    return ctl_fail(output, CTL_INPUT,
+                    ctl_node_name(document) + " holds XML, which JSON cannot hold as it is: use the format xml");
   }
   return ctl_encode(tree, LYD_JSON, 0, ret_text) ? CTL_OK
                                                  : ctl_fail(output, CTL_INPUT, "the data cannot be put into JSON");

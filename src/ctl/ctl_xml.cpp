@@ -69,3 +69,13 @@ std::string ctl_xml_escape(std::string_view text)
   }
   return escaped;
 }
+
+std::string ctl_xml_keep_returns(std::string_view printed)
+{
+  std::string text;
+  text.reserve(printed.size());
+  for (char c : printed) {
+    c == '\r' ? (void)text.append("&#13;") : text.push_back(c);
+  }
+  return text;
+}

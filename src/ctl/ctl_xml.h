@@ -20,3 +20,5 @@ std::string ctl_xml_text(const xmlNode *node);
 
 // As text of an element or attribute.
 std::string ctl_xml_escape(std::string_view text);
+// What libyang has printed, with its carriage returns as references: of those as they are a parser makes line feeds.
+std::string ctl_xml_keep_returns(std::string_view printed);

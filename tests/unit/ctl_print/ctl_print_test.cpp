@@ -72,6 +72,18 @@ protected:
   std::unique_ptr<ly_ctx, void (*)(ly_ctx *)> context{nullptr, ly_ctx_destroy};
 };
 
+TEST_F(ctl_text, json_has_the_elements_of_an_anyxml_as_a_text)
+{
+  const std::string xml = system("<vendor-data><v:x xmlns:v=\"urn:v\" v:at=\"1\">t</v:x></vendor-data>");
+  EXPECT_NE(print(xml, ctl_format::json).find(R"("vendor-data": "<x xmlns=\"urn:v\")"), std::string::npos);
+  EXPECT_NE(print(xml, ctl_format::xml).find("v:at=\"1\">t</x>"), std::string::npos);
+}
+
+TEST_F(ctl_text, a_key_with_both_quotes_stands_as_it_is_typed)
+{
+  EXPECT_EQ(print(system("<rule><id>a'\"b</id></rule>")), "system\n  rule[id='a''\"b']\n");
+}
+
 TEST_F(ctl_text, every_kind_of_node_has_its_line)
 {
   EXPECT_EQ(
