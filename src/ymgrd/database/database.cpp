@@ -76,6 +76,7 @@ void database_exit()
   db_pool_close();
   db_differences_forget_all();
   db_backups_forget();
+  db_forget_set_aside();
   std::unique_ptr<database_config> config(context_get_record<database_config>(CONFIG_OPTION));
   if (config != nullptr) {
     context_remove_option(CONFIG_OPTION);
@@ -217,6 +218,14 @@ int database_protect_stored()
     return -1;
   }
   return db_drv_is_builtin(g_db_drv.get()) ? db_protect_stored() : 0;
+}
+
+int database_set_aside_misfits()
+{
+  if (!is_ready()) {
+    return -1;
+  }
+  return db_drv_is_builtin(g_db_drv.get()) ? db_set_aside_misfits() : 0;
 }
 
 uint64_t database_foreign_writes()

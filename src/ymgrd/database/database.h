@@ -91,6 +91,11 @@ int database_recover();
 // are so no longer. Behind database_recover, before anything is read. 0, also when single values could not be converted
 // (logged, and tried again at the next start), or -1.
 int database_protect_stored();
+// Sets aside what is stored and the schema does not know: nodes of modules that are not loaded, nodes that are no
+// configuration of their module any more, values that their types refuse. It goes from running; startup keeps it until
+// it is written or emptied, and reads leave it out. Logged once for each module. Of the built-in driver only. When
+// running has its content for this start, and before anything is read. 0 or -1.
+int database_set_aside_misfits();
 
 // Locks `path`'s module ("/": all modules) for the handle; never waits. The lock's id, greater than 0, or -1.
 int database_lock(int hdb, int type, const char *path);

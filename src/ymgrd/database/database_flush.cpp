@@ -484,6 +484,9 @@ void flush_plan::note_done()
     handle_->saved.keys.insert(new_keys_.begin(), new_keys_.end());
     handle_->saved.modules.merge(new_modules_);
   }
+  if (kind_ == DB_FLUSH_FINAL && handle_->target_db == YMGRM_STARTUP_DB) {
+    db_forget_set_aside(); // startup is never written in parts
+  }
   db_differences_touch(handle_->target_db, touched_);
   if (pending_->replacement() != 0) {
     // Last use of the keys: when they are the known differences, they go now.

@@ -127,6 +127,14 @@ void db_backups_forget();
 // Brings stored values in line with which leaves are sensitive now (database_protect.cpp). 0 or -1.
 int db_protect_stored();
 
+// --- What the schema does not know (database_set_aside.cpp).
+
+// Finds it in startup and running, and removes it from running. 0 or -1.
+int db_set_aside_misfits();
+// The data keys in the datastore that reads leave out, with all below them; "/MODULE" for a module. Null: none.
+const db_key_set *db_set_aside(int target);
+void db_forget_set_aside();
+
 // --- Differences between datastores (database_differences.cpp).
 
 // The keys in which two datastores differ, when that is known; else null.

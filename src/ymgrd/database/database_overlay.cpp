@@ -2,6 +2,20 @@
 
 #include <algorithm>
 
+bool db_stands_below(const db_key_set &keys, std::string_view key)
+{
+  if (keys.empty()) {
+    return false;
+  }
+  // Every cut at "/" or "[" is tried; one inside a quoted value is no key and matches nothing.
+  for (size_t i = 1; i < key.size(); i++) {
+    if ((key[i] == '/' || key[i] == '[') && keys.find(key.substr(0, i)) != keys.end()) {
+      return true;
+    }
+  }
+  return keys.find(key) != keys.end();
+}
+
 // --- list_order
 
 uint32_t list_order::id_of_new(std::string_view member)
@@ -244,24 +258,10 @@ void db_overlay::drop_subtree(std::string_view data_key)
 
 bool db_overlay::is_deleted(std::string_view key) const
 {
-  // Every cut at "/" or "[" is tried; one inside a quoted value is no key and matches nothing.
-  if (deleted_keys_.empty()) {
-    return false;
-  }
-  for (size_t i = 1; i < key.size(); i++) {
-    if ((key[i] == '/' || key[i] == '[') && deleted_keys_.find(key.substr(0, i)) != deleted_keys_.end()) {
-      return true;
-    }
-  }
-  return deleted_keys_.find(key) != deleted_keys_.end();
+  return db_stands_below(deleted_keys_, key);
 }
 
 bool db_overlay::is_gone(std::string_view data_key) const
 {
-  for (size_t i = 1; i < data_key.size(); i++) {
-    if ((data_key[i] == '/' || data_key[i] == '[') && gone_.find(data_key.substr(0, i)) != gone_.end()) {
-      return true;
-    }
-  }
-  return gone_.find(data_key) != gone_.end();
+  return db_stands_below(gone_, data_key);
 }

@@ -22,6 +22,9 @@ struct db_key_hash_t {
 };
 using db_key_set = std::unordered_set<std::string, db_key_hash_t, std::equal_to<>>;
 
+// Whether the key or one above it is among `keys`.
+bool db_stands_below(const db_key_set &keys, std::string_view key);
+
 // The entries of one list, by position. Removing costs nothing until a position is asked for.
 class list_order {
 public:

@@ -237,14 +237,20 @@ bool db_find_predicate(std::string_view path, size_t from, size_t *ret_open, siz
   return true;
 }
 
-std::string db_path_without_keys(std::string_view dkey, std::string_view ename)
+std::string db_without_predicates(std::string_view data_key)
 {
-  std::string path(dkey);
+  std::string path(data_key);
   size_t open = 0;
   size_t close = 0;
   for (size_t from = 0; db_find_predicate(path, from, &open, &close); from = open) {
     path.erase(open, close - open + 1);
   }
+  return path;
+}
+
+std::string db_path_without_keys(std::string_view dkey, std::string_view ename)
+{
+  std::string path = db_without_predicates(dkey);
   size_t module_end = path.find('/', 1);
   if (module_end == std::string::npos) {
     path.append(":").append(ename); // a top node

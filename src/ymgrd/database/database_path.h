@@ -41,6 +41,8 @@ void db_split_last_node(std::string_view data_key, std::string_view *ret_parent,
 
 // A predicate inside a path, at [open, close]. `from` must be outside of predicates. False when there is none.
 bool db_find_predicate(std::string_view path, size_t from, size_t *ret_open, size_t *ret_close);
+// A data key without the keys of entries.
+std::string db_without_predicates(std::string_view data_key);
 // The data path without keys of what the hash `key` has under `field`: "/MODULE:TOP/..." with modules where they
 // change.
 std::string db_path_without_keys(std::string_view key, std::string_view field);

@@ -80,7 +80,8 @@ private:
 class db_view {
 public:
   db_view(hdb_t *handle, db_data_age_t age)
-      : handle_(handle), old_(age == DB_DATA_BEFORE_TRANSACTION && !handle->saved.empty())
+      : handle_(handle), old_(age == DB_DATA_BEFORE_TRANSACTION && !handle->saved.empty()),
+        set_aside_(db_set_aside(handle->target_db))
   {
   }
 
@@ -116,6 +117,13 @@ public:
     return sent;
   }
 
+  // Whether anything is left out; and whether the node that stands there is, or what is above it.
+  bool has_left_out() const { return set_aside_ != nullptr; }
+  bool leaves_out(std::string_view data_key) const
+  {
+    return set_aside_ != nullptr && db_stands_below(*set_aside_, data_key);
+  }
+
   // Names of the modules in "/", in the server's order.
   int modules(std::vector<std::string> *ret_modules)
   {
@@ -146,6 +154,7 @@ public:
 private:
   hdb_t *handle_;
   bool old_;
+  const db_key_set *set_aside_; // null: nothing
   db_connection backup_;
   redis_batch_ptr batch_{redis_batch_create()};
   redis_batch_ptr saved_batch_{redis_batch_create()};
@@ -226,6 +235,9 @@ int tree_reader::add_hash(read_piece_t *node, const redisReply *reply)
       log_error("Failed to new element(%.512s/%.512s).", node->key.c_str(), std::string(field).c_str());
       return -1;
     }
+    if (view_->has_left_out() && view_->leaves_out(child_key(node->key, field))) {
+      continue;
+    }
     if (type != DB_VALUE_LIST && !text.empty()) {
       if (writer_.db_new_node(node->key, field, text, text_at_end(node), nullptr) != 0) {
         return -1;
@@ -248,6 +260,9 @@ int tree_reader::add_list(read_piece_t *node, const redisReply *reply)
 {
   for (size_t i = 0; i < reply->elements; i++) {
     std::string_view member = redis_reply_text(reply->element[i]);
+    if (view_->has_left_out() && view_->leaves_out(node->key + "[" + std::string(member) + "]")) {
+      continue;
+    }
     read_piece_t entry;
     if (writer_.db_add_list_entry(node->key, member, &entry.text, &entry.name) != 0) {
       log_error("Failed to new list xmlnode(%.512s[%.512s]).", node->key.c_str(), std::string(member).c_str());
@@ -503,12 +518,15 @@ typedef enum _when_absent { LOG_ABSENT, ABSENT_IS_FINE } when_absent_t;
 int db_get_tree(db_view *view, tree_reader *reader, std::string_view path, int depth, when_absent_t when_absent)
 {
   if (path.find_first_of("/:", 1) == std::string_view::npos) { // a module
-    return reader->read_hashes({std::string(path)}, depth);
+    return view->leaves_out(path) ? 0 : reader->read_hashes({std::string(path)}, depth);
   }
   std::string formatted;
   if (format_path_to_dbkey(view, path, &formatted) != 0) {
     log_error("Failed to format datapath(%.512s).", std::string(path).c_str());
     return -1;
+  }
+  if (view->has_left_out() && view->leaves_out(db_path2datakey(formatted))) {
+    return 0;
   }
   std::string key;
   std::string item;
@@ -565,6 +583,7 @@ int db_get_all_modules(db_view *view, tree_reader *reader, int depth)
   for (std::string &module : keys) {
     module.insert(0, "/");
   }
+  std::erase_if(keys, [view](const std::string &module) { return view->leaves_out(module); });
   return reader->read_hashes(keys, depth);
 }
 

@@ -46,7 +46,7 @@ int datastore_init_default()
   }
   // Plugins are to be restored: what they were told before does not matter.
   if (database_recover() != 0 || database_protect_stored() != 0 || database_drop_publication({}) != 0 ||
-      ds_startup_db_cfgr() != 0) {
+      ds_startup_db_cfgr() != 0 || database_set_aside_misfits() != 0) {
     return -1;
   }
   if (database_set_transaction_state(ENUM_DATASTORE_STARTUP, E_TRANS_INIT) != 0 ||

@@ -243,7 +243,9 @@ int ds_begin_smooth_start()
       return -1;
     }
   }
-  return database_recover() != 0 || database_protect_stored() != 0 ? -1 : read_smooth_diff();
+  return database_recover() != 0 || database_protect_stored() != 0 || database_set_aside_misfits() != 0
+             ? -1
+             : read_smooth_diff();
 }
 
 void ds_end_smooth_start()
