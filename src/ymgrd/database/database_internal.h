@@ -134,6 +134,7 @@ int db_set_aside_misfits();
 // The data keys in the datastore that reads leave out, with all below them; "/MODULE" for a module. Null: none.
 const db_key_set *db_set_aside(int target);
 void db_forget_set_aside();
+bool db_is_in_schema(std::string_view data_path); // without keys
 
 // --- Differences between datastores (database_differences.cpp).
 

@@ -1,6 +1,7 @@
 // What was stored before a leaf became sensitive, or ceased to be: at a start whose profile names other leaves than the
 // last one did, stored values are encrypted, or decrypted, where they stand.
 #include <algorithm>
+#include <iterator>
 #include <set>
 #include <span>
 
@@ -161,8 +162,11 @@ int db_protect_stored()
   if (stored == nullptr || redis_reply_is_error(stored.get())) {
     return -1;
   }
-  const path_set_t now = configured_paths();
+  path_set_t now = configured_paths();
   const path_set_t before = split_paths(stored->type == REDIS_REPLY_STRING ? redis_reply_text(stored.get()) : "");
+  // What is set aside stays cipher text, also when the profile no longer names it.
+  std::copy_if(before.begin(), before.end(), std::inserter(now, now.end()),
+               [](const std::string &path) { return path != UNFINISHED && !db_is_in_schema(path); });
   if (now == before) {
     return 0;
   }

@@ -416,6 +416,11 @@ const db_key_set *db_set_aside(int target)
   return target == YMGRM_STARTUP_DB && !g_set_aside.empty() ? &g_set_aside : nullptr;
 }
 
+bool db_is_in_schema(std::string_view data_path)
+{
+  return schema_places().at(db_path2datakey(data_path)) != nullptr;
+}
+
 void db_forget_set_aside()
 {
   g_set_aside = db_key_set();

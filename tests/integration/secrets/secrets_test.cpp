@@ -1,5 +1,6 @@
 // Sensitive leaves from end to end: cipher text wherever values are kept, clear values for who may have them.
 #include <filesystem>
+#include <regex>
 
 #include "integration/plugins/plugins_fixture.h"
 #include "support/working_key.h"
@@ -324,6 +325,20 @@ TEST_F(secrets, stored_values_follow_the_profile)
     EXPECT_TRUE(contains(session->rpc(support::get_config("running")), "<master>open-sesame</master>"));
     EXPECT_TRUE(contains(session->rpc(filtered(user("anna", "<pin/>"))), "<pin>8151</pin>"));
   }
+
+  // What a module that is not loaded has left in startup stays cipher text, although the profile names it no more.
+  ASSERT_TRUE(session->ok(edit_vault(user("anna", "<otp xmlns=\"urn:ex-sec-more\">once-only</otp>"))));
+  ASSERT_TRUE(session->ok(support::copy_config("startup", "<running/>")));
+  daemon.options().arguments.clear();
+  daemon.options().modules.pop_back();
+  key_list = std::regex_replace(protected_leaves, std::regex("[^,]*more:otp\","), "");
+  ASSERT_TRUE(daemon.restart());
+  expect_nowhere({"once-only"});
+  daemon.options().modules.push_back({"ex-sec-more"});
+  key_list = protected_leaves;
+  ASSERT_TRUE(daemon.restart());
+  session = &connect();
+  EXPECT_TRUE(contains(session->rpc(support::get_config("running")), ">once-only</otp>"));
 
   // One that cannot be decrypted keeps this conversion from its end, as a kill would: the next one has all to do.
   store(VAULT_KEY, "spare", "#%damaged#%");

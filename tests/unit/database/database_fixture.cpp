@@ -30,6 +30,11 @@ bool schema_has_any(std::string_view)
   return false;
 }
 
+ly_ctx *schema_ctx()
+{
+  return nullptr;
+}
+
 bool schema_is_any(std::string_view)
 {
   return false;
