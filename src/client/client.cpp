@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <charconv>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <initializer_list>
@@ -12,6 +13,7 @@
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 #include <poll.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -370,6 +372,17 @@ ymgr_client_ptr ymgr_connect(const std::string &run_dir, std::string *ret_error)
     return nullptr;
   }
   return client;
+}
+
+std::string ymgr_login_name()
+{
+  const uid_t uid = getuid();
+  const char *claimed = std::getenv("LOGNAME");
+  const passwd *user = claimed == nullptr ? nullptr : getpwnam(claimed);
+  if (user == nullptr || user->pw_uid != uid) {
+    user = getpwuid(uid);
+  }
+  return user == nullptr ? "" : user->pw_name;
 }
 
 std::optional<int> ymgr_create_session(ymgr_client_t *client, const std::string &username)

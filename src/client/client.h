@@ -31,6 +31,8 @@ constexpr ymgr_duration YMGR_DEFAULT_TIMEOUT{30000};
 // Connects to agent.sock in `run_dir`. Null on failure, with the reason in `ret_error` (may be null).
 ymgr_client_ptr ymgr_connect(const std::string &run_dir, std::string *ret_error);
 
+// Login name of the process's real user id. When that has several, the one in LOGNAME. Empty when it has none.
+std::string ymgr_login_name();
 // Performs create-session. The session id, or nothing on failure: ymgr_last_error() has the daemon's words when it has
 // refused.
 std::optional<int> ymgr_create_session(ymgr_client_t *client, const std::string &username);

@@ -19,6 +19,7 @@ ctl_action define_lock(CLI::App *app, std::string (*operation)(std::string_view 
 {
   auto datastore = std::make_shared<std::string>("candidate");
   ctl_add_datastore(app, "datastore", help, datastore.get());
+  app->footer("A lock ends with its session: lock and unlock in \"ymgrctl shell\".");
   return [datastore, operation](ctl_device &device) {
     if (!device.goes_on()) {
       return ctl_fail(device.output(), CTL_USAGE,

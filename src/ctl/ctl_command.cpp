@@ -1,8 +1,6 @@
 #include "ctl/ctl_command.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <optional>
 
 #include <unistd.h>
@@ -15,39 +13,49 @@ namespace {
 constexpr char PROGRAM[] = "ymgrctl";
 constexpr char DEFAULT_RUN_DIR[] = "/run/ymgrd";
 
-// A command without summary stays out of the help.
+// As the help lists them.
+constexpr char READING[] = "Reading";
+constexpr char EDITING[] = "Editing";
+constexpr char FILES[] = "Files";
+constexpr char OTHERS[] = "Others";
+
+// A command without group stays out of the help.
 const ctl_command_t commands[] = {
-    {"show", "show the configuration", ctl_define_show, {ctl_argument::path}},
-    {"get", "show configuration and state", ctl_define_get, {ctl_argument::path}},
-    {"get-config", "show the configuration of a datastore", ctl_define_get_config, {ctl_argument::path}},
-    {"diff", "show how two datastores differ", ctl_define_diff, {ctl_argument::path}},
-    {"set", "give a node a value, or create it", ctl_define_set, {ctl_argument::path, ctl_argument::value}},
-    {"delete", "remove a node", ctl_define_delete, {ctl_argument::path}},
-    {"validate", "check whether candidate would be accepted", ctl_define_validate, {}},
-    {"commit", "make candidate the running configuration", ctl_define_commit, {}},
-    {"discard", "give up the changes in candidate", ctl_define_discard, {}},
-    {"save", "make the running configuration the one of the next start", ctl_define_save, {}},
-    {"copy", "copy one datastore over another", ctl_define_copy, {ctl_argument::datastore, ctl_argument::datastore}},
-    {"load", "edit candidate with a file", ctl_define_load, {ctl_argument::file}},
-    {"backup", "write a configuration to a file", ctl_define_backup, {ctl_argument::backup_file}},
-    {"restore", "make a backup the content of candidate", ctl_define_restore, {ctl_argument::backup_file}},
-    {"lock", "keep others from changing a datastore", ctl_define_lock, {ctl_argument::datastore}},
-    {"unlock", "give a lock back", ctl_define_unlock, {ctl_argument::datastore}},
-    {"sessions", "list the open sessions", ctl_define_sessions, {}},
-    {"kill-session", "end another session", ctl_define_kill_session, {ctl_argument::session}},
-    {"status", "show how the daemon is", ctl_define_status, {}},
-    {"modules", "list the YANG modules", ctl_define_modules, {}},
-    {"watch", "print notifications as they come", ctl_define_watch, {}},
-    {"rpc", "send an operation from a file", ctl_define_rpc, {ctl_argument::file}},
-    {"shell", "type commands with history and completion", ctl_define_shell, {}},
-    {"complete", "", ctl_define_complete, {}},
+    {"show", READING, "show the configuration", ctl_define_show, {ctl_argument::path}},
+    {"get", READING, "show configuration and state", ctl_define_get, {ctl_argument::path}},
+    {"get-config", READING, "show the configuration of a datastore", ctl_define_get_config, {ctl_argument::path}},
+    {"diff", READING, "show how two datastores differ", ctl_define_diff, {ctl_argument::path}},
+    {"status", READING, "show how the daemon is", ctl_define_status, {}},
+    {"sessions", READING, "list the open sessions", ctl_define_sessions, {}},
+    {"modules", READING, "list the YANG modules", ctl_define_modules, {}},
+    {"watch", READING, "print notifications as they come", ctl_define_watch, {}},
+    {"set", EDITING, "give a node a value, or create it", ctl_define_set, {ctl_argument::path, ctl_argument::value}},
+    {"delete", EDITING, "remove a node", ctl_define_delete, {ctl_argument::path}},
+    {"load", EDITING, "edit candidate with a file", ctl_define_load, {ctl_argument::file}},
+    {"validate", EDITING, "check whether candidate would be accepted", ctl_define_validate, {}},
+    {"commit", EDITING, "make candidate the running configuration", ctl_define_commit, {}},
+    {"discard", EDITING, "give up the changes in candidate", ctl_define_discard, {}},
+    {"save", EDITING, "make the running configuration the one of the next start", ctl_define_save, {}},
+    {"copy",
+     EDITING,
+     "copy one datastore over another",
+     ctl_define_copy,
+     {ctl_argument::datastore, ctl_argument::datastore}},
+    {"lock", EDITING, "keep others from changing a datastore", ctl_define_lock, {ctl_argument::datastore}},
+    {"unlock", EDITING, "give a lock back", ctl_define_unlock, {ctl_argument::datastore}},
+    {"backup", FILES, "write a configuration to a file", ctl_define_backup, {ctl_argument::backup_file}},
+    {"restore", FILES, "make a backup the content of candidate", ctl_define_restore, {ctl_argument::backup_file}},
+    {"rpc", OTHERS, "send an operation from a file", ctl_define_rpc, {ctl_argument::file}},
+    {"kill-session", OTHERS, "end another session", ctl_define_kill_session, {ctl_argument::session}},
+    {"shell", OTHERS, "type commands with history and completion", ctl_define_shell, {}},
+    {"complete", "", "", ctl_define_complete, {}},
 };
 
 std::vector<std::string> command_names()
 {
   std::vector<std::string> names;
   for (const ctl_command_t &command : commands) {
-    if (*command.summary != '\0') {
+    if (*command.group != '\0') {
       names.emplace_back(command.name);
     }
   }
@@ -104,8 +112,12 @@ command_line::command_line(std::string program) : program_(std::move(program)), 
 void command_line::add_command(const ctl_command_t &command)
 {
   CLI::App *app = app_.add_subcommand(command.name, command.summary);
-  app->group(*command.summary == '\0' ? "" : "Commands");
+  app->group(command.group);
   ctl_action action = command.define(app);
+  if (app->get_footer().empty()) {
+    app->footer("The options of the program may stand here, too: " + (program_.empty() ? "" : program_ + " ") +
+                "--help lists them.");
+  }
   app->final_callback([this, action = std::move(action)]() { action_ = action; });
 }
 
@@ -158,15 +170,6 @@ ctl_output_t command_line::adjust(ctl_output_t output) const
   return output;
 }
 
-// What was written may still fail to arrive, on a full disk for example.
-int flush(const ctl_output_t &output, int exit_code)
-{
-  if (fflush(output.out) != 0 && exit_code == CTL_OK) {
-    return ctl_fail(output, CTL_INPUT, std::string("the output cannot be written: ") + strerror(errno));
-  }
-  return exit_code;
-}
-
 } // namespace
 
 std::span<const ctl_command_t> ctl_commands()
@@ -195,7 +198,7 @@ int ctl_run(ctl_device &device, const std::vector<std::string> &words)
   device.set_goes_on(true);
   int exit_code = line.action()(device);
   device.output() = usual;
-  return flush(usual, exit_code);
+  return exit_code;
 }
 
 int ctl_main(int argc, char **argv)
@@ -207,11 +210,11 @@ int ctl_main(int argc, char **argv)
   command_line line(PROGRAM);
   line.add_program_options(&run_dir);
   if (std::optional<int> finished = line.parse(std::vector<std::string>(argv + 1, argv + argc), output)) {
-    return flush(output, *finished);
+    return *finished;
   }
   ctl_device device(run_dir, line.adjust(output));
   if (line.action() != nullptr) {
-    return flush(output, line.action()(device));
+    return line.action()(device);
   }
   if (isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0) {
     return ctl_run(device, {"shell"});

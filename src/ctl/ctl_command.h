@@ -18,10 +18,11 @@ using ctl_action = std::function<int(ctl_device &device)>;
 
 typedef struct _ctl_command {
   const char *name;
+  const char *group;   // that the help lists it in; empty: in none
   const char *summary; // one line, for help
   // Adds the command's options and arguments to `app`. What they are parsed into lives in the action that comes back.
   ctl_action (*define)(CLI::App *app);
-  std::vector<ctl_argument> arguments; // the positional ones, in order; a last one may be repeated by nobody
+  std::vector<ctl_argument> arguments; // the positional ones, in order
 } ctl_command_t;
 
 std::span<const ctl_command_t> ctl_commands();

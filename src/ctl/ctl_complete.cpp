@@ -61,7 +61,7 @@ candidates_t complete_commands(std::string_view word)
 {
   words_t names;
   for (const ctl_command_t &command : ctl_commands()) {
-    if (*command.summary != '\0') {
+    if (*command.group != '\0') {
       names.emplace_back(command.name);
     }
   }

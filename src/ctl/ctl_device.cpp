@@ -4,7 +4,6 @@
 #include <cstdlib>
 
 #include <grp.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,9 +22,8 @@ constexpr char INTERRUPTED[] = "interrupted"; // the client's error when its pro
 
 std::string login_name()
 {
-  const uid_t uid = getuid();
-  const passwd *entry = getpwuid(uid);
-  return entry != nullptr ? entry->pw_name : "uid-" + std::to_string(uid);
+  const std::string name = ymgr_login_name();
+  return name.empty() ? "uid-" + std::to_string(getuid()) : name;
 }
 
 // Why a daemon that may well be there cannot be reached, and what to do about it; empty when that is not the reason.
@@ -82,6 +80,9 @@ int ctl_device::exchange(std::string_view operation, std::string *ret_reply)
   ymgr_client_t *connection = client();
   if (connection == nullptr) {
     return CTL_UNREACHABLE;
+  }
+  while (ymgr_receive(connection, ymgr_duration(0))) {
+    // A late reply to what was given up, by a prompt or a completion. Notifications come on sessions of their own.
   }
   std::optional<std::string> reply = ymgr_rpc(connection, operation, CTL_LONG_WORK);
   if (!reply) {

@@ -63,6 +63,28 @@ std::string folder_of(const std::string &path)
   return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
 }
 
+// "-" is standard input.
+int read_file(const ctl_output_t &output, const std::string &path, std::string *ret_text)
+{
+  const bool is_input = path == "-";
+  file_descriptor file(is_input ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0) : open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  std::string text;
+  char piece[65536];
+  ssize_t count = file.get() < 0 ? -1 : 1;
+  while (count > 0) {
+    if (text.size() > INT_MAX) {
+      return fail_file(output, path, "it is too large"); // it may be a device that has no end
+    }
+    count = read(file.get(), piece, sizeof(piece));
+    text.append(piece, count > 0 ? static_cast<size_t>(count) : 0);
+  }
+  if (count < 0) {
+    return fail_file(output, path, strerror(errno));
+  }
+  *ret_text = std::move(text);
+  return CTL_OK;
+}
+
 // --- XML.
 
 struct parser_delete_t {
@@ -421,27 +443,6 @@ void lay_out(const ly_ctx *schema, const lysc_node *place, xmlNode *element, int
 
 } // namespace
 
-int ctl_read_file(const ctl_output_t &output, const std::string &path, std::string *ret_text)
-{
-  const bool is_input = path == "-";
-  file_descriptor file(is_input ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0) : open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  std::string text;
-  char piece[65536];
-  ssize_t count = file.get() < 0 ? -1 : 1;
-  while (count > 0) {
-    if (text.size() > INT_MAX) {
-      return fail_file(output, path, "it is too large"); // it may be a device that has no end
-    }
-    count = read(file.get(), piece, sizeof(piece));
-    text.append(piece, count > 0 ? static_cast<size_t>(count) : 0);
-  }
-  if (count < 0) {
-    return fail_file(output, path, strerror(errno));
-  }
-  *ret_text = std::move(text);
-  return CTL_OK;
-}
-
 int ctl_replace_file(const ctl_output_t &output, const std::string &path, std::string_view text)
 {
   struct stat found = {};
@@ -479,14 +480,14 @@ ctl_format ctl_file_format(std::string_view choice, std::string_view path, std::
 int ctl_read_elements(const ctl_output_t &output, const std::string &path, std::string *ret_elements)
 {
   std::string text;
-  const int result = ctl_read_file(output, path, &text);
+  const int result = read_file(output, path, &text);
   return result == CTL_OK ? extract_elements(output, path, text, ret_elements) : result;
 }
 
 int ctl_read_config(ctl_device &device, const std::string &path, std::string_view format, std::string *ret_config)
 {
   std::string text;
-  int result = ctl_read_file(device.output(), path, &text);
+  int result = read_file(device.output(), path, &text);
   if (result != CTL_OK) {
     return result;
   }

@@ -6,8 +6,6 @@
 
 #include "ctl/ctl_device.h"
 
-// The file's bytes; "-" is standard input. The exit code.
-int ctl_read_file(const ctl_output_t &output, const std::string &path, std::string *ret_text);
 // Puts `text` in the place of the file, readable by its owner only, once it is safely on the disk; what stood there
 // before stays until then. The exit code.
 int ctl_replace_file(const ctl_output_t &output, const std::string &path, std::string_view text);

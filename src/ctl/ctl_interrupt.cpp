@@ -1,7 +1,5 @@
 #include "ctl/ctl_interrupt.h"
 
-#include <iterator>
-
 #include <poll.h>
 
 namespace {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <csignal>
+#include <iterator>
 
 // While one lives, SIGINT, SIGTERM and SIGHUP are counted instead of ending the program; calls that wait return EINTR.
 class ctl_interrupt {
@@ -17,5 +18,5 @@ public:
 
 private:
   static constexpr int SIGNALS[] = {SIGINT, SIGTERM, SIGHUP};
-  struct sigaction former_[3] = {};
+  struct sigaction former_[std::size(SIGNALS)] = {};
 };

@@ -102,5 +102,5 @@ int ctl_write(const ctl_output_t &output, std::string_view text)
   }
   // A pager that was closed has seen what it wanted.
   return errno == EPIPE ? CTL_INPUT
-                        : ctl_fail(output, CTL_INPUT, std::string("the result cannot be written: ") + strerror(errno));
+                        : ctl_fail(output, CTL_INPUT, std::string("the output cannot be written: ") + strerror(errno));
 }

@@ -2,19 +2,27 @@
 
 #include <algorithm>
 #include <charconv>
+#include <vector>
 
 #include "ctl/ctl_xml.h"
 
 namespace {
 
-ctl_reply_error_t read_error(const xmlNode *node)
+typedef struct _reply_error {
+  std::string tag;
+  std::string path;
+  std::string message;
+  std::string info;
+  bool is_warning = false;
+} reply_error_t;
+
+reply_error_t read_error(const xmlNode *node)
 {
-  ctl_reply_error_t error;
+  reply_error_t error;
   const struct {
     const char *name;
     std::string *text;
   } fields[] = {{"error-tag", &error.tag},
-                {"error-app-tag", &error.app_tag},
                 {"error-path", &error.path},
                 {"error-message", &error.message},
                 {"error-info", &error.info}};
@@ -45,18 +53,20 @@ std::string info_in_words(const std::string &info)
   return words.empty() ? info : words;
 }
 
-} // namespace
-
-std::vector<ctl_reply_error_t> ctl_reply_errors(const std::string &reply)
+std::vector<reply_error_t> read_errors(const std::string &reply)
 {
   // Most replies have none, and some are long.
   if (reply.find("rpc-error") == std::string::npos) {
     return {};
   }
   ctl_xml_ptr doc = ctl_parse_xml(reply);
-  const xmlNode *root = doc == nullptr ? nullptr : xmlDocGetRootElement(doc.get());
-  std::vector<ctl_reply_error_t> errors;
-  for (const xmlNode *child = root == nullptr ? nullptr : root->children; child != nullptr; child = child->next) {
+  if (doc == nullptr) {
+    reply_error_t unreadable; // never to be taken for a success
+    unreadable.message = "the daemon's reply cannot be read";
+    return {unreadable};
+  }
+  std::vector<reply_error_t> errors;
+  for (const xmlNode *child = xmlDocGetRootElement(doc.get())->children; child != nullptr; child = child->next) {
     if (ctl_xml_is(child, "rpc-error")) {
       errors.push_back(read_error(child));
     }
@@ -64,7 +74,7 @@ std::vector<ctl_reply_error_t> ctl_reply_errors(const std::string &reply)
   return errors;
 }
 
-std::string ctl_error_line(const ctl_reply_error_t &error)
+std::string error_line(const reply_error_t &error)
 {
   std::string line = error.message.empty() ? "refused" : error.message;
   if (!error.tag.empty()) {
@@ -79,17 +89,19 @@ std::string ctl_error_line(const ctl_reply_error_t &error)
   return ctl_visible(line);
 }
 
+} // namespace
+
 bool ctl_is_refused(const std::string &reply)
 {
-  const std::vector<ctl_reply_error_t> errors = ctl_reply_errors(reply);
-  return std::any_of(errors.begin(), errors.end(), [](const ctl_reply_error_t &error) { return !error.is_warning; });
+  const std::vector<reply_error_t> errors = read_errors(reply);
+  return std::any_of(errors.begin(), errors.end(), [](const reply_error_t &error) { return !error.is_warning; });
 }
 
 int ctl_tell_errors(const ctl_output_t &output, const std::string &reply)
 {
   int result = CTL_OK;
-  for (const ctl_reply_error_t &error : ctl_reply_errors(reply)) {
-    (void)ctl_fail(output, CTL_REFUSED, (error.is_warning ? "warning: " : "") + ctl_error_line(error));
+  for (const reply_error_t &error : read_errors(reply)) {
+    (void)ctl_fail(output, CTL_REFUSED, (error.is_warning ? "warning: " : "") + error_line(error));
     result = error.is_warning ? result : CTL_REFUSED;
   }
   return result;

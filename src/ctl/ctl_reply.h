@@ -5,25 +5,13 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "ctl/ctl_device.h"
 #include "ctl/ctl_tree.h"
 
-typedef struct _ctl_reply_error {
-  std::string tag;
-  std::string app_tag;
-  std::string path;
-  std::string message;
-  std::string info;
-  bool is_warning = false;
-} ctl_reply_error_t;
-
-std::vector<ctl_reply_error_t> ctl_reply_errors(const std::string &reply); // empty: none
-// "MESSAGE (TAG) at PATH: INFO", without what the error does not have, and without what a terminal would obey.
-std::string ctl_error_line(const ctl_reply_error_t &error);
 bool ctl_is_refused(const std::string &reply); // it has errors that are more than warnings
-// Tells its errors, in a line for each. CTL_REFUSED when one is more than a warning, else CTL_OK.
+// Tells its errors, each as "MESSAGE (TAG) at PATH: INFO" without what it does not have, and without what a terminal
+// would obey. CTL_REFUSED when one is more than a warning, else CTL_OK.
 int ctl_tell_errors(const ctl_output_t &output, const std::string &reply);
 
 // What stands in the reply's <data>, whose elements declare their namespaces themselves; empty without any.

@@ -157,7 +157,7 @@ int shell::help(const std::vector<std::string> &words)
     text += "  " + name + std::string(std::max<size_t>(name.size() + 1, 14) - name.size(), ' ') + summary + "\n";
   };
   for (const ctl_command_t &command : ctl_commands()) {
-    if (*command.summary != '\0' && std::string_view(command.name) != "shell") {
+    if (*command.group != '\0' && std::string_view(command.name) != "shell") {
       add(command.name, command.summary);
     }
   }

@@ -19,8 +19,13 @@ std::string row_text(const std::vector<std::string> &row, const std::vector<size
 } // namespace
 
 int ctl_print_table(const ctl_output_t &output, const std::vector<std::string> &header,
-                    const std::vector<std::vector<std::string>> &rows)
+                    std::vector<std::vector<std::string>> rows)
 {
+  for (std::vector<std::string> &row : rows) {
+    for (std::string &cell : row) {
+      cell = ctl_visible(cell); // names of users, for example, are what their sessions say
+    }
+  }
   std::vector<size_t> widths;
   for (size_t i = 0; i < header.size(); i++) {
     widths.push_back(header[i].size());

@@ -1,25 +1,11 @@
 #include "netconf/client_identity.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <cstring>
+#include <string>
 #include <string_view>
 
 #include <arpa/inet.h>
-#include <pwd.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-std::string client_login_name()
-{
-  const uid_t uid = getuid();
-  const char *claimed = std::getenv("LOGNAME");
-  const passwd *user = claimed == nullptr ? nullptr : getpwnam(claimed);
-  if (user == nullptr || user->pw_uid != uid) {
-    user = getpwuid(uid);
-  }
-  return user == nullptr ? "" : user->pw_name;
-}
 
 bool client_address(const char *ssh_connection, conf_client_info_t *ret_info)
 {

@@ -1,12 +1,7 @@
-// Who the client is, as the SSH server has authenticated it.
+// Where the client is, as the SSH server tells it. Who it is, the process's user says: ymgr_login_name().
 #pragma once
 
-#include <string>
-
 #include "libconf/conf_client_area.h"
-
-// Login name of the process's real user id. When that has several, the one in LOGNAME. Empty when it has none.
-std::string client_login_name();
 
 // The client's address from the value of SSH_CONNECTION ("ADDRESS PORT ADDRESS PORT", the client's first), for this
 // process. False when it holds none; may be null.

@@ -39,7 +39,7 @@ void publish_address(const std::string &run_dir)
 
 int serve(const std::string &run_dir)
 {
-  const std::string user = client_login_name();
+  const std::string user = ymgr_login_name();
   if (user.empty()) {
     return fail("user id " + std::to_string(getuid()) + " has no login name");
   }

@@ -103,7 +103,7 @@ std::vector<plugin_state_t> plugin_states()
   std::unordered_map<int, plugin_state_t> present;
   for (int plugin_id : plugin_ids()) {
     const plugin_inst_t *plugin = plugin_find(plugin_id);
-    if (!plugin->name.empty()) {
+    if (plugin != nullptr && !plugin->name.empty()) {
       present.emplace(plugin_id, describe(*plugin));
     }
   }

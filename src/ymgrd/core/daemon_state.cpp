@@ -178,15 +178,17 @@ void write_datastores(ds_status_batch *batch)
     targets.push_back(row.datastore);
   }
   std::vector<database_figures_t> figures(targets.size());
-  bool is_size_known = database_get_figures(targets, &figures) == 0 && database_is_builtin();
+  const bool is_known = database_get_figures(targets, &figures) == 0;
   for (size_t i = 0; i < figures.size(); i++) {
     state_node node(batch, entry_path("datastore", "name", datastores[i].name));
     write_lock(&node, datastores[i].datastore);
     if (datastores[i].datastore == ENUM_DATASTORE_CANDIDATE) {
       node.flag("pending-changes", ds_has_pending_changes());
     }
-    node.text("transaction-state", transaction_states[figures[i].state - E_TRANS_INVALID]);
-    if (is_size_known) {
+    if (is_known) {
+      node.text("transaction-state", transaction_states[figures[i].state - E_TRANS_INVALID]);
+    }
+    if (is_known && database_is_builtin()) {
       node.number("entries", figures[i].records);
     }
     if (datastores[i].datastore == ENUM_DATASTORE_RUNNING) {

@@ -88,7 +88,7 @@ TEST_F(ctl_text, every_kind_of_node_has_its_line)
 {
   EXPECT_EQ(
       print(
-          system("<hostname>g\u009b2J</hostname><location>room 5, \"left\"\nrack \\ 2</location>"
+          system("<hostname>gw</hostname><location>room 5, \"left\"\nrack \\ 2\u009b2J</location>"
                  "<user><name>a</name><full-name/><key><index>1</index><data>x</data></key></user>"
                  "<dns>192.0.2.53</dns><dns>192.0.2.54</dns><rule><id>o'neil</id></rule><dhcp/><ftp/><read-only/>"
                  "<vendor-data><a xmlns=\"urn:a\"><b>1</b></a></vendor-data>"
@@ -96,8 +96,8 @@ TEST_F(ctl_text, every_kind_of_node_has_its_line)
           "<state xmlns=\"urn:ex-sys\"><event><text>up</text></event><event><text>down</text></event></state>"
           "<x:new xmlns:x=\"urn:unknown\"><x:leaf>1</x:leaf></x:new>"),
       "system\n"
-      "  hostname \"g\\u009b2J\"\n" // which a terminal would obey
-      "  location \"room 5, \\\"left\\\"\\nrack \\\\ 2\"\n"
+      "  hostname gw\n"
+      "  location \"room 5, \\\"left\\\"\\nrack \\\\ 2\\u009b2J\"\n" // which a terminal would obey
       "  user[name='a']\n"
       "    full-name \"\"\n"
       "    key[index='1']\n"
