@@ -6,9 +6,9 @@
 #include "ymgrd/core/log.h"
 #include "ymgrd/crypto/encrypt.h"
 #include "ymgrd/datastore/ds_filter.h"
-#include "ymgrd/datastore/ds_value.h"
 #include "ymgrd/schema/schema.h"
 #include "ymgrd/schema/schema_sensitive.h"
+#include "ymgrd/schema/schema_value.h"
 #include "ymgrd/ymgrd.h"
 
 namespace {
@@ -66,7 +66,7 @@ void keep_kinds(ds_schema_nodes *nodes, uint16_t kinds)
 
 bool names_modules(const lysc_type *type)
 {
-  type = ds_real_type(type);
+  type = schema_real_type(type);
   if (type->basetype != LY_TYPE_UNION) {
     return type->basetype == LY_TYPE_IDENT || type->basetype == LY_TYPE_INST;
   }
@@ -124,12 +124,12 @@ wiped_string normal_value(lyxml_elem *elem, const lysc_node *schema, std::string
   LY_DATA_TYPE type = LY_TYPE_UNKNOWN;
   if (names_modules(reinterpret_cast<const lysc_node_leaf *>(schema)->type)) {
     wiped_string named = with_module_names(elem, value);
-    bool fits = ds_to_stored_form(schema, named, &stored, &type);
+    bool fits = schema_to_stored_form(schema, named, &stored, &type);
     if (fits && (type == LY_TYPE_IDENT || type == LY_TYPE_INST)) {
       return stored;
     }
   }
-  return ds_to_stored_form(schema, value, &stored, &type) ? stored : wiped_string(value);
+  return schema_to_stored_form(schema, value, &stored, &type) ? stored : wiped_string(value);
 }
 
 // Requests are kept with cipher text for sensitive values. These are compared in clear.
