@@ -10,6 +10,7 @@
 #include "ymgrd/rpc/lyxml.h"
 #include "ymgrd/schema/schema.h"
 #include "ymgrd/schema/schema_sensitive.h"
+#include "ymgrd/schema/schema_value.h"
 
 namespace {
 
@@ -45,11 +46,15 @@ std::set<std::string_view> tokens_of_path(std::string_view text)
   return tokens;
 }
 
+std::string_view without_prefix(std::string_view ename)
+{
+  return ename.substr(ename.find(':') + 1); // npos + 1 is the beginning
+}
+
 // Whether the schema knows the element as anyxml or anydata.
 bool is_any(std::string_view dkey, std::string_view ename)
 {
-  return !dkey.empty() && schema_has_any(ename.substr(ename.find(':') + 1)) && // npos + 1 is the beginning
-         schema_is_any(db_path_without_keys(dkey, ename));
+  return !dkey.empty() && schema_has_any(without_prefix(ename)) && schema_is_any(db_path_without_keys(dkey, ename));
 }
 
 } // namespace
@@ -186,6 +191,15 @@ int db_element_writer::open_element(std::string_view dkey, std::string_view enam
   return 0;
 }
 
+int db_element_writer::db_new_key(std::string_view dkey, std::string_view ename, std::string_view value,
+                                  wiped_string *buffer)
+{
+  bool may_be_path = value.starts_with('/') && schema_has_path_key(without_prefix(ename));
+  const lysc_node *schema = may_be_path ? schema_find_path_key(db_path_without_keys(dkey, ename)) : nullptr;
+  return schema == nullptr ? db_new_node(dkey, ename, value, buffer, nullptr)
+                           : db_new_node(dkey, ename, schema_stored_form_of_key(schema, value), buffer, nullptr);
+}
+
 int db_element_writer::db_add_list_entry(std::string_view list_key, std::string_view predicate, wiped_string *buffer,
                                          std::string *oname)
 {
@@ -196,15 +210,13 @@ int db_element_writer::db_add_list_entry(std::string_view list_key, std::string_
   std::string value;
   oname->clear();
   if (!predicate.empty() && predicate[0] == '.') {
-    return db_next_predicate_pair(&predicate, &key_name, &value) ? db_new_node(parent, name, value, buffer, nullptr)
-                                                                 : -1;
+    return db_next_predicate_pair(&predicate, &key_name, &value) ? db_new_key(parent, name, value, buffer) : -1;
   }
   if (db_new_node(parent, name, std::nullopt, buffer, oname) != 0) {
     return -1;
   }
   while (!predicate.empty()) {
-    if (!db_next_predicate_pair(&predicate, &key_name, &value) ||
-        db_new_node(list_key, key_name, value, buffer, nullptr) != 0) {
+    if (!db_next_predicate_pair(&predicate, &key_name, &value) || db_new_key(list_key, key_name, value, buffer) != 0) {
       return -1;
     }
   }

@@ -33,6 +33,8 @@ public:
   int db_new_any(std::string_view dkey, std::string_view ename, std::string_view markup, wiped_string *buffer);
   // A whole element whose value, cipher text or not, is that of a sensitive leaf.
   int db_new_sensitive(std::string_view dkey, std::string_view ename, std::string_view value, wiped_string *buffer);
+  // A whole element whose value is taken from a predicate: a key leaf, or an entry of a leaf-list.
+  int db_new_key(std::string_view dkey, std::string_view ename, std::string_view value, wiped_string *buffer);
   // The element of a list entry with its keys, left open, its name in `oname`; or a whole leaf-list element, `oname`
   // empty.
   int db_add_list_entry(std::string_view list_key, std::string_view predicate, wiped_string *buffer,

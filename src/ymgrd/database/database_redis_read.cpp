@@ -455,7 +455,7 @@ int db_get_key_node(db_view *view, tree_reader *reader, const std::string &entry
     }
     *ret_found = entry.found;
     wiped_string text;
-    return !entry.found || (reader->writer()->db_new_node(entry_key, name, value, &text, nullptr) == 0 &&
+    return !entry.found || (reader->writer()->db_new_key(entry_key, name, value, &text) == 0 &&
                             reader->out()->append(text) == 0)
                ? 0
                : -1;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "ymgrd/datastore/datastore_internal.h"
+#include "ymgrd/datastore/ds_prefix.h"
 #include "ymgrd/schema/schema.h"
 
 namespace {
@@ -104,6 +105,55 @@ void drop_leading_zeros(lyxml_elem *elem)
   }
 }
 
+// The key leaf that "[prefix:name=" at the end of `text` names; null when there is none.
+const lysc_node *find_key(const lysc_node *list, std::string_view text)
+{
+  constexpr std::string_view not_of_name = " \t\r\n=[:";
+  size_t end = text.find_last_not_of(not_of_name);
+  size_t before = text.find_last_of(not_of_name, end);
+  if (end == std::string_view::npos || before == std::string_view::npos) {
+    return nullptr;
+  }
+  const lysc_node *node = lys_find_child(list, list->module, text.data() + before + 1, end - before, LYS_LEAF, 0);
+  return node != nullptr && lysc_is_key(node) ? node : nullptr;
+}
+
+// The predicates of a "key" attribute: libyang knows the prefixes of their names, not those in their values.
+wiped_string keys_without_prefixes(lyxml_elem *elem, const lysc_node *list, std::string_view predicates)
+{
+  constexpr std::string_view quotes = "'\"";
+  wiped_string result;
+  size_t taken = 0;
+  size_t open = predicates.find_first_of(quotes);
+  while (open != std::string_view::npos) {
+    size_t close = predicates.find(predicates[open], open + 1);
+    const lysc_node *key = find_key(list, predicates.substr(0, open));
+    if (key != nullptr && close != std::string_view::npos) {
+      result.append(predicates.substr(taken, open + 1 - taken));
+      result.append(ds_without_prefixes(elem, key, predicates.substr(open + 1, close - open - 1)));
+      taken = close;
+    }
+    open = close == std::string_view::npos ? close : predicates.find_first_of(quotes, close + 1);
+  }
+  return result.append(predicates.substr(taken));
+}
+
+// The entry beside which another is put is named in an attribute, which for libyang is a text of no type.
+void take_prefixes_out(lyxml_elem *elem, const xmlAttr *attr, const lysc_node *schema)
+{
+  std::string_view name = attribute_name(attr);
+  std::string_view value = attribute_value(attr);
+  bool is_neighbour = name == (schema->nodetype == LYS_LIST ? "key" : "value");
+  if (!is_neighbour || value.find(':') == std::string_view::npos || attr->children->next != nullptr) {
+    return;
+  }
+  wiped_string plain = schema->nodetype == LYS_LIST ? keys_without_prefixes(elem, schema, value)
+                                                    : ds_without_prefixes(elem, schema, value);
+  if (plain != value) {
+    xmlNodeSetContent(attr->children, reinterpret_cast<const xmlChar *>(plain.c_str())); // of a text node: as it stands
+  }
+}
+
 class config_checker {
 public:
   config_checker(const lyxml_elem *config, reply_error_ptr *ret_error) : config_(config), ret_error_(ret_error) {}
@@ -198,7 +248,7 @@ private:
     return last_module_;
   }
 
-  int check_attributes(const lyxml_elem *elem, const lysc_node *schema)
+  int check_attributes(lyxml_elem *elem, const lysc_node *schema)
   {
     for (const xmlAttr *attr = elem->properties; attr != nullptr; attr = attr->next) {
       int kind = attribute_fault(attr, schema);
@@ -208,6 +258,7 @@ private:
         rpc_set_error_field(ret_error_->get(), REPLY_ERR_FIELD_INFO, info.c_str());
         return -1;
       }
+      take_prefixes_out(elem, attr, schema);
     }
     return 0;
   }

@@ -12,6 +12,7 @@
 #include "ymgrd/datastore/dbkey.h"
 #include "ymgrd/datastore/ds_filter_text.h"
 #include "ymgrd/datastore/ds_sealed.h"
+#include "ymgrd/schema/schema_value.h"
 
 namespace {
 
@@ -73,8 +74,9 @@ std::vector<std::string> entry_keys(const lyxml_elem *elem, const lysc_node *lis
   for (const lysc_node *key = lysc_node_child(list); key != nullptr && lysc_is_key(key); key = key->next) {
     const lyxml_elem *match = first_match(elem, key, list);
     std::string value = match == nullptr ? std::string() : std::string(nc_clrwspace(lyxml_text(match)));
-    bool is_instance_identifier = reinterpret_cast<const lysc_node_leaf *>(key)->type->basetype == LY_TYPE_INST;
-    if (match == nullptr || is_instance_identifier || !ds_can_be_key(value)) {
+    const lysc_type *type = reinterpret_cast<const lysc_node_leaf *>(key)->type;
+    bool may_be_path = value.starts_with('/') && schema_may_be_path(type); // the filter has not its canonical form
+    if (match == nullptr || may_be_path || !ds_can_be_key(value)) {
       return {};
     }
     keys.push_back(std::move(value));

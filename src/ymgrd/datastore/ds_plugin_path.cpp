@@ -4,8 +4,8 @@
 
 #include "libconf/plugin_path.h"
 #include "ymgrd/database/database_path.h"
-#include "ymgrd/datastore/ds_value.h"
 #include "ymgrd/schema/schema.h"
+#include "ymgrd/schema/schema_value.h"
 
 namespace {
 
@@ -67,9 +67,9 @@ bool read_pairs(std::string_view predicates, std::vector<std::pair<std::string, 
 
 std::string canonical_key(const lysc_node *key, const std::string &value)
 {
-  wiped_string stored;
+  wiped_string canonical;
   LY_DATA_TYPE type = LY_TYPE_UNKNOWN;
-  return ds_to_stored_form(key, value, &stored, &type) ? std::string(stored) : value; // is no entry's key
+  return schema_to_canonical_form(key, value, &canonical, &type) ? std::string(canonical) : value; // is no entry's key
 }
 
 int read_keys(std::string_view predicates, ds_step_t *step, std::string *ret_error)

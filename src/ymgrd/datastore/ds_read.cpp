@@ -10,8 +10,8 @@
 #include "ymgrd/datastore/dbkey.h"
 #include "ymgrd/datastore/ds_kept.h"
 #include "ymgrd/datastore/ds_print.h"
-#include "ymgrd/datastore/ds_value.h"
 #include "ymgrd/schema/schema.h"
+#include "ymgrd/schema/schema_value.h"
 
 namespace {
 
@@ -32,14 +32,14 @@ bool tree_serves(int datastore, std::set<std::string, std::less<>> *ret_stored)
   }
 }
 
-// The names of a list's keys, in key order, which are its first children.
-std::vector<const char *> key_names(const lysc_node *list)
+// A list's keys, in key order: they are its first children.
+std::vector<const lysc_node *> key_nodes(const lysc_node *list)
 {
-  std::vector<const char *> names;
+  std::vector<const lysc_node *> keys;
   for (const lysc_node *key = lysc_node_child(list); key != nullptr && lysc_is_key(key); key = key->next) {
-    names.push_back(key->name);
+    keys.push_back(key);
   }
-  return names;
+  return keys;
 }
 
 // "[k1='v1'][k2='v2']", or a leaf-list's value, as libyang looks entries up.
@@ -49,10 +49,16 @@ std::string lookup_predicate(const ds_step_t &step)
     return step.keys.front();
   }
   std::string predicate;
-  std::vector<const char *> names = key_names(step.schema);
+  std::vector<const lysc_node *> nodes = key_nodes(step.schema);
   for (size_t i = 0; i < step.keys.size(); i++) {
     const char *quote = step.keys[i].find('\'') == std::string::npos ? "'" : "\"";
-    predicate.append("[").append(names[i]).append("=").append(quote).append(step.keys[i]).append(quote).append("]");
+    predicate.append("[")
+        .append(nodes[i]->name)
+        .append("=")
+        .append(quote)
+        .append(step.keys[i])
+        .append(quote)
+        .append("]");
   }
   return predicate;
 }
@@ -112,11 +118,11 @@ bool ds_is_entry_of(const lyd_node *node, const ds_step_t &step)
     return true;
   }
   if (node->schema->nodetype == LYS_LEAFLIST) {
-    return ds_stored_value(node) == step.keys.front();
+    return step.keys.front() == lyd_get_value(node);
   }
   const lyd_node *key = lyd_child(node); // keys come first, in the schema's order
   return std::all_of(step.keys.begin(), step.keys.end(), [&key](const std::string &value) {
-    bool is_same = key != nullptr && ds_stored_value(key) == value;
+    bool is_same = key != nullptr && value == lyd_get_value(key);
     key = key == nullptr ? nullptr : key->next;
     return is_same;
   });
@@ -153,10 +159,10 @@ std::string ds_path_key(const ds_path_t &path)
       key.append("[.=").append(datastore_value_add_quotes(step->keys.front())).append("]");
       continue;
     }
-    std::vector<const char *> names = key_names(step->schema);
+    std::vector<const lysc_node *> nodes = key_nodes(step->schema);
     char separator = '[';
     for (size_t i = 0; i < step->keys.size(); i++) {
-      key.append(1, separator).append(names[i]).append("=").append(datastore_value_add_quotes(step->keys[i]));
+      key.append(1, separator).append(nodes[i]->name).append("=").append(datastore_value_add_quotes(step->keys[i]));
       separator = ',';
     }
     key += ']';
@@ -176,9 +182,10 @@ int ds_append_opening(const ds_path_t &path, wiped_string *text, std::string *re
   if (writer.db_new_node({}, name, std::nullopt, text, ret_name) != 0) {
     return -1;
   }
-  std::vector<const char *> names = key_names(step.schema);
+  std::vector<const lysc_node *> nodes = key_nodes(step.schema);
   for (size_t i = 0; i < step.keys.size(); i++) {
-    if (writer.db_new_node({}, names[i], step.keys[i], text, nullptr) != 0) {
+    wiped_string value = schema_stored_form_of_key(nodes[i], step.keys[i]);
+    if (writer.db_new_node({}, nodes[i]->name, value, text, nullptr) != 0) {
       return -1;
     }
   }

@@ -14,7 +14,7 @@
 // One node on the way from the top: for an entry with its keys.
 typedef struct _ds_step {
   const lysc_node *schema = nullptr;
-  std::vector<std::string> keys; // stored form, in key order, or the leaf-list's value; none: no entry, or all of them
+  std::vector<std::string> keys; // canonical, in key order, or the leaf-list's value; none: no entry, or all of them
   bool is_entry() const { return !keys.empty(); }
 } ds_step_t;
 using ds_path_t = std::vector<const ds_step_t *>;

@@ -11,6 +11,7 @@
 #include "ymgrd/crypto/encrypt_registry.h"
 #include "ymgrd/schema/schema_internal.h"
 #include "ymgrd/schema/schema_sensitive.h"
+#include "ymgrd/schema/schema_value.h"
 #include "ymgrd/ymgrd.h"
 
 namespace {
@@ -21,15 +22,22 @@ struct text_hash_t {
 };
 using module_map_t = std::unordered_map<std::string, const lys_module *, text_hash_t, std::equal_to<>>;
 using text_set_t = std::unordered_set<std::string, text_hash_t, std::equal_to<>>;
+using node_map_t = std::unordered_map<std::string, const lysc_node *, text_hash_t, std::equal_to<>>;
+
+// Nodes of one kind. Their names tell cheaply that a node is none of them.
+typedef struct _special_nodes {
+  text_set_t names;
+  node_map_t by_path;
+} special_nodes_t;
 
 // The maps point into the context: they are filled after loading and emptied before the context goes.
 typedef struct _schema_state {
   ly_ctx_ptr ctx;
   module_map_t by_name;
   module_map_t by_ns;
-  module_map_t by_prefix; // implemented modules only
-  text_set_t any_names;   // of anyxml and anydata nodes
-  text_set_t any_paths;
+  module_map_t by_prefix;    // implemented modules only
+  special_nodes_t any;       // anyxml and anydata nodes
+  special_nodes_t path_keys; // what entries are named by, where it may be an instance-identifier
   std::vector<void (*)()> exit_listeners;
 } schema_state_t;
 
@@ -76,12 +84,21 @@ std::string data_path_of(const lysc_node *node)
   return path.append(node->name);
 }
 
-void add_any_nodes(const lys_module *module)
+bool is_path_key(const lysc_node *node)
+{
+  bool is_key = lysc_is_key(node) || node->nodetype == LYS_LEAFLIST; // leaf and leaf-list have their type at one place
+  return is_key && schema_may_be_path(reinterpret_cast<const lysc_node_leaf *>(node)->type);
+}
+
+void add_special_nodes(const lys_module *module)
 {
   auto add = [](lysc_node *node, void *, ly_bool *) {
-    if (node->nodetype & LYD_NODE_ANY) {
-      state.any_names.emplace(node->name);
-      state.any_paths.insert(data_path_of(node));
+    special_nodes_t *nodes = node->nodetype & LYD_NODE_ANY ? &state.any
+                             : is_path_key(node)           ? &state.path_keys
+                                                           : nullptr;
+    if (nodes != nullptr) {
+      nodes->names.emplace(node->name);
+      nodes->by_path.emplace(data_path_of(node), node);
     }
     return LY_SUCCESS;
   };
@@ -238,8 +255,8 @@ void schema_set_ctx(ly_ctx_ptr ctx)
   state.by_name.clear();
   state.by_ns.clear();
   state.by_prefix.clear();
-  state.any_names.clear();
-  state.any_paths.clear();
+  state.any = special_nodes_t();
+  state.path_keys = special_nodes_t();
   state.ctx = std::move(ctx);
 }
 
@@ -253,7 +270,7 @@ void schema_build_lookups()
   for (const lys_module *module : schema_loaded_modules()) {
     add_to_lookups(module);
     if (module->implemented) {
-      add_any_nodes(module);
+      add_special_nodes(module);
     }
   }
   for (const lys_module *module : all_modules(0)) {
@@ -263,12 +280,23 @@ void schema_build_lookups()
 
 bool schema_has_any(std::string_view name)
 {
-  return state.any_names.contains(name);
+  return state.any.names.contains(name);
 }
 
 bool schema_is_any(std::string_view data_path)
 {
-  return state.any_paths.contains(data_path);
+  return state.any.by_path.contains(data_path);
+}
+
+const lysc_node *schema_find_path_key(std::string_view data_path)
+{
+  auto found = state.path_keys.by_path.find(data_path);
+  return found == state.path_keys.by_path.end() ? nullptr : found->second;
+}
+
+bool schema_has_path_key(std::string_view name)
+{
+  return state.path_keys.names.contains(name);
 }
 
 std::vector<const lys_module *> schema_loaded_modules()

@@ -61,6 +61,10 @@ const lys_module *schema_find_module(const char *token, size_t token_len);
 // predicates, is one.
 bool schema_has_any(std::string_view name);
 bool schema_is_any(std::string_view data_path);
+// The key leaf or leaf-list at the data path, given without predicates, when its values may be instance-identifiers;
+// else null. Whether one has that name, anywhere.
+const lysc_node *schema_find_path_key(std::string_view data_path);
+bool schema_has_path_key(std::string_view name);
 // "/MODULE:NAME" of a top-level data element; empty when its namespace is unknown (an element without namespace is
 // looked for in all modules).
 std::string schema_make_toppath(const std::string &ns, const std::string &name);

@@ -20,13 +20,16 @@ using support::siblings;
 constexpr int RUNNING_DB = 4;
 constexpr char BASE_NS[] = "urn:ietf:params:xml:ns:netconf:base:1.0";
 // Prefixes of `select`.
-constexpr std::pair<const char *, const char *> select_prefixes[] = {{"sys", "urn:ex-sys"}, {"ext", "urn:ex-ext"}};
+constexpr std::pair<const char *, const char *> select_prefixes[] = {
+    {"sys", "urn:ex-sys"}, {"ext", "urn:ex-ext"}, {"path", "urn:ex-path"}};
 
 // What the cases of a suite share.
 struct device_t {
   device_t()
   {
+    fs::copy(fs::path(CONFORMANCE_CASES) / "../ex-path.yang", daemon.modules_dir());
     daemon.options().modules.push_back({"ex-ext"});
+    daemon.options().modules.push_back({"ex-path"});
     daemon.options().profile["notification"] =
         R"({"db-enabled": true, "streams": [{"name": "NETCONF", "replay": true}, {"name": "other \"one\""}]})";
   }
@@ -145,6 +148,7 @@ testing::AssertionResult conformance::empty_datastores()
   for (const char *top : {"system", "services", "routes"}) {
     config += "<" + std::string(top) + " xmlns=\"urn:ex-sys\"" + nc;
   }
+  config += "<paths xmlns=\"urn:ex-path\"" + nc;
   testing::AssertionResult done = testing::AssertionFailure();
   auto empty = [&] {
     done = session("").ok(support::DISCARD_CHANGES);
