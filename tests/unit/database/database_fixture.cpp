@@ -30,6 +30,11 @@ bool schema_has_any(std::string_view)
   return false;
 }
 
+ly_ctx *schema_ctx()
+{
+  return nullptr;
+}
+
 bool schema_is_any(std::string_view)
 {
   return false;
@@ -38,6 +43,16 @@ bool schema_is_any(std::string_view)
 bool schema_is_sensitive(std::string_view)
 {
   return false;
+}
+
+bool schema_has_path_key(std::string_view)
+{
+  return false;
+}
+
+const lysc_node *schema_find_path_key(std::string_view)
+{
+  return nullptr;
 }
 
 const lys_module *schema_find_module(const char *token, size_t token_len)
