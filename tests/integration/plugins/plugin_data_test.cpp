@@ -7,6 +7,7 @@ const char sample_module[] = R"(
 module sample {
   yang-version 1.1; namespace "urn:sample"; prefix s; revision 2026-01-01;
   container top {
+    list at { key n; leaf n { type instance-identifier { require-instance false; } } leaf v { type uint8; } }
     list item { key k; leaf k { type string; } leaf v { type uint8; }
       container stats { config false; leaf packets { type uint32; } } }
   }
@@ -97,6 +98,24 @@ TEST_F(plugin_data, pulls_find_what_the_path_names_with_the_way_to_it_from_the_t
        {"", "system", "/none:system", "/ex-sys:system/usr", "/ex-sys:system/user/uid", "/ex-sys:system[k='1']",
         "/ex-sys:system/user[uid='1']", "/ex-sys:system/user[name='u'", "/ex-sys:routes/route[dest='10.0.0.0']"}) {
     EXPECT_TRUE(peer.pull(wrong).starts_with("ERROR ")) << wrong;
+  }
+}
+
+TEST_F(plugin_data, entries_named_by_paths_are_found_by_the_keys_that_changes_have)
+{
+  plugin_peer peer = started("peer", "/sample:top/at", 10);
+  ASSERT_TRUE(session->ok(support::edit_config(
+      "candidate", "<top xmlns=\"urn:sample\" xmlns:s=\"urn:ex-sys\"><at><n>/s:system/s:user[s:name='u']/s:uid</n>"
+                   "<v>1</v></at></top>")));
+  ASSERT_TRUE(session->send(COMMIT));
+  plugin_call_t call = peer.next();
+  const std::string key = "/sample:top/at[n=\"/ex-sys:system/user[name='u']/uid\"]";
+  EXPECT_TRUE(contains(call.change(), key)) << call.change();
+  peer.accept(call);
+  ASSERT_TRUE(support::is_ok(session->receive()));
+  for (const char *rest : {"", "/v"}) { // from the tree, then from Redis
+    EXPECT_TRUE(contains(peer.pull(key + rest), "/ex-sys:system/ex-sys:user[ex-sys:name='u']/ex-sys:uid</n><v>1</v>"));
+    redis.command(RUNNING_DB, {"SET", "/foreign", "1"});
   }
 }
 

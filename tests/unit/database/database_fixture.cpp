@@ -45,6 +45,16 @@ bool schema_is_sensitive(std::string_view)
   return false;
 }
 
+bool schema_has_path_key(std::string_view)
+{
+  return false;
+}
+
+const lysc_node *schema_find_path_key(std::string_view)
+{
+  return nullptr;
+}
+
 const lys_module *schema_find_module(const char *token, size_t token_len)
 {
   std::string_view text(token, token_len);
