@@ -7,11 +7,11 @@
 
 #include "ctl/ctl_commands.h"
 #include "ctl/ctl_nearest.h"
+#include "libconf/default_paths.h"
 
 namespace {
 
 constexpr char PROGRAM[] = "ymgrctl";
-constexpr char DEFAULT_RUN_DIR[] = "/run/ymgrd";
 
 // As the help lists them.
 constexpr char READING[] = "Reading";

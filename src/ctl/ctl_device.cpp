@@ -10,13 +10,13 @@
 #include "ctl/ctl_operations.h"
 #include "ctl/ctl_reply.h"
 #include "ctl/ctl_schema.h"
+#include "libconf/default_paths.h"
 
 namespace {
 
 constexpr ymgr_duration CLOSING{500};
 constexpr char MODULES_VARIABLE[] = "YMGR_MODULES_DIR";
 constexpr char MODULES_HINT[] = " (the environment variable YMGR_MODULES_DIR names another directory)";
-constexpr char DEFAULT_MODULES_DIR[] = "/usr/local/etc/ymgrd/modules"; // of daemons that do not say
 
 constexpr char INTERRUPTED[] = "interrupted"; // the client's error when its progress hook ended the wait
 

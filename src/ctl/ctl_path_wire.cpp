@@ -52,7 +52,7 @@ std::string key_elements(const ctl_step_t &step, bool selects_missing)
 // --- Edits.
 
 // What speaks against an edit there; empty when nothing does.
-std::string edit_fault(const ctl_path_t &path)
+std::string edit_fault(const ctl_path_t &path, bool removes)
 {
   if (path.empty()) {
     return "which node? \"/\" is all of them";
@@ -65,7 +65,7 @@ std::string edit_fault(const ctl_path_t &path)
   if (lysc_is_key(node)) {
     return where + " is a key: it comes and goes with its entry";
   }
-  if ((node->nodetype & LYS_ANYDATA) != 0) {
+  if ((node->nodetype & LYS_ANYDATA) != 0 && !removes) {
     return where + " holds a document: load it from a file";
   }
   for (const ctl_step_t &step : path) {
@@ -138,9 +138,9 @@ std::string ctl_filter(const ctl_path_t &path)
 int ctl_edit(ctl_device &device, const ctl_path_t &path, std::string_view operation, const std::string *value,
              std::string *ret_config)
 {
-  std::string fault = edit_fault(path);
-  std::string text;
   const bool removes = operation == "delete" || operation == "remove";
+  std::string fault = edit_fault(path, removes);
+  std::string text;
   if (!fault.empty() || !edit_value(path.back(), removes, value, &text, &fault)) {
     return ctl_fail(device.output(), CTL_INPUT, fault);
   }

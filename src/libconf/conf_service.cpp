@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "libconf/conf_misc.h"
+#include "libconf/default_paths.h"
 #include "libconf/safe_string.h"
 
 namespace {
@@ -20,7 +21,7 @@ namespace {
 constexpr mode_t RUN_DIR_MODE = 0750;
 constexpr mode_t SOCKET_MODE = 0660;
 
-std::string run_dir_path = "/run/ymgrd";
+std::string run_dir_path = DEFAULT_RUN_DIR;
 
 typedef struct _service {
   const char *name;

@@ -13,13 +13,13 @@
 
 #include "client/client.h"
 #include "libconf/conf_client_area.h"
+#include "libconf/default_paths.h"
 #include "netconf/client_identity.h"
 #include "netconf/netconf_hello.h"
 #include "netconf/netconf_relay.h"
 
 namespace {
 
-constexpr char DEFAULT_RUN_DIR[] = "/run/ymgrd";
 constexpr int USAGE = 2;
 
 int fail(const std::string &message)

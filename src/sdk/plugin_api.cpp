@@ -6,11 +6,11 @@
 #include <new>
 #include <system_error>
 
+#include "libconf/default_paths.h"
 #include "libconf/plugin_path.h"
 
 namespace {
 
-constexpr char DEFAULT_RUN_DIR[] = "/run/ymgrd";
 constexpr size_t LONGEST_LOG_TEXT = 2048;
 
 const char *default_run_dir()

@@ -1,16 +1,11 @@
-// Where the daemon's files are: the one header of default paths, and the paths in force once the profile was read.
+// Where the daemon's files are: what is found by default, and the paths in force once the profile was read.
 #pragma once
 
 #include <string>
 
-// A build for another place gives it (CMake's YMGR_CONFIG_DIR).
-#ifndef YMGR_CONFIG_DIR
-#define YMGR_CONFIG_DIR "/usr/local/etc/ymgrd"
-#endif
+#include "libconf/default_paths.h"
 
-constexpr const char DEFAULT_CONFIG_DIR[] = YMGR_CONFIG_DIR;
 constexpr const char DEFAULT_PROFILE_PATH[] = YMGR_CONFIG_DIR "/ymgrd.conf";
-constexpr const char DEFAULT_MODULES_DIR[] = YMGR_CONFIG_DIR "/modules";
 constexpr const char DEFAULT_PLUGINS_DIR[] = YMGR_CONFIG_DIR "/plugins";
 constexpr const char DEFAULT_KEY_TABLE_PATH[] = YMGR_CONFIG_DIR "/table2.key";
 constexpr const char DEFAULT_INSTANCE_PATH[] = "/var/tmp/ymgrd.pid";
